@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs every Debian package the build, the tests, the tools and the demo need. Safe to run again.
+set -euo pipefail
+PACKAGES=(
+  cmake g++ ninja-build pkg-config git
+  libgtest-dev libgmock-dev
+  libglib2.0-dev libcurl4-openssl-dev libssl-dev libarchive-dev libplist-dev liburiparser-dev
+  openssl ca-certificates 7zip curl
+  nginx-light tinyproxy python3 procps
+  xvfb xauth python3-pyqt5.qtwebkit libqt5webkit5
+)
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  SUDO=""; [ "$(id -u)" -eq 0 ] || SUDO="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -qq
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

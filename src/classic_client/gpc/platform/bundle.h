@@ -1,0 +1,25 @@
+// The plug-in's own bundle folder and the layout inside it.
+#pragma once
+#include <string>
+
+namespace platform {
+
+constexpr const char* kPluginBundleIdentifier = "com.vantrel.talvo.plugin.gpc64";
+
+// The bundle folder that contains the loaded module: the nearest ancestor of the module's real
+// path that holds Contents/Info.plist with the plug-in's bundle identifier. Returns an empty
+// string when the module lies in no such bundle (a test program, for instance) and no
+// override is set.
+std::string PluginBundlePath();
+
+// Makes PluginBundlePath() return `path`; an empty string removes the override.
+void SetPluginBundlePathOverride(const std::string& path);
+
+// The "CFBundleIdentifier" (or any other string key) of a bundle's Contents/Info.plist;
+// empty when the file or the key is missing or unreadable.
+std::string BundleInfoString(const std::string& bundle_path, const char* key);
+
+// The real path of the module (shared object or program) that holds `address`; empty on error.
+std::string ModulePathOf(const void* address);
+
+}  // namespace platform

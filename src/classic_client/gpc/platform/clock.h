@@ -1,0 +1,20 @@
+// The wall clock, replaceable in tests so that time-outs and watchdogs run without waiting.
+#pragma once
+#include <cstdint>
+#include <functional>
+
+namespace platform {
+
+// Microseconds since the Unix epoch.
+int64_t WallClockMicros();
+
+// Seconds since 2001-01-01 00:00:00 GMT (the absolute time recorded in parameter and stamp files).
+double AbsoluteTimeGetCurrent();
+
+// Replaces the wall clock with `clock` (microseconds since the Unix epoch); an empty function
+// restores the real clock. Only the code reading WallClockMicros() sees the change.
+void SetWallClockOverride(std::function<int64_t()> clock);
+
+constexpr double kAbsoluteTimeEpochOffset = 978307200.0;
+
+}  // namespace platform

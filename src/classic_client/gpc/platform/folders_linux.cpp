@@ -1,0 +1,55 @@
+#include "platform/folders.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace platform {
+
+namespace {
+bool IsFolder(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+std::string HomeDir() {
+  const char* home = std::getenv("HOME");
+  if (home != nullptr && home[0] == '/') return home;
+  struct passwd* entry = getpwuid(getuid());
+  return (entry != nullptr && entry->pw_dir != nullptr) ? entry->pw_dir : "";
+}
+}  // namespace
+
+bool MakeDirectories(const std::string& path, unsigned mode) {
+  if (path.empty()) return false;
+  if (IsFolder(path)) return true;
+  std::string::size_type slash = path.find_last_of('/', path.size() > 1 ? path.size() - 2 : 0);
+  if (slash != std::string::npos && slash > 0 && !MakeDirectories(path.substr(0, slash), mode)) return false;
+  return mkdir(path.c_str(), mode) == 0 || (errno == EEXIST && IsFolder(path));
+}
+
+std::string UserApplicationSupportDir() {
+  std::string dir;
+  const char* xdg = std::getenv("XDG_DATA_HOME");
+  if (xdg != nullptr && xdg[0] == '/') {
+    dir = xdg;
+  } else {
+    std::string home = HomeDir();
+    if (home.empty()) return "";
+    dir = home + "/.local/share";
+  }
+  while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+  return MakeDirectories(dir, 0755) ? dir : "";
+}
+
+std::string TempDir() {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string dir = (tmp != nullptr && tmp[0] == '/' && IsFolder(tmp)) ? tmp : "/tmp";
+  if (!IsFolder(dir)) return "";
+  if (dir.back() != '/') dir += '/';
+  return dir;
+}
+
+}  // namespace platform

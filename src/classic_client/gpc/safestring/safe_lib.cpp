@@ -1,0 +1,1 @@
+// Placeholder until the bounds-checked routines land.
