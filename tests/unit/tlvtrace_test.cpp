@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <pthread.h>
 #include <regex>
 #include <string>
@@ -59,6 +60,37 @@ TEST_F(TraceFileTest, HeaderIsTheFixedFortyEightBytes) {
   memset(&header, 0xAB, sizeof header);
   tlvtra_initheader(&header);
   EXPECT_EQ(0, memcmp(&header, expected, 48));
+}
+
+TEST_F(TraceFileTest, TraceFileVariableNamesTheFileAndCreationTruncates) {
+  const char* old = getenv("GPC_TRACE_FILE");
+  const std::string saved = old != nullptr ? old : "";
+  const std::string wanted = path_ + ".created";
+  {
+    std::ofstream stale(wanted);
+    stale << std::string(500, 's');
+  }
+  setenv("GPC_TRACE_FILE", wanted.c_str(), 1);
+  FILE* created = tlvtra_create_tracefile();
+  if (old != nullptr) {
+    setenv("GPC_TRACE_FILE", saved.c_str(), 1);
+  } else {
+    unsetenv("GPC_TRACE_FILE");
+  }
+  ASSERT_NE(created, nullptr);
+  fclose(created);
+  const std::vector<uint8_t> bytes = tvttest::ReadBytes(wanted);
+  ASSERT_EQ(bytes.size(), 48u) << "a previous file is truncated";
+  EXPECT_EQ(0, memcmp(bytes.data(), "TLVT\xFF\xFE\x03\x02", 8));
+  unlink(wanted.c_str());
+}
+
+TEST(TraceFileAtLoad, CreatedWithItsHeaderWhereTheEnvironmentSays) {
+  const char* path = getenv("GPC_TRACE_FILE");
+  if (path == nullptr || path[0] != '/') GTEST_SKIP() << "run through ctest, which names the file";
+  const std::vector<uint8_t> bytes = tvttest::ReadBytes(path);
+  ASSERT_GE(bytes.size(), 48u);
+  EXPECT_EQ(0, memcmp(bytes.data(), "TLVT\xFF\xFE\x03\x02", 8));
 }
 
 TEST_F(TraceFileTest, PluginRecordWithoutFunctionIsSixtyFourBytes) {
