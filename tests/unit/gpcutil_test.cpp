@@ -181,7 +181,7 @@ TEST_F(UtilTest, FoldersComeFromThePlatform) {
   setenv("XDG_DATA_HOME", "/proc/no-such-place/data", 1);
   EXPECT_EQ(GetApplicationSupportDirectory(), "");
   EXPECT_TRUE(AssertLogged("path"));
-  setenv("XDG_DATA_HOME", saved.c_str(), 1);
+  if (old != nullptr) setenv("XDG_DATA_HOME", saved.c_str(), 1); else unsetenv("XDG_DATA_HOME");
 }
 
 TEST_F(UtilTest, MakeDirectoryCreatesOneLevel) {
