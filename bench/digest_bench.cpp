@@ -4,12 +4,13 @@
 // it in the page cache.
 //
 // Usage: digest_bench [size in MB, default 200] [folder, default $TMPDIR or /tmp]
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <string>
-#include <unistd.h>
 
 #include "NSString+Hex.h"
 
@@ -48,8 +49,8 @@ int main(int argc, char** argv) {
   const char* tmp = getenv("TMPDIR");
   const std::string folder = argc > 2 ? argv[2] : (tmp && *tmp == '/' ? tmp : "/tmp");
   const std::string path = folder + "/gpc_digest_bench_" + std::to_string(getpid());
-  const std::string make = "head -c " + std::to_string(megabytes * 1048576) +
-                           " /dev/urandom > '" + path + "' && cat '" + path + "' > /dev/null";
+  const std::string make = "head -c " + std::to_string(megabytes * 1048576) + " /dev/urandom > '" +
+                           path + "' && cat '" + path + "' > /dev/null";
   if (megabytes <= 0 || std::system(make.c_str()) != 0) {
     fprintf(stderr, "digest_bench: cannot make %ld MB in %s\n", megabytes, folder.c_str());
     unlink(path.c_str());
@@ -57,7 +58,8 @@ int main(int argc, char** argv) {
   }
   printf("digest_bench: %ld MB file, best of 3 runs each\n", megabytes);
   bool ok = true;
-  const double sha256Ours = BestOfThree([&] { return Sha256OfFile(path.c_str()).size() == 64; }, &ok);
+  const double sha256Ours =
+      BestOfThree([&] { return Sha256OfFile(path.c_str()).size() == 64; }, &ok);
   const double sha256Tool = BestOfThree([&] { return ToolDigest("sha256", path); }, &ok);
   const double sha1Ours = BestOfThree([&] { return Sha1OfFile(path.c_str()).size() == 40; }, &ok);
   const double sha1Tool = BestOfThree([&] { return ToolDigest("sha1", path); }, &ok);

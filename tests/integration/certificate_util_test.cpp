@@ -59,33 +59,43 @@ class TestPki {
     NewKey("inter");
     NewKey("leaf");
     NewKey("other");
-    MustRun(In() + "openssl req -x509 -config openssl.cnf -extensions v3_ca -key root.key -days 3650 "
+    MustRun(In() +
+            "openssl req -x509 -config openssl.cnf -extensions v3_ca -key root.key -days 3650 "
             "-subj '/CN=Test Root CA' -out root.pem");
-    MustRun(In() + "openssl req -new -config openssl.cnf -key inter.key -subj '/CN=Test Intermediate CA' "
+    MustRun(In() +
+            "openssl req -new -config openssl.cnf -key inter.key -subj '/CN=Test Intermediate CA' "
             "-out inter.csr");
     Issue("inter.csr", "root", "inter", "20200101000000Z", "20990101000000Z", "v3_ca");
-    MustRun(In() + "openssl req -new -config openssl.cnf -key leaf.key "
+    MustRun(In() +
+            "openssl req -new -config openssl.cnf -key leaf.key "
             "-subj '/O=Vantrel/CN=gpc.signer.talvo.us' -out leaf.csr");
     Issue("leaf.csr", "root", "leaf", "20200101000000Z", "20990101000000Z", "v3_leaf");
     Issue("leaf.csr", "inter", "leaf_of_inter", "20200101000000Z", "20990101000000Z", "v3_leaf");
     Issue("leaf.csr", "root", "expired", "20200101000000Z", "20210101000000Z", "v3_leaf");
     Issue("leaf.csr", "root", "not_yet_valid", "20980101000000Z", "20990101000000Z", "v3_leaf");
-    MustRun(In() + "openssl req -x509 -config openssl.cnf -extensions v3_leaf -key other.key -days 365 "
+    MustRun(In() +
+            "openssl req -x509 -config openssl.cnf -extensions v3_leaf -key other.key -days 365 "
             "-subj '/CN=Self Signed Signer' -out self_signed.pem");
-    MustRun(In() + "openssl req -x509 -config openssl.cnf -extensions v3_leaf -key other.key -days 365 "
+    MustRun(In() +
+            "openssl req -x509 -config openssl.cnf -extensions v3_leaf -key other.key -days 365 "
             "-subj '/CN=first name/CN=Vantrel Talvo LLC' -out two_names.pem");
-    MustRun(In() + "openssl req -x509 -config openssl.cnf -extensions v3_leaf -key other.key -days 365 "
+    MustRun(In() +
+            "openssl req -x509 -config openssl.cnf -extensions v3_leaf -key other.key -days 365 "
             "-subj '/O=No Name Org' -out no_name.pem");
-    MustRun(In() + "openssl req -x509 -config openssl.cnf -extensions v3_leaf -newkey ec "
+    MustRun(In() +
+            "openssl req -x509 -config openssl.cnf -extensions v3_leaf -newkey ec "
             "-pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ec.key -days 365 "
             "-subj '/CN=Elliptic' -out ec.pem");
     // A self-signed certificate that is not valid yet, and the same with trust settings.
-    MustRun(In() + "openssl req -new -config openssl.cnf -key other.key -subj '/CN=Future Self' "
+    MustRun(In() +
+            "openssl req -new -config openssl.cnf -key other.key -subj '/CN=Future Self' "
             "-out future.csr");
-    MustRun(In() + "openssl ca -batch -notext -config openssl.cnf -selfsign -keyfile other.key "
+    MustRun(In() +
+            "openssl ca -batch -notext -config openssl.cnf -selfsign -keyfile other.key "
             "-in future.csr -startdate 20980101000000Z -enddate 20990101000000Z "
             "-extensions v3_leaf -out future_self.pem");
-    MustRun(In() + "openssl x509 -in future_self.pem -addtrust anyExtendedKeyUsage -trustout "
+    MustRun(In() +
+            "openssl x509 -in future_self.pem -addtrust anyExtendedKeyUsage -trustout "
             "-out future_self_trusted.pem");
     for (const char* name : {"root", "inter", "leaf", "leaf_of_inter", "expired", "not_yet_valid",
                              "self_signed", "two_names", "no_name", "ec", "future_self"}) {
@@ -107,8 +117,8 @@ class TestPki {
   void Issue(const std::string& csr, const std::string& ca, const std::string& out,
              const std::string& start, const std::string& end, const std::string& extensions) {
     MustRun(In() + "openssl ca -batch -notext -config openssl.cnf -cert " + ca + ".pem -keyfile " +
-            ca + ".key -in " + csr + " -startdate " + start + " -enddate " + end +
-            " -extensions " + extensions + " -out " + out + ".pem");
+            ca + ".key -in " + csr + " -startdate " + start + " -enddate " + end + " -extensions " +
+            extensions + " -out " + out + ".pem");
   }
 
   ScratchFolder dir_;
@@ -140,7 +150,10 @@ class ScopedEnv {
     setenv(name, value.c_str(), 1);
   }
   ~ScopedEnv() {
-    if (had_) setenv(name_.c_str(), old_.c_str(), 1); else unsetenv(name_.c_str());
+    if (had_)
+      setenv(name_.c_str(), old_.c_str(), 1);
+    else
+      unsetenv(name_.c_str());
   }
 
  private:
@@ -428,17 +441,17 @@ TEST_F(Signatures, EveryChangedBitIsRefused) {
 }
 
 TEST_F(Signatures, OtherKeyOidOrDigestLengthIsRefused) {
-  EXPECT_FALSE(verifyDataWithSSL(rsa_, Bytes(kSha1Text),
-                                 ToolSignature(DigestInfo(kSha1Text), "other")));
-  EXPECT_FALSE(verifyDataWithSSL(rsa_, Bytes(kSha1Text),
-                                 ToolSignature(DigestInfo(kSha1Text, kSha1Oid))));
+  EXPECT_FALSE(
+      verifyDataWithSSL(rsa_, Bytes(kSha1Text), ToolSignature(DigestInfo(kSha1Text), "other")));
+  EXPECT_FALSE(
+      verifyDataWithSSL(rsa_, Bytes(kSha1Text), ToolSignature(DigestInfo(kSha1Text, kSha1Oid))));
   EXPECT_FALSE(verifyDataWithSSL(rsa_, Bytes(kSha1Text),
                                  ToolSignature(DigestInfo(kSha1Text, kSha1WithRsaOid, false))));
   // The digest text of the other length, signed or checked.
   const GpcBytes sha256Signature = ToolSignature(DigestInfo(kSha256Text));
   EXPECT_FALSE(verifyDataWithSSL(rsa_, Bytes(kSha1Text), sha256Signature));
-  EXPECT_FALSE(verifyDataWithSSL(rsa_, Bytes(std::string(kSha256Text).substr(0, 40)),
-                                 sha256Signature));
+  EXPECT_FALSE(
+      verifyDataWithSSL(rsa_, Bytes(std::string(kSha256Text).substr(0, 40)), sha256Signature));
   // The raw text without any DigestInfo around it.
   EXPECT_FALSE(verifyDataWithSSL(rsa_, Bytes(kSha1Text), ToolSignature(Bytes(kSha1Text))));
 }
@@ -447,7 +460,8 @@ TEST_F(Signatures, MalformedSignaturesAndNullKeyAreRefused) {
   const GpcBytes signature = ToolSignature(DigestInfo(kSha1Text));
   EXPECT_FALSE(verifyDataWithSSL(nullptr, Bytes(kSha1Text), signature));
   EXPECT_FALSE(verifyDataWithSSL(rsa_, Bytes(kSha1Text), GpcBytes()));
-  EXPECT_FALSE(verifyDataWithSSL(rsa_, Bytes(kSha1Text), GpcBytes(signature.begin() + 1, signature.end())));
+  EXPECT_FALSE(
+      verifyDataWithSSL(rsa_, Bytes(kSha1Text), GpcBytes(signature.begin() + 1, signature.end())));
   GpcBytes longer = signature;
   longer.insert(longer.begin(), 0);
   EXPECT_FALSE(verifyDataWithSSL(rsa_, Bytes(kSha1Text), longer));
@@ -459,8 +473,8 @@ TEST_F(Signatures, OwnSignatureRecoversToTheDigestInfoAndMatchesTheTool) {
     const GpcBytes signature = SignDataWithSSL(Pki().Path("leaf.key").c_str(), Bytes(text));
     ASSERT_EQ(signature.size(), 256u);
     WriteFile(folder_ / "own.sig", signature);
-    MustRun("openssl pkeyutl -verifyrecover -certin -inkey '" + Pki().Path("leaf.pem") +
-            "' -in '" + (folder_ / "own.sig") + "' -out '" + (folder_ / "recovered.bin") + "'");
+    MustRun("openssl pkeyutl -verifyrecover -certin -inkey '" + Pki().Path("leaf.pem") + "' -in '" +
+            (folder_ / "own.sig") + "' -out '" + (folder_ / "recovered.bin") + "'");
     EXPECT_EQ(ReadFile(folder_ / "recovered.bin"), DigestInfo(text));
     // PKCS #1 v1.5 is deterministic: the same bytes as the tool's signature.
     EXPECT_EQ(signature, ToolSignature(DigestInfo(text)));
@@ -473,7 +487,8 @@ TEST_F(Signatures, SigningWithoutAUsableKeyGivesNothing) {
   EXPECT_TRUE(SignDataWithSSL(Pki().Path("missing.key").c_str(), Bytes(kSha1Text)).empty());
   EXPECT_TRUE(SignDataWithSSL(Pki().Path("leaf.pem").c_str(), Bytes(kSha1Text)).empty());
   EXPECT_TRUE(SignDataWithSSL(Pki().Path("ec.key").c_str(), Bytes(kSha1Text)).empty());
-  MustRun("openssl genrsa -aes128 -passout pass:secret -out '" + (folder_ / "locked.key") + "' 2048");
+  MustRun("openssl genrsa -aes128 -passout pass:secret -out '" + (folder_ / "locked.key") +
+          "' 2048");
   EXPECT_TRUE(SignDataWithSSL((folder_ / "locked.key").c_str(), Bytes(kSha1Text)).empty());
   // Only the first 2045 bytes of the file are read: a key that ends past them is cut off.
   const GpcBytes key = ReadFile(Pki().Path("leaf.key"));

@@ -2,30 +2,30 @@
 
 #include "CertificateUtil.h"
 
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <syslog.h>
-
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/objects.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
+#include <syslog.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "CryptoWrapper.h"
 #include "platform/clock.h"
 #include "platform/trust_panel.h"
 #include "trace.h"
 
-#define CERT_ASSERT_OR_RETURN(condition, failure)                                             \
-  do {                                                                                        \
-    if (!(condition)) {                                                                       \
+#define CERT_ASSERT_OR_RETURN(condition, failure)                                                \
+  do {                                                                                           \
+    if (!(condition)) {                                                                          \
       MacErrorTrace("ASSERT %s failed at file %s, line %d\r\n", #condition, __FILE__, __LINE__); \
-      return failure;                                                                         \
-    }                                                                                         \
+      return failure;                                                                            \
+    }                                                                                            \
   } while (0)
 
 const char* const kGpcX509BasicPolicyOID = "1.2.840.113635.100.1.2";
@@ -33,7 +33,7 @@ const char* const kGpcX509BasicPolicyOID = "1.2.840.113635.100.1.2";
 namespace {
 
 constexpr int kSignatureType = NID_sha1WithRSA;  // 115, 1.3.14.3.2.29
-constexpr size_t kKeyFileBufferSize = 2046;       // the key file is read up to one byte less
+constexpr size_t kKeyFileBufferSize = 2046;      // the key file is read up to one byte less
 constexpr size_t kSignatureBufferSize = 1048576;
 constexpr const char* kSignatureFailureLog = "SignDataWithSSL RSA_sign return failed!";
 
@@ -148,7 +148,9 @@ const GpcCertificate* FindSameCertificate(X509* x509, const GpcCertificateList& 
 uint32_t TrustSettingsBits(const GpcCertificate* anchor) {
   if (anchor == nullptr) return 0;
   const STACK_OF(ASN1_OBJECT)* rejected = X509_get0_reject_objects(anchor->x509());
-  if (rejected != nullptr && sk_ASN1_OBJECT_num(rejected) > 0) return kGpcCertStatusTrustSettingsDeny;
+  if (rejected != nullptr && sk_ASN1_OBJECT_num(rejected) > 0) {
+    return kGpcCertStatusTrustSettingsDeny;
+  }
   const STACK_OF(ASN1_OBJECT)* trusted = X509_get0_trust_objects(anchor->x509());
   if (trusted != nullptr && sk_ASN1_OBJECT_num(trusted) > 0) {
     return kGpcCertStatusTrustSettingsFoundUser | kGpcCertStatusTrustSettingsTrust;
@@ -293,7 +295,8 @@ int GpcTrust::Evaluate(GpcTrustResult* result) {
   if (!m_bAnchorsInstalled) {
     std::unique_ptr<STACK_OF(X509), X509StackDeleter> all(X509_STORE_get1_all_certs(store.get()));
     for (int i = 0; all && i < sk_X509_num(all.get()); ++i) {
-      if (GpcCertificateRef anchor = ShareX509(sk_X509_value(all.get(), i))) anchors.push_back(anchor);
+      GpcCertificateRef anchor = ShareX509(sk_X509_value(all.get(), i));
+      if (anchor) anchors.push_back(anchor);
     }
   }
   m_chain.clear();
@@ -421,7 +424,8 @@ int EvaluateCert(const GpcCertificateRef& cert, const GpcCertificateList& extraA
     for (const GpcCertificateRef& extra : extraAnchors) {
       if (extra) anchors.push_back(extra);
     }
-    MacInfoTrace("EvaluateCert, all anchor certificates count: %i", static_cast<int>(anchors.size()));
+    MacInfoTrace("EvaluateCert, all anchor certificates count: %i",
+                 static_cast<int>(anchors.size()));
     evaluation->SetAnchorCertificates(anchors);
   }
 
@@ -476,10 +480,10 @@ bool verifyDataWithSSL(RSA* rsa, const GpcBytes& data, const GpcBytes& signature
   CryptoWrapper* crypto = CryptoWrapper::sharedInstance();
   CERT_ASSERT_OR_RETURN(crypto->RSA_verify() != NULL, false);
   static const unsigned char kNothing = 0;
-  const int verified = crypto->RSA_verify()(
-      kSignatureType, data.empty() ? &kNothing : data.data(), static_cast<unsigned int>(data.size()),
-      signature.empty() ? &kNothing : signature.data(), static_cast<unsigned int>(signature.size()),
-      rsa);
+  const int verified = crypto->RSA_verify()(kSignatureType, data.empty() ? &kNothing : data.data(),
+                                            static_cast<unsigned int>(data.size()),
+                                            signature.empty() ? &kNothing : signature.data(),
+                                            static_cast<unsigned int>(signature.size()), rsa);
   ERR_clear_error();
   if (verified == 1) return true;
   LogToSystem(kSignatureFailureLog);
@@ -507,9 +511,9 @@ GpcBytes SignDataWithSSL(const char* keyPath, const GpcBytes& data) {
   static const unsigned char kNothing = 0;
   GpcBytes signature(kSignatureBufferSize);
   unsigned int length = 0;
-  const int signedOk = crypto->RSA_sign()(kSignatureType, data.empty() ? &kNothing : data.data(),
-                                          static_cast<unsigned int>(data.size()), signature.data(),
-                                          &length, key);
+  const int signedOk =
+      crypto->RSA_sign()(kSignatureType, data.empty() ? &kNothing : data.data(),
+                         static_cast<unsigned int>(data.size()), signature.data(), &length, key);
   crypto->RSA_free()(key);
   ERR_clear_error();
   if (signedOk != 1) {

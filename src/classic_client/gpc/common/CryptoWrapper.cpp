@@ -5,12 +5,11 @@
 #include "CryptoWrapper.h"
 
 #include <dlfcn.h>
+#include <openssl/crypto.h>
+#include <openssl/objects.h>
 
 #include <memory>
 #include <vector>
-
-#include <openssl/crypto.h>
-#include <openssl/objects.h>
 
 namespace {
 
@@ -43,8 +42,8 @@ std::unique_ptr<EVP_PKEY_CTX, EvpPkeyCtxDeleter> RawPkcs1Context(RSA* rsa, bool 
   if (!key || ::EVP_PKEY_set1_RSA(key.get(), rsa) != 1) return nullptr;
   std::unique_ptr<EVP_PKEY_CTX, EvpPkeyCtxDeleter> ctx(::EVP_PKEY_CTX_new(key.get(), nullptr));
   if (!ctx) return nullptr;
-  const int started = forSigning ? ::EVP_PKEY_sign_init(ctx.get())
-                                 : ::EVP_PKEY_verify_recover_init(ctx.get());
+  const int started =
+      forSigning ? ::EVP_PKEY_sign_init(ctx.get()) : ::EVP_PKEY_verify_recover_init(ctx.get());
   if (started != 1 || ::EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1) {
     return nullptr;
   }
@@ -88,7 +87,8 @@ int GpcRsaSign(int type, const unsigned char* m, unsigned int m_length, unsigned
   }
   auto ctx = RawPkcs1Context(rsa, true);
   size_t length = static_cast<size_t>(modulusSize);
-  if (!ctx || ::EVP_PKEY_sign(ctx.get(), sigret, &length, digestInfo.data(), digestInfo.size()) != 1) {
+  if (!ctx ||
+      ::EVP_PKEY_sign(ctx.get(), sigret, &length, digestInfo.data(), digestInfo.size()) != 1) {
     return 0;
   }
   *siglen = static_cast<unsigned int>(length);
