@@ -12,6 +12,7 @@
 #include "platform/clock.h"
 #include "platform/trust_panel.h"
 #include "security_test_tools.h"
+#include "../unit/util_trace_capture.h"
 
 namespace {
 
@@ -184,7 +185,10 @@ TEST(Certificates, BadBytesGiveNone) {
   EXPECT_FALSE(SecFromData(trailing));
   GpcBytes pemText = ReadFile(Pki().Path("leaf.pem"));
   EXPECT_FALSE(SecFromData(pemText));
+  CapturedTraces().clear();
   EXPECT_FALSE(SecFromFile(nullptr));
+  EXPECT_TRUE(TraceContains(3, "ASSERT path != NULL failed at file "
+                               "src/classic_client/gpc/common/CertificateUtil.cpp, line "));
   EXPECT_FALSE(SecFromFile(Pki().Path("missing.der").c_str()));
   EXPECT_FALSE(SecFromFile(Pki().Path("newcerts").c_str()));
 }
@@ -358,6 +362,31 @@ TEST_F(Trust, ExtraAnchorsAreIgnoredWithoutSystemAnchors) {
     EXPECT_FALSE(Decide("leaf", {"root"}));
   }
   EXPECT_EQ(panelShown_, 2);
+}
+
+TEST_F(Trust, EvaluationLogsItsAnchorsAndResult) {
+  CapturedTraces().clear();
+  EXPECT_TRUE(Decide("leaf", {"inter", "root"}));
+  int systemCount = -1, allCount = -1, status = -1, result = -1;
+  for (const CapturedTrace& trace : CapturedTraces()) {
+    if (trace.level != 1) continue;
+    sscanf(trace.text.c_str(), "EvaluateCert, SecTrustCopyAnchorCertificates status: %i, counts: %i",
+           &status, &systemCount);
+    sscanf(trace.text.c_str(), "EvaluateCert, all anchor certificates count: %i", &allCount);
+    sscanf(trace.text.c_str(), "EvaluateCert, SecTrustEvaluate result: %i", &result);
+  }
+  EXPECT_EQ(status, 0);
+  EXPECT_GT(systemCount, 0);
+  EXPECT_EQ(allCount, systemCount + 2);
+  EXPECT_EQ(result, kGpcTrustResultUnspecified);
+
+  ScratchFolder folder;
+  WriteFile(folder / "empty.pem", "");
+  ScopedEnv anchors("SSL_CERT_FILE", folder / "empty.pem");
+  CapturedTraces().clear();
+  Decide("leaf", {"root"});
+  EXPECT_TRUE(TraceContains(1, "EvaluateCert, SecTrustCopyAnchorCertificates status: 0, counts: 0"));
+  EXPECT_FALSE(TraceContains(1, "EvaluateCert, all anchor certificates count"));
 }
 
 TEST_F(Trust, BadArguments) {

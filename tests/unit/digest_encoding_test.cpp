@@ -8,6 +8,7 @@
 #include "CryptoWrapper.h"
 #include "NSString+Hex.h"
 #include "security_test_tools.h"
+#include "util_trace_capture.h"
 
 namespace {
 
@@ -133,7 +134,10 @@ TEST_F(FileDigest, AgreesWithTheToolsAroundChunkBoundaries) {
 }
 
 TEST_F(FileDigest, UnreadableInputGivesNoDigest) {
+  CapturedTraces().clear();
   EXPECT_EQ(Sha1OfFile(nullptr), "");
+  EXPECT_TRUE(TraceContains(3, "ASSERT path != NULL failed at file "
+                               "src/classic_client/gpc/common/NSString+Hex.cpp, line "));
   EXPECT_EQ(Sha256OfFile(nullptr), "");
   EXPECT_EQ(Sha1OfFile((folder_ / "missing").c_str()), "");
   EXPECT_EQ(Sha256OfFile((folder_ / "missing").c_str()), "");

@@ -16,16 +16,17 @@
 #include <cstring>
 
 #include "CryptoWrapper.h"
+#include "gpcutil.h"
 #include "platform/clock.h"
 #include "platform/trust_panel.h"
 #include "trace.h"
 
-#define CERT_ASSERT_OR_RETURN(condition, failure)                                                \
-  do {                                                                                           \
-    if (!(condition)) {                                                                          \
-      MacErrorTrace("ASSERT %s failed at file %s, line %d\r\n", #condition, __FILE__, __LINE__); \
-      return failure;                                                                            \
-    }                                                                                            \
+// A bad argument or a missing crypto function is logged and the function gives its failure
+// value; nothing aborts.
+#define CERT_SOURCE_PATH "src/classic_client/gpc/common/CertificateUtil.cpp"
+#define CERT_ASSERT_OR_RETURN(condition, failure)                                  \
+  do {                                                                             \
+    if (!GPC_ASSERT_TEXT(condition, #condition, CERT_SOURCE_PATH)) return failure; \
   } while (0)
 
 const char* const kGpcX509BasicPolicyOID = "1.2.840.113635.100.1.2";

@@ -6,15 +6,15 @@
 #include <cstring>
 
 #include "CryptoWrapper.h"
+#include "gpcutil.h"
 #include "trace.h"
 
-// A bad argument is logged and the function gives its failure value; nothing aborts.
-#define HEX_ASSERT_OR_RETURN(condition, failure)                                              \
-  do {                                                                                        \
-    if (!(condition)) {                                                                       \
-      MacErrorTrace("ASSERT %s failed at file %s, line %d\r\n", #condition, __FILE__, __LINE__); \
-      return failure;                                                                         \
-    }                                                                                         \
+// A bad argument or a missing crypto function is logged and the function gives its failure
+// value; nothing aborts.
+#define HEX_SOURCE_PATH "src/classic_client/gpc/common/NSString+Hex.cpp"
+#define HEX_ASSERT_OR_RETURN(condition, failure)                                  \
+  do {                                                                            \
+    if (!GPC_ASSERT_TEXT(condition, #condition, HEX_SOURCE_PATH)) return failure; \
   } while (0)
 
 namespace {
