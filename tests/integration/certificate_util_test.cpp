@@ -12,7 +12,7 @@
 #include "platform/clock.h"
 #include "platform/trust_panel.h"
 #include "security_test_tools.h"
-#include "../unit/util_trace_capture.h"
+#include "trace_capture.h"
 
 namespace {
 
@@ -185,7 +185,7 @@ TEST(Certificates, BadBytesGiveNone) {
   EXPECT_FALSE(SecFromData(trailing));
   GpcBytes pemText = ReadFile(Pki().Path("leaf.pem"));
   EXPECT_FALSE(SecFromData(pemText));
-  CapturedTraces().clear();
+  ClearCapturedTraces();
   EXPECT_FALSE(SecFromFile(nullptr));
   EXPECT_TRUE(TraceContains(3, "ASSERT path != NULL failed at file "
                                "src/classic_client/gpc/common/CertificateUtil.cpp, line "));
@@ -365,10 +365,10 @@ TEST_F(Trust, ExtraAnchorsAreIgnoredWithoutSystemAnchors) {
 }
 
 TEST_F(Trust, EvaluationLogsItsAnchorsAndResult) {
-  CapturedTraces().clear();
+  ClearCapturedTraces();
   EXPECT_TRUE(Decide("leaf", {"inter", "root"}));
   int systemCount = -1, allCount = -1, status = -1, result = -1;
-  for (const CapturedTrace& trace : CapturedTraces()) {
+  for (const CapturedTrace& trace : CapturedTracesSnapshot()) {
     if (trace.level != 1) continue;
     sscanf(trace.text.c_str(), "EvaluateCert, SecTrustCopyAnchorCertificates status: %i, counts: %i",
            &status, &systemCount);
@@ -383,7 +383,7 @@ TEST_F(Trust, EvaluationLogsItsAnchorsAndResult) {
   ScratchFolder folder;
   WriteFile(folder / "empty.pem", "");
   ScopedEnv anchors("SSL_CERT_FILE", folder / "empty.pem");
-  CapturedTraces().clear();
+  ClearCapturedTraces();
   Decide("leaf", {"root"});
   EXPECT_TRUE(TraceContains(1, "EvaluateCert, SecTrustCopyAnchorCertificates status: 0, counts: 0"));
   EXPECT_FALSE(TraceContains(1, "EvaluateCert, all anchor certificates count"));

@@ -8,7 +8,7 @@
 #include "CryptoWrapper.h"
 #include "NSString+Hex.h"
 #include "security_test_tools.h"
-#include "util_trace_capture.h"
+#include "trace_capture.h"
 
 namespace {
 
@@ -134,7 +134,7 @@ TEST_F(FileDigest, AgreesWithTheToolsAroundChunkBoundaries) {
 }
 
 TEST_F(FileDigest, UnreadableInputGivesNoDigest) {
-  CapturedTraces().clear();
+  ClearCapturedTraces();
   EXPECT_EQ(Sha1OfFile(nullptr), "");
   EXPECT_TRUE(TraceContains(3, "ASSERT path != NULL failed at file "
                                "src/classic_client/gpc/common/NSString+Hex.cpp, line "));
