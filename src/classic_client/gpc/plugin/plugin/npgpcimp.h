@@ -13,7 +13,8 @@
 
 #include "gpcdownloadtask.h"      // IGPCDownloadNotify, GPCDownloadTask
 #include "plugin/plugin/npapi.h"
-#include "plugin/plugin/npapiimp.h"  // CGpcProvider, GPCMessage, the service table
+#include "plugin/plugin/npapiimp.h"  // CGpcProvider, the services; through it gpc/gpc_extension.h:
+                                     // GPCMessage, GpcServiceTable, the entry-point and fetch types
 #include "sitelock/sitelock.h"    // CSiteCheck<T>, IObjectSafetySiteLock::SiteList
 
 class CGpcWindow;
@@ -23,18 +24,6 @@ constexpr int kGpcStartReportCode = 1000;
 
 // Notification datum of the browser stream that carries the hosting page's URL.
 #define NOTIFICATION_GET_HOSTSITE 100
-
-// The extension's entry points, as the plug-in calls them.
-typedef int32_t (*GpcInitInstanceProc)(void* instance, void* serviceTable, void** extData);
-typedef void (*GpcExitInstanceProc)(void* instance, void* extData);
-typedef void (*GpcHeartbeatProc)(void* instance, void* extData);
-typedef void (*GpcActionNotifyProc)(void* instance, void* extData);
-typedef void (*GpcSetWindowProc)(void* instance, NPWindow* window, void* extData);
-typedef int32_t (*GpcHandleEventProc)(void* instance, void* event, bool flag, void* extData);
-
-// Completion and progress callback of one file fetch.
-typedef void (*GpcGetFileNotifyProc)(void* instance, void* context, GPCGetFileNotifyMessageType type,
-                                     void* data);
 
 // One queued file fetch.
 class CGetFileItem {
