@@ -5,8 +5,12 @@ target_include_directories(gpcplugincore PUBLIC ${GPC_SRC} ${GPC_SRC}/plugin/plu
 target_link_libraries(gpcplugincore PUBLIC gpccommon)
 
 add_library(npgpc SHARED ${GPC_SRC}/plugin/plugin/module_anchor.c)
-target_link_libraries(npgpc PRIVATE "$<LINK_LIBRARY:WHOLE_ARCHIVE,gpcplugincore>"
-  "$<LINK_LIBRARY:WHOLE_ARCHIVE,gpccommon>")
+# Every object of the plug-in and of the shared code goes in (some are reached only by the
+# browser or by the extension); the libraries' own dependencies follow as usual.
+target_link_libraries(npgpc PRIVATE
+  -Wl,--whole-archive $<TARGET_FILE:gpcplugincore> $<TARGET_FILE:gpccommon> -Wl,--no-whole-archive
+  gpcplugincore)
+add_dependencies(npgpc gpcplugincore gpccommon)
 target_link_options(npgpc PRIVATE -Wl,-Bsymbolic -Wl,--no-undefined)
 set_target_properties(npgpc PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
