@@ -25,6 +25,9 @@ constexpr int kGpcStartReportCode = 1000;
 // Notification datum of the browser stream that carries the hosting page's URL.
 #define NOTIFICATION_GET_HOSTSITE 100
 
+// The unpacking library's one entry: extracts every entry of the archive below the folder.
+typedef int32_t (*GpcDecompressFile7zProc)(const char* archive, const char* destinationFolder);
+
 // One queued file fetch.
 class CGetFileItem {
  public:
@@ -200,6 +203,7 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   std::vector<GPCDownloadTask*> m_vectorDownloadTask;
   unsigned m_hTimer = 0;  // the heartbeat's event-loop source id; 0 when none is installed
   void* m_h7zLib = nullptr;
+  GpcDecompressFile7zProc m_pfnDecompressFile7z = nullptr;
 
  private:
   void InstallHeartbeatTimer();
