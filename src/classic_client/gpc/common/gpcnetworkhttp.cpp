@@ -33,7 +33,11 @@ FILE* OpenNoFollow(const char* path, int flags, const char* mode) {
   int fd = open(path, flags | O_NOFOLLOW | O_CLOEXEC, 0666);
   if (fd < 0) return nullptr;
   FILE* file = fdopen(fd, mode);
-  if (!file) close(fd);
+  if (!file) {
+    close(fd);
+    return nullptr;
+  }
+  setvbuf(file, nullptr, _IONBF, 0);  // each chunk is one write; no copy through a buffer
   return file;
 }
 

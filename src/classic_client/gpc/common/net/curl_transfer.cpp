@@ -40,12 +40,26 @@ class CurlTransfer {
   long headerStatus = 0;   // status of the response whose header is arriving
   long challenge = 0;      // 401/403/407 once seen; the transfer was aborted for it
   size_t pendingBytes = 0; // body bytes not yet reported through OnTransferData
+  // Body bytes gathered into a whole piece; what is left over is handed out after each round.
+  char staged[kMaxChunk];
+  size_t stagedBytes = 0;
   bool finished = false;   // libcurl reported the transfer done
   CURLcode result = CURLE_OK;
   bool endReported = false;
 
   ~CurlTransfer();
 };
+
+namespace {
+
+void FlushStaged(CurlTransfer* transfer) {
+  if (transfer->stagedBytes == 0) return;
+  size_t bytes = transfer->stagedBytes;
+  transfer->stagedBytes = 0;
+  transfer->listener->OnTransferChunk(transfer->staged, bytes);
+}
+
+}  // namespace
 
 namespace {
 
@@ -188,6 +202,7 @@ class MultiDriver {
     ++depth_;
     int running = 0;
     curl_multi_socket_action(multi_, fd, mask, &running);
+    for (CurlTransfer* transfer : transfers_) FlushStaged(transfer);
     CollectFinished();
     Report();
     --depth_;
@@ -260,14 +275,25 @@ size_t OnHeader(char* buffer, size_t size, size_t count, void* userp) {
   return length;
 }
 
+// libcurl hands over the body in blocks of its own size (often one more byte than a piece may
+// hold); gathering them into whole pieces keeps the listener's work per byte low.
 size_t OnBody(char* data, size_t size, size_t count, void* userp) {
   CurlTransfer* transfer = static_cast<CurlTransfer*>(userp);
   size_t length = size * count;
-  for (size_t offset = 0; offset < length; offset += kMaxChunk) {
-    transfer->listener->OnTransferChunk(data + offset, std::min(kMaxChunk, length - offset));
-  }
   transfer->pendingBytes += length;
-  return length;
+  while (length > 0) {
+    size_t take = std::min(kMaxChunk - transfer->stagedBytes, length);
+    if (transfer->stagedBytes == 0 && take == kMaxChunk) {
+      transfer->listener->OnTransferChunk(data, take);
+    } else {
+      memcpy(transfer->staged + transfer->stagedBytes, data, take);
+      transfer->stagedBytes += take;
+      if (transfer->stagedBytes == kMaxChunk) FlushStaged(transfer);
+    }
+    data += take;
+    length -= take;
+  }
+  return size * count;
 }
 
 bool Configure(CurlTransfer* transfer, const TransferRequest& request) {
