@@ -2,6 +2,8 @@
 // calls to the instance or to its stream provider.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstring>
 #include <string>
 #include <vector>
@@ -236,6 +238,71 @@ TEST_F(NpwrapTest, HandleEventAnswersZeroEvenWhenTheExtensionHandledIt) {
   NPWindow npWindow{};
   EXPECT_EQ(NPP_SetWindow(&npp, &npWindow), NPERR_NO_ERROR);
   EXPECT_EQ(Window()->GetPluginNativeWindow(), &npWindow);
+}
+
+}  // namespace
+
+namespace {
+
+struct FetchSeen {
+  std::vector<std::string> events;
+};
+
+void RecordFetch(void*, void* context, GPCGetFileNotifyMessageType type, void* data) {
+  auto* seen = static_cast<FetchSeen*>(context);
+  if (type == GPC_GETFILE_PROGRESS) {
+    seen->events.push_back("progress " + std::to_string(reinterpret_cast<uintptr_t>(data)));
+    return;
+  }
+  std::string content = "complete ";
+  if (data == nullptr) {
+    content += "null";
+  } else {
+    FILE* file = fopen(static_cast<const char*>(data), "rb");
+    char buffer[64] = {};
+    if (file) {
+      content += std::string(buffer, fread(buffer, 1, sizeof buffer, file));
+      fclose(file);
+    }
+  }
+  seen->events.push_back(content);
+}
+
+TEST_F(NpwrapTest, OldDownloadModeFetchesOneFileThroughABrowserStream) {
+  PageParams page = GoodPage();
+  Create(page);
+  CGpcWindow* window = Window();
+  window->m_bExtMgrStarted = 1;
+  window->m_nFetchReady = 0;
+  window->CleanupFrameTargets();
+  FetchSeen seen;
+  const char url[] = "https://www.talvo.us/client/pkg.7z";
+  window->GetFileAtUrl(RecordFetch, &seen, url);
+  window->GetFileAtUrl(RecordFetch, &seen, "https://www.talvo.us/client/second.7z");
+  window->OnTimer();
+  window->OnTimer();
+  ASSERT_EQ(Browser().requests.size(), 1u);
+  EXPECT_EQ(Browser().requests[0].url, url);
+
+  NPStream stream{};
+  stream.url = url;
+  stream.notifyData = Browser().requests[0].notifyData;
+  uint16_t stype = 0;
+  ASSERT_EQ(NPP_NewStream(&npp, nullptr, &stream, 0, &stype), NPERR_NO_ERROR);
+  char body[] = "7zdata";
+  EXPECT_EQ(NPP_Write(&npp, &stream, 0, 6, body), 6);
+  EXPECT_EQ(NPP_DestroyStream(&npp, &stream, NPRES_DONE), NPERR_NO_ERROR);
+  EXPECT_EQ(seen.events, (std::vector<std::string>{"progress 6", "complete 7zdata"}));
+  ASSERT_EQ(window->m_vectorFileItem.size(), 1u);
+  EXPECT_TRUE(window->m_strStreamFilePath.empty());
+
+  // The next file is asked for on the next heartbeat.
+  window->OnTimer();
+  ASSERT_EQ(Browser().requests.size(), 2u);
+  EXPECT_EQ(Browser().requests[1].url, "https://www.talvo.us/client/second.7z");
+  ASSERT_FALSE(window->m_strStreamFilePath.empty());
+  window->CloseDownloadingStreamFile();
+  EXPECT_EQ(unlink(window->m_strStreamFilePath.c_str()), 0);
 }
 
 }  // namespace
