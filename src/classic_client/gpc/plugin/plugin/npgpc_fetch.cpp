@@ -1,13 +1,11 @@
 // File fetching of the instance: the queue of requests and the old download mode, in which one
 // file at a time comes through a browser stream of the instance's own access point.
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "platform/folders.h"
+#include "gpcutil.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "trace.h"
 
@@ -51,7 +49,7 @@ void CGpcWindow::CheckFileDownloading() {
     if (m_streamSapId != nullptr) return;
     // Refused: the item stays first and is asked for again on the next heartbeat.
     CloseDownloadingStreamFile();
-    if (!m_strStreamFilePath.empty()) unlink(m_strStreamFilePath.c_str());
+    if (!m_strStreamFilePath.empty()) RemoveFile(m_strStreamFilePath);
     m_strStreamFilePath.clear();
     return;
   }
@@ -61,15 +59,10 @@ void CGpcWindow::CheckFileDownloading() {
 
 bool CGpcWindow::OpenDownloadingStreamFile() {
   m_strStreamFilePath.clear();
-  const std::string dir = platform::TempDir();
-  if (dir.empty()) return false;
-  std::string name = dir + "APKXXXXXX";
-  const int fd = mkstemp(&name[0]);
-  if (fd < 0) return false;
-  m_strStreamFilePath = name;
-  MacInfoTrace("CGpcWindow::OpenDownloadingStreamFile,file=%s", name.c_str());
-  m_pStreamFile = fdopen(fd, "wb");
-  if (m_pStreamFile == nullptr) close(fd);
+  const std::string dir = GetTempPath();
+  if (dir.empty() || GetTempFileName(dir.c_str(), "APK", m_strStreamFilePath) == 0) m_strStreamFilePath.clear();
+  MacInfoTrace("CGpcWindow::OpenDownloadingStreamFile,file=%s", m_strStreamFilePath.c_str());
+  m_pStreamFile = m_strStreamFilePath.empty() ? nullptr : fopen(m_strStreamFilePath.c_str(), "wb");
   return m_pStreamFile != nullptr;
 }
 
@@ -108,7 +101,7 @@ void CGpcWindow::FinishDownloadingStreamFile(bool success) {
                           success ? const_cast<char*>(path.c_str()) : nullptr);
     }
   }
-  if (!m_strStreamFilePath.empty()) unlink(m_strStreamFilePath.c_str());
+  if (!m_strStreamFilePath.empty()) RemoveFile(m_strStreamFilePath);
   m_strStreamFilePath.clear();
 }
 
