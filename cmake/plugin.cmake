@@ -5,12 +5,40 @@ target_include_directories(gpcplugincore PUBLIC ${GPC_SRC} ${GPC_SRC}/plugin/plu
 target_link_libraries(gpcplugincore PUBLIC gpccommon)
 
 add_library(npgpc SHARED ${GPC_SRC}/plugin/plugin/module_anchor.c)
-target_link_libraries(npgpc PRIVATE "$<LINK_LIBRARY:WHOLE_ARCHIVE,gpcplugincore>"
-  "$<LINK_LIBRARY:WHOLE_ARCHIVE,gpccommon>")
+# Every object of the plug-in and of the shared code goes in (some are reached only by the
+# browser or by the extension); the libraries' own dependencies follow as usual.
+target_link_libraries(npgpc PRIVATE
+  -Wl,--whole-archive $<TARGET_FILE:gpcplugincore> $<TARGET_FILE:gpccommon> -Wl,--no-whole-archive
+  gpcplugincore)
+add_dependencies(npgpc gpcplugincore gpccommon)
 target_link_options(npgpc PRIVATE -Wl,-Bsymbolic -Wl,--no-undefined)
 set_target_properties(npgpc PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
+# Bundle metadata and the message tables, one per language name the page can ask for.
+if(PROJECT_VERSION)
+  set(GPC_PLUGIN_VERSION ${PROJECT_VERSION})
+else()
+  set(GPC_PLUGIN_VERSION 1.0.0)
+endif()
+set(GPC_PLUGIN_NAME "Talvo GPC")
+set(GPC_PLUGIN_DESCRIPTION "Talvo GPC plug-in: sets up and drives the Talvo meeting client extension")
 set(GPC_BUNDLE ${CMAKE_BINARY_DIR}/talvo-gpc64.plugin)
+configure_file(${CMAKE_SOURCE_DIR}/resources/Info.plist.in ${GPC_BUNDLE}/Contents/Info.plist @ONLY)
+
+set(GPC_LANGUAGE_NAMES English zh_CN zh_TW Japanese ko French German Italian Spanish es_419 sv Dutch
+  pt ru tr da fi pl)
+set(GPC_BUNDLE_RESOURCES)
+foreach(language ${GPC_LANGUAGE_NAMES})
+  set(table Localizable_${language}.strings)
+  add_custom_command(OUTPUT ${GPC_BUNDLE}/Contents/Resources/${table}
+    COMMAND ${CMAKE_COMMAND} -E copy_if_different ${CMAKE_SOURCE_DIR}/resources/${table}
+            ${GPC_BUNDLE}/Contents/Resources/${table}
+    DEPENDS ${CMAKE_SOURCE_DIR}/resources/${table})
+  list(APPEND GPC_BUNDLE_RESOURCES ${GPC_BUNDLE}/Contents/Resources/${table})
+endforeach()
+add_custom_target(gpcbundleresources ALL DEPENDS ${GPC_BUNDLE_RESOURCES})
+add_dependencies(npgpc gpcbundleresources)
+
 add_custom_command(TARGET npgpc POST_BUILD
   COMMAND ${CMAKE_COMMAND} -E make_directory ${GPC_BUNDLE}/Contents/MacOS ${GPC_BUNDLE}/Contents/Resources
   COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:npgpc> ${GPC_BUNDLE}/Contents/MacOS/libnpgpc.so

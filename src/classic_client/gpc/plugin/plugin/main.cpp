@@ -1,0 +1,384 @@
+// The module's outer skin toward the browser: the Unix NPAPI entry points, the plug-in's copy of
+// the browser's call table with one NPN_* wrapper per browser function, and the Private_* table
+// handed to the browser, which logs and forwards to the NPP_* handlers.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "common/trace.h"
+#include "platform/debug_string.h"
+#include "platform/system_version.h"
+#include "plugin/plugin/npplugin.h"
+
+#define GPC_EXPORT extern "C" __attribute__((visibility("default")))
+
+NPNetscapeFuncs gNetscapeFuncs;
+int32_t navMinorVers = 0;
+int16_t gResFile = 0;
+
+namespace {
+
+constexpr const char* kMimeDescription = "application/x-talvo-gpc:gpc:Talvo GPC plug-in";
+constexpr const char* kPluginName = "Talvo GPC";
+constexpr const char* kPluginDescription =
+    "Talvo GPC plug-in: sets up and drives the Talvo meeting client extension";
+
+// Systems from this version on get the drawing and event models negotiated.
+constexpr uint32_t kFirstNegotiatingSystem = 0x1060;
+
+// Hands `text` to the platform's debug-string sink, then logs it at info level.
+void DebugAndLog(const char* text) {
+  unsigned char pascal[256];
+  platform::MakePascalString(text, pascal);
+  platform::DebugStr(pascal);
+  MacInfoTrace("%s", text);
+}
+
+// The process-wide trace catcher: started with the module, ended with an instance or the module.
+namespace gpc_trace_catcher {
+void InitGlobal() {}
+void ClearSharedTrace() {}
+void ReleaseGlobal() {}
+}  // namespace gpc_trace_catcher
+
+// The browser's minor version, as the version gates see it.
+int BrowserMinorVersion() { return gNetscapeFuncs.version & 0xff; }
+
+void SetUpQD() {
+  MacInfoTrace("SetUpQD");
+  gResFile = platform::CurResFile();
+}
+
+NPError CopyBrowserFuncs(const NPNetscapeFuncs* browser) {
+  if (browser == nullptr) return NPERR_INVALID_FUNCTABLE_ERROR;
+  if (browser->version > 0xff) return NPERR_INCOMPATIBLE_VERSION_ERROR;
+
+  navMinorVers = browser->version & 0xff;
+  gNetscapeFuncs.version = browser->version;
+  gNetscapeFuncs.size = browser->size;
+  gNetscapeFuncs.geturl = browser->geturl;
+  gNetscapeFuncs.posturl = browser->posturl;
+  gNetscapeFuncs.requestread = browser->requestread;
+  gNetscapeFuncs.newstream = browser->newstream;
+  gNetscapeFuncs.write = browser->write;
+  gNetscapeFuncs.destroystream = browser->destroystream;
+  gNetscapeFuncs.status = browser->status;
+  gNetscapeFuncs.uagent = browser->uagent;
+  gNetscapeFuncs.memalloc = browser->memalloc;
+  gNetscapeFuncs.memfree = browser->memfree;
+  gNetscapeFuncs.memflush = browser->memflush;
+  gNetscapeFuncs.reloadplugins = browser->reloadplugins;
+  if (navMinorVers >= NPVERS_HAS_NOTIFICATION) {
+    gNetscapeFuncs.getJavaEnv = browser->getJavaEnv;
+    gNetscapeFuncs.getJavaPeer = browser->getJavaPeer;
+    gNetscapeFuncs.geturlnotify = browser->geturlnotify;
+    gNetscapeFuncs.posturlnotify = browser->posturlnotify;
+  }
+  gNetscapeFuncs.getvalue = browser->getvalue;
+  gNetscapeFuncs.setvalue = browser->setvalue;
+  gNetscapeFuncs.invalidaterect = browser->invalidaterect;
+  gNetscapeFuncs.invalidateregion = browser->invalidateregion;
+  gNetscapeFuncs.forceredraw = browser->forceredraw;
+  return NPERR_NO_ERROR;
+}
+
+NPError InitializeBrowserSide(NPNetscapeFuncs* browser) {
+  gpc_trace_catcher::InitGlobal();
+  DebugAndLog("plugin,NP_Initialize start");
+  NPError result = CopyBrowserFuncs(browser);
+  DebugAndLog("plugin,NP_Initialize end");
+  return result;
+}
+
+// ---- Private_* table -------------------------------------------------------------------------
+
+NPError Private_Initialize(void) {
+  DebugAndLog("Private_Initialize");
+  return NPP_Initialize();
+}
+
+void Private_Shutdown(void) {
+  DebugAndLog("Private_Shutdown");
+  NPP_Shutdown();
+}
+
+// Asks the browser whether it offers a model (through `query`) and, when it does, selects it.
+void NegotiateModel(NPP instance, NPNVariable query, NPPVariable selector, int model,
+                    const char* query_log, const char* select_log) {
+  NPBool supported = false;
+  NPError result = gNetscapeFuncs.getvalue != nullptr
+                       ? gNetscapeFuncs.getvalue(instance, query, &supported)
+                       : static_cast<NPError>(NPERR_GENERIC_ERROR);
+  if (result != NPERR_NO_ERROR || !supported) {
+    MacInfoTrace(query_log, result);
+    return;
+  }
+  NPError set = NPN_SetValue(instance, selector, reinterpret_cast<void*>(static_cast<intptr_t>(model)));
+  if (set != NPERR_NO_ERROR) MacInfoTrace(select_log, set);
+}
+
+NPError Private_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t argc, char* argn[],
+                    char* argv[], NPSavedData* saved) {
+  DebugAndLog("Private_New");
+  if (platform::SystemVersion() >= kFirstNegotiatingSystem) {
+    NegotiateModel(instance, NPNVsupportsCoreGraphicsBool, NPPVpluginDrawingModel,
+                   NPDrawingModelCoreGraphics,
+                   "Private_New,call gNetscapeFuncs.getvalue(NPNVsupportsCoreGraphicsBool) return value = %d",
+                   "Private_New,call NPN_SetValue(NPPVpluginDrawingModel) return value = %d");
+    NegotiateModel(instance, NPNVsupportsCocoaBool, NPPVpluginEventModel, NPEventModelCocoa,
+                   "Private_New,call gNetscapeFuncs.getvalue(NPNVsupportsCocoaBool) return value = %d",
+                   "Private_New,call NPN_SetValue(NPPVpluginEventModel) return value = %d");
+  }
+  return NPP_New(pluginType, instance, mode, argc, argn, argv, saved);
+}
+
+// Ending an instance also ends the process's collected trace, even while other instances live.
+NPError Private_Destroy(NPP instance, NPSavedData** save) {
+  DebugAndLog("Private_Destroy");
+  NPError result = NPP_Destroy(instance, save);
+  Private_Shutdown();
+  gpc_trace_catcher::ClearSharedTrace();
+  gpc_trace_catcher::ReleaseGlobal();
+  return result;
+}
+
+NPError Private_SetWindow(NPP instance, NPWindow* window) {
+  MacInfoTrace("Private_SetWindow");
+  return NPP_SetWindow(instance, window);
+}
+
+NPError Private_NewStream(NPP instance, NPMIMEType type, NPStream* stream, NPBool seekable,
+                          uint16_t* stype) {
+  MacInfoTrace("Private_NewStream");
+  return NPP_NewStream(instance, type, stream, seekable, stype);
+}
+
+int32_t Private_WriteReady(NPP instance, NPStream* stream) { return NPP_WriteReady(instance, stream); }
+
+int32_t Private_Write(NPP instance, NPStream* stream, int32_t offset, int32_t len, void* buffer) {
+  return NPP_Write(instance, stream, offset, len, buffer);
+}
+
+void Private_StreamAsFile(NPP instance, NPStream* stream, const char* fname) {
+  MacInfoTrace("Private_StreamAsFile");
+  NPP_StreamAsFile(instance, stream, fname);
+}
+
+NPError Private_DestroyStream(NPP instance, NPStream* stream, NPReason reason) {
+  MacInfoTrace("Private_DestroyStream");
+  return NPP_DestroyStream(instance, stream, reason);
+}
+
+int16_t Private_HandleEvent(NPP instance, void* event) { return NPP_HandleEvent(instance, event); }
+
+void Private_Print(NPP instance, NPPrint* platformPrint) {
+  MacInfoTrace("Private_Print");
+  NPP_Print(instance, platformPrint);
+}
+
+void Private_URLNotify(NPP instance, const char* url, NPReason reason, void* notifyData) {
+  MacInfoTrace("Private_URLNotify");
+  NPP_URLNotify(instance, url, reason, notifyData);
+}
+
+void* Private_GetJavaClass(void) {
+  MacInfoTrace("Private_GetJavaClass");
+  return nullptr;
+}
+
+// The plug-in answers no browser query and accepts no browser setting, deliberately.
+NPError Private_GetValue(NPP, NPPVariable, void*) {
+  MacInfoTrace("Private_GetValue");
+  return NPERR_GENERIC_ERROR;
+}
+
+NPError Private_SetValue(NPP, NPNVariable, void*) {
+  MacInfoTrace("Private_SetValue");
+  return NPERR_GENERIC_ERROR;
+}
+
+// The plug-in table's extent: the header padded to pointer alignment and fourteen pointers.
+constexpr uint16_t kPluginFuncsSize =
+    static_cast<uint16_t>(offsetof(NPPluginFuncs, setvalue) + sizeof(NPP_SetValueProcPtr));
+
+NPError FillPluginFuncs(NPPluginFuncs* plugin) {
+  DebugAndLog("plugin,NP_GetEntryPoints start");
+  if (plugin == nullptr) return NPERR_INVALID_FUNCTABLE_ERROR;
+
+  plugin->version = NP_VERSION_MINOR;
+  plugin->size = kPluginFuncsSize;
+  plugin->newp = Private_New;
+  plugin->destroy = Private_Destroy;
+  plugin->setwindow = Private_SetWindow;
+  plugin->newstream = Private_NewStream;
+  plugin->destroystream = Private_DestroyStream;
+  plugin->asfile = Private_StreamAsFile;
+  plugin->writeready = Private_WriteReady;
+  plugin->write = Private_Write;
+  plugin->print = Private_Print;
+  plugin->event = Private_HandleEvent;
+  // Filled only for a browser that announced notifications in NP_Initialize.
+  if (navMinorVers >= NPVERS_HAS_NOTIFICATION) {
+    plugin->urlnotify = Private_URLNotify;
+    plugin->javaClass = Private_GetJavaClass();
+  }
+  plugin->getvalue = Private_GetValue;
+  plugin->setvalue = Private_SetValue;
+
+  SetUpQD();
+  NPError result = Private_Initialize();
+  DebugAndLog("plugin,NP_GetEntryPoints end");
+  return result;
+}
+
+}  // namespace
+
+static_assert(sizeof(void*) != 8 || kPluginFuncsSize == 120, "plug-in table extent");
+static_assert(sizeof(void*) != 4 || kPluginFuncsSize == 60, "plug-in table extent");
+
+// ---- Module entry points -----------------------------------------------------------------------
+
+GPC_EXPORT const char* NP_GetMIMEDescription(void) { return kMimeDescription; }
+
+GPC_EXPORT NPError NP_GetValue(void*, NPPVariable variable, void* value) {
+  if (value == nullptr) return NPERR_INVALID_PARAM;
+  switch (variable) {
+    case NPPVpluginNameString:
+      *static_cast<const char**>(value) = kPluginName;
+      return NPERR_NO_ERROR;
+    case NPPVpluginDescriptionString:
+      *static_cast<const char**>(value) = kPluginDescription;
+      return NPERR_NO_ERROR;
+    default:
+      return NPERR_INVALID_PARAM;
+  }
+}
+
+// The Unix form: the browser hands both tables at once; the plug-in's table is filled only after
+// the browser's has been accepted.
+GPC_EXPORT NPError NP_Initialize(NPNetscapeFuncs* browserFuncs, NPPluginFuncs* pluginFuncs) {
+  NPError result = InitializeBrowserSide(browserFuncs);
+  if (result != NPERR_NO_ERROR || pluginFuncs == nullptr) return result;
+  return FillPluginFuncs(pluginFuncs);
+}
+
+GPC_EXPORT NPError NP_GetEntryPoints(NPPluginFuncs* pluginFuncs) { return FillPluginFuncs(pluginFuncs); }
+
+GPC_EXPORT NPError NP_Shutdown(void) {
+  DebugAndLog("NP_Shutdown");
+  gpc_trace_catcher::ReleaseGlobal();
+  Private_Shutdown();
+  return NPERR_NO_ERROR;
+}
+
+// ---- Browser calls -----------------------------------------------------------------------------
+
+void NPN_Version(int* pluginMajor, int* pluginMinor, int* netscapeMajor, int* netscapeMinor) {
+  if (pluginMajor) *pluginMajor = NP_VERSION_MAJOR;
+  if (pluginMinor) *pluginMinor = NP_VERSION_MINOR;
+  if (netscapeMajor) *netscapeMajor = gNetscapeFuncs.version >> 8;
+  if (netscapeMinor) *netscapeMinor = gNetscapeFuncs.version & 0xff;
+}
+
+// A browser function that is not in the table (a refused or missing table) is answered as a
+// generic failure rather than called.
+NPError NPN_GetURLNotify(NPP instance, const char* url, const char* target, void* notifyData) {
+  if (url != nullptr) MacInfoTrace("NPN_GetURLNotify,url is %s.", url);
+  if (BrowserMinorVersion() < NPVERS_HAS_NOTIFICATION) return NPERR_INCOMPATIBLE_VERSION_ERROR;
+  if (gNetscapeFuncs.geturlnotify == nullptr) return NPERR_GENERIC_ERROR;
+  return gNetscapeFuncs.geturlnotify(instance, url, target, notifyData);
+}
+
+NPError NPN_GetURL(NPP instance, const char* url, const char* target) {
+  if (gNetscapeFuncs.geturl == nullptr) return NPERR_GENERIC_ERROR;
+  return gNetscapeFuncs.geturl(instance, url, target);
+}
+
+NPError NPN_PostURLNotify(NPP instance, const char* url, const char* target, uint32_t len,
+                          const char* buf, NPBool file, void* notifyData) {
+  if (BrowserMinorVersion() < NPVERS_HAS_NOTIFICATION) return NPERR_INCOMPATIBLE_VERSION_ERROR;
+  if (gNetscapeFuncs.posturlnotify == nullptr) return NPERR_GENERIC_ERROR;
+  return gNetscapeFuncs.posturlnotify(instance, url, target, len, buf, file, notifyData);
+}
+
+NPError NPN_PostURL(NPP instance, const char* url, const char* target, uint32_t len, const char* buf,
+                    NPBool file) {
+  if (gNetscapeFuncs.posturl == nullptr) return NPERR_GENERIC_ERROR;
+  return gNetscapeFuncs.posturl(instance, url, target, len, buf, file);
+}
+
+NPError NPN_RequestRead(NPStream* stream, NPByteRange* rangeList) {
+  if (gNetscapeFuncs.requestread == nullptr) return NPERR_GENERIC_ERROR;
+  return gNetscapeFuncs.requestread(stream, rangeList);
+}
+
+NPError NPN_NewStream(NPP instance, NPMIMEType type, const char* target, NPStream** stream) {
+  if (BrowserMinorVersion() < NPVERS_HAS_STREAMOUTPUT) return NPERR_INCOMPATIBLE_VERSION_ERROR;
+  if (gNetscapeFuncs.newstream == nullptr) return NPERR_GENERIC_ERROR;
+  return gNetscapeFuncs.newstream(instance, type, target, stream);
+}
+
+int32_t NPN_Write(NPP instance, NPStream* stream, int32_t len, void* buffer) {
+  if (BrowserMinorVersion() < NPVERS_HAS_STREAMOUTPUT) return NPERR_INCOMPATIBLE_VERSION_ERROR;
+  if (gNetscapeFuncs.write == nullptr) return -1;
+  return gNetscapeFuncs.write(instance, stream, len, buffer);
+}
+
+NPError NPN_DestroyStream(NPP instance, NPStream* stream, NPReason reason) {
+  if (BrowserMinorVersion() < NPVERS_HAS_STREAMOUTPUT) return NPERR_INCOMPATIBLE_VERSION_ERROR;
+  if (gNetscapeFuncs.destroystream == nullptr) return NPERR_GENERIC_ERROR;
+  return gNetscapeFuncs.destroystream(instance, stream, reason);
+}
+
+void NPN_Status(NPP instance, const char* message) {
+  if (gNetscapeFuncs.status != nullptr) gNetscapeFuncs.status(instance, message);
+}
+
+const char* NPN_UserAgent(NPP instance) {
+  return gNetscapeFuncs.uagent != nullptr ? gNetscapeFuncs.uagent(instance) : nullptr;
+}
+
+void* NPN_MemAlloc(uint32_t size) {
+  return gNetscapeFuncs.memalloc != nullptr ? gNetscapeFuncs.memalloc(size) : nullptr;
+}
+
+void NPN_MemFree(void* ptr) {
+  if (gNetscapeFuncs.memfree != nullptr) gNetscapeFuncs.memfree(ptr);
+}
+
+uint32_t NPN_MemFlush(uint32_t size) {
+  return gNetscapeFuncs.memflush != nullptr ? gNetscapeFuncs.memflush(size) : 0;
+}
+
+void NPN_ReloadPlugins(NPBool reloadPages) {
+  if (gNetscapeFuncs.reloadplugins != nullptr) gNetscapeFuncs.reloadplugins(reloadPages);
+}
+
+// Hands out the stored pointer itself, without calling it; callers have always relied on that.
+void* NPN_GetJavaEnv(void) { return reinterpret_cast<void*>(gNetscapeFuncs.getJavaEnv); }
+
+void* NPN_GetJavaPeer(NPP instance) {
+  return gNetscapeFuncs.getJavaPeer != nullptr ? gNetscapeFuncs.getJavaPeer(instance) : nullptr;
+}
+
+NPError NPN_GetValue(NPP instance, NPNVariable variable, void* value) {
+  if (gNetscapeFuncs.getvalue == nullptr) return NPERR_GENERIC_ERROR;
+  return gNetscapeFuncs.getvalue(instance, variable, value);
+}
+
+NPError NPN_SetValue(NPP instance, NPPVariable variable, void* value) {
+  if (gNetscapeFuncs.setvalue == nullptr) return NPERR_GENERIC_ERROR;
+  return gNetscapeFuncs.setvalue(instance, variable, value);
+}
+
+void NPN_InvalidateRect(NPP instance, NPRect* invalidRect) {
+  if (gNetscapeFuncs.invalidaterect != nullptr) gNetscapeFuncs.invalidaterect(instance, invalidRect);
+}
+
+void NPN_InvalidateRegion(NPP instance, NPRegion invalidRegion) {
+  if (gNetscapeFuncs.invalidateregion != nullptr) gNetscapeFuncs.invalidateregion(instance, invalidRegion);
+}
+
+void NPN_ForceRedraw(NPP instance) {
+  if (gNetscapeFuncs.forceredraw != nullptr) gNetscapeFuncs.forceredraw(instance);
+}

@@ -1,0 +1,377 @@
+// The module's entry points and browser-call wrappers, driven through a fake browser table.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/debug_string.h"
+#include "platform/system_version.h"
+#include "plugin/plugin/npplugin.h"
+
+extern "C" {
+const char* NP_GetMIMEDescription(void);
+NPError NP_GetValue(void* future, NPPVariable variable, void* value);
+NPError NP_Initialize(NPNetscapeFuncs* browserFuncs, NPPluginFuncs* pluginFuncs);
+NPError NP_GetEntryPoints(NPPluginFuncs* pluginFuncs);
+NPError NP_Shutdown(void);
+}
+
+namespace {
+
+// What the fake browser saw.
+struct BrowserLog {
+  std::vector<std::string> calls;
+  std::vector<std::pair<int, intptr_t>> set_values;
+  bool core_graphics = false;
+  bool cocoa = false;
+  NPError getvalue_result = NPERR_NO_ERROR;
+  NPError setvalue_result = NPERR_NO_ERROR;
+  void* last_notify_data = nullptr;
+};
+BrowserLog g_log;
+
+NPError FakeGetURL(NPP, const char*, const char*) {
+  g_log.calls.push_back("geturl");
+  return NPERR_NO_ERROR;
+}
+NPError FakeGetURLNotify(NPP, const char* url, const char*, void* data) {
+  g_log.calls.push_back(std::string("geturlnotify ") + url);
+  g_log.last_notify_data = data;
+  return NPERR_NO_ERROR;
+}
+NPError FakePostURLNotify(NPP, const char*, const char*, uint32_t, const char*, NPBool, void*) {
+  g_log.calls.push_back("posturlnotify");
+  return NPERR_NO_ERROR;
+}
+NPError FakeNewStream(NPP, NPMIMEType, const char*, NPStream**) {
+  g_log.calls.push_back("newstream");
+  return NPERR_NO_ERROR;
+}
+int32_t FakeWrite(NPP, NPStream*, int32_t len, void*) {
+  g_log.calls.push_back("write");
+  return len;
+}
+NPError FakeDestroyStream(NPP, NPStream*, NPReason) {
+  g_log.calls.push_back("destroystream");
+  return NPERR_NO_ERROR;
+}
+void* FakeMemAlloc(uint32_t size) { return std::calloc(1, size); }
+void FakeMemFree(void* ptr) { std::free(ptr); }
+void* FakeGetJavaEnv(void) {
+  g_log.calls.push_back("getJavaEnv");
+  return nullptr;
+}
+NPError FakeGetValue(NPP, NPNVariable variable, void* value) {
+  g_log.calls.push_back("getvalue " + std::to_string(variable));
+  if (g_log.getvalue_result != NPERR_NO_ERROR) return g_log.getvalue_result;
+  bool answer = variable == NPNVsupportsCoreGraphicsBool ? g_log.core_graphics
+                : variable == NPNVsupportsCocoaBool      ? g_log.cocoa
+                                                         : false;
+  *static_cast<NPBool*>(value) = answer;
+  return NPERR_NO_ERROR;
+}
+NPError FakeSetValue(NPP, NPPVariable variable, void* value) {
+  g_log.set_values.emplace_back(variable, reinterpret_cast<intptr_t>(value));
+  return g_log.setvalue_result;
+}
+
+NPNetscapeFuncs MakeBrowser(uint16_t version) {
+  NPNetscapeFuncs funcs;
+  std::memset(&funcs, 0, sizeof funcs);
+  funcs.size = sizeof funcs;
+  funcs.version = version;
+  funcs.geturl = FakeGetURL;
+  funcs.newstream = FakeNewStream;
+  funcs.write = FakeWrite;
+  funcs.destroystream = FakeDestroyStream;
+  funcs.memalloc = FakeMemAlloc;
+  funcs.memfree = FakeMemFree;
+  funcs.getJavaEnv = FakeGetJavaEnv;
+  funcs.geturlnotify = FakeGetURLNotify;
+  funcs.posturlnotify = FakePostURLNotify;
+  funcs.getvalue = FakeGetValue;
+  funcs.setvalue = FakeSetValue;
+  return funcs;
+}
+
+bool IsAllZero(const void* data, size_t size) {
+  const unsigned char* bytes = static_cast<const unsigned char*>(data);
+  for (size_t i = 0; i < size; ++i)
+    if (bytes[i] != 0) return false;
+  return true;
+}
+
+// Each test starts as a freshly loaded module would.
+class EntryPoints : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::memset(&gNetscapeFuncs, 0, sizeof gNetscapeFuncs);
+    navMinorVers = 0;
+    g_log = BrowserLog();
+    std::memset(&plugin_, 0, sizeof plugin_);
+    platform::SetDebugStrSink([this](const std::string& text) { debug_strings_.push_back(text); });
+  }
+  void TearDown() override {
+    platform::SetDebugStrSink(nullptr);
+    platform::SetSystemVersionOverride(0);
+  }
+
+  NPError Load(uint16_t version) {
+    browser_ = MakeBrowser(version);
+    return NP_Initialize(&browser_, &plugin_);
+  }
+
+  NPNetscapeFuncs browser_;
+  NPPluginFuncs plugin_;
+  std::vector<std::string> debug_strings_;
+};
+
+TEST_F(EntryPoints, RefusesMissingTables) {
+  EXPECT_EQ(NP_Initialize(nullptr, &plugin_), NPERR_INVALID_FUNCTABLE_ERROR);
+  EXPECT_TRUE(IsAllZero(&plugin_, sizeof plugin_));
+  EXPECT_EQ(NP_GetEntryPoints(nullptr), NPERR_INVALID_FUNCTABLE_ERROR);
+}
+
+TEST_F(EntryPoints, RefusesBrowserOfAnotherMajorVersionAndCopiesNothing) {
+  for (uint16_t version : {uint16_t(0x0100), uint16_t(0x0113), uint16_t(0xffff)}) {
+    EXPECT_EQ(Load(version), NPERR_INCOMPATIBLE_VERSION_ERROR) << version;
+    EXPECT_TRUE(IsAllZero(&gNetscapeFuncs, sizeof gNetscapeFuncs)) << version;
+    EXPECT_EQ(navMinorVers, 0);
+    EXPECT_TRUE(IsAllZero(&plugin_, sizeof plugin_)) << "plug-in table written for " << version;
+  }
+  // With no browser functions, the wrappers fail instead of calling anything.
+  EXPECT_EQ(NPN_GetURL(nullptr, "http://127.0.0.1/", nullptr), NPERR_GENERIC_ERROR);
+  EXPECT_EQ(NPN_MemAlloc(16), nullptr);
+  EXPECT_TRUE(g_log.calls.empty());
+}
+
+TEST_F(EntryPoints, CurrentBrowserGetsTheFullTable) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  EXPECT_EQ(navMinorVers, 19);
+  EXPECT_EQ(gNetscapeFuncs.version, 0x0013);
+  EXPECT_EQ(gNetscapeFuncs.size, sizeof(NPNetscapeFuncs));
+  EXPECT_EQ(plugin_.version, 18);
+  EXPECT_EQ(plugin_.size, sizeof(void*) == 8 ? 120 : 60);
+  EXPECT_NE(plugin_.newp, nullptr);
+  EXPECT_NE(plugin_.destroy, nullptr);
+  EXPECT_NE(plugin_.setwindow, nullptr);
+  EXPECT_NE(plugin_.newstream, nullptr);
+  EXPECT_NE(plugin_.destroystream, nullptr);
+  EXPECT_NE(plugin_.asfile, nullptr);
+  EXPECT_NE(plugin_.writeready, nullptr);
+  EXPECT_NE(plugin_.write, nullptr);
+  EXPECT_NE(plugin_.print, nullptr);
+  EXPECT_NE(plugin_.event, nullptr);
+  EXPECT_NE(plugin_.urlnotify, nullptr);
+  EXPECT_EQ(plugin_.javaClass, nullptr);
+  // The plug-in answers no query and takes no setting.
+  EXPECT_EQ(plugin_.getvalue(nullptr, NPPVpluginNameString, nullptr), NPERR_GENERIC_ERROR);
+  EXPECT_EQ(plugin_.setvalue(nullptr, NPNVxDisplay, nullptr), NPERR_GENERIC_ERROR);
+
+  int datum = 0;
+  EXPECT_EQ(NPN_GetURLNotify(nullptr, "http://127.0.0.1/a", "_top", &datum), NPERR_NO_ERROR);
+  EXPECT_EQ(g_log.last_notify_data, &datum);
+  EXPECT_EQ(NPN_PostURLNotify(nullptr, "http://127.0.0.1/b", nullptr, 1, "x", false, nullptr),
+            NPERR_NO_ERROR);
+  EXPECT_EQ(g_log.calls, (std::vector<std::string>{"geturlnotify http://127.0.0.1/a", "posturlnotify"}));
+}
+
+TEST_F(EntryPoints, TheTableExtentStopsAtSetValue) {
+  // A browser's longer table keeps whatever lies past the plug-in's extent.
+  struct {
+    NPPluginFuncs funcs;
+    void* beyond[4];
+  } table;
+  std::memset(&table, 0xAB, sizeof table);
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  ASSERT_EQ(NP_GetEntryPoints(&table.funcs), NPERR_NO_ERROR);
+  EXPECT_EQ(table.funcs.size, sizeof(NPPluginFuncs));
+  for (void* slot : table.beyond) EXPECT_EQ(reinterpret_cast<uintptr_t>(slot), UINTPTR_MAX / 0xFF * 0xAB);
+}
+
+TEST_F(EntryPoints, BrowserWithoutNotificationsGetsNoNotifyCalls) {
+  ASSERT_EQ(Load(8), NPERR_NO_ERROR);
+  EXPECT_EQ(plugin_.urlnotify, nullptr);
+  EXPECT_EQ(gNetscapeFuncs.geturlnotify, nullptr);
+  EXPECT_EQ(gNetscapeFuncs.getJavaEnv, nullptr);
+  EXPECT_EQ(NPN_GetURLNotify(nullptr, "http://127.0.0.1/", nullptr, nullptr),
+            NPERR_INCOMPATIBLE_VERSION_ERROR);
+  EXPECT_EQ(NPN_PostURLNotify(nullptr, "http://127.0.0.1/", nullptr, 0, "", false, nullptr),
+            NPERR_INCOMPATIBLE_VERSION_ERROR);
+  EXPECT_TRUE(g_log.calls.empty());
+
+  // Stream output arrived with version 8.
+  NPStream* stream = nullptr;
+  char byte = 'x';
+  EXPECT_EQ(NPN_NewStream(nullptr, const_cast<char*>("text/plain"), "_blank", &stream), NPERR_NO_ERROR);
+  EXPECT_EQ(NPN_Write(nullptr, stream, 1, &byte), 1);
+  EXPECT_EQ(NPN_DestroyStream(nullptr, stream, NPRES_DONE), NPERR_NO_ERROR);
+  EXPECT_EQ(g_log.calls, (std::vector<std::string>{"newstream", "write", "destroystream"}));
+}
+
+TEST_F(EntryPoints, BrowserWithoutStreamOutputIsNotCalledForIt) {
+  ASSERT_EQ(Load(7), NPERR_NO_ERROR);
+  char byte = 'x';
+  EXPECT_EQ(NPN_NewStream(nullptr, const_cast<char*>("text/plain"), nullptr, nullptr),
+            NPERR_INCOMPATIBLE_VERSION_ERROR);
+  EXPECT_EQ(NPN_Write(nullptr, nullptr, 1, &byte), NPERR_INCOMPATIBLE_VERSION_ERROR);
+  EXPECT_EQ(NPN_DestroyStream(nullptr, nullptr, NPRES_DONE), NPERR_INCOMPATIBLE_VERSION_ERROR);
+  EXPECT_TRUE(g_log.calls.empty());
+  EXPECT_EQ(NPN_GetURL(nullptr, "http://127.0.0.1/", nullptr), NPERR_NO_ERROR);
+  EXPECT_EQ(g_log.calls, std::vector<std::string>{"geturl"});
+}
+
+TEST_F(EntryPoints, EntryPointsBeforeInitializeLeaveNotificationUnset) {
+  ASSERT_EQ(NP_GetEntryPoints(&plugin_), NPERR_NO_ERROR);
+  EXPECT_NE(plugin_.newp, nullptr);
+  EXPECT_EQ(plugin_.urlnotify, nullptr);
+  // Initialising afterwards with only the browser table does not fill it in either.
+  browser_ = MakeBrowser(0x0013);
+  ASSERT_EQ(NP_Initialize(&browser_, nullptr), NPERR_NO_ERROR);
+  EXPECT_EQ(plugin_.urlnotify, nullptr);
+}
+
+TEST_F(EntryPoints, VersionReportsThePluginsOwnWhateverTheBrowser) {
+  for (uint16_t version : {uint16_t(0x0013), uint16_t(0x0007), uint16_t(0x0100)}) {
+    std::memset(&gNetscapeFuncs, 0, sizeof gNetscapeFuncs);
+    Load(version);
+    int major = -1, minor = -1, browser_major = -1, browser_minor = -1;
+    NPN_Version(&major, &minor, &browser_major, &browser_minor);
+    EXPECT_EQ(major, 0);
+    EXPECT_EQ(minor, 18);
+    if (version <= 0xff) {
+      EXPECT_EQ(browser_major, 0);
+      EXPECT_EQ(browser_minor, version);
+    } else {  // refused: the table stays empty
+      EXPECT_EQ(browser_major, 0);
+      EXPECT_EQ(browser_minor, 0);
+    }
+  }
+}
+
+TEST_F(EntryPoints, JavaEnvIsTheStoredPointerNotItsResult) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  EXPECT_EQ(NPN_GetJavaEnv(), reinterpret_cast<void*>(&FakeGetJavaEnv));
+  EXPECT_TRUE(g_log.calls.empty());
+}
+
+// ---- Model negotiation -----------------------------------------------------------------------
+
+class Negotiation : public EntryPoints {
+ protected:
+  NPError NewInstance() {
+    char type[] = "application/x-talvo-gpc";
+    return plugin_.newp(type, &npp_, NP_EMBED, 0, nullptr, nullptr, nullptr);
+  }
+  void DestroyInstance() {
+    if (npp_.pdata != nullptr) plugin_.destroy(&npp_, nullptr);
+  }
+  void TearDown() override {
+    DestroyInstance();
+    EntryPoints::TearDown();
+  }
+  NPP_t npp_{nullptr, nullptr};
+};
+
+TEST_F(Negotiation, OldSystemAsksForNothing) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  g_log.core_graphics = g_log.cocoa = true;
+  platform::SetSystemVersionOverride(0x1058);
+  EXPECT_EQ(NewInstance(), NPERR_NO_ERROR);
+  EXPECT_NE(npp_.pdata, nullptr);
+  for (const std::string& call : g_log.calls) EXPECT_NE(call.rfind("getvalue", 0), 0u) << call;
+  EXPECT_TRUE(g_log.set_values.empty());
+}
+
+TEST_F(Negotiation, CoreGraphicsWithoutCocoaSetsOnlyTheDrawingModel) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  g_log.core_graphics = true;
+  EXPECT_EQ(NewInstance(), NPERR_NO_ERROR);
+  EXPECT_NE(npp_.pdata, nullptr);
+  EXPECT_EQ(g_log.set_values,
+            (std::vector<std::pair<int, intptr_t>>{{NPPVpluginDrawingModel, NPDrawingModelCoreGraphics}}));
+}
+
+TEST_F(Negotiation, BothModelsAreSetAndRefusalsDoNotStopTheInstance) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  g_log.core_graphics = g_log.cocoa = true;
+  g_log.setvalue_result = NPERR_GENERIC_ERROR;
+  EXPECT_EQ(NewInstance(), NPERR_NO_ERROR);
+  EXPECT_NE(npp_.pdata, nullptr);
+  EXPECT_EQ(g_log.set_values, (std::vector<std::pair<int, intptr_t>>{
+                                  {NPPVpluginDrawingModel, NPDrawingModelCoreGraphics},
+                                  {NPPVpluginEventModel, NPEventModelCocoa}}));
+}
+
+TEST_F(Negotiation, FailedQueriesSetNothing) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  g_log.core_graphics = g_log.cocoa = true;
+  g_log.getvalue_result = NPERR_GENERIC_ERROR;
+  EXPECT_EQ(NewInstance(), NPERR_NO_ERROR);
+  EXPECT_NE(npp_.pdata, nullptr);
+  EXPECT_TRUE(g_log.set_values.empty());
+}
+
+TEST_F(Negotiation, BrowserWithoutGetValueStillGetsAnInstance) {
+  browser_ = MakeBrowser(0x0013);
+  browser_.getvalue = nullptr;
+  ASSERT_EQ(NP_Initialize(&browser_, &plugin_), NPERR_NO_ERROR);
+  EXPECT_EQ(NewInstance(), NPERR_NO_ERROR);
+  EXPECT_TRUE(g_log.set_values.empty());
+}
+
+// ---- Debug strings -----------------------------------------------------------------------------
+
+TEST_F(Negotiation, DebugStringsFollowTheLifeOfTheModule) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  ASSERT_EQ(NewInstance(), NPERR_NO_ERROR);
+  NPWindow window{};
+  plugin_.setwindow(&npp_, &window);
+  plugin_.event(&npp_, nullptr);
+  DestroyInstance();
+  NP_Shutdown();
+  EXPECT_EQ(debug_strings_, (std::vector<std::string>{
+                                "plugin,NP_Initialize start", "plugin,NP_Initialize end",
+                                "plugin,NP_GetEntryPoints start", "Private_Initialize",
+                                "plugin,NP_GetEntryPoints end", "Private_New", "Private_Destroy",
+                                "Private_Shutdown", "NP_Shutdown", "Private_Shutdown"}));
+}
+
+TEST_F(EntryPoints, RefusedInitializationStillTellsTheDebugSink) {
+  EXPECT_EQ(Load(0x0100), NPERR_INCOMPATIBLE_VERSION_ERROR);
+  EXPECT_EQ(debug_strings_,
+            (std::vector<std::string>{"plugin,NP_Initialize start", "plugin,NP_Initialize end"}));
+}
+
+// ---- Unix module entry points --------------------------------------------------------------------
+
+TEST(ModuleEntryPoints, DescribeThePlugin) {
+  EXPECT_EQ(std::string(NP_GetMIMEDescription()).rfind("application/x-talvo-gpc:", 0), 0u);
+  const char* text = nullptr;
+  EXPECT_EQ(NP_GetValue(nullptr, NPPVpluginNameString, &text), NPERR_NO_ERROR);
+  ASSERT_NE(text, nullptr);
+  EXPECT_NE(std::string(text).find("GPC"), std::string::npos);
+  text = nullptr;
+  EXPECT_EQ(NP_GetValue(nullptr, NPPVpluginDescriptionString, &text), NPERR_NO_ERROR);
+  EXPECT_NE(text, nullptr);
+  EXPECT_NE(NP_GetValue(nullptr, NPPVpluginNameString, nullptr), NPERR_NO_ERROR);
+  EXPECT_NE(NP_GetValue(nullptr, NPPVpluginWindowBool, &text), NPERR_NO_ERROR);
+}
+
+TEST(ModuleEntryPoints, TheBundledModuleExportsOnlyTheEntryPoints) {
+  std::string module = std::string(GPC_BUNDLE_DIR) + "/Contents/MacOS/libnpgpc.so";
+  void* handle = dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(handle, nullptr) << dlerror();
+  for (const char* name : {"NP_GetMIMEDescription", "NP_GetValue", "NP_Initialize", "NP_GetEntryPoints",
+                           "NP_Shutdown"})
+    EXPECT_NE(dlsym(handle, name), nullptr) << name;
+  for (const char* name : {"gNetscapeFuncs", "navMinorVers", "gResFile"})
+    EXPECT_EQ(dlsym(handle, name), nullptr) << name;
+  dlclose(handle);
+}
+
+}  // namespace
