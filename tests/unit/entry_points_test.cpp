@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/gpctracecatcher.h"
 #include "platform/debug_string.h"
 #include "platform/system_version.h"
 #include "plugin/plugin/npplugin.h"
@@ -339,6 +340,19 @@ TEST_F(Negotiation, DebugStringsFollowTheLifeOfTheModule) {
                                 "plugin,NP_GetEntryPoints start", "Private_Initialize",
                                 "plugin,NP_GetEntryPoints end", "Private_New", "Private_Destroy",
                                 "Private_Shutdown", "NP_Shutdown", "Private_Shutdown"}));
+}
+
+// The catcher collects from NP_Initialize on; ending an instance ends the collected trace.
+TEST_F(Negotiation, TraceCatcherLivesFromInitializeToInstanceEnd) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  bool seen = false;
+  for (const auto& entry : gpc::GPCTraceCatcher::sharedInstance()->allTraceInfo())
+    seen = seen || gpc::traceContent(*entry) == "plugin,NP_GetEntryPoints end";
+  EXPECT_TRUE(seen);
+  ASSERT_EQ(NewInstance(), NPERR_NO_ERROR);
+  DestroyInstance();
+  EXPECT_TRUE(gpc::GPCTraceCatcher::sharedInstance()->allTraceInfo().empty());
+  gpc::GPCTraceCatcher::releaseGlobal();
 }
 
 TEST_F(EntryPoints, RefusedInitializationStillTellsTheDebugSink) {
