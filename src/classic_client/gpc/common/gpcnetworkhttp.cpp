@@ -1,0 +1,287 @@
+#include "gpcnetworkhttp.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <glib.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "gpctimerproxy.h"
+#include "trace.h"
+
+namespace {
+
+const unsigned kFailed = 0xFFFFFFFF;
+const size_t kPathSize = 1024;
+const size_t kMinimumUrlLength = 12;
+
+// Numbers the generated temporary files of the whole process; it only ever increases.
+int g_nTempFileCounter = 0;
+
+// A name is taken when anything is there, a dangling symbolic link included.
+bool NameIsTaken(const char* path) {
+  struct stat info;
+  return lstat(path, &info) == 0;
+}
+
+// Opens `path` with stdio `mode` on a descriptor opened with `flags`, never through a symbolic
+// link planted at the name.
+FILE* OpenNoFollow(const char* path, int flags, const char* mode) {
+  int fd = open(path, flags | O_NOFOLLOW | O_CLOEXEC, 0666);
+  if (fd < 0) return nullptr;
+  FILE* file = fdopen(fd, mode);
+  if (!file) {
+    close(fd);
+    return nullptr;
+  }
+  setvbuf(file, nullptr, _IONBF, 0);  // each chunk is one write; no copy through a buffer
+  return file;
+}
+
+// The shared download folder "/tmp/talvo/", open to every user.
+void EnsureTalvoFolder() {
+  struct stat info;
+  if (stat("/tmp/talvo", &info) == 0 && S_ISDIR(info.st_mode)) return;
+  if (mkdir("/tmp/talvo/", 0775) != 0) return;
+  // Change the mode of the folder just made, never of what a link at that name points to.
+  int fd = open("/tmp/talvo/", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return;
+  fchmod(fd, 0777);
+  close(fd);
+}
+
+}  // namespace
+
+// The flag of one nested loop run by GetURL or SetBlock; a run started while another was waiting
+// keeps the outer one, and stopping ends both (the outer request was dropped by the inner).
+struct GPCNetworkHttp::BlockingRun {
+  bool running = true;
+  BlockingRun* outer = nullptr;
+};
+
+GPCNetworkHttp::GPCNetworkHttp() : m_pAlive(std::make_shared<bool>(true)) {}
+
+GPCNetworkHttp::~GPCNetworkHttp() {
+  *m_pAlive = false;
+  TerminateOperate();
+  free(m_pBody);
+  m_pBody = nullptr;
+  StopBlockingLoop();
+  if (m_pFile) {
+    fclose(m_pFile);
+    m_pFile = nullptr;
+  }
+}
+
+int GPCNetworkHttp::GetTempFileCounter() { return g_nTempFileCounter; }
+
+unsigned GPCNetworkHttp::GetURL(const char* url, INetworkHttpSink* sink, unsigned timeoutMs,
+                                bool block, bool toFile) {
+  if (!url) {
+    MacInfoTrace("GPCNetworkHttp::GetURL,url is nil,don't get it!");
+    return kFailed;
+  }
+  std::string requested(url);  // `url` may be our own m_strURL (SetProxy)
+  m_pSink = sink;
+  m_nTimeout = timeoutMs;
+  m_bBlock = block;
+  m_bFileMode = toFile;
+  m_strURL = requested;
+  TerminateOperate();
+  free(m_pBody);
+  m_pBody = nullptr;
+  m_nReceivedSize = 0;
+  if (m_strURL.size() < kMinimumUrlLength) return FailStart();
+
+  gpcnet::TransferRequest request;
+  request.url = m_strURL;
+  if (!gpcnet::IsWellFormedUrl(request.url)) {
+    MacInfoTrace("GPCNetworkHttp::GetURL,CFURLCreateWithString failed,need use Escape try again!url is %s",
+                 m_strURL.c_str());
+    request.url = gpcnet::EscapeUrl(m_strURL);
+    if (!gpcnet::IsWellFormedUrl(request.url)) return FailStart();
+  }
+  request.acceptAnyCertificate = strncasecmp(m_strURL.c_str(), "https://", 8) == 0;
+  if (!m_strProxyUser.empty()) {
+    request.proxyUser = m_strProxyUser;
+    request.proxyPassword = m_strProxyPassword;
+  }
+  std::string error;
+  m_pTransfer = gpcnet::StartTransfer(request, this, &error);
+  if (!m_pTransfer) {
+    MacInfoTrace("GPCNetworkHttp::GetURL,start request failed,url is %s,%s", m_strURL.c_str(), error.c_str());
+    return FailStart();
+  }
+  if (m_nTimeout != 0) {
+    delete m_pTimeoutTimer;
+    m_pTimeoutTimer = new GPCTimerProxy(static_cast<float>(m_nTimeout) / 1000.0f,
+                                        &GPCNetworkHttp::NetworkTimeoutTimerProc, this);
+  }
+  if (m_bBlock) RunBlockingLoop();  // the client may be gone when this returns
+  return 0;
+}
+
+unsigned GPCNetworkHttp::FailStart() {
+  TerminateOperate();
+  return kFailed;
+}
+
+void GPCNetworkHttp::SetProxy(std::string user, std::string password) {
+  m_strProxyUser = user;
+  m_strProxyPassword = password;
+  TerminateOperate();
+  // A request issued again with proxy credentials always collects its body in memory.
+  GetURL(m_strURL.c_str(), m_pSink, m_nTimeout, m_bBlock, false);
+}
+
+void GPCNetworkHttp::SetFileName(const char* name) {
+  if (name) m_strFileName = name;
+}
+
+void GPCNetworkHttp::SetBlock() {
+  if (m_pBlockingLoop || !m_pTransfer) return;
+  m_bBlock = true;
+  RunBlockingLoop();
+}
+
+void GPCNetworkHttp::TerminateOperate() {
+  if (m_pTimeoutTimer) {
+    GPCTimerProxy* timer = m_pTimeoutTimer;
+    m_pTimeoutTimer = nullptr;
+    delete timer;
+  }
+  m_pTransfer.reset();
+}
+
+void GPCNetworkHttp::CancelCurrentOperate() {
+  TerminateOperate();
+  StopBlockingLoop();
+}
+
+void GPCNetworkHttp::RunBlockingLoop() {
+  // Only StopBlockingLoop ends the run, and it also forgets it, so nothing points to it after.
+  std::unique_ptr<BlockingRun> run(new BlockingRun);
+  run->outer = m_pBlockingLoop;
+  m_pBlockingLoop = run.get();
+  // Other sources of the main context (timers, other transfers) keep being served meanwhile.
+  while (run->running) g_main_context_iteration(nullptr, TRUE);
+}
+
+void GPCNetworkHttp::StopBlockingLoop() {
+  for (BlockingRun* run = m_pBlockingLoop; run; run = run->outer) run->running = false;
+  if (m_pBlockingLoop) g_main_context_wakeup(nullptr);
+  m_pBlockingLoop = nullptr;
+}
+
+void GPCNetworkHttp::FinishCallback(const std::shared_ptr<bool>& alive) {
+  if (!*alive) return;
+  StopBlockingLoop();
+  if (m_nSelfDelete) delete this;
+}
+
+void GPCNetworkHttp::NetworkTimeoutTimerProc(GPCTimerProxy*, void* info) {
+  GPCNetworkHttp* self = static_cast<GPCNetworkHttp*>(info);
+  std::shared_ptr<bool> alive = self->m_pAlive;
+  self->TerminateOperate();  // deletes this timer: a time-out fires once
+  if (self->m_pSink) self->m_pSink->OnHttpReturn(self->m_pUserHandle, 0, nullptr);
+  self->FinishCallback(alive);
+}
+
+void GPCNetworkHttp::OnTransferChunk(const char* data, size_t size) {
+  OnNewStream(const_cast<char*>(data), size);
+}
+
+void GPCNetworkHttp::OnTransferData(size_t size) {
+  if (size > 0 && m_pSink) m_pSink->OnDataReceived(static_cast<unsigned int>(size));
+}
+
+void GPCNetworkHttp::OnTransferChallenge(long) {
+  StopBlockingLoop();
+  if (!m_pSink) return;
+  TerminateOperate();
+  std::shared_ptr<bool> alive = m_pAlive;
+  std::string user;
+  std::string password;
+  bool retry = m_pSink->OnAskProxy(user, password);
+  if (*alive && retry) SetProxy(user, password);
+}
+
+void GPCNetworkHttp::OnTransferEnd(bool complete, const char* error) {
+  std::shared_ptr<bool> alive = m_pAlive;
+  TerminateOperate();
+  if (complete) {
+    if (m_pSink) {
+      MacInfoTrace("GPCNetworkHttp::ReadStreamClientCallBack,kCFStreamEventEndEncountered,recevice url[%s] data size = %d",
+                   m_strURL.c_str(), static_cast<int>(m_nReceivedSize));
+      m_pSink->OnHttpReturn(m_pUserHandle, static_cast<int>(m_nReceivedSize), m_pBody);
+    }
+  } else {
+    MacInfoTrace("GPCNetworkHttp::ReadStreamClientCallBack,kCFStreamEventErrorOccurred,url[%s],%s",
+                 m_strURL.c_str(), error);
+    if (m_pSink) m_pSink->OnHttpReturn(m_pUserHandle, 0, nullptr);
+  }
+  FinishCallback(alive);
+}
+
+void GPCNetworkHttp::OnNewStream(void* data, unsigned long size) {
+  if (!m_bFileMode) {
+    AppendToMemory(data, size);
+  } else if (m_nReceivedSize == 0) {
+    WriteFirstFileChunk(data, size);
+  } else {
+    AppendFileChunk(data, size);
+  }
+}
+
+void GPCNetworkHttp::AppendToMemory(const void* data, unsigned long size) {
+  char* grown = static_cast<char*>(realloc(m_pBody, m_nReceivedSize + size + 1));
+  if (!grown) return;
+  m_pBody = grown;
+  memcpy(m_pBody + m_nReceivedSize, data, size);
+  m_nReceivedSize += size;
+  m_pBody[m_nReceivedSize] = '\0';
+}
+
+void GPCNetworkHttp::WriteFirstFileChunk(const void* data, unsigned long size) {
+  EnsureTalvoFolder();
+  char path[kPathSize];
+  int flags = O_RDWR | O_CREAT;
+  if (m_strFileName.empty()) {
+    do {
+      snprintf(path, sizeof path, "/tmp/gpc_tmp_%d", ++g_nTempFileCounter);
+    } while (NameIsTaken(path));
+    flags |= O_EXCL;  // the name was just found free; nobody may slip a file in meanwhile
+  } else {
+    snprintf(path, sizeof path, "/tmp/%s", m_strFileName.c_str());
+    flags |= O_TRUNC;
+  }
+  m_pFile = OpenNoFollow(path, flags, "w+");
+  if (!m_pFile) {
+    MacInfoTrace("GPCNetworkHttp::OnNewStream ,1 fopen file = %s failed!", path);
+    return;
+  }
+  free(m_pBody);
+  m_pBody = static_cast<char*>(calloc(kPathSize, 1));
+  if (m_pBody) memcpy(m_pBody, path, strlen(path) + 1);
+  fwrite(data, 1, size, m_pFile);
+  fclose(m_pFile);
+  m_pFile = nullptr;
+  m_nReceivedSize += size;
+}
+
+void GPCNetworkHttp::AppendFileChunk(const void* data, unsigned long size) {
+  const char* path = m_pBody ? m_pBody : "";
+  m_pFile = OpenNoFollow(path, O_RDWR | O_CREAT | O_APPEND, "a+");
+  if (!m_pFile) {
+    MacInfoTrace("GPCNetworkHttp::OnNewStream,2 fopen file = %s failed!", path);
+    return;
+  }
+  fseek(m_pFile, 2, SEEK_SET);  // append mode writes at the end wherever this points
+  fwrite(data, 1, size, m_pFile);
+  fclose(m_pFile);
+  m_pFile = nullptr;
+  m_nReceivedSize += size;
+}
