@@ -1,0 +1,105 @@
+// The parameter file: every page parameter, written for the locally installed software of the
+// same product version to read. The plug-in never reads it back.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include <glib.h>
+
+#include "npgpc_text.h"
+#include "plugin/plugin/npgpcimp.h"
+#include "platform/clock.h"
+#include "platform/folders.h"
+#include "trace.h"
+
+namespace {
+
+const char kTalvoFolder[] = "Talvo Folder";
+const char kParameterFileName[] = "talvoparameters.txt";
+const size_t kLongestPath = 1023;
+
+// The file-not-found result the folder lookups report.
+const int kFileNotFound = -43;
+
+// Makes `path` a folder if it is not one yet. Returns 0, or the lookup's or creation's failure
+// code (a negated errno value).
+int EnsureFolder(const std::string& path) {
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0) return S_ISDIR(info.st_mode) ? 0 : -ENOTDIR;
+  if (errno != ENOENT) return -errno;
+  if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return -errno;
+  return 0;
+}
+
+void AppendComponent(std::string* path, const char* name) {
+  if (path->empty() || path->back() != '/') path->push_back('/');
+  path->append(name);
+}
+
+const char* ProductVersionOf(int argc, char** argn, char** argv) {
+  for (int i = 0; i < argc; ++i) {
+    if (GpcNamesEqual(argn[i], "gpcproductversion")) return argv[i];
+  }
+  return nullptr;
+}
+
+bool WriteRecord(FILE* file, const char* name, const char* value) {
+  return fprintf(file, "[NAME]-=-%s-=-[VALUE]-=-%s-=-\r", name ? name : "", value ? value : "") >= 0;
+}
+
+// The current absolute time with six decimals, always with a decimal point whatever the
+// browser's numeric locale.
+std::string StartTimeText() {
+  char text[G_ASCII_DTOSTR_BUF_SIZE];
+  g_ascii_formatd(text, sizeof text, "%f", platform::AbsoluteTimeGetCurrent());
+  return text;
+}
+
+}  // namespace
+
+bool SaveParameters(int argc, char** argn, char** argv) {
+  std::string path = platform::UserApplicationSupportDir();
+  if (path.empty()) {
+    MacErrorTrace("SaveParameters,call FSFindFolder result code =%d", kFileNotFound);
+    return false;
+  }
+  if (path.size() > kLongestPath) {
+    MacErrorTrace("SaveParameters,call FSRefMakePath result code =%d", -ENAMETOOLONG);
+    return false;
+  }
+  AppendComponent(&path, kTalvoFolder);
+  if (int result = EnsureFolder(path); result != 0) {
+    MacErrorTrace("SaveParameters,talvo folder,call FSPathMakeRef result code =%d", result);
+    return false;
+  }
+
+  const char* version = ProductVersionOf(argc, argn, argv);
+  if (version == nullptr || version[0] == '\0') {
+    MacErrorTrace("SaveParameters,gpcproductversion is nil!");
+    return false;
+  }
+  path.push_back('/');
+  path.append(version);
+  if (int result = EnsureFolder(path); result != 0) {
+    MacErrorTrace("SaveParameters,%s,call FSPathMakeRef result code =%d", version, result);
+    return false;
+  }
+
+  path.push_back('/');
+  path.append(kParameterFileName);
+  FILE* file = fopen(path.c_str(), "wb");
+  if (file == nullptr) {
+    MacErrorTrace("SaveParameters,fopen %s failed!", path.c_str());
+    return false;
+  }
+  bool written = true;
+  for (int i = 0; i < argc; ++i) written = WriteRecord(file, argn[i], argv[i]) && written;
+  written = WriteRecord(file, "gpcstartworktime", StartTimeText().c_str()) && written;
+  if (fclose(file) != 0) written = false;
+  // The file is advisory for the local software; a short write does not stop the instance.
+  if (!written) MacErrorTrace("SaveParameters,write %s failed: %s", path.c_str(), strerror(errno));
+  return true;
+}

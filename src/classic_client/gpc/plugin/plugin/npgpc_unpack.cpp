@@ -1,0 +1,116 @@
+// Unpacking of a verified 7z package with the unpacking library shipped in the plug-in's bundle.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "gpcutil.h"
+#include "platform/bundle.h"
+#include "plugin/plugin/npgpcimp.h"
+#include "trace.h"
+
+namespace {
+
+const unsigned char k7zSignature[6] = {0x37, 0x7A, 0xBC, 0xAF, 0x27, 0x1C};
+const size_t kLongestPath = 1023;
+const uint32_t kUnpackNoSource = 20100;
+const uint32_t kUnpackNot7z = 20009;
+const uint32_t kUnpackNoUnpacker = 20007;
+
+bool Has7zSignature(const char* path) {
+  FILE* file = fopen(path, "rb");
+  if (file == nullptr) return false;
+  unsigned char head[sizeof k7zSignature] = {};
+  const size_t read = fread(head, 1, sizeof head, file);
+  fclose(file);
+  return read == sizeof head && memcmp(head, k7zSignature, sizeof head) == 0;
+}
+
+bool EndsWith(const std::string& text, const char* suffix) {
+  const size_t length = strlen(suffix);
+  return text.size() >= length && text.compare(text.size() - length, length, suffix) == 0;
+}
+
+// The folder to extract into. A bundle-like target is a folder the archive itself holds, so
+// extraction goes into the folder that contains it.
+std::string DestinationFolderOf(const char* target, bool* targetIsFolder) {
+  std::string folder = target ? target : "";
+  if (!folder.empty() && folder.back() == '/') folder.pop_back();
+  *targetIsFolder = false;
+  for (const char* suffix : {".app", ".bundle", ".pkg", ".framework"}) {
+    if (!EndsWith(folder, suffix)) continue;
+    const size_t slash = folder.rfind('/');
+    if (slash != std::string::npos) {
+      *targetIsFolder = true;
+      folder.erase(slash);
+    }
+    break;
+  }
+  return folder;
+}
+
+}  // namespace
+
+uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, int flags) {
+  (void)flags;
+  if (archive == nullptr) {
+    MacErrorTrace("CGpcWindow::UnpackFile,src file is nil!");
+    return kUnpackNoSource;
+  }
+  MacInfoTrace("CGpcWindow::UnpackFile, srcFile = %s, destFile = %s", archive, destination ? destination : "");
+  if (!Has7zSignature(archive)) {
+    MacErrorTrace("CGpcWindow::UnpackFile,file is not 7zip file!");
+    return kUnpackNot7z;
+  }
+  bool targetIsFolder = false;
+  const std::string folder = DestinationFolderOf(destination, &targetIsFolder);
+
+  if (m_h7zLib == nullptr) {
+    std::string library = platform::PluginBundlePath();
+    if (library.empty() || library.size() > kLongestPath) return kUnpackNoSource;
+    if (library.back() != '/') library.push_back('/');
+    library += "Contents/Frameworks/lib7zip.so";
+    m_h7zLib = dlopen(library.c_str(), RTLD_LAZY | RTLD_LOCAL);
+    if (m_h7zLib == nullptr) {
+      const char* error = dlerror();
+      MacErrorTrace("dlopen lib7zip.dylib failed, path = %s, err = %s", library.c_str(), error ? error : "");
+      return kUnpackNoUnpacker;
+    }
+    dlerror();
+    void* entry = dlsym(m_h7zLib, "GpcDecompressFile7z");
+    if (const char* error = dlerror()) {
+      MacErrorTrace("dlsym lib7zip.dylib failed, path = %s, err = %s", library.c_str(), error);
+      return kUnpackNoUnpacker;
+    }
+    m_pfnDecompressFile7z = reinterpret_cast<GpcDecompressFile7zProc>(entry);
+    MacInfoTrace("Load 7zip.dylib success");
+  }
+  if (m_pfnDecompressFile7z == nullptr) {
+    MacErrorTrace("interface in 7zip.dylib failed!");
+    return kUnpackNoUnpacker;
+  }
+
+  // The old target goes first; there is no backup.
+  if (destination != nullptr) RemoveFile(destination);
+  const int32_t result = m_pfnDecompressFile7z(archive, folder.c_str());
+  if (result == 0) {
+    RemoveFile(archive);
+    const std::string command = "chmod -R go-w \"" + folder + "\"";
+    if (system(command.c_str()) != 0) MacWarnTrace("CGpcWindow::UnpackFile,%s failed", command.c_str());
+    MacInfoTrace("CGpcWindow::UnpackFile,unpack file success!");
+    return 0;
+  }
+  MacErrorTrace("CGpcWindow::UnpackFile,call GpcDecompressFile7z failed[%d],destfile=%s!", result,
+                destination ? destination : "");
+  if (targetIsFolder) {
+    MacErrorTrace("CGpcWindow::UnpackFile, delete the folder of target = %s", destination);
+    rmdir(destination);
+  } else if (destination != nullptr) {
+    MacErrorTrace("CGpcWindow::UnpackFile, delete the file of target = %s", destination);
+    unlink(destination);
+  }
+  return static_cast<uint32_t>(result);
+}

@@ -1,0 +1,182 @@
+// The plug-in instance: construction, the heartbeat that drives all of its work, the window and
+// event entry points, and teardown.
+#include "plugin/plugin/npgpcimp.h"
+
+#include <dlfcn.h>
+#include <glib.h>
+
+#include "platform/system_version.h"
+#include "trace.h"
+
+namespace {
+
+// Below this system version no timer is installed: every browser event runs one heartbeat.
+const uint32_t kTimerSystemVersion = 0x1060;
+const guint kHeartbeatIntervalMs = 50;
+
+bool HeartbeatRunsOnTimer() { return platform::SystemVersion() >= kTimerSystemVersion; }
+
+gboolean OnHeartbeatSource(gpointer datum) {
+  GPCWindowTimerProc(nullptr, datum);
+  return G_SOURCE_CONTINUE;
+}
+
+}  // namespace
+
+void GPCWindowTimerProc(void* timer, void* datum) {
+  (void)timer;
+  if (datum == nullptr) return;
+  static_cast<CGpcWindow*>(datum)->OnTimer();
+}
+
+int GpcStreamCallback(GPCMessage* message) {
+  if (message != nullptr && message->context != nullptr) {
+    static_cast<CGpcWindow*>(message->context)->OnGpcStreamMessage(message);
+  }
+  return 0;
+}
+
+CGpcWindow::CGpcWindow(NPP instance)
+    : m_nppInstance(instance), m_provider(this, instance), m_extMgr(this) {
+  MacInfoTrace("CGpcWindow::CGpcWindow");
+  FillServiceTable();
+  if (HeartbeatRunsOnTimer()) InstallHeartbeatTimer();
+  InitGpcWindow();
+}
+
+CGpcWindow::~CGpcWindow() {
+  MacInfoTrace("CGpcWindow::~CGpcWindow,Begin");
+  ExitGpcWindow();
+  RemoveHeartbeatTimer();
+  if (m_hExtModule != nullptr) {
+    dlclose(m_hExtModule);
+    m_hExtModule = nullptr;
+  }
+  CleanupDownloadingStreamFiles();
+  CleanupFrameTargets();
+  for (GPCDownloadTask* task : m_vectorDownloadTask) delete task;
+  m_vectorDownloadTask.clear();
+  for (GpcDownloadSlot& slot : m_downloadSlots) {
+    delete slot.task;
+    slot.task = nullptr;
+  }
+  for (CItem* item : m_vectorParam) delete item;
+  m_vectorParam.clear();
+  if (m_h7zLib != nullptr) {
+    dlclose(m_h7zLib);
+    m_h7zLib = nullptr;
+  }
+  // What is left of the queue was never handed to a fetch.
+  for (CGetFileItem* item : m_vectorFileItem) delete item;
+  m_vectorFileItem.clear();
+}
+
+void CGpcWindow::FillServiceTable() { FillGpcServiceTable(&m_serviceTable); }
+
+void CGpcWindow::InstallHeartbeatTimer() {
+  GSource* source = g_timeout_source_new(kHeartbeatIntervalMs);
+  // The first heartbeat comes at once; the later ones every interval.
+  g_source_set_ready_time(source, g_get_monotonic_time());
+  g_source_set_callback(source, OnHeartbeatSource, this, nullptr);
+  m_hTimer = g_source_attach(source, nullptr);
+  g_source_unref(source);
+}
+
+void CGpcWindow::RemoveHeartbeatTimer() {
+  if (m_hTimer == 0) return;
+  g_source_remove(m_hTimer);
+  m_hTimer = 0;
+}
+
+void CGpcWindow::InitGpcWindow() {
+  MacInfoTrace("CGpcWindow::InitGpcWindow Begin");
+  void* sap = nullptr;
+  GpcRegisterStreamSap(GpcStreamCallback, this, this, &sap);
+  m_streamSap = sap;
+  MacInfoTrace("CGpcWindow::InitGpcWindow End");
+}
+
+void CGpcWindow::ExitGpcWindow() {
+  MacInfoTrace("CGpcWindow::ExitGpcWindow,Begin");
+  ExitExtension();
+  if (m_streamSap != nullptr) {
+    GpcUnregisterStreamSap(m_streamSap);
+    m_streamSap = nullptr;
+    m_streamSapId = nullptr;
+  }
+  CloseDownloadingStreamFile();
+  MacInfoTrace("CGpcWindow::ExitGpcWindow,End");
+}
+
+void CGpcWindow::OnTimer() {
+  if (m_bHalted != 0) {
+    // While halted only navigations go out, so that an error page still shows.
+    CheckLocationChanging();
+    return;
+  }
+  if (m_bExtMgrStarted == 0) {
+    m_bExtMgrStarted = 1;
+    m_extMgr.Init();
+  }
+  if (m_bNeedInitExtension) {
+    m_bNeedInitExtension = false;
+    InitExtension();
+  }
+  if (m_pfnGpcHeartbeat != nullptr) m_pfnGpcHeartbeat(this, m_pExtData);
+  // A heartbeat entered again from inside these steps (an event during a dialog, say) must
+  // not run them a second time.
+  if (m_bSuspendFetching == 0 && m_nTimerDepth < 1) {
+    ++m_nTimerDepth;
+    CheckFileDownloading();
+    CheckLocationChanging();
+    --m_nTimerDepth;
+  }
+}
+
+NPError CGpcWindow::SetWindow(NPWindow* window) {
+  // Only the first record is kept; later ones still reach the extension.
+  if (m_pNativeWindow == nullptr) m_pNativeWindow = window;
+  if (m_pfnGpcSetWindow != nullptr) m_pfnGpcSetWindow(this, window, m_pExtData);
+  return NPERR_NO_ERROR;
+}
+
+bool CGpcWindow::HandleEvent(void* event, bool flag) {
+  bool handled = false;
+  if (m_pfnGpcHandleEvent != nullptr) handled = m_pfnGpcHandleEvent(this, event, flag, m_pExtData) != 0;
+  if (!HeartbeatRunsOnTimer()) OnTimer();
+  return handled;
+}
+
+bool CGpcWindow::FApprovedDomain(const char* url, uint32_t reserved,
+                                 const IObjectSafetySiteLock::SiteList* list, int32_t count) {
+  MacInfoTrace("CGpcWindow::FApprovedDomain,url=%s", url ? url : "");
+  if (CSiteCheck<CGpcWindow>::FApprovedDomain(url, reserved, list, count)) return true;
+  return SiteLockSwitchedOff(GetParameter("gpcsitelock"));
+}
+
+void CGpcWindow::ExitExtension() {
+  MacInfoTrace("CGpcWindow::ExitExtension,Begin");
+  if (m_pfnGpcExitInstance != nullptr) {
+    // Cleared first, so that an exit entered again cannot call it twice.
+    GpcExitInstanceProc exitInstance = m_pfnGpcExitInstance;
+    m_pfnGpcExitInstance = nullptr;
+    exitInstance(this, m_pExtData);
+  }
+  if (m_hExtModule != nullptr) dlclose(m_hExtModule);
+  m_hExtModule = nullptr;
+  m_pfnGpcInitInstance = nullptr;
+  m_pfnGpcExitInstance = nullptr;
+  m_pfnGpcHeartbeat = nullptr;
+  m_pfnGpcActionNotify = nullptr;
+  m_pfnGpcSetWindow = nullptr;
+  m_pfnGpcHandleEvent = nullptr;
+  MacInfoTrace("CGpcWindow::ExitExtension,End");
+}
+
+void CGpcWindow::InitExtension() {
+  MacInfoTrace("CGpcWindow::InitExtension,Begin");
+  // UNFINISHED: loading the extension bundle, resolving its entry points and calling
+  // "GpcInitInstance" come with the extension-loading work. Until then no extension is
+  // loaded and the instance runs on without one.
+  MacInfoTrace("CGpcWindow::InitExtension,End");
+}

@@ -1,0 +1,228 @@
+// The plug-in instance (CGpcWindow), its extension manager (CGpcExtMgr) and the records they
+// keep: parameters, pending file fetches and pending navigations of the hosting page.
+//
+// Everything here runs on the browser's main thread. The instance owns every object it points
+// to and frees all of them in its destructor. No GLib, curl or OpenSSL type appears here: the
+// heartbeat's event-loop source is kept as its numeric id.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "gpcdownloadtask.h"      // IGPCDownloadNotify, GPCDownloadTask
+#include "plugin/plugin/npapi.h"
+#include "plugin/plugin/npapiimp.h"  // CGpcProvider, the services; through it gpc/gpc_extension.h:
+                                     // GPCMessage, GpcServiceTable, the entry-point and fetch types
+#include "sitelock/sitelock.h"    // CSiteCheck<T>, IObjectSafetySiteLock::SiteList
+
+class CGpcWindow;
+
+// The start report that every new instance sends to the logging service.
+constexpr int kGpcStartReportCode = 1000;
+
+// Notification datum of the browser stream that carries the hosting page's URL.
+#define NOTIFICATION_GET_HOSTSITE 100
+
+// The unpacking library's one entry: extracts every entry of the archive below the folder.
+typedef int32_t (*GpcDecompressFile7zProc)(const char* archive, const char* destinationFolder);
+
+// One queued file fetch.
+class CGetFileItem {
+ public:
+  CGetFileItem(GpcGetFileNotifyProc callback, void* context, const char* url)
+      : m_pfnCallback(callback), m_pContext(context), m_strUrl(url ? url : "") {}
+
+  GpcGetFileNotifyProc m_pfnCallback;
+  void* m_pContext;
+  std::string m_strUrl;
+  uint32_t m_nReceivedBytes = 0;
+};
+
+// One pending navigation of the hosting page (or a frame of it).
+class CFrameTarget {
+ public:
+  CFrameTarget(const char* target, const char* url)
+      : m_strTarget(target ? target : ""), m_strUrl(url ? url : "") {}
+
+  std::string m_strTarget;  // empty: no target
+  std::string m_strUrl;
+  bool m_bRequested = false;  // the browser has accepted the request; waiting for its notification
+  int32_t m_nRetries = 0;     // failed loads so far
+};
+
+// The extension manager: where the extension lives, what it is called, where its package comes
+// from, and the start of the update check. Its progress flags live in the owning window.
+class CGpcExtMgr {
+ public:
+  explicit CGpcExtMgr(CGpcWindow* window);
+  virtual ~CGpcExtMgr();
+
+  // Starts the update check; the heartbeat calls it once per instance.
+  void Init();
+
+  // Folder of the local (shipped) or of the user (downloaded) extension; empty on failure.
+  std::string GetExtensionDir(bool local);
+  // File name of the user extension bundle ("GpcExtName" or "zrgpcext64", plus ".bundle").
+  std::string GetExtensionName();
+  // Full path of the local or the user extension bundle; the bare bundle name when the folder
+  // cannot be found.
+  std::string GetExtensionPath(bool local);
+  // URL of the extension package under "GpcUrlRoot".
+  std::string GetExtensionUrl();
+
+  // Asks the next heartbeat to load the extension.
+  void LoadExtension();
+
+  // The update decision: load what is installed, or fetch the package.
+  void CheckExtension();
+  // True when `file` is missing or its version differs from `requiredVersion`.
+  bool NeedUpdate(const char* file, const char* requiredVersion);
+  // Receives the fetched package (verification, unpacking).
+  static void GpcGetFileNotify(void* instance, void* context, GPCGetFileNotifyMessageType type,
+                               void* data);
+
+  CGpcWindow* m_pWindow;  // not owned
+};
+
+// One parallel download slot: the task (owned; null when free) and its URL.
+struct GpcDownloadSlot {
+  GPCDownloadTask* task;
+  char url[1024];
+};
+
+class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
+ public:
+  // One page parameter: a name and a value; an empty value stands for an absent one.
+  class CItem {
+   public:
+    CItem(const std::string& name, const std::string& value) : m_strName(name), m_strValue(value) {}
+    CItem(const char* name, const char* value)
+        : m_strName(name ? name : ""), m_strValue(value ? value : "") {}
+
+    std::string m_strName;
+    std::string m_strValue;
+  };
+
+  explicit CGpcWindow(NPP instance);
+
+  // The host-page and URL-root approval: the trusted-site list, else the "gpcsitelock" escape.
+  bool FApprovedDomain(const char* url, uint32_t reserved, const IObjectSafetySiteLock::SiteList* list,
+                       int32_t count) override;
+  ~CGpcWindow() override;
+  void OnDownloadCompleate() override;
+  void OnDataReceived(unsigned size, void* item) override;
+
+  // Lifecycle and heartbeat.
+  void InitGpcWindow();
+  void ExitGpcWindow();
+  void OnTimer();
+  NPError SetWindow(NPWindow* window);
+  bool HandleEvent(void* event, bool flag);
+  void* GetGpcCookie() { return this; }
+  NPWindow* GetPluginNativeWindow() { return m_pNativeWindow; }
+  // True while the heartbeat timer is installed.
+  bool HasHeartbeatTimer() const { return m_hTimer != 0; }
+
+  // Parameters.
+  bool SetParameters(int argc, char** argn, char** argv);
+  bool SetParameter(const char* name, const char* value);
+  void SetParameterVector(const std::string& name, const std::string& value);
+  const char* GetParameter(const char* name);
+  bool GetParameterAt(int index, const char** name, const char** value);
+  int GetParameterCount();
+  bool ValidateParameterLength(const char* name, const char* value);
+
+  // Navigation of the hosting page.
+  bool ChangeLocation(const char* target, const char* url);
+  void AddFrameTargetLocation(const char* target, const char* url);
+  CFrameTarget* GetNextFrameTargetLocation();
+  void RemoveNextFrameTargetLocation();
+  void CheckLocationChanging();
+  void OnGetUrlNotify(const char* url, NPReason reason);
+  NPError OnNppDestroyStream(NPStream* stream, NPReason reason);
+  void CleanupFrameTargets();
+
+  // Error reporting.
+  void ShowMessage(int code, const char* extra);
+  void ShowMessage(const char* text, const char* caption);
+  std::string LoadResourceString(int id);
+  bool WriteErrorLog(int code, const char* extra);
+
+  // File fetching.
+  bool GetFileAtUrl(GpcGetFileNotifyProc callback, void* context, const char* url);
+  void CheckFileDownloading();
+  bool OpenDownloadingStreamFile();
+  void AppendToDownloadingStreamFile(unsigned char* data, unsigned len);
+  void FinishDownloadingStreamFile(bool success);
+  void CloseDownloadingStreamFile();
+  void CleanupDownloadingStreamFiles();
+  void CheckDownloadingTasks();
+  void StopDownload();
+  bool isMyURL(std::string url);
+  void OnGpcStreamMessage(GPCMessage* message);
+
+  // The extension.
+  void InitExtension();
+  void ExitExtension();
+  uint32_t UnpackFile(const char* archive, const char* destination, int flags);
+
+  // Fields, in this order.
+  NPP m_nppInstance;
+  NPWindow* m_pNativeWindow = nullptr;
+  CGpcProvider m_provider;
+  CGpcExtMgr m_extMgr;
+  void* m_streamSapId = nullptr;
+  void* m_streamSap = nullptr;
+  GpcServiceTable m_serviceTable;
+  bool m_bNeedInitExtension = false;
+  void* m_hExtModule = nullptr;  // the loaded extension bundle; ExitExtension releases it
+  GpcInitInstanceProc m_pfnGpcInitInstance = nullptr;
+  GpcExitInstanceProc m_pfnGpcExitInstance = nullptr;
+  GpcHeartbeatProc m_pfnGpcHeartbeat = nullptr;
+  GpcActionNotifyProc m_pfnGpcActionNotify = nullptr;
+  GpcSetWindowProc m_pfnGpcSetWindow = nullptr;
+  GpcHandleEventProc m_pfnGpcHandleEvent = nullptr;
+  std::vector<CGetFileItem*> m_vectorFileItem;
+  int32_t m_nStreamFileId = -1;
+  std::vector<CFrameTarget*> m_vectorFrameTarget;
+  std::vector<CItem*> m_vectorParam;
+  std::string m_strStreamFilePath;
+  FILE* m_pStreamFile = nullptr;
+  int32_t m_bExtMgrStarted = 0;
+  int32_t m_bHalted = 1;
+  int32_t m_nTimerDepth = 0;
+  int32_t m_bSuspendFetching = 0;
+  int32_t m_bParamsValid = 1;
+  std::string m_strBadParamName;
+  void* m_pExtData = nullptr;
+  int32_t m_nExtCheckState = 0;
+  int32_t m_nFetchReady = 1;
+  GpcDownloadSlot m_downloadSlots[5] = {};
+  std::vector<GPCDownloadTask*> m_vectorDownloadTask;
+  unsigned m_hTimer = 0;  // the heartbeat's event-loop source id; 0 when none is installed
+  void* m_h7zLib = nullptr;
+  GpcDecompressFile7zProc m_pfnDecompressFile7z = nullptr;
+
+ private:
+  void InstallHeartbeatTimer();
+  void RemoveHeartbeatTimer();
+  void FillServiceTable();
+};
+
+// The heartbeat timer's callback: a null datum is ignored.
+void GPCWindowTimerProc(void* timer, void* datum);
+
+// The callback of the instance's own stream access point.
+int GpcStreamCallback(GPCMessage* message);
+
+// Writes the page's parameters to "talvoparameters.txt" in the product version's folder.
+bool SaveParameters(int argc, char** argn, char** argv);
+
+// What NPP_New keeps in the browser's NPP record (pdata).
+struct InstanceRecord {
+  void* nativeWindowSubclass;
+  int32_t mode;
+  CGpcWindow* gpcWindow;
+};

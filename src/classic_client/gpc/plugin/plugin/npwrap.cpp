@@ -1,0 +1,192 @@
+// The per-instance handlers: every browser call for one plug-in instance arrives here and goes
+// on to the instance (CGpcWindow) or to its stream provider.
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "plugin/plugin/npgpcimp.h"
+#include "plugin/plugin/npplugin.h"
+#include "trace.h"
+
+namespace {
+
+// Accept everything the browser has.
+const int32_t kAcceptAll = 0x0FFFFFFF;
+
+InstanceRecord* RecordOf(NPP instance) {
+  return instance ? static_cast<InstanceRecord*>(instance->pdata) : nullptr;
+}
+
+CGpcWindow* WindowOf(NPP instance) {
+  InstanceRecord* record = RecordOf(instance);
+  return record ? record->gpcWindow : nullptr;
+}
+
+bool IsHostSiteStream(const NPStream* stream) {
+  return stream != nullptr &&
+         reinterpret_cast<uintptr_t>(stream->notifyData) == static_cast<uintptr_t>(NOTIFICATION_GET_HOSTSITE);
+}
+
+unsigned Low32(const void* pointer) {
+  return static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer) & 0xFFFFFFFFu);
+}
+
+// The hosting page's URL, delivered as the body of the host-site stream, is judged by the site
+// lock: approval lets the heartbeat proceed, refusal shows error 111.
+void CheckHostSite(CGpcWindow* window, int32_t len, const void* buffer) {
+  char* url = new (std::nothrow) char[static_cast<size_t>(len) + 1]();
+  if (url == nullptr) return;
+  if (buffer != nullptr && len > 0) std::memcpy(url, buffer, static_cast<size_t>(len));
+  if (window->FApprovedDomain(url, 0, rgslTrustedSites, kGpcTrustedSiteCount)) {
+    window->m_bHalted = 0;
+  } else {
+    window->ShowMessage(111, nullptr);
+  }
+  MacInfoTrace("NPWRAP : NPP_Write,The URL of the host page: %s", url);
+  delete[] url;
+}
+
+}  // namespace
+
+NPError NPP_Initialize(void) {
+  MacInfoTrace("NPWRAP : NPP_Initialize");
+  return NPERR_NO_ERROR;
+}
+
+void NPP_Shutdown(void) { MacInfoTrace("NPWRAP : NPP_Shutdown"); }
+
+void* NPP_GetJavaClass(void) { return nullptr; }
+
+NPError NPP_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t argc, char* argn[], char* argv[],
+                NPSavedData* saved) {
+  (void)pluginType;
+  (void)saved;
+  MacInfoTrace("NPWRAP : NPP_New");
+  if (instance == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
+  InstanceRecord* record = static_cast<InstanceRecord*>(NPN_MemAlloc(sizeof(InstanceRecord)));
+  if (record == nullptr) return NPERR_OUT_OF_MEMORY_ERROR;
+  record->nativeWindowSubclass = nullptr;
+  record->mode = mode;
+  record->gpcWindow = nullptr;
+  instance->pdata = record;
+
+  record->gpcWindow = new (std::nothrow) CGpcWindow(instance);
+  if (record->gpcWindow == nullptr) return NPERR_OUT_OF_MEMORY_ERROR;
+  // A failure only leaves the instance halted.
+  record->gpcWindow->SetParameters(argc, argn, argv);
+  record->gpcWindow->WriteErrorLog(kGpcStartReportCode, nullptr);
+  return NPERR_NO_ERROR;
+}
+
+NPError NPP_Destroy(NPP instance, NPSavedData** save) {
+  (void)save;
+  MacInfoTrace("NPWRAP : NPP_Destroy");
+  if (instance == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
+  InstanceRecord* record = RecordOf(instance);
+  if (record != nullptr) {
+    delete record->gpcWindow;
+    record->gpcWindow = nullptr;
+    if (record->nativeWindowSubclass != nullptr) MacInfoTrace("NPWRAP : Unsubclass native plugin window");
+    NPN_MemFree(record);
+    instance->pdata = nullptr;
+  }
+  return NPERR_NO_ERROR;
+}
+
+NPError NPP_SetWindow(NPP instance, NPWindow* window) {
+  MacInfoTrace("NPWRAP : SetWindow");
+  if (instance == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
+  return WindowOf(instance)->SetWindow(window);
+}
+
+NPError NPP_NewStream(NPP instance, NPMIMEType type, NPStream* stream, NPBool seekable, uint16_t* stype) {
+  MacInfoTrace("NPWRAP : NPP_NewStream,Mimetype = %s,inst = %08X, stream = %08X", type ? type : "",
+               Low32(instance), Low32(stream));
+  if (stream != nullptr && stream->url != nullptr) {
+    MacInfoTrace("NPWRAP : NPP_NewStream,request url is %s.", stream->url);
+  }
+  if (instance == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
+  // The host-site stream, and any stream without an instance behind it, keeps the browser's
+  // default stream type.
+  if (IsHostSiteStream(stream)) return NPERR_NO_ERROR;
+  CGpcWindow* window = WindowOf(instance);
+  if (window == nullptr) return NPERR_NO_ERROR;
+  return window->m_provider.OnNppNewStream(type, stream, seekable, stype);
+}
+
+int32_t NPP_WriteReady(NPP instance, NPStream* stream) {
+  if (instance == nullptr || IsHostSiteStream(stream)) return kAcceptAll;
+  CGpcWindow* window = WindowOf(instance);
+  if (window == nullptr) return kAcceptAll;
+  return window->m_provider.OnNppWriteReady(stream);
+}
+
+int32_t NPP_Write(NPP instance, NPStream* stream, int32_t offset, int32_t len, void* buffer) {
+  MacInfoTrace("NPWRAP : NPP_Write");
+  CGpcWindow* window = WindowOf(instance);
+  if (window == nullptr) return len;
+  if (!IsHostSiteStream(stream)) return window->m_provider.OnNppWrite(stream, offset, len, buffer);
+  CheckHostSite(window, len, buffer);
+  return len;
+}
+
+NPError NPP_DestroyStream(NPP instance, NPStream* stream, NPReason reason) {
+  MacInfoTrace("NPWRAP : NPP_DestroyStream: inst = %08X, stream = %08X, reason = %08X", Low32(instance),
+               Low32(stream), static_cast<unsigned>(reason));
+  if (stream != nullptr && stream->url != nullptr) {
+    MacInfoTrace("NPWRAP : NPP_DestroyStream,request url is %s.", stream->url);
+  }
+  if (instance == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
+  if (IsHostSiteStream(stream)) {
+    MacInfoTrace("NPWRAP : NPP_DestroyStream: notifydata == NOTIFICATION_GET_HOSTSITE.");
+    return NPERR_NO_ERROR;
+  }
+  NPError result = NPERR_NO_ERROR;
+  if (CGpcWindow* window = WindowOf(instance)) {
+    result = window->m_provider.OnNppDestroyStream(stream, reason);
+    // A stream that is none of the provider's and that finished may be a navigation of the
+    // window's own queue.
+    if (result == NPERR_NO_DATA && reason == NPRES_DONE) {
+      MacInfoTrace(
+          "NPWRAP : NPP_DestroyStream,it is not gpc provider request, so need call gpcwindow handle this "
+          "event, stream url = %s",
+          (stream && stream->url) ? stream->url : "nil");
+      result = window->OnNppDestroyStream(stream, NPRES_DONE);
+    }
+  }
+  MacInfoTrace("NPWRAP : NPP_DestroyStream: return value is %d", result);
+  return result;
+}
+
+void NPP_StreamAsFile(NPP instance, NPStream* stream, const char* fname) {
+  MacInfoTrace("NPWRAP : NPP_StreamAsFile");
+  if (CGpcWindow* window = WindowOf(instance)) window->m_provider.OnNppStreamAsFile(stream, fname);
+}
+
+void NPP_Print(NPP instance, NPPrint* platformPrint) {
+  MacInfoTrace("NPWRAP : NPP_Print");
+  if (instance == nullptr || platformPrint == nullptr) return;
+  // Full-page printing is left to the browser; embedded printing draws nothing.
+  if (platformPrint->mode == NP_FULL) platformPrint->print.fullPrint.pluginPrinted = false;
+}
+
+void NPP_URLNotify(NPP instance, const char* url, NPReason reason, void* notifyData) {
+  MacInfoTrace("NPWRAP : NPP_URLNotify,Reason : %d,inst = %08X, URL = %s, Data = %08X", reason, Low32(instance),
+               url ? url : "", Low32(notifyData));
+  if (instance == nullptr) return;
+  if (reinterpret_cast<uintptr_t>(notifyData) == static_cast<uintptr_t>(NOTIFICATION_GET_HOSTSITE)) return;
+  CGpcWindow* window = WindowOf(instance);
+  if (window == nullptr) return;
+  if (notifyData != nullptr) {
+    window->m_provider.OnNppUrlNotify(url, reason, notifyData);
+  } else {
+    window->OnGetUrlNotify(url, reason);
+  }
+}
+
+int16_t NPP_HandleEvent(NPP instance, void* event) {
+  if (instance == nullptr) return 0;
+  WindowOf(instance)->HandleEvent(event, true);
+  // Never reported as handled, whatever the extension answered.
+  return 0;
+}
