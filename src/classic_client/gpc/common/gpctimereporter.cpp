@@ -1,0 +1,194 @@
+// Time stamps as XML property lists, written atomically (a temporary file beside the target,
+// then rename), and the text form in the parameter file.
+#include "gpctimereporter.h"
+
+#include <plist/plist.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/folders.h"
+#include "trace.h"
+
+namespace {
+
+constexpr char kRootKey[] = "JMTRoot";
+constexpr char kMeetingIdKey[] = "meetingid";
+constexpr char kFolderName[] = "Talvo Folder";
+constexpr char kPlistFileName[] = "Info.plist";
+constexpr char kParameterFileName[] = "talvoparameters.txt";
+
+// Owns one plist node tree.
+class PlistHolder {
+ public:
+  explicit PlistHolder(plist_t node = nullptr) : m_node(node) {}
+  ~PlistHolder() {
+    if (m_node != nullptr) plist_free(m_node);
+  }
+  PlistHolder(const PlistHolder&) = delete;
+  PlistHolder& operator=(const PlistHolder&) = delete;
+  plist_t get() const { return m_node; }
+  void reset(plist_t node) {
+    if (m_node != nullptr) plist_free(m_node);
+    m_node = node;
+  }
+
+ private:
+  plist_t m_node;
+};
+
+std::string VersionFolderFile(const char* version, const char* fileName) {
+  if (version == nullptr) return std::string();
+  std::string path = platform::UserApplicationSupportDir();
+  if (path.empty()) return std::string();
+  if (path.back() != '/') path += '/';
+  path += kFolderName;
+  path += version;
+  path += fileName;
+  return path;
+}
+
+bool IsWritableFile(const std::string& path) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0 || S_ISDIR(info.st_mode)) return false;
+  return access(path.c_str(), W_OK) == 0;
+}
+
+bool ReadWholeFile(const std::string& path, std::vector<char>* data) {
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) return false;
+  char chunk[8192];
+  size_t got;
+  while ((got = fread(chunk, 1, sizeof chunk, file)) > 0) data->insert(data->end(), chunk, chunk + got);
+  bool ok = ferror(file) == 0;
+  fclose(file);
+  return ok;
+}
+
+// The file's root dictionary, or null when it is missing, unreadable or not a dictionary.
+plist_t LoadDictionary(const std::string& path) {
+  std::vector<char> data;
+  if (!ReadWholeFile(path, &data) || data.empty() || data.size() > UINT32_MAX) return nullptr;
+  plist_t root = nullptr;
+  plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
+  if (root != nullptr && plist_get_node_type(root) != PLIST_DICT) {
+    plist_free(root);
+    return nullptr;
+  }
+  return root;
+}
+
+// Writes `root` as an XML property list: a temporary file in the same folder, then rename, so
+// that a reader never sees half a file.
+bool WriteAtomically(plist_t root, const std::string& path) {
+  char* xml = nullptr;
+  uint32_t length = 0;
+  plist_to_xml(root, &xml, &length);
+  if (xml == nullptr) return false;
+
+  std::string pattern = path + ".XXXXXX";
+  std::vector<char> tempName(pattern.begin(), pattern.end());
+  tempName.push_back('\0');
+  int fd = mkstemp(tempName.data());
+  bool ok = fd >= 0;
+  if (ok) {
+    ok = fchmod(fd, 0644) == 0;
+    size_t written = 0;
+    while (ok && written < length) {
+      ssize_t n = write(fd, xml + written, length - written);
+      if (n < 0 && errno == EINTR) continue;
+      ok = n > 0;
+      if (ok) written += static_cast<size_t>(n);
+    }
+    ok = (close(fd) == 0) && ok;
+    ok = ok && rename(tempName.data(), path.c_str()) == 0;
+    if (!ok) unlink(tempName.data());
+  }
+  if (!ok) MacWarnTrace("gpctimereporter,write %s failed: %s", path.c_str(), strerror(errno));
+  plist_to_xml_free(xml);
+  return ok;
+}
+
+std::string StringValue(plist_t node) {
+  if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) return std::string();
+  char* text = nullptr;
+  plist_get_string_val(node, &text);
+  std::string value(text ? text : "");
+  free(text);
+  return value;
+}
+
+// "%f" without the host's locale: a browser may have switched LC_NUMERIC to a decimal comma.
+std::string FixedSixDecimals(double value) {
+  char buffer[64];
+  auto result = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, 6);
+  if (result.ec != std::errc()) return "0.000000";
+  return std::string(buffer, result.ptr);
+}
+
+}  // namespace
+
+std::string gpctimereporter::getPathOfPlistFileWithProductVersion(const char* version) {
+  return VersionFolderFile(version, kPlistFileName);
+}
+
+void gpctimereporter::clearTimeStampsIfMeetingIdNotMatch(const char* meetingId, const std::string& path) {
+  if (meetingId == nullptr || path.empty() || !IsWritableFile(path)) return;
+  PlistHolder root(LoadDictionary(path));
+  if (root.get() == nullptr) return;
+  plist_t stamps = plist_dict_get_item(root.get(), kRootKey);
+  if (stamps == nullptr || plist_get_node_type(stamps) != PLIST_DICT) return;
+  plist_t recorded = plist_dict_get_item(stamps, kMeetingIdKey);
+  if (recorded == nullptr || plist_get_node_type(recorded) != PLIST_STRING) return;
+  if (StringValue(recorded) == meetingId) return;
+
+  plist_t fresh = plist_new_dict();
+  plist_dict_set_item(fresh, kMeetingIdKey, plist_new_string(meetingId));
+  plist_dict_set_item(root.get(), kRootKey, fresh);  // frees the old stamps
+  WriteAtomically(root.get(), path);
+}
+
+void gpctimereporter::appendTimeStamp(const char* version, const char* meetingId, const char* key,
+                                      const char* value) {
+  (void)value;  // the current time is always what is stored
+  if (meetingId == nullptr || key == nullptr) return;
+  std::string path = getPathOfPlistFileWithProductVersion(version);
+  if (path.empty()) return;
+  clearTimeStampsIfMeetingIdNotMatch(meetingId, path);
+
+  PlistHolder root(LoadDictionary(path));
+  if (root.get() == nullptr) root.reset(plist_new_dict());
+  plist_t stamps = plist_dict_get_item(root.get(), kRootKey);
+  if (stamps == nullptr || plist_get_node_type(stamps) != PLIST_DICT) {
+    stamps = plist_new_dict();
+    plist_dict_set_item(root.get(), kRootKey, stamps);
+  }
+  plist_dict_set_item(stamps, key, plist_new_real(platform::AbsoluteTimeGetCurrent()));
+  plist_dict_set_item(stamps, kMeetingIdKey, plist_new_string(meetingId));
+  WriteAtomically(root.get(), path);
+}
+
+void gpctimereporter::appendTimeStamp(const char* version, const char* meetingId, const char* key) {
+  appendTimeStamp(version, meetingId, key, nullptr);
+}
+
+void gpctimereporter::appendTimeStamp(const char* version, const char* key) {
+  if (key == nullptr) return;
+  std::string path = VersionFolderFile(version, kParameterFileName);
+  if (path.empty() || !IsWritableFile(path)) return;
+  FILE* file = fopen(path.c_str(), "a");
+  if (file == nullptr) return;
+  fprintf(file, "[NAME]-=-%s-=-[VALUE]-=-%s-=-\r", key, FixedSixDecimals(platform::AbsoluteTimeGetCurrent()).c_str());
+  fclose(file);
+}
+
+void appendTimeStamp(const char* version, const char* name) {
+  gpctimereporter::appendTimeStamp(version, name);
+}
