@@ -56,6 +56,18 @@ bool PostBody(const char* buf, uint32_t len, NPBool file, std::string* body) {
   return true;
 }
 
+// What a browser's URL parser does first: tabs and line breaks anywhere, and spaces and control
+// characters at either end, are not part of the URL.
+std::string CleanUrl(const std::string& url) {
+  std::string out;
+  for (char c : url)
+    if (c != '\t' && c != '\n' && c != '\r') out += c;
+  size_t first = 0, last = out.size();
+  while (first < last && static_cast<unsigned char>(out[first]) <= 0x20) ++first;
+  while (last > first && static_cast<unsigned char>(out[last - 1]) <= 0x20) --last;
+  return out.substr(first, last - first);
+}
+
 const char* NullIfEmpty(const char* text) { return text != nullptr && *text != '\0' ? text : nullptr; }
 
 }  // namespace
@@ -381,7 +393,7 @@ NPError PluginHost::OnGetURL(const char* call, const char* url, const char* targ
     Navigate(request.release());
     return NPERR_NO_ERROR;
   }
-  Transfer* transfer = loader_->Start(request->url, post, body, kUserAgent);
+  Transfer* transfer = loader_->Start(CleanUrl(request->url), post, body, kUserAgent);
   if (transfer == nullptr) {
     JsonLine("fetch_end").Add("id", request->id).Add("url", request->url).Add("error", "refused by curl").Emit();
     return NPERR_GENERIC_ERROR;
