@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <regex>
 #include <string>
@@ -179,6 +180,29 @@ TEST_F(HostPlugin, HostRefusesWhatItCannotLoad) {
   EXPECT_EQ(bad.exit_code, 2);
   HostRun unmatched = gpchost::RunHost({"--param", "GpcProductVersion=3", "--exit-on-navigate", "never", "--run-ms", "50"});
   EXPECT_EQ(unmatched.exit_code, 3);
+}
+
+}  // namespace
+
+namespace {
+
+// The host page's URL arrives as the stream marked 100: a page off the approved sites shows
+// error 111, even for an instance that is halted already.
+TEST_F(HostPlugin, RefusedHostPageShowsError111) {
+  gpchost::RecordingServer server;
+  ASSERT_TRUE(server.Start());
+  std::vector<std::string> args = PageParams(server);
+  args.insert(args.end(), {"--param", "GpcUrlRoot=https://downloads.example.org/client/", "--page-url",
+                           "https://meetings.example.org/j/1", "--exit-on-navigate", "/error?", "--run-ms", "8000"});
+  HostRun run = gpchost::RunHost(args);
+  ASSERT_EQ(run.exit_code, 0) << run.stderr_text;
+  ASSERT_EQ(run.Of("page_url").size(), 1u);
+  EXPECT_EQ(run.Of("page_url")[0].Int("new_stream"), 0);
+  EXPECT_EQ(run.Of("page_url")[0].Int("written"), static_cast<long long>(strlen("https://meetings.example.org/j/1")));
+  int page = run.Find("navigate", "url", "/error?ErrorType=1&ErrorMsg=");
+  ASSERT_GE(page, 0);
+  EXPECT_NE(run.events[static_cast<size_t>(page)].Str("url").find("Error%20%5B111%5D"), std::string::npos);
+  EXPECT_GE(run.Find("request", "url", "ErrorCode=111&"), 0);
 }
 
 }  // namespace
