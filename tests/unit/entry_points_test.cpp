@@ -117,11 +117,15 @@ class EntryPoints : public ::testing::Test {
     platform::SetDebugStrSink([this](const std::string& text) { debug_strings_.push_back(text); });
   }
   void TearDown() override {
+    gpc::GPCTraceCatcher::releaseGlobal();
     platform::SetDebugStrSink(nullptr);
     platform::SetSystemVersionOverride(0);
   }
 
+  // Each load starts the trace catcher again; a browser loads a module once, so the previous
+  // one is ended first.
   NPError Load(uint16_t version) {
+    gpc::GPCTraceCatcher::releaseGlobal();
     browser_ = MakeBrowser(version);
     return NP_Initialize(&browser_, &plugin_);
   }
