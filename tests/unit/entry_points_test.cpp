@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/gpctracecatcher.h"
 #include "platform/debug_string.h"
 #include "platform/system_version.h"
 #include "plugin/plugin/npplugin.h"
@@ -116,11 +117,15 @@ class EntryPoints : public ::testing::Test {
     platform::SetDebugStrSink([this](const std::string& text) { debug_strings_.push_back(text); });
   }
   void TearDown() override {
+    gpc::GPCTraceCatcher::releaseGlobal();
     platform::SetDebugStrSink(nullptr);
     platform::SetSystemVersionOverride(0);
   }
 
+  // Each load starts the trace catcher again; a browser loads a module once, so the previous
+  // one is ended first.
   NPError Load(uint16_t version) {
+    gpc::GPCTraceCatcher::releaseGlobal();
     browser_ = MakeBrowser(version);
     return NP_Initialize(&browser_, &plugin_);
   }
@@ -339,6 +344,19 @@ TEST_F(Negotiation, DebugStringsFollowTheLifeOfTheModule) {
                                 "plugin,NP_GetEntryPoints start", "Private_Initialize",
                                 "plugin,NP_GetEntryPoints end", "Private_New", "Private_Destroy",
                                 "Private_Shutdown", "NP_Shutdown", "Private_Shutdown"}));
+}
+
+// The catcher collects from NP_Initialize on; ending an instance ends the collected trace.
+TEST_F(Negotiation, TraceCatcherLivesFromInitializeToInstanceEnd) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  bool seen = false;
+  for (const auto& entry : gpc::GPCTraceCatcher::sharedInstance()->allTraceInfo())
+    seen = seen || gpc::traceContent(*entry) == "plugin,NP_GetEntryPoints end";
+  EXPECT_TRUE(seen);
+  ASSERT_EQ(NewInstance(), NPERR_NO_ERROR);
+  DestroyInstance();
+  EXPECT_TRUE(gpc::GPCTraceCatcher::sharedInstance()->allTraceInfo().empty());
+  gpc::GPCTraceCatcher::releaseGlobal();
 }
 
 TEST_F(EntryPoints, RefusedInitializationStillTellsTheDebugSink) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/gpctracecatcher.h"
 #include "common/trace.h"
 #include "platform/debug_string.h"
 #include "platform/system_version.h"
@@ -33,13 +34,6 @@ void DebugAndLog(const char* text) {
   platform::DebugStr(pascal);
   MacInfoTrace("%s", text);
 }
-
-// The process-wide trace catcher: started with the module, ended with an instance or the module.
-namespace gpc_trace_catcher {
-void InitGlobal() {}
-void ClearSharedTrace() {}
-void ReleaseGlobal() {}
-}  // namespace gpc_trace_catcher
 
 // The browser's minor version, as the version gates see it.
 int BrowserMinorVersion() { return gNetscapeFuncs.version & 0xff; }
@@ -83,7 +77,7 @@ NPError CopyBrowserFuncs(const NPNetscapeFuncs* browser) {
 }
 
 NPError InitializeBrowserSide(NPNetscapeFuncs* browser) {
-  gpc_trace_catcher::InitGlobal();
+  gpc::GPCTraceCatcher::initGlobal();
   DebugAndLog("plugin,NP_Initialize start");
   NPError result = CopyBrowserFuncs(browser);
   DebugAndLog("plugin,NP_Initialize end");
@@ -137,8 +131,8 @@ NPError Private_Destroy(NPP instance, NPSavedData** save) {
   DebugAndLog("Private_Destroy");
   NPError result = NPP_Destroy(instance, save);
   Private_Shutdown();
-  gpc_trace_catcher::ClearSharedTrace();
-  gpc_trace_catcher::ReleaseGlobal();
+  gpc::GPCTraceCatcher::sharedInstance()->setAllTraceInfo(nullptr);
+  gpc::GPCTraceCatcher::releaseGlobal();
   return result;
 }
 
@@ -266,7 +260,7 @@ GPC_EXPORT NPError NP_GetEntryPoints(NPPluginFuncs* pluginFuncs) { return FillPl
 
 GPC_EXPORT NPError NP_Shutdown(void) {
   DebugAndLog("NP_Shutdown");
-  gpc_trace_catcher::ReleaseGlobal();
+  gpc::GPCTraceCatcher::releaseGlobal();
   Private_Shutdown();
   return NPERR_NO_ERROR;
 }

@@ -1,0 +1,63 @@
+#include "json_line.h"
+
+#include <cstdio>
+
+JsonLine::JsonLine(const char* event) { text_ = "{\"event\":\"" + Escape(event) + "\""; }
+
+void JsonLine::Key(const char* key) { text_ += ",\"" + Escape(key) + "\":"; }
+
+JsonLine& JsonLine::Add(const char* key, const std::string& value) {
+  Key(key);
+  text_ += "\"" + Escape(value) + "\"";
+  return *this;
+}
+
+JsonLine& JsonLine::Add(const char* key, const char* value) {
+  if (value == nullptr) {
+    Key(key);
+    text_ += "null";
+    return *this;
+  }
+  return Add(key, std::string(value));
+}
+
+JsonLine& JsonLine::Add(const char* key, int64_t value) {
+  Key(key);
+  text_ += std::to_string(value);
+  return *this;
+}
+
+JsonLine& JsonLine::AddBool(const char* key, bool value) {
+  Key(key);
+  text_ += value ? "true" : "false";
+  return *this;
+}
+
+void JsonLine::Emit() {
+  text_ += "}\n";
+  std::fwrite(text_.data(), 1, text_.size(), stdout);
+  std::fflush(stdout);
+}
+
+std::string JsonLine::Escape(const std::string& text) {
+  std::string out;
+  out.reserve(text.size() + 8);
+  for (unsigned char c : text) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20) {
+          char escaped[8];
+          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+          out += escaped;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out;
+}

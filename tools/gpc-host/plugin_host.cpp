@@ -1,0 +1,599 @@
+#include "plugin_host.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fstream>
+#include <iterator>
+#include <unistd.h>
+#include <vector>
+
+#include "json_line.h"
+
+namespace {
+
+PluginHost* g_host = nullptr;
+
+constexpr const char kPluginMime[] = "application/x-talvo-gpc";
+constexpr const char kUserAgent[] = "Mozilla/5.0 (X11; Linux x86_64) gpc-host/1.0";
+// The datum by which the plug-in recognises the stream that carries the page's own URL.
+void* const kHostPageDatum = reinterpret_cast<void*>(100);
+// A browser's table is longer than the part the plug-in reads; the host hands out a full one.
+constexpr uint16_t kBrowserVersion = 0x0013;
+constexpr int kMoreBrowserSlots = 40;
+constexpr int32_t kMaxWriteChunk = 64 * 1024;
+constexpr guint kWriteRetryMs = 10;
+
+struct FullBrowserFuncs {
+  NPNetscapeFuncs funcs;
+  void* more[kMoreBrowserSlots];
+};
+struct FullPluginFuncs {
+  NPPluginFuncs funcs;
+  void* more[8];
+};
+
+std::string MimeOf(const std::string& content_type) {
+  std::string mime = content_type.substr(0, content_type.find(';'));
+  while (!mime.empty() && mime.back() == ' ') mime.pop_back();
+  return mime.empty() ? "application/octet-stream" : mime;
+}
+
+// The body of a post: the buffer itself, or the file it names when `file` is set.
+bool PostBody(const char* buf, uint32_t len, NPBool file, std::string* body) {
+  if (!file) {
+    body->assign(buf != nullptr ? buf : "", buf != nullptr ? len : 0);
+    return true;
+  }
+  if (buf == nullptr) return false;
+  std::string path(buf, strnlen(buf, len));
+  if (path.rfind("file://", 0) == 0) path.erase(0, 7);
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  body->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return true;
+}
+
+// What a browser's URL parser does first: tabs and line breaks anywhere, and spaces and control
+// characters at either end, are not part of the URL.
+std::string CleanUrl(const std::string& url) {
+  std::string out;
+  for (char c : url)
+    if (c != '\t' && c != '\n' && c != '\r') out += c;
+  size_t first = 0, last = out.size();
+  while (first < last && static_cast<unsigned char>(out[first]) <= 0x20) ++first;
+  while (last > first && static_cast<unsigned char>(out[last - 1]) <= 0x20) --last;
+  return out.substr(first, last - first);
+}
+
+const char* NullIfEmpty(const char* text) { return text != nullptr && *text != '\0' ? text : nullptr; }
+
+}  // namespace
+
+struct PluginHost::Request {
+  int id = 0;
+  std::string call;
+  std::string url;
+  std::string target;
+  bool notify = false;
+  void* notify_data = nullptr;
+  bool post = false;
+  std::string body;
+
+  int transfer_id = 0;
+  bool http_failed = false;
+  NPStream stream = {};
+  bool stream_open = false;
+  uint16_t stype = NP_NORMAL;
+  int32_t offset = 0;
+  std::string headers;
+  std::string file_path;
+  FILE* file = nullptr;
+  int64_t bytes = 0;
+};
+
+// ---- The browser's functions, as the plug-in calls them --------------------------------------------
+
+struct BrowserCalls {
+  static NPError GetURL(NPP, const char* url, const char* target) {
+    return g_host->OnGetURL("GetURL", url, target, false, nullptr, false, std::string());
+  }
+  static NPError GetURLNotify(NPP, const char* url, const char* target, void* data) {
+    return g_host->OnGetURL("GetURLNotify", url, target, true, data, false, std::string());
+  }
+  static NPError PostURL(NPP, const char* url, const char* target, uint32_t len, const char* buf, NPBool file) {
+    std::string body;
+    if (!PostBody(buf, len, file, &body)) return NPERR_FILE_NOT_FOUND;
+    return g_host->OnGetURL("PostURL", url, target, false, nullptr, true, body);
+  }
+  static NPError PostURLNotify(NPP, const char* url, const char* target, uint32_t len, const char* buf,
+                               NPBool file, void* data) {
+    std::string body;
+    if (!PostBody(buf, len, file, &body)) return NPERR_FILE_NOT_FOUND;
+    return g_host->OnGetURL("PostURLNotify", url, target, true, data, true, body);
+  }
+  static NPError RequestRead(NPStream*, NPByteRange*) { return NPERR_STREAM_NOT_SEEKABLE; }
+  // Streams from the plug-in to the browser are not offered by this host.
+  static NPError NewStream(NPP, NPMIMEType type, const char* target, NPStream**) {
+    JsonLine("plugin_stream").Add("mime", type).Add("target", target).Add("result", NPERR_GENERIC_ERROR).Emit();
+    return NPERR_GENERIC_ERROR;
+  }
+  static int32_t Write(NPP, NPStream*, int32_t, void*) { return -1; }
+  static NPError DestroyStream(NPP, NPStream*, NPReason) { return NPERR_GENERIC_ERROR; }
+  static void Status(NPP, const char* message) { JsonLine("status").Add("message", message).Emit(); }
+  static const char* UserAgent(NPP) { return kUserAgent; }
+  static void* MemAlloc(uint32_t size) { return std::malloc(size); }
+  static void MemFree(void* ptr) { std::free(ptr); }
+  static uint32_t MemFlush(uint32_t) { return 0; }
+  static void ReloadPlugins(NPBool) {}
+  static void* GetJavaEnv(void) { return nullptr; }
+  static void* GetJavaPeer(NPP) { return nullptr; }
+  static NPError GetValue(NPP, NPNVariable variable, void* value) {
+    if (value == nullptr) return NPERR_INVALID_PARAM;
+    NPError result = NPERR_NO_ERROR;
+    switch (variable) {
+      case NPNVsupportsCoreGraphicsBool:
+      case NPNVsupportsCocoaBool:
+        *static_cast<NPBool*>(value) = g_host->options_.models;
+        break;
+      case NPNVSupportsXEmbedBool:
+      case NPNVprivateModeBool:
+      case NPNVisOfflineBool:
+      case NPNVSupportsWindowless:
+        *static_cast<NPBool*>(value) = false;
+        break;
+      case NPNVjavascriptEnabledBool:
+        *static_cast<NPBool*>(value) = true;
+        break;
+      default:
+        result = NPERR_GENERIC_ERROR;
+    }
+    JsonLine line("get_value");
+    line.Add("variable", static_cast<int>(variable)).Add("result", result);
+    if (result == NPERR_NO_ERROR) line.AddBool("value", *static_cast<NPBool*>(value) != 0);
+    line.Emit();
+    return result;
+  }
+  static NPError SetValue(NPP, NPPVariable variable, void* value) {
+    JsonLine("set_value")
+        .Add("variable", static_cast<int>(variable))
+        .Add("value", static_cast<int64_t>(reinterpret_cast<intptr_t>(value)))
+        .Emit();
+    return NPERR_NO_ERROR;
+  }
+  static void InvalidateRect(NPP, NPRect*) {}
+  static void InvalidateRegion(NPP, NPRegion) {}
+  static void ForceRedraw(NPP) {}
+
+  static void Fill(NPNetscapeFuncs* funcs) {
+    funcs->size = sizeof(FullBrowserFuncs);
+    funcs->version = kBrowserVersion;
+    funcs->geturl = GetURL;
+    funcs->posturl = PostURL;
+    funcs->requestread = RequestRead;
+    funcs->newstream = NewStream;
+    funcs->write = Write;
+    funcs->destroystream = DestroyStream;
+    funcs->status = Status;
+    funcs->uagent = UserAgent;
+    funcs->memalloc = MemAlloc;
+    funcs->memfree = MemFree;
+    funcs->memflush = MemFlush;
+    funcs->reloadplugins = ReloadPlugins;
+    funcs->getJavaEnv = GetJavaEnv;
+    funcs->getJavaPeer = GetJavaPeer;
+    funcs->geturlnotify = GetURLNotify;
+    funcs->posturlnotify = PostURLNotify;
+    funcs->getvalue = GetValue;
+    funcs->setvalue = SetValue;
+    funcs->invalidaterect = InvalidateRect;
+    funcs->invalidateregion = InvalidateRegion;
+    funcs->forceredraw = ForceRedraw;
+  }
+};
+
+// ---- Life of the module and the instance ---------------------------------------------------------
+
+PluginHost::PluginHost(const HostOptions& options) : options_(options) {
+  g_host = this;
+  auto* browser = new FullBrowserFuncs();
+  BrowserCalls::Fill(&browser->funcs);
+  browser_funcs_ = &browser->funcs;
+  auto* plugin = new FullPluginFuncs();
+  plugin->funcs.size = sizeof(FullPluginFuncs);
+  plugin_funcs_ = &plugin->funcs;
+  npp_.ndata = this;
+  loader_ = std::make_unique<UrlLoader>([this] { SchedulePump(); });
+}
+
+PluginHost::~PluginHost() {
+  Unload();
+  loader_.reset();
+  if (pump_source_ != 0) g_source_remove(pump_source_);
+  if (notify_source_ != 0) g_source_remove(notify_source_);
+  if (loop_ != nullptr) g_main_loop_unref(loop_);
+  delete reinterpret_cast<FullBrowserFuncs*>(browser_funcs_);
+  delete reinterpret_cast<FullPluginFuncs*>(plugin_funcs_);
+  g_host = nullptr;
+}
+
+bool PluginHost::Load() {
+  module_ = dlopen(options_.plugin.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (module_ == nullptr) {
+    JsonLine("load").Add("plugin", options_.plugin).AddBool("ok", false).Add("error", dlerror()).Emit();
+    return false;
+  }
+  auto mime_description = reinterpret_cast<NP_GetMIMEDescriptionFunc>(dlsym(module_, "NP_GetMIMEDescription"));
+  auto get_value = reinterpret_cast<NP_GetValueFunc>(dlsym(module_, "NP_GetValue"));
+  auto initialize = reinterpret_cast<NP_InitializeFunc>(dlsym(module_, "NP_Initialize"));
+  shutdown_ = reinterpret_cast<NP_ShutdownFunc>(dlsym(module_, "NP_Shutdown"));
+  bool complete = initialize != nullptr && shutdown_ != nullptr;
+  JsonLine("load").Add("plugin", options_.plugin).AddBool("ok", complete).Emit();
+  if (!complete) return false;
+
+  if (mime_description != nullptr)
+    JsonLine("entry").Add("name", "NP_GetMIMEDescription").Add("value", mime_description()).Emit();
+  NPError result = initialize(browser_funcs_, plugin_funcs_);
+  JsonLine("entry")
+      .Add("name", "NP_Initialize")
+      .Add("result", result)
+      .Add("plugin_table_size", plugin_funcs_->size)
+      .Add("plugin_version", plugin_funcs_->version)
+      .AddBool("urlnotify", plugin_funcs_->urlnotify != nullptr)
+      .Emit();
+  if (result != NPERR_NO_ERROR) {
+    shutdown_ = nullptr;  // a module that refused to start is not shut down
+    return false;
+  }
+  if (get_value != nullptr) {
+    for (NPPVariable variable : {NPPVpluginNameString, NPPVpluginDescriptionString}) {
+      const char* text = nullptr;
+      NPError got = get_value(nullptr, variable, &text);
+      JsonLine("entry")
+          .Add("name", "NP_GetValue")
+          .Add("variable", static_cast<int>(variable))
+          .Add("result", got)
+          .Add("value", got == NPERR_NO_ERROR ? text : nullptr)
+          .Emit();
+    }
+  }
+  return plugin_funcs_->newp != nullptr && plugin_funcs_->destroy != nullptr;
+}
+
+bool PluginHost::CreateInstance() {
+  std::vector<char*> names, values;
+  for (auto& param : options_.params) {
+    names.push_back(const_cast<char*>(param.first.c_str()));
+    values.push_back(const_cast<char*>(param.second.c_str()));
+  }
+  char mime[] = "application/x-talvo-gpc";
+  NPError result = plugin_funcs_->newp(mime, &npp_, NP_EMBED, static_cast<int16_t>(names.size()),
+                                       names.data(), values.data(), nullptr);
+  JsonLine("instance").Add("mime", kPluginMime).Add("params", static_cast<int>(names.size())).Add("result", result).Emit();
+  if (result != NPERR_NO_ERROR) return false;
+  instance_live_ = true;
+
+  if (!options_.page_url.empty()) DeliverPageUrl();
+
+  window_.window = nullptr;
+  window_.width = options_.width;
+  window_.height = options_.height;
+  window_.clipRect = {0, 0, static_cast<uint16_t>(options_.height), static_cast<uint16_t>(options_.width)};
+  window_.type = NPWindowTypeDrawable;
+  NPError set = plugin_funcs_->setwindow != nullptr ? plugin_funcs_->setwindow(&npp_, &window_)
+                                                      : static_cast<NPError>(NPERR_GENERIC_ERROR);
+  JsonLine("set_window").Add("width", static_cast<int>(window_.width)).Add("height", static_cast<int>(window_.height)).Add("result", set).Emit();
+  return true;
+}
+
+// The page's URL reaches the plug-in as a stream of its own, marked by the datum 100.
+void PluginHost::DeliverPageUrl() {
+  NPStream stream = {};
+  stream.url = options_.page_url.c_str();
+  stream.end = static_cast<uint32_t>(options_.page_url.size());
+  stream.notifyData = kHostPageDatum;
+  uint16_t stype = NP_NORMAL;
+  char mime[] = "text/plain";
+  NPError opened = plugin_funcs_->newstream(&npp_, mime, &stream, false, &stype);
+  int32_t ready = 0, written = 0;
+  NPError ended = NPERR_GENERIC_ERROR;
+  if (opened == NPERR_NO_ERROR) {
+    ready = plugin_funcs_->writeready(&npp_, &stream);
+    std::string body = options_.page_url;
+    written = plugin_funcs_->write(&npp_, &stream, 0, static_cast<int32_t>(body.size()), &body[0]);
+    ended = plugin_funcs_->destroystream(&npp_, &stream, NPRES_DONE);
+  }
+  JsonLine("page_url")
+      .Add("url", options_.page_url)
+      .Add("new_stream", opened)
+      .Add("write_ready", ready)
+      .Add("written", written)
+      .Add("destroy_stream", ended)
+      .Emit();
+}
+
+void PluginHost::Run() {
+  if (loop_ == nullptr) loop_ = g_main_loop_new(nullptr, FALSE);
+  if (!instance_live_) return;
+  run_timer_ = g_timeout_add(
+      static_cast<guint>(options_.run_ms),
+      [](gpointer self) -> gboolean {
+        auto* host = static_cast<PluginHost*>(self);
+        host->run_timer_ = 0;
+        host->Quit("run-ms");
+        return G_SOURCE_REMOVE;
+      },
+      this);
+  g_main_loop_run(loop_);
+  if (run_timer_ != 0) g_source_remove(run_timer_);
+  run_timer_ = 0;
+}
+
+void PluginHost::Quit(const char* reason) {
+  if (exit_reason_.empty()) exit_reason_ = reason;
+  if (loop_ != nullptr) g_main_loop_quit(loop_);
+}
+
+void PluginHost::Unload() {
+  if (instance_live_) {
+    // Open requests end as the user leaving the page would end them.
+    std::vector<int> ids;
+    for (auto& entry : requests_) ids.push_back(entry.first);
+    for (int id : ids) {
+      auto it = requests_.find(id);
+      if (it == requests_.end()) continue;
+      EndRequest(it->second.get(), NPRES_USER_BREAK);
+      loader_->Release(it->second->transfer_id);
+      requests_.erase(id);
+    }
+    notices_.clear();
+    NPSavedData* saved = nullptr;
+    NPError result = plugin_funcs_->destroy(&npp_, &saved);
+    JsonLine("destroy").Add("result", result).Add("exit_reason", exit_reason_).Emit();
+    if (saved != nullptr) {
+      std::free(saved->buf);
+      std::free(saved);
+    }
+    instance_live_ = false;
+  }
+  if (shutdown_ != nullptr) {
+    NPError result = shutdown_();
+    JsonLine("shutdown").Add("result", result).Emit();
+    shutdown_ = nullptr;
+  }
+  if (module_ != nullptr) {
+    dlclose(module_);
+    module_ = nullptr;
+  }
+}
+
+// ---- Requests ----------------------------------------------------------------------------------
+
+NPError PluginHost::OnGetURL(const char* call, const char* url, const char* target, bool notify,
+                             void* notify_data, bool post, const std::string& body) {
+  auto request = std::make_unique<Request>();
+  request->id = next_request_id_++;
+  request->call = call;
+  request->url = url != nullptr ? url : "";
+  request->target = NullIfEmpty(target) != nullptr ? target : "";
+  request->notify = notify;
+  request->notify_data = notify_data;
+  request->post = post;
+  request->body = body;
+  JsonLine line("request");
+  line.Add("id", request->id).Add("call", call).Add("method", post ? "POST" : "GET").Add("url", url);
+  line.Add("target", NullIfEmpty(target)).AddBool("notify", notify);
+  if (post) line.Add("body_bytes", static_cast<int64_t>(body.size()));
+  line.Emit();
+
+  if (url == nullptr || *url == '\0') return NPERR_INVALID_URL;
+  if (!request->target.empty()) {
+    Navigate(request.release());
+    return NPERR_NO_ERROR;
+  }
+  Transfer* transfer = loader_->Start(CleanUrl(request->url), post, body, kUserAgent);
+  if (transfer == nullptr) {
+    JsonLine("fetch_end").Add("id", request->id).Add("url", request->url).Add("error", "refused by curl").Emit();
+    return NPERR_GENERIC_ERROR;
+  }
+  request->transfer_id = transfer->id;
+  requests_[request->id] = std::move(request);
+  return NPERR_NO_ERROR;
+}
+
+// A request into a frame loads there, not into the plug-in: it is recorded and, when asked for,
+// reported back as done.
+void PluginHost::Navigate(Request* raw) {
+  std::unique_ptr<Request> request(raw);
+  JsonLine("navigate")
+      .Add("id", request->id)
+      .Add("url", request->url)
+      .Add("target", request->target)
+      .Add("method", request->post ? "POST" : "GET")
+      .Emit();
+  bool matched = !options_.exit_on_navigate.empty() &&
+                 request->url.find(options_.exit_on_navigate) != std::string::npos;
+  if (matched) navigation_matched_ = true;
+  if (request->notify) {
+    NotifyLater(request.release());
+  } else if (matched) {
+    Quit("navigate");
+  }
+}
+
+void PluginHost::NotifyLater(Request* request) {
+  notices_[request->id].reset(request);
+  if (notify_source_ == 0) notify_source_ = g_idle_add(&PluginHost::OnNotify, this);
+}
+
+gboolean PluginHost::OnNotify(gpointer self) {
+  auto* host = static_cast<PluginHost*>(self);
+  host->notify_source_ = 0;
+  while (!host->notices_.empty() && host->instance_live_) {
+    std::unique_ptr<Request> request = std::move(host->notices_.begin()->second);
+    host->notices_.erase(host->notices_.begin());
+    if (host->plugin_funcs_->urlnotify != nullptr)
+      host->plugin_funcs_->urlnotify(&host->npp_, request->url.c_str(), NPRES_DONE, request->notify_data);
+    JsonLine("url_notify").Add("id", request->id).Add("url", request->url).Add("reason", NPRES_DONE).Emit();
+  }
+  if (host->navigation_matched_) host->Quit("navigate");
+  return G_SOURCE_REMOVE;
+}
+
+// ---- Streams -----------------------------------------------------------------------------------
+
+void PluginHost::SchedulePump(guint delay_ms) {
+  if (pump_source_ != 0) return;
+  pump_source_ = delay_ms == 0 ? g_idle_add(&PluginHost::OnPump, this)
+                               : g_timeout_add(delay_ms, &PluginHost::OnPump, this);
+}
+
+gboolean PluginHost::OnPump(gpointer self) {
+  auto* host = static_cast<PluginHost*>(self);
+  host->pump_source_ = 0;
+  host->Pump();
+  return G_SOURCE_REMOVE;
+}
+
+void PluginHost::Pump() {
+  if (!instance_live_) return;
+  // The plug-in may add requests from inside any call made here.
+  std::vector<int> ids;
+  for (auto& entry : requests_) ids.push_back(entry.first);
+  for (int id : ids) {
+    auto it = requests_.find(id);
+    if (it == requests_.end()) continue;
+    if (!Advance(it->second.get())) continue;
+    loader_->Release(it->second->transfer_id);
+    requests_.erase(id);
+  }
+}
+
+bool PluginHost::Advance(Request* request) {
+  Transfer* transfer = loader_->Find(request->transfer_id);
+  if (transfer == nullptr) {
+    EndRequest(request, NPRES_NETWORK_ERR);
+    return true;
+  }
+  if (!transfer->headers_done) return false;
+  bool failed_before_answer = transfer->finished && transfer->result != CURLE_OK && transfer->status == 0 &&
+                              transfer->data.empty();
+  if (!request->stream_open && !request->http_failed && !failed_before_answer) {
+    if (transfer->status >= 400) {
+      request->http_failed = true;  // no stream for an error page
+    } else if (!OpenStream(request, MimeOf(transfer->content_type))) {
+      EndRequest(request, NPRES_NETWORK_ERR);
+      return true;
+    }
+  }
+  if (request->stream_open && !Deliver(request)) {
+    EndRequest(request, NPRES_USER_BREAK);
+    return true;
+  }
+  if (!transfer->finished) return false;
+  if (request->http_failed || !request->stream_open) transfer->data.clear();
+  if (!transfer->data.empty()) return false;  // the plug-in is not ready for the rest yet
+  bool ok = transfer->result == CURLE_OK && !request->http_failed && request->stream_open;
+  EndRequest(request, ok ? NPRES_DONE : NPRES_NETWORK_ERR);
+  return true;
+}
+
+bool PluginHost::OpenStream(Request* request, const std::string& mime) {
+  Transfer* transfer = loader_->Find(request->transfer_id);
+  request->headers = transfer->headers;
+  request->stream = {};
+  request->stream.ndata = this;
+  request->stream.url = request->url.c_str();
+  request->stream.end = transfer->content_length > 0 ? static_cast<uint32_t>(transfer->content_length) : 0;
+  request->stream.notifyData = request->notify ? request->notify_data : nullptr;
+  request->stream.headers = request->headers.empty() ? nullptr : request->headers.c_str();
+  request->stype = NP_NORMAL;
+  std::string type = mime;
+  NPError result = plugin_funcs_->newstream(&npp_, &type[0], &request->stream, false, &request->stype);
+  JsonLine("stream_start")
+      .Add("id", request->id)
+      .Add("url", request->url)
+      .Add("mime", mime)
+      .Add("status", static_cast<int64_t>(transfer->status))
+      .Add("result", result)
+      .Add("stype", request->stype)
+      .Emit();
+  if (result != NPERR_NO_ERROR) return false;
+  request->stream_open = true;
+  if (request->stype == NP_ASFILE || request->stype == NP_ASFILEONLY) {
+    gchar* path = nullptr;
+    int fd = g_file_open_tmp("gpc-host-XXXXXX", &path, nullptr);
+    if (fd >= 0) {
+      request->file = fdopen(fd, "wb");
+      request->file_path = path;
+    }
+    g_free(path);
+  }
+  return true;
+}
+
+bool PluginHost::Deliver(Request* request) {
+  Transfer* transfer = loader_->Find(request->transfer_id);
+  std::string& data = transfer->data;
+  if (request->stype == NP_ASFILEONLY) {
+    if (request->file != nullptr) std::fwrite(data.data(), 1, data.size(), request->file);
+    request->bytes += static_cast<int64_t>(data.size());
+    data.clear();
+    return true;
+  }
+  while (!data.empty()) {
+    int32_t ready = plugin_funcs_->writeready(&npp_, &request->stream);
+    if (ready <= 0) {
+      SchedulePump(kWriteRetryMs);
+      return true;
+    }
+    int32_t chunk = std::min<int64_t>({ready, static_cast<int64_t>(data.size()), kMaxWriteChunk});
+    int32_t written = plugin_funcs_->write(&npp_, &request->stream, request->offset, chunk, &data[0]);
+    if (written < 0) return false;
+    written = std::min(written, chunk);
+    if (request->file != nullptr) std::fwrite(data.data(), 1, static_cast<size_t>(written), request->file);
+    data.erase(0, static_cast<size_t>(written));
+    request->offset += written;
+    request->bytes += written;
+    if (written == 0) {
+      SchedulePump(kWriteRetryMs);
+      return true;
+    }
+  }
+  return true;
+}
+
+void PluginHost::EndRequest(Request* request, NPReason reason) {
+  Transfer* transfer = loader_->Find(request->transfer_id);
+  if (request->stream_open) {
+    if (request->file != nullptr) {
+      std::fclose(request->file);
+      request->file = nullptr;
+      if (reason == NPRES_DONE && plugin_funcs_->asfile != nullptr)
+        plugin_funcs_->asfile(&npp_, &request->stream, request->file_path.c_str());
+    }
+    NPError result = plugin_funcs_->destroystream(&npp_, &request->stream, reason);
+    JsonLine("stream_end")
+        .Add("id", request->id)
+        .Add("url", request->url)
+        .Add("reason", reason)
+        .Add("bytes", request->bytes)
+        .Add("result", result)
+        .Emit();
+    request->stream_open = false;
+    if (!request->file_path.empty()) unlink(request->file_path.c_str());
+  }
+  JsonLine("fetch_end")
+      .Add("id", request->id)
+      .Add("url", request->url)
+      .Add("status", static_cast<int64_t>(transfer != nullptr ? transfer->status : 0))
+      .Add("reason", reason)
+      .Add("error", transfer != nullptr && !transfer->error.empty() ? transfer->error.c_str() : nullptr)
+      .Emit();
+  if (request->notify && plugin_funcs_->urlnotify != nullptr) {
+    plugin_funcs_->urlnotify(&npp_, request->url.c_str(), reason, request->notify_data);
+    JsonLine("url_notify").Add("id", request->id).Add("url", request->url).Add("reason", reason).Emit();
+  }
+}

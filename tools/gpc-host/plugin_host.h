@@ -1,0 +1,78 @@
+// The browser side of one plug-in module and one embedded instance: the module's entry points,
+// the browser call table handed to it, the URL requests it makes and the streams that answer them.
+#pragma once
+#include <glib.h>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "host_options.h"
+#include "plugin/plugin/npapi.h"
+#include "url_loader.h"
+
+class PluginHost {
+ public:
+  explicit PluginHost(const HostOptions& options);
+  ~PluginHost();
+  PluginHost(const PluginHost&) = delete;
+  PluginHost& operator=(const PluginHost&) = delete;
+
+  // Loads the module and starts it (NP_GetMIMEDescription, NP_Initialize, NP_GetValue).
+  bool Load();
+  // NPP_New with the parameters, SetWindow, and the host-page stream when a page URL is given.
+  bool CreateInstance();
+  // Runs the main loop until the time is up or the awaited navigation happened.
+  void Run();
+  // Ends open streams, NPP_Destroy, NP_Shutdown, dlclose.
+  void Unload();
+
+  bool navigation_matched() const { return navigation_matched_; }
+  // Why the loop ended: "run-ms" or "navigate".
+  const std::string& exit_reason() const { return exit_reason_; }
+
+ private:
+  struct Request;
+  friend struct BrowserCalls;
+
+  // Requests from the plug-in.
+  NPError OnGetURL(const char* call, const char* url, const char* target, bool notify, void* notify_data,
+                   bool post, const std::string& body);
+  void Navigate(Request* request);
+  void Fetch(std::unique_ptr<Request> request);
+
+  // Delivery of fetched data as streams, always from the main loop, never from inside curl.
+  void SchedulePump(guint delay_ms = 0);
+  static gboolean OnPump(gpointer self);
+  void Pump();
+  // Moves one request on; returns true when it has ended and may be forgotten.
+  bool Advance(Request* request);
+  bool OpenStream(Request* request, const std::string& mime);
+  bool Deliver(Request* request);  // false when the plug-in asked to stop the stream
+  void EndRequest(Request* request, NPReason reason);
+  void NotifyLater(Request* request);
+  static gboolean OnNotify(gpointer self);
+
+  void DeliverPageUrl();
+  void Quit(const char* reason);
+
+  HostOptions options_;
+  void* module_ = nullptr;
+  NP_ShutdownFunc shutdown_ = nullptr;
+  NPNetscapeFuncs* browser_funcs_ = nullptr;
+  NPPluginFuncs* plugin_funcs_ = nullptr;
+  NPP_t npp_ = {nullptr, nullptr};
+  bool instance_live_ = false;
+  NPWindow window_ = {};
+
+  std::unique_ptr<UrlLoader> loader_;
+  std::map<int, std::unique_ptr<Request>> requests_;  // fetches, by request id
+  std::map<int, std::unique_ptr<Request>> notices_;   // navigations waiting for NPP_URLNotify
+  int next_request_id_ = 1;
+  guint pump_source_ = 0;
+  guint notify_source_ = 0;
+
+  GMainLoop* loop_ = nullptr;
+  guint run_timer_ = 0;
+  bool navigation_matched_ = false;
+  std::string exit_reason_;
+};

@@ -1,0 +1,193 @@
+#include "url_loader.h"
+
+#include <cstring>
+#include <strings.h>
+
+struct UrlLoader::SocketWatch {
+  curl_socket_t fd = CURL_SOCKET_BAD;
+  GIOChannel* channel = nullptr;
+  guint source = 0;
+};
+
+namespace {
+
+// Marks the final response's headers as in, reading what curl knows of them.
+void MarkHeadersDone(Transfer* transfer) {
+  if (transfer->headers_done) return;
+  transfer->headers_done = true;
+  curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &transfer->status);
+  char* type = nullptr;
+  if (curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_TYPE, &type) == CURLE_OK && type != nullptr)
+    transfer->content_type = type;
+  curl_off_t length = -1;
+  if (curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) == CURLE_OK)
+    transfer->content_length = length;
+}
+
+}  // namespace
+
+UrlLoader::UrlLoader(std::function<void()> changed) : changed_(std::move(changed)) {
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  multi_ = curl_multi_init();
+  curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &UrlLoader::OnSocket);
+  curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
+  curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &UrlLoader::OnTimer);
+  curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+}
+
+UrlLoader::~UrlLoader() {
+  while (!transfers_.empty()) Release(transfers_.begin()->first);
+  if (timeout_source_ != 0) g_source_remove(timeout_source_);
+  curl_multi_cleanup(multi_);
+  curl_global_cleanup();
+}
+
+Transfer* UrlLoader::Start(const std::string& url, bool post, const std::string& body,
+                           const char* user_agent) {
+  CURL* easy = curl_easy_init();
+  if (easy == nullptr) return nullptr;
+  auto transfer = std::make_unique<Transfer>();
+  transfer->id = next_id_++;
+  transfer->url = url;
+  transfer->post = post;
+  transfer->post_body = body;
+  transfer->easy = easy;
+  curl_easy_setopt(easy, CURLOPT_URL, transfer->url.c_str());
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errbuf);
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &UrlLoader::OnHeader);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer.get());
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &UrlLoader::OnBody);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, 30L);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  if (user_agent != nullptr) curl_easy_setopt(easy, CURLOPT_USERAGENT, user_agent);
+  if (post) {
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, transfer->post_body.data());
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(transfer->post_body.size()));
+  }
+  if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
+    curl_easy_cleanup(easy);
+    return nullptr;
+  }
+  Transfer* raw = transfer.get();
+  transfers_[raw->id] = std::move(transfer);
+  return raw;
+}
+
+Transfer* UrlLoader::Find(int id) {
+  auto it = transfers_.find(id);
+  return it == transfers_.end() ? nullptr : it->second.get();
+}
+
+void UrlLoader::Release(int id) {
+  auto it = transfers_.find(id);
+  if (it == transfers_.end()) return;
+  // Removing an unfinished handle closes its sockets through OnSocket.
+  curl_multi_remove_handle(multi_, it->second->easy);
+  curl_easy_cleanup(it->second->easy);
+  transfers_.erase(it);
+}
+
+size_t UrlLoader::OnHeader(char* data, size_t size, size_t count, void* opaque) {
+  Transfer* transfer = static_cast<Transfer*>(opaque);
+  size_t length = size * count;
+  // Each response of a redirect chain starts with its status line; keep only the last.
+  if (length >= 5 && strncasecmp(data, "HTTP/", 5) == 0) transfer->headers.clear();
+  std::string line(data, length);
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+  if (!line.empty()) transfer->headers += line + "\n";
+  return length;
+}
+
+size_t UrlLoader::OnBody(char* data, size_t size, size_t count, void* opaque) {
+  Transfer* transfer = static_cast<Transfer*>(opaque);
+  MarkHeadersDone(transfer);
+  transfer->data.append(data, size * count);
+  return size * count;
+}
+
+int UrlLoader::OnSocket(CURL* easy, curl_socket_t fd, int what, void* self, void* watch) {
+  UrlLoader* loader = static_cast<UrlLoader*>(self);
+  SocketWatch* socket_watch = static_cast<SocketWatch*>(watch);
+  if (what == CURL_POLL_REMOVE) {
+    if (socket_watch != nullptr) {
+      loader->RemoveWatch(socket_watch);
+      curl_multi_assign(loader->multi_, fd, nullptr);
+    }
+  } else {
+    loader->SetWatch(fd, what, socket_watch, easy);
+  }
+  return 0;
+}
+
+void UrlLoader::SetWatch(curl_socket_t fd, int what, SocketWatch* watch, CURL*) {
+  if (watch == nullptr) {
+    watch = new SocketWatch;
+    watch->fd = fd;
+    watch->channel = g_io_channel_unix_new(fd);
+    curl_multi_assign(multi_, fd, watch);
+  } else if (watch->source != 0) {
+    g_source_remove(watch->source);
+    watch->source = 0;
+  }
+  int condition = (what & CURL_POLL_IN ? G_IO_IN : 0) | (what & CURL_POLL_OUT ? G_IO_OUT : 0);
+  watch->source = g_io_add_watch(watch->channel, static_cast<GIOCondition>(condition | G_IO_ERR | G_IO_HUP),
+                                 &UrlLoader::OnSocketReady, this);
+}
+
+void UrlLoader::RemoveWatch(SocketWatch* watch) {
+  if (watch->source != 0) g_source_remove(watch->source);
+  g_io_channel_unref(watch->channel);
+  delete watch;
+}
+
+gboolean UrlLoader::OnSocketReady(GIOChannel* channel, GIOCondition condition, gpointer self) {
+  int action = (condition & G_IO_IN ? CURL_CSELECT_IN : 0) | (condition & G_IO_OUT ? CURL_CSELECT_OUT : 0) |
+               (condition & (G_IO_ERR | G_IO_HUP) ? CURL_CSELECT_ERR : 0);
+  // The watch may be replaced or removed while curl runs; curl re-adds what it still needs.
+  static_cast<UrlLoader*>(self)->Drive(g_io_channel_unix_get_fd(channel), action);
+  return G_SOURCE_CONTINUE;
+}
+
+int UrlLoader::OnTimer(CURLM*, long timeout_ms, void* self) {
+  UrlLoader* loader = static_cast<UrlLoader*>(self);
+  if (loader->timeout_source_ != 0) {
+    g_source_remove(loader->timeout_source_);
+    loader->timeout_source_ = 0;
+  }
+  if (timeout_ms >= 0)
+    loader->timeout_source_ = g_timeout_add(static_cast<guint>(timeout_ms), &UrlLoader::OnTimeout, loader);
+  return 0;
+}
+
+gboolean UrlLoader::OnTimeout(gpointer self) {
+  UrlLoader* loader = static_cast<UrlLoader*>(self);
+  loader->timeout_source_ = 0;
+  loader->Drive(CURL_SOCKET_TIMEOUT, 0);
+  return G_SOURCE_REMOVE;
+}
+
+void UrlLoader::Drive(curl_socket_t fd, int action) {
+  int running = 0;
+  curl_multi_socket_action(multi_, fd, action, &running);
+  CollectFinished();
+  if (changed_) changed_();
+}
+
+void UrlLoader::CollectFinished() {
+  int left = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    Transfer* transfer = nullptr;
+    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+    if (transfer == nullptr) continue;
+    transfer->result = message->data.result;
+    if (transfer->result != CURLE_OK)
+      transfer->error = transfer->errbuf[0] != '\0' ? transfer->errbuf : curl_easy_strerror(transfer->result);
+    MarkHeadersDone(transfer);
+    transfer->finished = true;
+  }
+}
