@@ -176,8 +176,7 @@ void GPCNetworkHttp::StopBlockingLoop() {
   m_pBlockingLoop = nullptr;
 }
 
-void GPCNetworkHttp::FinishCallback(const std::shared_ptr<bool>& alive) {
-  if (!*alive) return;
+void GPCNetworkHttp::FinishCallback() {
   StopBlockingLoop();
   if (m_nSelfDelete) delete this;
 }
@@ -187,7 +186,7 @@ void GPCNetworkHttp::NetworkTimeoutTimerProc(GPCTimerProxy*, void* info) {
   std::shared_ptr<bool> alive = self->m_pAlive;
   self->TerminateOperate();  // deletes this timer: a time-out fires once
   if (self->m_pSink) self->m_pSink->OnHttpReturn(self->m_pUserHandle, 0, nullptr);
-  self->FinishCallback(alive);
+  if (*alive) self->FinishCallback();
 }
 
 void GPCNetworkHttp::OnTransferChunk(const char* data, size_t size) {
@@ -211,6 +210,7 @@ void GPCNetworkHttp::OnTransferChallenge(long) {
 
 void GPCNetworkHttp::OnTransferEnd(bool complete, const char* error) {
   std::shared_ptr<bool> alive = m_pAlive;
+  std::string reason(error ? error : "");  // the text lives in the transfer, dropped just below
   TerminateOperate();
   if (complete) {
     if (m_pSink) {
@@ -220,10 +220,10 @@ void GPCNetworkHttp::OnTransferEnd(bool complete, const char* error) {
     }
   } else {
     MacInfoTrace("GPCNetworkHttp::ReadStreamClientCallBack,kCFStreamEventErrorOccurred,url[%s],%s",
-                 m_strURL.c_str(), error);
+                 m_strURL.c_str(), reason.c_str());
     if (m_pSink) m_pSink->OnHttpReturn(m_pUserHandle, 0, nullptr);
   }
-  FinishCallback(alive);
+  if (*alive) FinishCallback();
 }
 
 void GPCNetworkHttp::OnNewStream(void* data, unsigned long size) {
