@@ -1,0 +1,359 @@
+#include "gpcutil.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <glib.h>
+#include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/clock.h"
+#include "platform/folders.h"
+#include "platform/processes.h"
+#include "safe_lib.h"
+#include "versionfordylib.h"
+
+namespace {
+
+constexpr const char* kTrimCharacters = " \t\r\n";
+constexpr size_t kProfileLineSize = 2048;  // at most 2047 characters per read
+constexpr size_t kProfileIntBufferSize = 256;
+constexpr rsize_t kTextMax = RSIZE_MAX_STR;
+
+bool IsTrimCharacter(char c) { return c != '\0' && std::strchr(kTrimCharacters, c) != nullptr; }
+
+bool SameTextIgnoringCase(const char* a, const char* b) {
+  int indicator = 1;
+  return strcasecmp_s(a, kTextMax, b, &indicator) == EOK && indicator == 0;
+}
+
+// Copies at most size - 1 bytes of `src` and terminates; nothing when `size` is 0.
+void CopyBounded(char* dest, size_t size, const char* src) {
+  if (dest == nullptr || size == 0) return;
+  size_t len = strnlen_s(src, size - 1);
+  if (len != 0) std::memcpy(dest, src, len);
+  dest[len] = '\0';
+}
+
+// The text between `begin` and `end`, trimmed at both ends.
+std::string TrimmedRange(const char* begin, const char* end) {
+  while (begin < end && IsTrimCharacter(*begin)) ++begin;
+  while (end > begin && IsTrimCharacter(end[-1])) --end;
+  return std::string(begin, end);
+}
+
+bool IsSectionLine(const char* line) {
+  return std::strchr(line, '[') != nullptr && std::strchr(line, ']') != nullptr;
+}
+
+std::string SectionName(const char* line) {
+  const char* open = std::strchr(line, '[');
+  const char* close = std::strchr(line, ']');
+  return close > open ? TrimmedRange(open + 1, close) : std::string();
+}
+
+// Drops one pair of matching surrounding quotes, then trims again.
+std::string Unquoted(const std::string& value) {
+  if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
+      value.back() == value.front()) {
+    std::string inner = value.substr(1, value.size() - 2);
+    return TrimmedRange(inner.data(), inner.data() + inner.size());
+  }
+  return value;
+}
+
+bool EntryExists(const char* path) {
+  struct stat info;
+  return path != nullptr && path[0] != '\0' && lstat(path, &info) == 0;
+}
+
+bool IsLibraryPath(const std::string& path) {
+  static const std::string kSharedObject = ".so";
+  return path.find(".dylib") != std::string::npos ||
+         (path.size() >= kSharedObject.size() &&
+          path.compare(path.size() - kSharedObject.size(), kSharedObject.size(), kSharedObject) == 0);
+}
+
+bool IsValidUtf8(const std::string& text) { return g_utf8_validate(text.data(), text.size(), nullptr); }
+
+// Removes `path` the way a file manager does: a folder with all its contents, depth first.
+bool RemoveRecursively(const std::string& path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0) return false;
+  if (!S_ISDIR(info.st_mode)) return unlink(path.c_str()) == 0;
+  std::vector<FSDirectoryItem> items;
+  if (FSGetDirectoryItems(path, items) != FSListStatus::kListed) return false;
+  bool all_removed = true;
+  for (const FSDirectoryItem& item : items) {
+    if (!RemoveRecursively(path + "/" + item.name)) all_removed = false;
+  }
+  return all_removed && rmdir(path.c_str()) == 0;
+}
+
+// Renames `path` to `moved` and removes what was moved; true when `path` is gone.
+bool MoveAsideAndRemove(const std::string& path, const std::string& moved) {
+  if (rename(path.c_str(), moved.c_str()) == 0) RemoveRecursively(moved);
+  return !EntryExists(path.c_str());
+}
+
+// The hidden name "<parent>/.<name>.<number>" beside `path`; empty when `path` has no parent
+// or no last component.
+std::string HiddenNameBeside(const std::string& path, uint32_t number) {
+  std::string trimmed = path;
+  while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.pop_back();
+  std::string::size_type slash = trimmed.rfind('/');
+  if (slash == std::string::npos || slash + 1 >= trimmed.size()) return std::string();
+  std::string parent = slash == 0 ? std::string() : trimmed.substr(0, slash);
+  return parent + "/." + trimmed.substr(slash + 1) + "." + std::to_string(number);
+}
+
+// The part of a file name before its first "-" and after its last ".".
+bool NameAndExtensionMatch(const std::string& file, const std::string& name,
+                           const std::string& extension) {
+  std::string::size_type dash = file.find('-');
+  if (dash == std::string::npos) return false;
+  if (!name.empty() && file.compare(0, dash, name) != 0) return false;
+  if (extension.empty()) return true;
+  std::string::size_type dot = file.rfind('.');
+  return dot != std::string::npos && file.compare(dot + 1, std::string::npos, extension) == 0;
+}
+
+std::mutex g_tick_mutex;
+bool g_tick_started = false;
+int64_t g_tick_start_micros = 0;
+
+std::mutex g_temp_name_mutex;
+uint32_t g_temp_name_counter = 1;
+constexpr uint32_t kTempNameCounterLimit = 9999;
+
+}  // namespace
+
+// ---- Profile files ----
+
+bool ZRReadIni(FILE* file, const char* section, const char* key, char* dest, size_t size) {
+  if (file == nullptr || section == nullptr || key == nullptr) return false;
+  char line[kProfileLineSize];
+  bool in_section = false;
+  while (std::fgets(line, sizeof line, file) != nullptr) {
+    if (IsSectionLine(line)) {
+      if (in_section) return false;
+      in_section = SameTextIgnoringCase(SectionName(line).c_str(), section);
+      continue;
+    }
+    const char* equals = std::strchr(line, '=');
+    if (!in_section || equals == nullptr) continue;
+    if (!SameTextIgnoringCase(TrimmedRange(line, equals).c_str(), key)) continue;
+    std::string value = TrimmedRange(equals + 1, line + std::strlen(line));
+    CopyBounded(dest, size, Unquoted(value).c_str());
+    return true;
+  }
+  return false;
+}
+
+size_t ZRGetPrivateProfileString(const char* section, const char* key, const char* def, char* dest,
+                                 size_t size, const char* path) {
+  if (dest == nullptr || size == 0) return 0;
+  FILE* file = path != nullptr ? std::fopen(path, "r") : nullptr;
+  bool found = false;
+  if (file != nullptr) {
+    found = ZRReadIni(file, section, key, dest, size);
+    std::fclose(file);
+  }
+  if (!found) CopyBounded(dest, size, def != nullptr ? def : "");
+  return strnlen_s(dest, size);
+}
+
+int ZRGetPrivateProfileInt(const char* section, const char* key, int def, const char* path) {
+  char value[kProfileIntBufferSize];
+  FILE* file = path != nullptr ? std::fopen(path, "r") : nullptr;
+  if (file == nullptr) return def;
+  bool found = ZRReadIni(file, section, key, value, sizeof value);
+  std::fclose(file);
+  if (!found) return def;
+  char* end = nullptr;
+  long number = std::strtol(value, &end, 10);
+  if (end == value) return def;
+  if (number > INT_MAX) return INT_MAX;
+  if (number < INT_MIN) return INT_MIN;
+  return static_cast<int>(number);
+}
+
+// ---- Text helpers ----
+
+char* ZRTrimStringA(char* text) {
+  if (!GPCUTIL_ASSERT_TEXT(text != nullptr, "lpszString")) return nullptr;
+  size_t len = std::strlen(text);
+  while (len > 0 && IsTrimCharacter(text[len - 1])) text[--len] = '\0';
+  char* first = text;
+  while (IsTrimCharacter(*first)) ++first;
+  return first;
+}
+
+char* ZRTrimString(char* text) { return ZRTrimStringA(text); }
+
+std::vector<std::string> divideStr(const std::string& text, const std::string& separators) {
+  std::vector<std::string> pieces;
+  if (text.empty() || separators.empty()) return pieces;
+  std::string::size_type start = 0;
+  std::string::size_type cut;
+  while ((cut = text.find_first_of(separators, start)) != std::string::npos) {
+    pieces.push_back(text.substr(start, cut - start));
+    start = cut + 1;
+  }
+  if (start < text.size()) pieces.push_back(text.substr(start));
+  return pieces;
+}
+
+std::string& replaceall(std::string& text, const std::string& from, const std::string& to) {
+  if (from.empty()) return text;
+  std::string::size_type at = 0;
+  while ((at = text.find(from, at)) != std::string::npos) {
+    text.replace(at, from.size(), to);
+    at += to.size();
+  }
+  return text;
+}
+
+// ---- Clock ----
+
+uint32_t GetTickCount() {
+  int64_t now = platform::WallClockMicros();
+  std::lock_guard<std::mutex> lock(g_tick_mutex);
+  if (!g_tick_started || now < g_tick_start_micros) {
+    g_tick_started = true;
+    g_tick_start_micros = now;
+  }
+  return static_cast<uint32_t>(static_cast<uint64_t>((now - g_tick_start_micros) / 1000));
+}
+
+uint32_t CalcSequenceDistance(uint32_t a, uint32_t b) { return b - a; }
+
+// ---- Folders and files ----
+
+std::string GetApplicationSupportDirectory() {
+  std::string path = platform::UserApplicationSupportDir();
+  if (!GPCUTIL_ASSERT_TEXT(!path.empty(), "path")) return std::string();
+  if (!GPCUTIL_ASSERT_TEXT(IsValidUtf8(path), "[path UTF8String]")) return std::string();
+  return path;
+}
+
+bool MakeDirectory(const char* path) {
+  if (!GPCUTIL_ASSERT_TEXT(path != nullptr, "path")) return false;
+  return mkdir(path, 0775) == 0;
+}
+
+std::string GetTempPath() {
+  std::string path = platform::TempDir();
+  if (!GPCUTIL_ASSERT_TEXT(!path.empty(), "path")) return std::string();
+  if (!GPCUTIL_ASSERT_TEXT(IsValidUtf8(path), "[path UTF8String]")) return std::string();
+  return path;
+}
+
+uint32_t GetTempFileName(const char* directory, const char* prefix, std::string& result) {
+  if (!GPCUTIL_ASSERT_TEXT(directory != nullptr, "lpszPath")) return 0;
+  if (!GPCUTIL_ASSERT_TEXT(prefix != nullptr, "lpszPrefix")) return 0;
+  std::lock_guard<std::mutex> lock(g_temp_name_mutex);
+  for (;;) {
+    if (g_temp_name_counter > kTempNameCounterLimit) return 0;
+    result = std::string(directory) + prefix + std::to_string(g_temp_name_counter) + ".tmp";
+    if (!FileExists(result)) return g_temp_name_counter;
+    ++g_temp_name_counter;
+  }
+}
+
+bool isLink(const char* path) {
+  if (!GPCUTIL_ASSERT_TEXT(path != nullptr, "path")) return false;
+  struct stat info;
+  return lstat(path, &info) == 0 && S_ISLNK(info.st_mode);
+}
+
+bool isDir(const char* path) {
+  if (!GPCUTIL_ASSERT_TEXT(path != nullptr, "path")) return false;
+  struct stat info;
+  return lstat(path, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool FileExists(const char* path) {
+  if (!EntryExists(path)) return false;
+  if (!IsLibraryPath(path)) return true;
+  return IsDylibFileExists(path, true);
+}
+
+pid_t GetPIDForProcessName(const char* name) {
+  if (!GPCUTIL_ASSERT_TEXT(name != nullptr, "name")) return 0;
+  std::vector<platform::ProcessInfo> processes;
+  if (!platform::ListProcesses(&processes)) return 0;
+  for (const platform::ProcessInfo& process : processes) {
+    if (SameTextIgnoringCase(process.name.c_str(), name)) return process.pid;
+  }
+  return 0;
+}
+
+void DeleteFiles(const char* folder, const char* name, const char* extension) {
+  if (!GPCUTIL_ASSERT_TEXT(folder != nullptr, "lpszFolder")) return;
+  if (!GPCUTIL_ASSERT_TEXT(name != nullptr, "lpszName")) return;
+  if (!GPCUTIL_ASSERT_TEXT(extension != nullptr, "lpszExt")) return;
+  std::vector<FSDirectoryItem> items;
+  if (FSGetDirectoryItems(folder, items) != FSListStatus::kListed) return;
+  for (const FSDirectoryItem& item : items) {
+    if (item.isAlias || item.isFolder) continue;
+    if (!NameAndExtensionMatch(item.name, name, extension)) continue;
+    unlink((std::string(folder) + "/" + item.name).c_str());
+  }
+}
+
+bool RemoveFile(const char* path) {
+  if (path == nullptr || path[0] == '\0') return false;
+  if (!EntryExists(path)) return false;
+  const std::string target = path;
+
+  if (RemoveRecursively(target) && !EntryExists(path)) {
+    MacInfoTrace("RemoveFile: remove file[%s] success!", path);
+    return true;
+  }
+  MacInfoTrace("RemoveFile: remove file[%s] failed!", path);
+
+  if (isDir(path)) rmdir(path); else unlink(path);
+  if (!EntryExists(path)) {
+    MacInfoTrace("RemoveFile: remove file[%s] success after using c func", path);
+    return true;
+  }
+
+  std::string hidden = HiddenNameBeside(target, GetTickCount());
+  if (hidden.empty()) {
+    MacErrorTrace("RemoveFile: combine new name failed!");
+  } else if (MoveAsideAndRemove(target, hidden)) {
+    return true;
+  }
+  if (MoveAsideAndRemove(target, target + ".deltmp")) return true;
+
+  MacErrorTrace("RemoveFile: remove file[%s] again, still failed!", path);
+  return false;
+}
+
+// ---- Folder listing ----
+
+FSListStatus FSGetDirectoryItems(const std::string& folder, std::vector<FSDirectoryItem>& items) {
+  items.clear();
+  struct stat info;
+  if (stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return FSListStatus::kFolderNotFound;
+  DIR* dir = opendir(folder.c_str());
+  if (dir == nullptr) return FSListStatus::kCannotList;
+  while (struct dirent* entry = readdir(dir)) {
+    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+    FSDirectoryItem item{entry->d_name, entry->d_type == DT_LNK, entry->d_type == DT_DIR};
+    if (entry->d_type == DT_UNKNOWN) {
+      struct stat entry_info;
+      std::string full = folder + "/" + entry->d_name;
+      if (lstat(full.c_str(), &entry_info) == 0) {
+        item.isAlias = S_ISLNK(entry_info.st_mode);
+        item.isFolder = S_ISDIR(entry_info.st_mode);
+      }
+    }
+    items.push_back(std::move(item));
+  }
+  closedir(dir);
+  return FSListStatus::kListed;
+}

@@ -1,0 +1,124 @@
+// Small utilities shared across the plug-in: profile files, text helpers, the tick clock and
+// file-system helpers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include "trace.h"
+
+// Logs a failed check of an argument or state at error level, in the one form every utility
+// uses, and yields false; yields true when `cond` holds. It never aborts. `text` is the
+// expression as the log names it, `file` the source path the log names.
+#define GPC_ASSERT_TEXT(cond, text, file)                                                     \
+  ((cond) ? true                                                                             \
+          : (MacErrorTrace("ASSERT %s failed at file %s, line %d\r\n", (text), (file), __LINE__), \
+             false))
+#define GPC_ASSERT_IN(cond, file) GPC_ASSERT_TEXT(cond, #cond, file)
+
+// The source path that the utilities' own assertion logs name.
+#define GPC_UTIL_SOURCE_PATH "src/classic_client/gpc/common/gpcutil"
+#define GPCUTIL_ASSERT_TEXT(cond, text) GPC_ASSERT_TEXT(cond, text, GPC_UTIL_SOURCE_PATH)
+
+// ---- Profile files: sections of key=value lines ----
+
+// Scans `file` from its current position for `key` in `section` (both matched without regard
+// to case). True when found; the value, trimmed and stripped of one pair of matching quotes,
+// is copied to `dest` bounded by `size` and always terminated.
+bool ZRReadIni(FILE* file, const char* section, const char* key, char* dest, size_t size);
+
+// The value of `key` in `section` of the profile file at `path`, or `def` (bounded by
+// size - 1) when the file cannot be opened or the key is missing. Returns the length of the
+// text now in `dest`.
+size_t ZRGetPrivateProfileString(const char* section, const char* key, const char* def, char* dest,
+                                 size_t size, const char* path);
+
+// The value of `key` as a signed decimal integer (leading blanks and a sign allowed, trailing
+// text ignored); `def` when the file cannot be opened, the key is missing or no number starts it.
+int ZRGetPrivateProfileInt(const char* section, const char* key, int def, const char* path);
+
+// ---- Text helpers ----
+
+// Overwrites trailing blanks, tabs, CRs and LFs of `text` with NULs and returns a pointer to its
+// first other character (possibly its terminating NUL). Null `text` is logged and yields null.
+char* ZRTrimStringA(char* text);
+char* ZRTrimString(char* text);
+
+// Splits `text` at each character of `separators`. Adjacent separators, or one at the start,
+// give empty pieces; a trailing empty piece is dropped. Empty input gives an empty list.
+std::vector<std::string> divideStr(const std::string& text, const std::string& separators);
+
+// Replaces every occurrence of `from` in `text` with `to`, left to right, resuming after each
+// replacement (so a `to` containing `from` is not replaced again). Returns `text`.
+std::string& replaceall(std::string& text, const std::string& from, const std::string& to);
+
+// ---- Clock ----
+
+// Milliseconds since the first call, from the wall clock; wraps at 2^32. A clock found earlier
+// than the start restarts the count at 0.
+uint32_t GetTickCount();
+
+// b - a in 32-bit arithmetic, so that tick values compare correctly across a wrap.
+uint32_t CalcSequenceDistance(uint32_t a, uint32_t b);
+
+// ---- Folders and files ----
+
+// The user's application-support folder; an empty string when there is none.
+std::string GetApplicationSupportDirectory();
+
+// Creates one folder level with mode 0775. True on success.
+bool MakeDirectory(const char* path);
+inline bool MakeDirectory(const std::string& path) { return MakeDirectory(path.c_str()); }
+
+// The temporary folder, ending in "/"; an empty string when there is none.
+std::string GetTempPath();
+
+// Builds a free name `directory` + `prefix` + number + ".tmp" into `result` and returns the
+// number, or 0 when none of 1..9999 is free. The process-wide counter starts at 1 and moves
+// only past names that exist, so two calls without creating the file give the same name.
+uint32_t GetTempFileName(const char* directory, const char* prefix, std::string& result);
+
+// Whether the entry itself (a final symbolic link is not followed) is a link / a folder.
+bool isLink(const char* path);
+bool isDir(const char* path);
+inline bool isLink(const std::string& path) { return isLink(path.c_str()); }
+inline bool isDir(const std::string& path) { return isDir(path.c_str()); }
+
+// Whether `path` exists. For a library path (one containing ".dylib" or ending in ".so") the
+// answer is IsDylibFileExists(path, true), which also renews the unversioned link.
+bool FileExists(const char* path);
+inline bool FileExists(const std::string& path) { return FileExists(path.c_str()); }
+
+// The id of the first running process whose name matches `name` without regard to case; 0 if none.
+pid_t GetPIDForProcessName(const char* name);
+
+// Unlinks every file of `folder` (links and folders excluded) named name-version.extension
+// with the given `name` and `extension` (either may be empty to match any).
+void DeleteFiles(const char* folder, const char* name, const char* extension);
+
+// Removes a file or folder (with its contents), trying ever harder: the file manager, then
+// rmdir/unlink, then renaming it out of the way under a hidden or ".deltmp" name. True when
+// the path is gone; false for an empty or missing path (the latter without logging).
+bool RemoveFile(const char* path);
+inline bool RemoveFile(const std::string& path) { return RemoveFile(path.c_str()); }
+
+// ---- Folder listing ----
+
+struct FSDirectoryItem {
+  std::string name;   // the item's file name, no folder part
+  bool isAlias;       // a symbolic link
+  bool isFolder;      // a folder (never true for a link)
+};
+
+enum class FSListStatus {
+  kListed,          // `items` holds the folder's entries
+  kFolderNotFound,  // no folder at that path
+  kCannotList,      // a folder that could not be read
+};
+
+// Lists the entries of `folder` ("." and ".." excluded) in the order the file system returns them.
+FSListStatus FSGetDirectoryItems(const std::string& folder, std::vector<FSDirectoryItem>& items);
