@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "gpctimerproxy.h"
+#include "gpcutil.h"
 #include "trace.h"
 
 namespace {
@@ -45,7 +46,7 @@ FILE* OpenNoFollow(const char* path, int flags, const char* mode) {
 void EnsureTalvoFolder() {
   struct stat info;
   if (stat("/tmp/talvo", &info) == 0 && S_ISDIR(info.st_mode)) return;
-  if (mkdir("/tmp/talvo/", 0775) != 0) return;
+  if (!MakeDirectory("/tmp/talvo/")) return;
   // Change the mode of the folder just made, never of what a link at that name points to.
   int fd = open("/tmp/talvo/", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return;
