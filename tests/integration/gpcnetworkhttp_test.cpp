@@ -276,6 +276,40 @@ TEST_F(NetworkHttpTest, BlockingRequestReturnsOnlyAfterTheEnd) {
   EXPECT_GT(timerTicks, 0) << "timers must fire while the request blocks";
 }
 
+TEST_F(NetworkHttpTest, SetBlockWaitsForARunningRequestOnly) {
+  std::string content = PatternBytes(300000, 12);
+  ASSERT_TRUE(nginx_->AddFile("setblock.bin", content));
+  GPCNetworkHttp client;
+  client.SetBlock();  // idle: returns at once
+  RecordingSink sink;
+  ASSERT_EQ(client.GetURL(nginx_->HttpUrl("setblock.bin").c_str(), &sink, 0, false, false), 0u);
+  EXPECT_EQ(sink.returns, 0);
+  client.SetBlock();
+  EXPECT_EQ(sink.returns, 1);
+  EXPECT_TRUE(sink.asBody == content);
+}
+
+struct Cancel {
+  GPCNetworkHttp* client;
+  int fired = 0;
+};
+
+TEST_F(NetworkHttpTest, CancelEndsABlockingRequestWithoutCallback) {
+  GPCNetworkHttp client;
+  RecordingSink sink;
+  Cancel cancel{&client};
+  GPCTimerProxy timer(0.05, [](GPCTimerProxy* self, void* context) {
+    auto* c = static_cast<Cancel*>(context);
+    if (c->fired++ == 0) c->client->CancelCurrentOperate();
+    self->cleanUp();
+  }, &cancel);
+  ASSERT_EQ(client.GetURL(scripted_->Url("/never").c_str(), &sink, 0, true, false), 0u);
+  EXPECT_EQ(cancel.fired, 1);
+  RunMainLoopFor(50);
+  EXPECT_EQ(sink.returns, 0);
+  EXPECT_EQ(client.GetReceivedSize(), 0u);
+}
+
 TEST_F(NetworkHttpTest, RedirectsAreFollowed) {
   std::string content = PatternBytes(70000, 11);
   ASSERT_TRUE(nginx_->AddFile("target.bin", content));
