@@ -10,13 +10,13 @@
 #include "gpcutil.h"
 #include "platform/clock.h"
 #include "util_test_folder.h"
-#include "util_trace_capture.h"
+#include "trace_capture.h"
 
 namespace {
 
 class UtilTest : public ::testing::Test {
  protected:
-  void SetUp() override { CapturedTraces().clear(); }
+  void SetUp() override { ClearCapturedTraces(); }
   ScratchFolder dir_;
 };
 
@@ -113,7 +113,7 @@ TEST_F(UtilTest, TrimmingCutsBothEndsInPlace) {
   trimmed = ZRTrimStringA(text);
   EXPECT_STREQ(trimmed, "a b");
   EXPECT_EQ(trimmed, text + 2);
-  EXPECT_TRUE(CapturedTraces().empty());
+  EXPECT_TRUE(CapturedTracesSnapshot().empty());
   EXPECT_EQ(ZRTrimString(nullptr), nullptr);
   EXPECT_TRUE(AssertLogged("lpszString"));
 }
@@ -246,7 +246,7 @@ TEST_F(UtilTest, FileExistsOnPlainFilesTouchesNothing) {
   std::vector<FSDirectoryItem> items;
   ASSERT_EQ(FSGetDirectoryItems(dir_.path(), items), FSListStatus::kListed);
   EXPECT_EQ(items.size(), 1u);
-  EXPECT_TRUE(CapturedTraces().empty());
+  EXPECT_TRUE(CapturedTracesSnapshot().empty());
 }
 
 TEST_F(UtilTest, DirectoryItemsTellLinksFoldersAndFilesApart) {
@@ -335,7 +335,7 @@ TEST_F(UtilTest, RemoveFileOfMissingOrEmptyPathFailsSilently) {
   EXPECT_FALSE(RemoveFile(dir_ / "missing"));
   EXPECT_FALSE(RemoveFile(""));
   EXPECT_FALSE(RemoveFile(static_cast<const char*>(nullptr)));
-  EXPECT_TRUE(CapturedTraces().empty());
+  EXPECT_TRUE(CapturedTracesSnapshot().empty());
 }
 
 TEST_F(UtilTest, RemoveFileTakesFolderWithContentsButNotLinkTargets) {

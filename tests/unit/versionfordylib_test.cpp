@@ -9,14 +9,14 @@
 #include "gpcutil.h"
 #include "safe_lib.h"
 #include "util_test_folder.h"
-#include "util_trace_capture.h"
+#include "trace_capture.h"
 #include "versionfordylib.h"
 
 namespace {
 
 class VersionTest : public ::testing::Test {
  protected:
-  void SetUp() override { CapturedTraces().clear(); }
+  void SetUp() override { ClearCapturedTraces(); }
 
   std::string InfoPlist(const std::string& version) {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"

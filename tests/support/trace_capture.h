@@ -1,0 +1,18 @@
+// Collects the trace entries this process posts, as the trace catcher sees them, so that tests can
+// check which log lines a call produced.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct CapturedTrace {
+  int level;
+  std::string text;
+};
+
+// Starts listening on first use and keeps listening for the life of the program.
+std::vector<CapturedTrace> CapturedTracesSnapshot();
+void ClearCapturedTraces();
+bool TraceContains(int level, const std::string& fragment);
+void StartTraceCapture();

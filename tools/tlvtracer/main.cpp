@@ -1,0 +1,275 @@
+// tlvtracer: shows the plug-in's binary trace file as readable lines or JSON, once or as it grows.
+// While a process of this name runs, plug-ins loaded afterwards also write their debug records.
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "tvtdecoder.h"
+#include "tvtprinter.h"
+
+namespace {
+
+constexpr char kDefaultPath[] = "/tmp/tlvgpc.tvt";
+constexpr long kPollMillis = 100;
+
+volatile sig_atomic_t g_stop = 0;
+
+void OnStopSignal(int) { g_stop = 1; }
+
+struct Options {
+  std::string path;
+  bool json = false;
+  bool follow = false;
+  uint32_t min_level = 0;
+};
+
+void PrintUsage(FILE* to) {
+  fprintf(to,
+          "usage: tlvtracer [--json] [--follow] [--level debug|info|warn|error] [FILE]\n"
+          "Shows the records of a trace file (default %s, or $GPC_TRACE_FILE when it is an absolute path).\n"
+          "  --json          one JSON object per record\n"
+          "  --follow, -f    keep reading as records are appended, until interrupted\n"
+          "  --level LEVEL   only records of LEVEL and above\n",
+          kDefaultPath);
+}
+
+std::string DefaultPath() {
+  const char* wanted = getenv("GPC_TRACE_FILE");
+  return wanted != nullptr && wanted[0] == '/' ? wanted : kDefaultPath;
+}
+
+// Returns 0 when the options are good, else the exit code to leave with.
+int ParseOptions(int argc, char** argv, Options* options) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--json") {
+      options->json = true;
+    } else if (arg == "--follow" || arg == "-f") {
+      options->follow = true;
+    } else if (arg == "--level" && i + 1 < argc) {
+      options->min_level = tlvtracer::LevelFromName(argv[++i]);
+      if (options->min_level == 0) {
+        fprintf(stderr, "tlvtracer: unknown level \"%s\"\n", argv[i]);
+        return 2;
+      }
+    } else if (arg == "--help" || arg == "-h") {
+      PrintUsage(stdout);
+      return -1;
+    } else if (!arg.empty() && arg[0] == '-') {
+      fprintf(stderr, "tlvtracer: unknown option \"%s\"\n", arg.c_str());
+      PrintUsage(stderr);
+      return 2;
+    } else if (options->path.empty()) {
+      options->path = arg;
+    } else {
+      fprintf(stderr, "tlvtracer: only one file at a time\n");
+      return 2;
+    }
+  }
+  if (options->path.empty()) options->path = DefaultPath();
+  return 0;
+}
+
+void InstallStopHandlers() {
+  struct sigaction action;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = OnStopSignal;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+// Waits one poll interval; a stop signal cuts it short.
+void Pause() {
+  struct timespec wait = {0, kPollMillis * 1000000L};
+  nanosleep(&wait, nullptr);
+}
+
+// Reads a trace file from its start, printing each record as soon as it is whole.
+class TraceReader {
+ public:
+  explicit TraceReader(const Options& options) : options_(options) {}
+  ~TraceReader() { Close(); }
+
+  bool Open() {
+    fd_ = open(options_.path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd_ < 0) return false;
+    struct stat info;
+    inode_ = fstat(fd_, &info) == 0 ? info.st_ino : 0;
+    return true;
+  }
+  bool IsOpen() const { return fd_ >= 0; }
+
+  // Appends whatever the file holds beyond what was read. False on a read error.
+  bool ReadAvailable() {
+    unsigned char chunk[65536];
+    for (;;) {
+      const ssize_t got = read(fd_, chunk, sizeof chunk);
+      if (got == 0) return true;
+      if (got < 0) {
+        if (errno == EINTR) continue;
+        return false;
+      }
+      pending_.insert(pending_.end(), chunk, chunk + got);
+      read_end_ += static_cast<uint64_t>(got);
+    }
+  }
+
+  // Prints every whole record read so far. False at a corrupt header or record.
+  bool Drain() {
+    size_t at = 0;
+    bool good = true;
+    while (good) {
+      const unsigned char* data = pending_.data() + at;
+      const size_t size = pending_.size() - at;
+      if (!header_seen_) {
+        const tlvtracer::DecodeResult result = tlvtracer::CheckHeader(data, size, &problem_);
+        if (result == tlvtracer::DecodeResult::kCorrupt) good = false;
+        if (result != tlvtracer::DecodeResult::kRecord) break;
+        header_seen_ = true;
+        at += tlvtracer::kHeaderSize;
+        continue;
+      }
+      tlvtracer::TraceRecord record;
+      size_t used = 0;
+      const tlvtracer::DecodeResult result = tlvtracer::DecodeRecord(data, size, base_ + at, &record, &used, &problem_);
+      if (result == tlvtracer::DecodeResult::kCorrupt) good = false;
+      if (result != tlvtracer::DecodeResult::kRecord) break;
+      if (first_record_.empty()) first_record_.assign(data, data + used);
+      Print(record);
+      at += used;
+    }
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(at));
+    base_ += at;
+    fflush(stdout);
+    return good;
+  }
+
+  // Offset of the first byte not yet decoded, and how many bytes follow it.
+  uint64_t Offset() const { return base_; }
+  size_t Leftover() const { return pending_.size(); }
+  bool HeaderSeen() const { return header_seen_; }
+  const std::string& Problem() const { return problem_; }
+
+  // True when the file at the path was replaced, cut short, or started anew by a plug-in loading
+  // (its first record differs from the one read).
+  bool WasRestarted() const {
+    struct stat info;
+    if (stat(options_.path.c_str(), &info) != 0) return false;
+    if (info.st_ino != inode_ || static_cast<uint64_t>(info.st_size) < read_end_) return true;
+    if (first_record_.empty()) return false;
+    std::vector<unsigned char> now(first_record_.size());
+    const ssize_t got = pread(fd_, now.data(), now.size(), tlvtracer::kHeaderSize);
+    return got != static_cast<ssize_t>(now.size()) || now != first_record_;
+  }
+
+  void Restart() {
+    Close();
+    pending_.clear();
+    first_record_.clear();
+    base_ = read_end_ = 0;
+    header_seen_ = false;
+    Open();
+  }
+
+ private:
+  void Print(const tlvtracer::TraceRecord& record) {
+    if (record.level < options_.min_level) return;
+    const std::string line = options_.json ? tlvtracer::FormatJson(record) : tlvtracer::FormatLine(record);
+    fwrite(line.data(), 1, line.size(), stdout);
+    fputc('\n', stdout);
+  }
+
+  void Close() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+  }
+
+  const Options& options_;
+  int fd_ = -1;
+  ino_t inode_ = 0;
+  std::vector<unsigned char> pending_;
+  std::vector<unsigned char> first_record_;
+  uint64_t base_ = 0;      // file offset of pending_[0]
+  uint64_t read_end_ = 0;  // file offset just past the last byte read
+  bool header_seen_ = false;
+  std::string problem_;
+};
+
+void ReportCorrupt(const Options& options, const TraceReader& reader) {
+  fprintf(stderr, "tlvtracer: %s: corrupt %s at byte offset %llu: %s\n", options.path.c_str(),
+          reader.HeaderSeen() ? "record" : "header", static_cast<unsigned long long>(reader.Offset()),
+          reader.Problem().c_str());
+}
+
+int ShowOnce(const Options& options) {
+  TraceReader reader(options);
+  if (!reader.Open()) {
+    fprintf(stderr, "tlvtracer: cannot open %s: %s\n", options.path.c_str(), strerror(errno));
+    return 1;
+  }
+  if (!reader.ReadAvailable()) {
+    fprintf(stderr, "tlvtracer: cannot read %s: %s\n", options.path.c_str(), strerror(errno));
+    return 1;
+  }
+  if (!reader.Drain()) {
+    ReportCorrupt(options, reader);
+    return 1;
+  }
+  if (!reader.HeaderSeen() || reader.Leftover() != 0) {
+    fprintf(stderr, "tlvtracer: %s: truncated %s at byte offset %llu: only %zu bytes follow\n", options.path.c_str(),
+            reader.HeaderSeen() ? "record" : "header", static_cast<unsigned long long>(reader.Offset()),
+            reader.Leftover());
+    return 1;
+  }
+  return 0;
+}
+
+int Follow(const Options& options) {
+  TraceReader reader(options);
+  bool said_waiting = false;
+  while (!g_stop) {
+    if (!reader.IsOpen() && !reader.Open()) {
+      if (!said_waiting) fprintf(stderr, "tlvtracer: waiting for %s\n", options.path.c_str());
+      said_waiting = true;
+      Pause();
+      continue;
+    }
+    if (!reader.ReadAvailable()) {
+      fprintf(stderr, "tlvtracer: cannot read %s: %s\n", options.path.c_str(), strerror(errno));
+      return 1;
+    }
+    const bool good = reader.Drain();
+    if (reader.WasRestarted()) {
+      fprintf(stderr, "tlvtracer: %s started anew; reading from its beginning\n", options.path.c_str());
+      reader.Restart();
+      continue;
+    }
+    if (!good) {
+      ReportCorrupt(options, reader);
+      return 1;
+    }
+    // A partial record at the end is still being written: wait for the rest.
+    Pause();
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  const int bad = ParseOptions(argc, argv, &options);
+  if (bad != 0) return bad < 0 ? 0 : bad;
+  if (!options.follow) return ShowOnce(options);
+  InstallStopHandlers();
+  return Follow(options);
+}
