@@ -14,6 +14,7 @@
 #include "gpctimerproxy.h"
 #include "http_test_server.h"
 #include "main_loop.h"
+#include "trace_capture.h"
 
 namespace {
 
@@ -323,22 +324,32 @@ TEST_F(NetworkHttpTest, RedirectsAreFollowed) {
 
 TEST_F(NetworkHttpTest, UrlWithBlanksIsEscapedAndFetched) {
   ASSERT_TRUE(nginx_->AddFile("with blank.txt", "blank ok"));
+  ClearCapturedTraces();
   GPCNetworkHttp client;
   RecordingSink sink;
-  ASSERT_EQ(Fetch(client, nginx_->HttpUrl("with blank.txt"), sink, false), 0u);
+  std::string url = nginx_->HttpUrl("with blank.txt");
+  ASSERT_EQ(Fetch(client, url, sink, false), 0u);
   EXPECT_EQ(sink.asBody, "blank ok");
+  EXPECT_TRUE(TraceContains(
+      1, "GPCNetworkHttp::GetURL,CFURLCreateWithString failed,need use Escape try again!url is " + url));
+  EXPECT_TRUE(TraceContains(1, "recevice url[" + url + "] data size = 8"));
 }
 
 TEST_F(NetworkHttpTest, RequestsThatCannotStartFailWithoutCallback) {
+  ClearCapturedTraces();
   GPCNetworkHttp client;
   RecordingSink sink;
   EXPECT_EQ(client.GetURL(nullptr, &sink, 0, false, false), kFailed);
+  EXPECT_TRUE(TraceContains(1, "GPCNetworkHttp::GetURL,url is nil,don't get it!"));
+  ClearCapturedTraces();
   EXPECT_EQ(client.GetURL("http:", &sink, 0, false, false), kFailed);
   EXPECT_EQ(client.GetURL("http://a.b/", &sink, 0, true, false), kFailed);  // 11 characters
   EXPECT_EQ(client.GetURL("not a url at all", &sink, 0, true, false), kFailed);
   RunMainLoopFor(50);
   EXPECT_EQ(sink.returns, 0);
   EXPECT_EQ(sink.asks, 0);
+  // Too short a URL fails without a message.
+  EXPECT_FALSE(TraceContains(1, "GPCNetworkHttp::GetURL,url is nil"));
 }
 
 TEST_F(NetworkHttpTest, RefusedConnectionEndsWithNothing) {
