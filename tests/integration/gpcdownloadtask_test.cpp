@@ -13,6 +13,7 @@
 #include "http_test_server.h"
 #include "main_loop.h"
 #include "platform/clock.h"
+#include "trace_capture.h"
 
 namespace {
 
@@ -168,8 +169,10 @@ TEST_F(DownloadTaskTest, ResetMidBodyFails) {
 
 TEST_F(DownloadTaskTest, SilentServerGetsOneRestartThenFails) {
   FakeClock clock;
+  ClearCapturedTraces();
   RecordingNotify notify;
-  GPCDownloadTask task(scripted_->Url("/never").c_str(), false, &notify);
+  std::string url = scripted_->Url("/never");
+  GPCDownloadTask task(url.c_str(), false, &notify);
   Heartbeat heartbeat(&task);
   int before = scripted_->RequestCount("/never");
   ASSERT_EQ(task.Start(), 0u);
@@ -191,6 +194,10 @@ TEST_F(DownloadTaskTest, SilentServerGetsOneRestartThenFails) {
   RunMainLoopFor(100);
   EXPECT_EQ(scripted_->RequestCount("/never"), before + 2);
   EXPECT_EQ(notify.completions, 0);
+  EXPECT_TRUE(TraceContains(3, "CheckTask timeout, set it to failded, m_totalPackage = 0, url = " + url));
+  EXPECT_TRUE(TraceContains(1, "still waiting, do it again!"));
+  EXPECT_TRUE(TraceContains(
+      3, "CheckTask timeout, m_totalPackage = 0, m_checkTimes = 2,set task status to kDownloadFailed!"));
 }
 
 TEST_F(DownloadTaskTest, StallAfterDataFailsAtOnceAndRemovesThePartialFile) {
@@ -266,11 +273,13 @@ TEST_F(DownloadTaskTest, MemoryModeSavesTheBodyUnderACountedName) {
   EXPECT_TRUE(Exists(local));
   unlink(local.c_str());
 
+  ClearCapturedTraces();
   GPCDownloadTask empty(scripted_->Url("/bytes?n=0").c_str(), false, &notify);
   empty.SetFileMode(0);
   ASSERT_EQ(empty.Start(), 0u);
   ASSERT_TRUE(WaitForStatus(empty, kDownloadFailed));
   EXPECT_EQ(notify.completions, 1);
+  EXPECT_TRUE(TraceContains(3, "GPCDownloadTask::OnHttpReturn return content length <= 0 "));
 }
 
 TEST_F(DownloadTaskTest, FiveTasksRunSideBySide) {

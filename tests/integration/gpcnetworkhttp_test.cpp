@@ -14,6 +14,7 @@
 #include "gpctimerproxy.h"
 #include "http_test_server.h"
 #include "main_loop.h"
+#include "trace_capture.h"
 
 namespace {
 
@@ -54,9 +55,9 @@ class RecordingSink : public INetworkHttpSink {
     returnedHandle = handle;
     returnedSize = size;
     returnedNull = data == nullptr;
-    if (data) {
-      // Memory mode hands out the body, file mode the file's path; keep both readings.
+    if (data && pathExpected) {
       asText = static_cast<const char*>(data);
+    } else if (data) {
       asBody.assign(static_cast<const char*>(data), size > 0 ? size : 0);
       terminated = size >= 0 && static_cast<const char*>(data)[size] == '\0';
     }
@@ -74,6 +75,7 @@ class RecordingSink : public INetworkHttpSink {
     return answerAsk;
   }
 
+  bool pathExpected = false;  // file mode hands out a path, memory mode the body
   int returns = 0;
   void* returnedHandle = reinterpret_cast<void*>(1);
   int returnedSize = -1;
@@ -112,9 +114,10 @@ class NetworkHttpTest : public ::testing::Test {
   // Fetches `url` and waits for the end; returns GetURL's result.
   unsigned Fetch(GPCNetworkHttp& client, const std::string& url, RecordingSink& sink, bool toFile,
                  unsigned timeoutMs = 0) {
+    sink.pathExpected = toFile && !sink.answerAsk;  // an answered challenge goes on in memory
     unsigned rc = client.GetURL(url.c_str(), &sink, timeoutMs, false, toFile);
     if (rc == 0) RunMainLoopUntil([&] { return sink.returns > 0 || sink.asks > 0; });
-    if (toFile && !sink.returnedNull) made_.push_back(sink.asText);
+    if (sink.pathExpected && !sink.asText.empty()) made_.push_back(sink.asText);
     return rc;
   }
 
@@ -249,6 +252,7 @@ TEST_F(NetworkHttpTest, LinkPlantedAtNamedFileIsNotFollowed) {
   GPCNetworkHttp client;
   client.SetFileName(name.c_str());
   RecordingSink sink;
+  sink.pathExpected = true;
   unsigned rc = client.GetURL(nginx_->HttpUrl("trap.bin").c_str(), &sink, 0, false, true);
   RunMainLoopUntil([&] { return sink.returns > 0; });
   unlink(trap.c_str());
@@ -273,6 +277,40 @@ TEST_F(NetworkHttpTest, BlockingRequestReturnsOnlyAfterTheEnd) {
   EXPECT_GT(timerTicks, 0) << "timers must fire while the request blocks";
 }
 
+TEST_F(NetworkHttpTest, SetBlockWaitsForARunningRequestOnly) {
+  std::string content = PatternBytes(300000, 12);
+  ASSERT_TRUE(nginx_->AddFile("setblock.bin", content));
+  GPCNetworkHttp client;
+  client.SetBlock();  // idle: returns at once
+  RecordingSink sink;
+  ASSERT_EQ(client.GetURL(nginx_->HttpUrl("setblock.bin").c_str(), &sink, 0, false, false), 0u);
+  EXPECT_EQ(sink.returns, 0);
+  client.SetBlock();
+  EXPECT_EQ(sink.returns, 1);
+  EXPECT_TRUE(sink.asBody == content);
+}
+
+struct Cancel {
+  GPCNetworkHttp* client;
+  int fired = 0;
+};
+
+TEST_F(NetworkHttpTest, CancelEndsABlockingRequestWithoutCallback) {
+  GPCNetworkHttp client;
+  RecordingSink sink;
+  Cancel cancel{&client};
+  GPCTimerProxy timer(0.05, [](GPCTimerProxy* self, void* context) {
+    auto* c = static_cast<Cancel*>(context);
+    if (c->fired++ == 0) c->client->CancelCurrentOperate();
+    self->cleanUp();
+  }, &cancel);
+  ASSERT_EQ(client.GetURL(scripted_->Url("/never").c_str(), &sink, 0, true, false), 0u);
+  EXPECT_EQ(cancel.fired, 1);
+  RunMainLoopFor(50);
+  EXPECT_EQ(sink.returns, 0);
+  EXPECT_EQ(client.GetReceivedSize(), 0u);
+}
+
 TEST_F(NetworkHttpTest, RedirectsAreFollowed) {
   std::string content = PatternBytes(70000, 11);
   ASSERT_TRUE(nginx_->AddFile("target.bin", content));
@@ -286,22 +324,32 @@ TEST_F(NetworkHttpTest, RedirectsAreFollowed) {
 
 TEST_F(NetworkHttpTest, UrlWithBlanksIsEscapedAndFetched) {
   ASSERT_TRUE(nginx_->AddFile("with blank.txt", "blank ok"));
+  ClearCapturedTraces();
   GPCNetworkHttp client;
   RecordingSink sink;
-  ASSERT_EQ(Fetch(client, nginx_->HttpUrl("with blank.txt"), sink, false), 0u);
+  std::string url = nginx_->HttpUrl("with blank.txt");
+  ASSERT_EQ(Fetch(client, url, sink, false), 0u);
   EXPECT_EQ(sink.asBody, "blank ok");
+  EXPECT_TRUE(TraceContains(
+      1, "GPCNetworkHttp::GetURL,CFURLCreateWithString failed,need use Escape try again!url is " + url));
+  EXPECT_TRUE(TraceContains(1, "recevice url[" + url + "] data size = 8"));
 }
 
 TEST_F(NetworkHttpTest, RequestsThatCannotStartFailWithoutCallback) {
+  ClearCapturedTraces();
   GPCNetworkHttp client;
   RecordingSink sink;
   EXPECT_EQ(client.GetURL(nullptr, &sink, 0, false, false), kFailed);
+  EXPECT_TRUE(TraceContains(1, "GPCNetworkHttp::GetURL,url is nil,don't get it!"));
+  ClearCapturedTraces();
   EXPECT_EQ(client.GetURL("http:", &sink, 0, false, false), kFailed);
   EXPECT_EQ(client.GetURL("http://a.b/", &sink, 0, true, false), kFailed);  // 11 characters
   EXPECT_EQ(client.GetURL("not a url at all", &sink, 0, true, false), kFailed);
   RunMainLoopFor(50);
   EXPECT_EQ(sink.returns, 0);
   EXPECT_EQ(sink.asks, 0);
+  // Too short a URL fails without a message.
+  EXPECT_FALSE(TraceContains(1, "GPCNetworkHttp::GetURL,url is nil"));
 }
 
 TEST_F(NetworkHttpTest, RefusedConnectionEndsWithNothing) {

@@ -10,7 +10,7 @@
 #include <ftw.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,8 +18,6 @@
 #include <thread>
 #include <unistd.h>
 #include <vector>
-
-extern char** environ;
 
 namespace gpctest {
 
@@ -55,6 +53,24 @@ bool ConnectsTo(int port) {
 }
 
 void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+// Starts argv[0] (searched in PATH) with its output appended to `logPath`. The child is killed
+// when this process ends, even by a crash, so no server outlives its test.
+pid_t StartChild(const char* const argv[], const std::string& logPath) {
+  pid_t parent = getpid();
+  pid_t pid = fork();
+  if (pid != 0) return pid;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(127);
+  int in = open("/dev/null", O_RDONLY);
+  int out = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  if (in < 0 || out < 0) _exit(127);
+  dup2(in, 0);
+  dup2(out, 1);
+  dup2(out, 2);
+  execvp(argv[0], const_cast<char* const*>(argv));
+  _exit(127);
+}
 
 }  // namespace
 
@@ -99,15 +115,8 @@ std::string PatternBytes(size_t size, unsigned seed) {
 
 bool ChildProcess::Spawn(const char* const argv[], const std::string& logPath) {
   Stop();
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  pid_t pid = -1;
-  int rc = posix_spawnp(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) return false;
+  pid_t pid = StartChild(argv, logPath);
+  if (pid < 0) return false;
   pid_ = pid;
   return true;
 }
@@ -139,15 +148,8 @@ void ChildProcess::Stop() {
 }
 
 int RunCommand(const char* const argv[], const std::string& logPath) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  pid_t pid = -1;
-  int rc = posix_spawnp(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) return -1;
+  pid_t pid = StartChild(argv, logPath);
+  if (pid < 0) return -1;
   int status = 0;
   if (waitpid(pid, &status, 0) != pid) return -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "gpctimerproxy.h"
+#include "gpcutil.h"
 #include "trace.h"
 
 namespace {
@@ -45,7 +46,7 @@ FILE* OpenNoFollow(const char* path, int flags, const char* mode) {
 void EnsureTalvoFolder() {
   struct stat info;
   if (stat("/tmp/talvo", &info) == 0 && S_ISDIR(info.st_mode)) return;
-  if (mkdir("/tmp/talvo/", 0775) != 0) return;
+  if (!MakeDirectory("/tmp/talvo/")) return;
   // Change the mode of the folder just made, never of what a link at that name points to.
   int fd = open("/tmp/talvo/", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return;
@@ -176,8 +177,7 @@ void GPCNetworkHttp::StopBlockingLoop() {
   m_pBlockingLoop = nullptr;
 }
 
-void GPCNetworkHttp::FinishCallback(const std::shared_ptr<bool>& alive) {
-  if (!*alive) return;
+void GPCNetworkHttp::FinishCallback() {
   StopBlockingLoop();
   if (m_nSelfDelete) delete this;
 }
@@ -187,7 +187,7 @@ void GPCNetworkHttp::NetworkTimeoutTimerProc(GPCTimerProxy*, void* info) {
   std::shared_ptr<bool> alive = self->m_pAlive;
   self->TerminateOperate();  // deletes this timer: a time-out fires once
   if (self->m_pSink) self->m_pSink->OnHttpReturn(self->m_pUserHandle, 0, nullptr);
-  self->FinishCallback(alive);
+  if (*alive) self->FinishCallback();
 }
 
 void GPCNetworkHttp::OnTransferChunk(const char* data, size_t size) {
@@ -211,6 +211,7 @@ void GPCNetworkHttp::OnTransferChallenge(long) {
 
 void GPCNetworkHttp::OnTransferEnd(bool complete, const char* error) {
   std::shared_ptr<bool> alive = m_pAlive;
+  std::string reason(error ? error : "");  // the text lives in the transfer, dropped just below
   TerminateOperate();
   if (complete) {
     if (m_pSink) {
@@ -220,10 +221,10 @@ void GPCNetworkHttp::OnTransferEnd(bool complete, const char* error) {
     }
   } else {
     MacInfoTrace("GPCNetworkHttp::ReadStreamClientCallBack,kCFStreamEventErrorOccurred,url[%s],%s",
-                 m_strURL.c_str(), error);
+                 m_strURL.c_str(), reason.c_str());
     if (m_pSink) m_pSink->OnHttpReturn(m_pUserHandle, 0, nullptr);
   }
-  FinishCallback(alive);
+  if (*alive) FinishCallback();
 }
 
 void GPCNetworkHttp::OnNewStream(void* data, unsigned long size) {

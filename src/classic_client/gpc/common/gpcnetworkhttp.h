@@ -78,7 +78,7 @@ class GPCNetworkHttp : private gpcnet::ITransferListener {
   void RunBlockingLoop();
   void StopBlockingLoop();
   // What every ending callback does last, unless the sink deleted the client.
-  void FinishCallback(const std::shared_ptr<bool>& alive);
+  void FinishCallback();
   unsigned FailStart();
 
   gpcnet::CurlTransferPtr m_pTransfer;  // the request in flight; null when idle
