@@ -1,14 +1,18 @@
 // The extension manager: where the extension lives, what it is called, where its package comes
-// from, and the start of the update check.
+// from, and the update decision: load what is installed, or fetch the package.
 #include <cerrno>
 #include <cstring>
 #include <string>
 
+#include "gpctimereporter.h"
+#include "gpcutil.h"
 #include "npgpc_text.h"
 #include "platform/bundle.h"
 #include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
+#include "safe_lib.h"
 #include "trace.h"
+#include "versionfordylib.h"
 
 namespace {
 
@@ -19,6 +23,10 @@ const char kTalvoFolder[] = "Talvo Folder";
 const size_t kLongestPath = 1023;
 const size_t kLongestExtensionName = 64;
 const size_t kLongestUrlRoot = 949;
+// Installed versions are read into a buffer of this size.
+const size_t kVersionBufferSize = 256;
+// The bound given for texts of unknown length.
+const size_t kUnboundedText = 0x7fffffff;
 
 // The "folder not found" result of the folder lookups.
 const int kFolderNotFound = -43;
@@ -53,9 +61,62 @@ void CGpcExtMgr::Init() {
 
 void CGpcExtMgr::CheckExtension() {
   MacInfoTrace("CGpcExtMgr::CheckExtension");
-  // UNFINISHED: the version comparison, the package fetch and the request to load the
-  // extension come with the direct-download work. Until then the check stops here and the
-  // instance runs on without an extension.
+  RecordTimeStamp(tmr_gpc_check_extension);
+  if (m_pWindow->m_nExtCheckState != 0) {
+    // A version is missing from the page: whatever is on disk is loaded as it is.
+    LoadExtension();
+    return;
+  }
+  if (!NeedUpdate(GetExtensionPath(false).c_str(), m_pWindow->GetParameter("GpcExtVersion"))) {
+    LoadExtension();
+    return;
+  }
+  RecordTimeStamp(tmr_gpc_start_update_extension);
+  const std::string url = GetExtensionUrl();
+  m_pWindow->GetFileAtUrl(CGpcExtMgr::GpcGetFileNotify, this, url.c_str());
+}
+
+bool CGpcExtMgr::NeedUpdate(const char* file, const char* requiredVersion) {
+  MacInfoTrace("CGpcExtMgr::NeedUpdate,lpszFile=%s,lpszRequireVersion=%s", file ? file : "(null)",
+               requiredVersion ? requiredVersion : "(null)");
+  if (file == nullptr || !FileExists(file)) {
+    MacInfoTrace("CGpcExtMgr::NeedUpdate,%s is not exist,need update!", file ? file : "(null)");
+    return true;
+  }
+  std::string required;
+  FormalizeVersionString(required, requiredVersion);
+  char installed[kVersionBufferSize] = {};
+  if (!GetFileVersionString(file, installed, sizeof installed)) {
+    MacInfoTrace("CGpcExtMgr::NeedUpdate,get %s version info failed,need update!", file);
+    return true;
+  }
+  // Equality only: a newer bundle is replaced too, so the page gets exactly what it names.
+  int differs = 1;
+  if (strcmp_s(installed, kUnboundedText, required.c_str(), &differs) != 0 || differs != 0) {
+    MacInfoTrace("CGpcExtMgr::NeedUpdate,%s need update from [%s] to [%s]!", file, installed, required.c_str());
+    return true;
+  }
+  MacInfoTrace("CGpcExtMgr::NeedUpdate,%s is not need update!", file);
+  return false;
+}
+
+void CGpcExtMgr::RecordTimeStamp(const char* key) {
+  const char* productVersion = m_pWindow->GetParameter("GpcProductVersion");
+  const char* meetingId = m_pWindow->GetParameter("MeetingID");
+  if (productVersion == nullptr || meetingId == nullptr) return;
+  gpctimereporter::appendTimeStamp(productVersion, meetingId, key);
+}
+
+void CGpcExtMgr::GpcGetFileNotify(void* instance, void* context, GPCGetFileNotifyMessageType type, void* data) {
+  (void)instance;
+  MacInfoTrace("CGpcExtMgr::GpcGetFileNotify,GPCGetFileNotifyMessageType=%d", static_cast<int>(type));
+  if (context == nullptr || type != GPC_GETFILE_COMPLETE) return;
+  // Verification and unpacking of the package are not done here yet; its arrival is noted.
+  if (data == nullptr) {
+    MacErrorTrace("CGpcExtMgr::GpcGetFileNotify,extension package download failed!");
+    return;
+  }
+  MacInfoTrace("CGpcExtMgr::GpcGetFileNotify,extension package arrived,file=%s", static_cast<const char*>(data));
 }
 
 void CGpcExtMgr::LoadExtension() { m_pWindow->m_bNeedInitExtension = true; }

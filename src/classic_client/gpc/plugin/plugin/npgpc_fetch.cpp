@@ -1,5 +1,7 @@
-// File fetching of the instance: the queue of requests and the old download mode, in which one
-// file at a time comes through a browser stream of the instance's own access point.
+// File fetching of the instance: the queue of requests, up to five direct downloads at a time
+// (the parallel mode), and the old download mode, in which one file at a time comes through a
+// browser stream of the instance's own access point. The first direct download that fails or
+// meets a credentials challenge switches the instance to the old mode for good.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +9,7 @@
 
 #include "gpcutil.h"
 #include "plugin/plugin/npgpcimp.h"
+#include "tlvtrace/tlvtraceu.h"  // nlStrCpy
 #include "trace.h"
 
 namespace {
@@ -40,21 +43,82 @@ bool CGpcWindow::GetFileAtUrl(GpcGetFileNotifyProc callback, void* context, cons
 void CGpcWindow::CheckFileDownloading() {
   if (m_vectorFileItem.empty()) return;
   if (m_nFetchReady == 0) {
-    if (m_streamSapId != nullptr) return;  // a GET stream is outstanding
-    CGetFileItem* item = m_vectorFileItem.front();
-    if (item == nullptr) return;
-    OpenDownloadingStreamFile();
-    const char* url = item->m_strUrl.empty() ? nullptr : item->m_strUrl.c_str();
-    GpcGetStream(m_streamSap, url, 0, &m_streamSapId);
-    if (m_streamSapId != nullptr) return;
-    // Refused: the item stays first and is asked for again on the next heartbeat.
-    CloseDownloadingStreamFile();
-    if (!m_strStreamFilePath.empty()) RemoveFile(m_strStreamFilePath);
-    m_strStreamFilePath.clear();
+    RequestHeadThroughBrowser();
     return;
   }
-  // UNFINISHED: the parallel mode (up to five direct download tasks) comes with the
-  // direct-download work. Until then queued requests wait here.
+  if (AnyDirectDownloadGaveUp()) {
+    MacInfoTrace("CGpcWindow::CheckFileDownloading,need use old download mode!");
+    m_nFetchReady = 0;
+    // Their items stay queued and come through the browser from the next heartbeat on.
+    DestroyDownloadSlots();
+    return;
+  }
+  for (GpcDownloadSlot& slot : m_downloadSlots) {
+    if (slot.task != nullptr && slot.task->GetStatus() == kDownloading) slot.task->CheckTask();
+  }
+  StartDirectDownloads();
+}
+
+void CGpcWindow::RequestHeadThroughBrowser() {
+  if (m_streamSapId != nullptr) return;  // a GET stream is outstanding
+  CGetFileItem* item = m_vectorFileItem.front();
+  if (item == nullptr) return;
+  OpenDownloadingStreamFile();
+  const char* url = item->m_strUrl.empty() ? nullptr : item->m_strUrl.c_str();
+  GpcGetStream(m_streamSap, url, 0, &m_streamSapId);
+  if (m_streamSapId != nullptr) return;
+  // Refused: the item stays first and is asked for again on the next heartbeat.
+  CloseDownloadingStreamFile();
+  if (!m_strStreamFilePath.empty()) RemoveFile(m_strStreamFilePath);
+  m_strStreamFilePath.clear();
+}
+
+bool CGpcWindow::AnyDirectDownloadGaveUp() const {
+  for (const GpcDownloadSlot& slot : m_downloadSlots) {
+    if (slot.task == nullptr) continue;
+    const int status = slot.task->GetStatus();
+    if (status == kDownloadFailed || status == kDownloadNeedProxy) return true;
+  }
+  return false;
+}
+
+void CGpcWindow::DestroyDownloadSlots() {
+  for (GpcDownloadSlot& slot : m_downloadSlots) {
+    delete slot.task;
+    slot.task = nullptr;
+    std::memset(slot.url, 0, sizeof slot.url);
+  }
+}
+
+bool CGpcWindow::IsServedBySlot(const CGetFileItem* item) const {
+  for (const GpcDownloadSlot& slot : m_downloadSlots) {
+    if (slot.task != nullptr && slot.task->GetItem() == item) return true;
+  }
+  return false;
+}
+
+int CGpcWindow::FirstFreeDownloadSlot() const {
+  for (int index = 0; index < kDownloadSlotCount; ++index) {
+    if (m_downloadSlots[index].task == nullptr) return index;
+  }
+  return -1;
+}
+
+void CGpcWindow::StartDirectDownloads() {
+  // By index: a task that fails at once must not invalidate the walk.
+  for (size_t i = 0; i < m_vectorFileItem.size(); ++i) {
+    CGetFileItem* item = m_vectorFileItem[i];
+    if (item == nullptr || IsServedBySlot(item)) continue;
+    const int index = FirstFreeDownloadSlot();
+    if (index < 0) continue;
+    MacInfoTrace("CGpcWindow::CheckFileDownloading,index[%d] stream is nil,create new download task!", index);
+    MacInfoTrace("CGpcWindow::CheckFileDownloading,url=[%s]", item->m_strUrl.c_str());
+    GpcDownloadSlot& slot = m_downloadSlots[index];
+    slot.task = new GPCDownloadTask(item->m_strUrl.c_str(), false, this);
+    slot.task->SetItem(item);
+    slot.task->Start();
+    nlStrCpy(slot.url, sizeof slot.url, item->m_strUrl.c_str());
+  }
 }
 
 bool CGpcWindow::OpenDownloadingStreamFile() {
@@ -130,8 +194,34 @@ void CGpcWindow::OnDataReceived(unsigned size, void* item) {
 void CGpcWindow::OnDownloadCompleate() { CheckDownloadingTasks(); }
 
 void CGpcWindow::CheckDownloadingTasks() {
-  // UNFINISHED: handing finished direct downloads to their requesters comes with the
-  // direct-download work; until then no slot ever holds a task.
+  for (int index = 0; index < kDownloadSlotCount; ++index) {
+    GpcDownloadSlot& slot = m_downloadSlots[index];
+    if (slot.task == nullptr || slot.task->GetStatus() != kDownloadFinished) continue;
+    MacInfoTrace("CGpcWindow::CheckDownloadingTasks,begin handle stream[%d],url[%s]", index, slot.url);
+    GPCDownloadTask* task = slot.task;
+    const std::string localFile = task->GetLocalFile();
+    // This runs inside the task's own completion: the task (and with it the file) lives on
+    // until the instance goes.
+    m_vectorDownloadTask.push_back(task);
+    slot.task = nullptr;
+    std::memset(slot.url, 0, sizeof slot.url);
+    if (task->GetItem() != nullptr) HandOverDownloadedFile(static_cast<CGetFileItem*>(task->GetItem()), localFile);
+    MacInfoTrace("CGpcWindow::CheckDownloadingTasks,end handle stream[%d]", index);
+  }
+}
+
+void CGpcWindow::HandOverDownloadedFile(CGetFileItem* item, const std::string& localFile) {
+  const GpcGetFileNotifyProc callback = item->m_pfnCallback;
+  void* const context = item->m_pContext;
+  const std::string url = item->m_strUrl;
+  for (auto it = m_vectorFileItem.begin(); it != m_vectorFileItem.end(); ++it) {
+    if (*it != item) continue;
+    MacInfoTrace("CGpcWindow::CheckDownloadingTasks,m_vectorFileItem erase item[%s]", url.c_str());
+    delete item;
+    m_vectorFileItem.erase(it);
+    break;
+  }
+  if (callback) callback(this, context, GPC_GETFILE_COMPLETE, const_cast<char*>(localFile.c_str()));
 }
 
 void CGpcWindow::StopDownload() {

@@ -84,7 +84,14 @@ class CGpcExtMgr {
                                void* data);
 
   CGpcWindow* m_pWindow;  // not owned
+
+ private:
+  // Records a milestone when the page names both a product version and a meeting.
+  void RecordTimeStamp(const char* key);
 };
+
+// How many direct downloads the instance runs at once.
+constexpr int kDownloadSlotCount = 5;
 
 // One parallel download slot: the task (owned; null when free) and its URL.
 struct GpcDownloadSlot {
@@ -199,13 +206,24 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   void* m_pExtData = nullptr;
   int32_t m_nExtCheckState = 0;
   int32_t m_nFetchReady = 1;
-  GpcDownloadSlot m_downloadSlots[5] = {};
+  GpcDownloadSlot m_downloadSlots[kDownloadSlotCount] = {};
   std::vector<GPCDownloadTask*> m_vectorDownloadTask;
   unsigned m_hTimer = 0;  // the heartbeat's event-loop source id; 0 when none is installed
   void* m_h7zLib = nullptr;
   GpcDecompressFile7zProc m_pfnDecompressFile7z = nullptr;
 
  private:
+  // Old download mode: asks the browser for the head of the queue unless a stream is outstanding.
+  void RequestHeadThroughBrowser();
+  // Parallel mode.
+  bool AnyDirectDownloadGaveUp() const;
+  void DestroyDownloadSlots();
+  bool IsServedBySlot(const CGetFileItem* item) const;
+  int FirstFreeDownloadSlot() const;  // -1 when all are busy
+  void StartDirectDownloads();
+  // Takes `item` off the queue and hands the requester its file.
+  void HandOverDownloadedFile(CGetFileItem* item, const std::string& localFile);
+
   void InstallHeartbeatTimer();
   void RemoveHeartbeatTimer();
   void FillServiceTable();
