@@ -177,6 +177,9 @@ void CGpcWindow::CloseDownloadingStreamFile() {
 
 void CGpcWindow::CleanupDownloadingStreamFiles() {
   CloseDownloadingStreamFile();
+  // A browser download cut short leaves no half-written file behind.
+  if (!m_strStreamFilePath.empty()) RemoveFile(m_strStreamFilePath);
+  m_strStreamFilePath.clear();
   if (m_vectorFileItem.empty()) return;
   delete m_vectorFileItem.front();
   m_vectorFileItem.erase(m_vectorFileItem.begin());
