@@ -216,8 +216,9 @@ bool NginxTestServer::WriteConfig() {
        << "    listen 127.0.0.1:" << httpsPort_ << " ssl;\n"
        << "    ssl_certificate " << dir << "/cert.pem;\n"
        << "    ssl_certificate_key " << dir << "/key.pem;\n"
-       << "    root " << dir << "/www;\n"
-       << "  }\n"
+       << "    root " << dir << "/www;\n";
+  if (!limitRate_.empty()) conf << "    limit_rate " << limitRate_ << ";\n";
+  conf << "  }\n"
        << "}\n";
   return WriteFile(dir + "/nginx.conf", conf.str());
 }

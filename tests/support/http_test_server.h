@@ -59,6 +59,9 @@ class NginxTestServer {
   ~NginxTestServer();
   // Starts nginx; false (with the reason in error()) when it does not come up.
   bool Start();
+  // Before Start: limits every response to `rate` per connection (nginx "limit_rate", e.g.
+  // "10m" for 10 MB/s). Unlimited by default.
+  void SetLimitRate(const std::string& rate) { limitRate_ = rate; }
   // Puts a file with `content` at the URL path "/<name>" (sub-folders created).
   bool AddFile(const std::string& name, const std::string& content);
   // The path on disk of the URL path "/<name>" (for files too large to build in memory).
@@ -76,6 +79,7 @@ class NginxTestServer {
   ChildProcess process_;
   int httpPort_ = 0;
   int httpsPort_ = 0;
+  std::string limitRate_;
   std::string error_;
 };
 
