@@ -12,6 +12,7 @@
 #include "platform/clock.h"
 #include "platform/trust_panel.h"
 #include "security_test_tools.h"
+#include "scoped_env.h"
 #include "trace_capture.h"
 
 namespace {
@@ -141,26 +142,6 @@ class PkiEnvironment : public ::testing::Environment {
 ::testing::Environment* const g_pkiEnvironment =
     ::testing::AddGlobalTestEnvironment(new PkiEnvironment);
 
-// Sets an environment variable for one scope.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const std::string& value) : name_(name) {
-    const char* old = getenv(name);
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    setenv(name, value.c_str(), 1);
-  }
-  ~ScopedEnv() {
-    if (had_)
-      setenv(name_.c_str(), old_.c_str(), 1);
-    else
-      unsetenv(name_.c_str());
-  }
-
- private:
-  std::string name_, old_;
-  bool had_ = false;
-};
 
 // ---- Certificates --------------------------------------------------------------------------
 

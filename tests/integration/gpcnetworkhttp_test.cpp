@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "scoped_env.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -30,22 +32,6 @@ const unsigned kFailed = 0xFFFFFFFF;
 const char* const kProxyVariables[] = {"http_proxy", "https_proxy", "no_proxy", "all_proxy",
                                        "HTTP_PROXY", "HTTPS_PROXY", "NO_PROXY", "ALL_PROXY"};
 
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    const char* old = getenv(name);
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    if (value) setenv(name, value, 1); else unsetenv(name);
-  }
-  ~ScopedEnv() {
-    if (had_) setenv(name_.c_str(), old_.c_str(), 1); else unsetenv(name_.c_str());
-  }
-
- private:
-  std::string name_, old_;
-  bool had_ = false;
-};
 
 // Records every callback; the hooks let a case act from inside one.
 class RecordingSink : public INetworkHttpSink {

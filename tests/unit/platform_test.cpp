@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "scoped_env.h"
+
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -20,21 +22,6 @@ std::string MakeTempFolder() {
   return mkdtemp(templ);
 }
 
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    const char* old = getenv(name);
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    if (value) setenv(name, value, 1); else unsetenv(name);
-  }
-  ~ScopedEnv() {
-    if (had_) setenv(name_.c_str(), old_.c_str(), 1); else unsetenv(name_.c_str());
-  }
- private:
-  std::string name_, old_;
-  bool had_ = false;
-};
 
 TEST(SystemVersion, OverrideRunsOldPathsAndClears) {
   EXPECT_GE(platform::SystemVersion(), 0x1060u);
