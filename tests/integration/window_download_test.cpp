@@ -117,11 +117,6 @@ class WindowDownloadTest : public ::testing::Test {
     }
   }
 
-  static int BusySlots(const CGpcWindow* window) {
-    int busy = 0;
-    for (const GpcDownloadSlot& slot : window->m_downloadSlots) busy += slot.task != nullptr;
-    return busy;
-  }
 
   Environment env;
   NPP_t npp{};

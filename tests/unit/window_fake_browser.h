@@ -171,4 +171,11 @@ class PageParams {
   std::vector<char*> m_argn, m_argv;
 };
 
+// How many of the instance's download slots hold a task.
+inline int BusySlots(const CGpcWindow* window) {
+  int busy = 0;
+  for (const GpcDownloadSlot& slot : window->m_downloadSlots) busy += slot.task != nullptr;
+  return busy;
+}
+
 }  // namespace window_test

@@ -94,11 +94,6 @@ class WindowFetchTest : public ::testing::Test {
     NPP_DestroyStream(&npp, &stream, reason);
   }
 
-  static int BusySlots(const CGpcWindow* window) {
-    int busy = 0;
-    for (const GpcDownloadSlot& slot : window->m_downloadSlots) busy += slot.task != nullptr;
-    return busy;
-  }
 
   Environment env;
   NPP_t npp{};

@@ -68,9 +68,7 @@ void CGpcWindow::RequestHeadThroughBrowser() {
   GpcGetStream(m_streamSap, url, 0, &m_streamSapId);
   if (m_streamSapId != nullptr) return;
   // Refused: the item stays first and is asked for again on the next heartbeat.
-  CloseDownloadingStreamFile();
-  if (!m_strStreamFilePath.empty()) RemoveFile(m_strStreamFilePath);
-  m_strStreamFilePath.clear();
+  DiscardDownloadingStreamFile();
 }
 
 bool CGpcWindow::AnyDirectDownloadGaveUp() const {
@@ -165,8 +163,7 @@ void CGpcWindow::FinishDownloadingStreamFile(bool success) {
                           success ? const_cast<char*>(path.c_str()) : nullptr);
     }
   }
-  if (!m_strStreamFilePath.empty()) RemoveFile(m_strStreamFilePath);
-  m_strStreamFilePath.clear();
+  DiscardDownloadingStreamFile();
 }
 
 void CGpcWindow::CloseDownloadingStreamFile() {
@@ -175,11 +172,15 @@ void CGpcWindow::CloseDownloadingStreamFile() {
   m_pStreamFile = nullptr;
 }
 
-void CGpcWindow::CleanupDownloadingStreamFiles() {
+void CGpcWindow::DiscardDownloadingStreamFile() {
   CloseDownloadingStreamFile();
-  // A browser download cut short leaves no half-written file behind.
   if (!m_strStreamFilePath.empty()) RemoveFile(m_strStreamFilePath);
   m_strStreamFilePath.clear();
+}
+
+void CGpcWindow::CleanupDownloadingStreamFiles() {
+  // A browser download cut short leaves no half-written file behind.
+  DiscardDownloadingStreamFile();
   if (m_vectorFileItem.empty()) return;
   delete m_vectorFileItem.front();
   m_vectorFileItem.erase(m_vectorFileItem.begin());

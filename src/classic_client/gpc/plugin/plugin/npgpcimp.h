@@ -164,6 +164,8 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   void AppendToDownloadingStreamFile(unsigned char* data, unsigned len);
   void FinishDownloadingStreamFile(bool success);
   void CloseDownloadingStreamFile();
+  // Closes the old-mode file, removes it and forgets its path.
+  void DiscardDownloadingStreamFile();
   void CleanupDownloadingStreamFiles();
   void CheckDownloadingTasks();
   void StopDownload();
