@@ -1,0 +1,426 @@
+/*
+ * Sample GPC extension.
+ *
+ * A complete, working extension that shows how an extension talks to the GPC plug-in. Copy it as
+ * the starting point of your own. It is built against the two public headers alone
+ * (gpc/gpc_extension.h and gpc/gpc_trace.h) and links nothing but the C library: everything it
+ * needs from the plug-in comes through the service table handed to GpcInitInstance, or is looked
+ * up at run time.
+ *
+ * What it does, driven by three page parameters:
+ *   "GpcSampleFiles"      URLs separated by "|"; each is fetched with GpcGetFileAtUrl.
+ *   "GpcSampleUnpackDir"  a folder; every fetched file whose URL ends in ".7z" is unpacked there.
+ *   "GpcSampleDoneUrl"    once every fetch has completed (successfully or not), the page goes to
+ *                         this URL with "fetched=N&failed=M&unpacked=K&params=P" appended.
+ * Without files, it navigates on the first heartbeat; without "GpcSampleDoneUrl", nowhere.
+ * Every step is traced at info level under the module name "GPCSample".
+ *
+ * Rules every extension must follow (the plug-in calls the entry points on the browser's main
+ * thread, one at a time, so no locking is needed):
+ *   - Keep your state in a datum of your own and store it in *extData in GpcInitInstance; the
+ *     plug-in passes it back on every call. It can be NULL (a failed GpcInitInstance), so every
+ *     entry point checks it.
+ *   - Strings returned by the services (parameters, fetched paths) belong to the plug-in. Copy what
+ *     you keep, and use a fetched file's path only during the completion callback.
+ *   - The context given to GpcGetFileAtUrl must stay valid until GpcExitInstance: the plug-in may
+ *     call back at any time until then, and drops its queue afterwards.
+ *   - Never pass text you did not write as a format string.
+ */
+
+/* dladdr, RTLD_DEFAULT and RTLD_NOLOAD are GNU extensions of <dlfcn.h>. */
+#define _GNU_SOURCE
+
+#include <dlfcn.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "gpc/gpc_extension.h"
+#include "gpc/gpc_trace.h"
+
+/* The module is built with hidden symbols; only the six entry points are exported. */
+#define SAMPLE_EXPORT __attribute__((visibility("default")))
+
+#define SAMPLE_TRACE_MODULE "GPCSample"
+#define SAMPLE_FILES_PARAM "GpcSampleFiles"
+#define SAMPLE_UNPACK_DIR_PARAM "GpcSampleUnpackDir"
+#define SAMPLE_DONE_URL_PARAM "GpcSampleDoneUrl"
+#define SAMPLE_URL_SEPARATOR '|'
+#define SAMPLE_ARCHIVE_SUFFIX ".7z"
+/* Progress is traced for a file's first block and then once per this many bytes. */
+#define SAMPLE_PROGRESS_TRACE_STEP (1024ul * 1024ul)
+
+/* Results of GpcInitInstance. The plug-in only logs the value, so make each failure distinct. */
+enum {
+  SAMPLE_INIT_OK = 0,
+  SAMPLE_INIT_BAD_ARGUMENTS = 1,
+  SAMPLE_INIT_BAD_VERSION = 2,
+  SAMPLE_INIT_NO_MEMORY = 3
+};
+
+/* The type of GpcTracePost (gpc/gpc_trace.h), for the pointer found at run time. */
+typedef int (*SampleTracePostProc)(const char* module, int level, const char* text);
+
+struct SampleState;
+
+/* One requested file. Its address is the context of the fetch, so it lives as long as the state. */
+typedef struct SampleFetch {
+  struct SampleState* state;
+  char* url;                /* our own copy */
+  unsigned long received;   /* bytes reported by progress notifications so far */
+  int completed;            /* a completion has arrived */
+} SampleFetch;
+
+/* The extension's datum: everything one instance needs. */
+typedef struct SampleState {
+  void* instance;              /* the plug-in's handle for this instance, opaque */
+  GpcServiceTable* services;   /* owned by the plug-in, valid until GpcExitInstance */
+  SampleTracePostProc tracePost; /* NULL when the plug-in's trace function was not found */
+
+  SampleFetch* fetches;
+  size_t fetchCount;
+  size_t pending; /* fetches queued and not yet completed */
+  unsigned fetched, failed, unpacked;
+
+  unsigned long heartbeats;
+  unsigned long events;
+  void* window;  /* the last window record the browser gave */
+  int finished;  /* the done step (navigation or not) has run */
+} SampleState;
+
+/* ---- Tracing --------------------------------------------------------------------------------- */
+
+/*
+ * Finds GpcTracePost in the plug-in module without linking against it. When the browser loaded the
+ * plug-in globally, the default search finds it. Browsers usually load plug-ins privately, so the
+ * second try asks the module that holds the service functions, which is the plug-in itself.
+ * Returns NULL when neither way finds it.
+ */
+static SampleTracePostProc FindTracePost(const GpcServiceTable* services) {
+  void* symbol = dlsym(RTLD_DEFAULT, "GpcTracePost");
+  if (symbol == NULL && services->GpcGetVersion != NULL) {
+    Dl_info info;
+    if (dladdr((void*)services->GpcGetVersion, &info) != 0 && info.dli_fname != NULL &&
+        info.dli_fname[0] != '\0') {
+      /* RTLD_NOLOAD only hands out a handle on a module that is already loaded. */
+      void* module = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+      if (module != NULL) {
+        symbol = dlsym(module, "GpcTracePost");
+        /* The plug-in stays loaded while it serves us, so the pointer outlives this handle. */
+        dlclose(module);
+      }
+    }
+  }
+  return (SampleTracePostProc)symbol;
+}
+
+/* Sends one finished line to the plug-in's debug output. That service reads its text as a format,
+ * so every '%' is doubled to come out as written. */
+static void OutputDebugLine(const SampleState* state, const char* line) {
+  if (state->services->GpcOutputDebugString == NULL) return;
+  size_t percents = 0;
+  for (const char* p = line; *p != '\0'; ++p) percents += (*p == '%');
+  static const char prefix[] = SAMPLE_TRACE_MODULE ": ";
+  char* escaped = malloc(sizeof prefix + strlen(line) + percents);
+  if (escaped == NULL) return;
+  char* out = escaped + (sizeof prefix - 1);
+  memcpy(escaped, prefix, sizeof prefix - 1);
+  for (const char* p = line; *p != '\0'; ++p) {
+    *out++ = *p;
+    if (*p == '%') *out++ = '%';
+  }
+  *out = '\0';
+  state->services->GpcOutputDebugString(state->instance, escaped);
+  free(escaped);
+}
+
+/* Traces one line at info level. `format` is always a literal of this file; text from the page or
+ * the network goes in as "%s" arguments. */
+__attribute__((format(printf, 2, 3))) static void Trace(const SampleState* state, const char* format,
+                                                        ...) {
+  va_list args;
+  va_start(args, format);
+  int length = vsnprintf(NULL, 0, format, args);
+  va_end(args);
+  if (length < 0) return;
+  char* line = malloc((size_t)length + 1);
+  if (line == NULL) return;
+  va_start(args, format);
+  vsnprintf(line, (size_t)length + 1, format, args);
+  va_end(args);
+  if (state->tracePost != NULL) {
+    state->tracePost(SAMPLE_TRACE_MODULE, GPC_TRACE_INFO, line);
+  } else {
+    OutputDebugLine(state, line);
+  }
+  free(line);
+}
+
+/* For "%s" arguments that may be NULL. */
+static const char* TextOrEmpty(const char* text) { return text != NULL ? text : ""; }
+
+/* ---- Parameters ------------------------------------------------------------------------------ */
+
+/* The parameter's value, or NULL when it is missing or empty. */
+static const char* NonEmptyParam(const SampleState* state, const char* name) {
+  const char* value = state->services->GpcGetParam(state->instance, name);
+  return (value != NULL && value[0] != '\0') ? value : NULL;
+}
+
+static void TraceAllParams(const SampleState* state) {
+  int count = state->services->GpcGetParamCount(state->instance);
+  Trace(state, "page has %d parameters", count);
+  for (int index = 0; index < count; ++index) {
+    const char* name = NULL;
+    const char* value = NULL;
+    state->services->GpcGetParamAt(state->instance, index, &name, &value);
+    Trace(state, "param[%d] %s=%s", index, TextOrEmpty(name), TextOrEmpty(value));
+  }
+}
+
+/* ---- Navigation when everything is done ------------------------------------------------------ */
+
+/* GpcSampleDoneUrl plus the counts as query arguments; NULL when out of memory. Free the result. */
+static char* BuildDoneUrl(const SampleState* state, const char* doneUrl) {
+  const char* separator = strchr(doneUrl, '?') != NULL ? "&" : "?";
+  int params = state->services->GpcGetParamCount(state->instance);
+  static const char format[] = "%s%sfetched=%u&failed=%u&unpacked=%u&params=%d";
+  int length = snprintf(NULL, 0, format, doneUrl, separator, state->fetched, state->failed,
+                        state->unpacked, params);
+  if (length < 0) return NULL;
+  char* url = malloc((size_t)length + 1);
+  if (url == NULL) return NULL;
+  snprintf(url, (size_t)length + 1, format, doneUrl, separator, state->fetched, state->failed,
+           state->unpacked, params);
+  return url;
+}
+
+/* Runs once, as soon as no fetch is pending: navigates the whole page to GpcSampleDoneUrl. */
+static void FinishWhenAllFetched(SampleState* state) {
+  if (state->finished || state->pending > 0) return;
+  state->finished = 1;
+  Trace(state, "all fetches complete: fetched=%u failed=%u unpacked=%u", state->fetched, state->failed,
+        state->unpacked);
+  const char* doneUrl = NonEmptyParam(state, SAMPLE_DONE_URL_PARAM);
+  if (doneUrl == NULL) {
+    Trace(state, "no %s, staying on the page", SAMPLE_DONE_URL_PARAM);
+    return;
+  }
+  char* url = BuildDoneUrl(state, doneUrl);
+  if (url == NULL) {
+    Trace(state, "out of memory building the done URL");
+    return;
+  }
+  uint32_t result = state->services->GpcChangeLocation(state->instance, url, "_top");
+  Trace(state, "navigating to %s, result=%u", url, (unsigned)result);
+  free(url);
+}
+
+/* ---- File fetching --------------------------------------------------------------------------- */
+
+static int EndsWith(const char* text, const char* suffix) {
+  size_t textLength = strlen(text);
+  size_t suffixLength = strlen(suffix);
+  return textLength >= suffixLength && strcmp(text + textLength - suffixLength, suffix) == 0;
+}
+
+/* Unpacks an archive now: `path` is valid only during the completion callback. */
+static void UnpackIfArchive(SampleState* state, void* instance, const SampleFetch* fetch,
+                            const char* path) {
+  const char* dir = NonEmptyParam(state, SAMPLE_UNPACK_DIR_PARAM);
+  if (dir == NULL || !EndsWith(fetch->url, SAMPLE_ARCHIVE_SUFFIX)) return;
+  uint32_t result = state->services->GpcUnpackFile(instance, path, dir);
+  if (result == GPC_RESULT_OK) {
+    ++state->unpacked;
+    Trace(state, "unpacked %s into %s", fetch->url, dir);
+  } else {
+    Trace(state, "unpacking %s into %s failed, result=%u", fetch->url, dir, (unsigned)result);
+  }
+}
+
+static void OnFetchComplete(SampleFetch* fetch, void* instance, const char* path) {
+  SampleState* state = fetch->state;
+  if (fetch->completed) {
+    Trace(state, "ignoring a second completion of %s", fetch->url);
+    return;
+  }
+  fetch->completed = 1;
+  --state->pending;
+  if (path == NULL) {
+    ++state->failed;
+    Trace(state, "fetch of %s failed", fetch->url);
+  } else {
+    ++state->fetched;
+    Trace(state, "fetched %s to %s, %lu bytes", fetch->url, path, fetch->received);
+    UnpackIfArchive(state, instance, fetch, path);
+  }
+  FinishWhenAllFetched(state);
+}
+
+/* The fetch callback given to GpcGetFileAtUrl; `context` is one of our SampleFetch records. */
+static void OnFetchNotify(void* instance, void* context, GPCGetFileNotifyMessageType type, void* data) {
+  SampleFetch* fetch = context;
+  if (fetch == NULL) return;
+  if (type == GPC_GETFILE_PROGRESS) {
+    /* The byte count of this block travels in the pointer itself. */
+    unsigned long bytes = (unsigned long)(uintptr_t)data;
+    unsigned long before = fetch->received;
+    fetch->received += bytes;
+    /* Blocks are small: trace the first one, then one line per step, not one per block. */
+    if (before == 0 || before / SAMPLE_PROGRESS_TRACE_STEP != fetch->received / SAMPLE_PROGRESS_TRACE_STEP)
+      Trace(fetch->state, "progress of %s: %lu bytes so far", fetch->url, fetch->received);
+  } else if (type == GPC_GETFILE_COMPLETE) {
+    OnFetchComplete(fetch, instance, data);
+  }
+}
+
+/* Number of non-empty entries in a "|"-separated list. */
+static size_t CountUrls(const char* list) {
+  size_t count = 0;
+  for (const char* start = list; *start != '\0';) {
+    const char* end = strchr(start, SAMPLE_URL_SEPARATOR);
+    size_t length = end != NULL ? (size_t)(end - start) : strlen(start);
+    count += (length > 0);
+    start += length + (end != NULL);
+  }
+  return count;
+}
+
+/* Queues one fetch. A request the plug-in refuses counts as failed at once. */
+static void QueueFetch(SampleState* state, SampleFetch* fetch) {
+  uint32_t result =
+      state->services->GpcGetFileAtUrl(state->instance, OnFetchNotify, fetch, fetch->url);
+  if (result == GPC_RESULT_OK) {
+    ++state->pending;
+    Trace(state, "fetch queued: %s", fetch->url);
+  } else {
+    fetch->completed = 1;
+    ++state->failed;
+    Trace(state, "fetch of %s refused, result=%u", fetch->url, (unsigned)result);
+  }
+}
+
+/* Copies the URLs of GpcSampleFiles into fetch records and queues them. Returns 0 when out of
+ * memory (nothing is queued then). */
+static int StartFetches(SampleState* state) {
+  const char* list = NonEmptyParam(state, SAMPLE_FILES_PARAM);
+  size_t count = list != NULL ? CountUrls(list) : 0;
+  if (count == 0) {
+    Trace(state, "no %s, nothing to fetch", SAMPLE_FILES_PARAM);
+    return 1;
+  }
+  state->fetches = calloc(count, sizeof *state->fetches);
+  if (state->fetches == NULL) return 0;
+  /* Copy every URL first: the parameter's text may change once the plug-in is called again. */
+  for (const char* start = list; *start != '\0';) {
+    const char* end = strchr(start, SAMPLE_URL_SEPARATOR);
+    size_t length = end != NULL ? (size_t)(end - start) : strlen(start);
+    if (length > 0) {
+      SampleFetch* fetch = &state->fetches[state->fetchCount];
+      fetch->state = state;
+      fetch->url = strndup(start, length);
+      if (fetch->url == NULL) return 0;
+      ++state->fetchCount;
+    }
+    start += length + (end != NULL);
+  }
+  for (size_t index = 0; index < state->fetchCount; ++index) QueueFetch(state, &state->fetches[index]);
+  return 1;
+}
+
+static void FreeState(SampleState* state) {
+  for (size_t index = 0; index < state->fetchCount; ++index) free(state->fetches[index].url);
+  free(state->fetches);
+  free(state);
+}
+
+/* ---- Entry points ---------------------------------------------------------------------------- */
+
+SAMPLE_EXPORT int32_t GpcInitInstance(void* instance, GpcServiceTable* services, void** extData) {
+  if (extData == NULL) return SAMPLE_INIT_BAD_ARGUMENTS;
+  *extData = NULL; /* a failed start leaves no datum */
+  if (services == NULL || services->GpcGetVersion == NULL) return SAMPLE_INIT_BAD_ARGUMENTS;
+
+  SampleState* state = calloc(1, sizeof *state);
+  if (state == NULL) return SAMPLE_INIT_NO_MEMORY;
+  state->instance = instance;
+  state->services = services;
+  state->tracePost = FindTracePost(services);
+
+  /* The table's layout belongs to one major version of the interface: refuse any other. */
+  int major = 0;
+  int minor = 0;
+  services->GpcGetVersion(&major, &minor);
+  if (major != GPC_SERVICE_VERSION_MAJOR) {
+    Trace(state, "GpcInitInstance: service interface %d.%d, need %d.x", major, minor,
+          GPC_SERVICE_VERSION_MAJOR);
+    FreeState(state);
+    return SAMPLE_INIT_BAD_VERSION;
+  }
+  Trace(state, "GpcInitInstance: service interface %d.%d", major, minor);
+  TraceAllParams(state);
+  if (!StartFetches(state)) {
+    Trace(state, "GpcInitInstance: out of memory");
+    FreeState(state);
+    return SAMPLE_INIT_NO_MEMORY;
+  }
+  *extData = state;
+  return SAMPLE_INIT_OK;
+}
+
+SAMPLE_EXPORT void GpcExitInstance(void* instance, void* extData) {
+  SampleState* state = extData;
+  if (state == NULL) return;
+  if (state->pending > 0) {
+    Trace(state, "GpcExitInstance: stopping %zu pending downloads", state->pending);
+    state->services->GpcStopDownload(instance);
+  }
+  Trace(state, "GpcExitInstance after %lu heartbeats", state->heartbeats);
+  /* The plug-in drops its fetch queue now, so no callback can reach the records after this. */
+  FreeState(state);
+}
+
+SAMPLE_EXPORT void GpcHeartbeat(void* instance, void* extData) {
+  (void)instance;
+  SampleState* state = extData;
+  if (state == NULL) return;
+  /* Called every 50 ms: trace the first beat only. */
+  if (++state->heartbeats == 1) Trace(state, "GpcHeartbeat: first heartbeat");
+  /* Covers a page without files, or whose fetches were all refused. */
+  FinishWhenAllFetched(state);
+}
+
+SAMPLE_EXPORT void GpcActionNotify(void* instance, void* extData) {
+  /* Reserved: the plug-in resolves this entry point but does not call it. */
+  (void)instance;
+  (void)extData;
+}
+
+SAMPLE_EXPORT void GpcSetWindow(void* instance, struct _NPWindow* window, void* extData) {
+  (void)instance;
+  SampleState* state = extData;
+  if (state == NULL) return;
+  state->window = window;
+  Trace(state, "GpcSetWindow: window record %p", (void*)window);
+}
+
+SAMPLE_EXPORT int32_t GpcHandleEvent(void* instance, void* event, bool flag, void* extData) {
+  (void)instance;
+  (void)event;
+  (void)flag;
+  SampleState* state = extData;
+  if (state != NULL) ++state->events;
+  return 0; /* not handled: the browser goes on with the event */
+}
+
+/* The compiler checks each entry point against the type the plug-in calls it through. */
+#define SAMPLE_CHECK_ENTRY(function, type) \
+  _Static_assert(__builtin_types_compatible_p(__typeof__(&function), type), #function " has the wrong type")
+SAMPLE_CHECK_ENTRY(GpcInitInstance, GpcInitInstanceProc);
+SAMPLE_CHECK_ENTRY(GpcExitInstance, GpcExitInstanceProc);
+SAMPLE_CHECK_ENTRY(GpcHeartbeat, GpcHeartbeatProc);
+SAMPLE_CHECK_ENTRY(GpcActionNotify, GpcActionNotifyProc);
+SAMPLE_CHECK_ENTRY(GpcSetWindow, GpcSetWindowProc);
+SAMPLE_CHECK_ENTRY(GpcHandleEvent, GpcHandleEventProc);
