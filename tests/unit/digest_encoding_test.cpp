@@ -161,13 +161,18 @@ TEST(HexDecoding, PairsOddTailAndCase) {
 }
 
 TEST(HexDecoding, InvalidPairsGiveTheirValidLeadingPart) {
-  EXPECT_EQ(decodeFromHexidecimal("1gzz"), (GpcBytes{0x01, 0x00}));
-  EXPECT_EQ(decodeFromHexidecimal("g1"), (GpcBytes{0x00}));
-  EXPECT_EQ(strToChar('f', 'f'), 0xFF);
-  EXPECT_EQ(strToChar('0', '0'), 0x00);
-  EXPECT_EQ(strToChar('A', 'b'), 0xAB);
-  EXPECT_EQ(strToChar('x', '1'), 0x00);
-  EXPECT_EQ(strToChar('9', ' '), 0x09);
+  // Only hexadecimal digits count: no blanks, signs or prefixes before them.
+  const struct {
+    const char* pair;
+    unsigned char value;
+  } kCases[] = {{"ff", 0xFF}, {"00", 0x00}, {"Ab", 0xAB}, {"x1", 0x00}, {"9 ", 0x09},
+                {"1g", 0x01}, {"g1", 0x00}, {" f", 0x00}, {"+f", 0x00}, {"-1", 0x00},
+                {"0x", 0x00}, {"\tf", 0x00}};
+  for (const auto& c : kCases) {
+    EXPECT_EQ(strToChar(c.pair[0], c.pair[1]), c.value) << c.pair;
+    EXPECT_EQ(decodeFromHexidecimal(c.pair), GpcBytes{c.value}) << c.pair;
+  }
+  EXPECT_EQ(decodeFromHexidecimal("1gzz -1"), (GpcBytes{0x01, 0x00, 0x00}));
 }
 
 TEST(HexDecoding, EveryByteValueRoundTrips) {

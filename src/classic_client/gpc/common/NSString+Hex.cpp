@@ -118,9 +118,25 @@ std::string Sha256OfFile(const char* path) {
   return DigestOfFile(path, sha256);
 }
 
+namespace {
+
+// The value of one hexadecimal digit, or -1 for any other character.
+int HexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+}  // namespace
+
 unsigned char strToChar(char high, char low) {
-  const char pair[3] = {high, low, '\0'};
-  return static_cast<unsigned char>(strtol(pair, nullptr, 16));
+  // Only the leading run of digits counts: no blanks, signs or prefixes as a number parser takes.
+  const int first = HexDigitValue(high);
+  if (first < 0) return 0;
+  const int second = HexDigitValue(low);
+  if (second < 0) return static_cast<unsigned char>(first);
+  return static_cast<unsigned char>(first * 16 + second);
 }
 
 GpcBytes decodeFromHexidecimal(const char* text) {
