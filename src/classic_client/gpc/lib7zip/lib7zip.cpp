@@ -1,0 +1,441 @@
+// lib7zip.so: extracts a 7z archive below one folder, on libarchive.
+//
+// How a hostile archive is kept inside the destination:
+// - A first pass reads every header (libarchive skips the data of a 7z entry it is not asked for
+//   without decompressing it) and refuses the whole archive when any entry is unsafe, so such an
+//   archive writes nothing, not even the destination folder. Unsafe are: an absolute name or one
+//   with a ".." part; a type other than file, folder or link; a symbolic link whose target is
+//   absolute or climbs out when followed part by part from the link's folder; a hard link to a
+//   name outside or to a link; a name below a link, whether the link comes with the archive or
+//   already lies in the destination. A ".." right after a link could lead anywhere, since the
+//   link's real place is not its name's, so a target may not step back out of a link; and a
+//   target may not pass through a link already on disk, whose target nobody checked.
+// - The second pass writes the entries the first pass approved, with the destination prefixed,
+//   and stops when the archive no longer matches them (it changed between the passes).
+//   libarchive's ARCHIVE_EXTRACT_SECURE_NODOTDOT and ARCHIVE_EXTRACT_SECURE_SYMLINKS check the
+//   same rules again against the disk as it is at that moment.
+// - The destination is made absolute and free of links with realpath(), because libarchive
+//   refuses a link anywhere along the path it is given. No full path may reach PATH_MAX: past it
+//   libarchive chdir()s into deep folders, which a multi-threaded browser process cannot afford.
+//   Nothing here changes the working folder.
+//
+// Decompression bombs: more than kMaxEntries entries, or more than kMaxExtractedBytes bytes as
+// the headers declare them, are refused in the first pass, before anything is written. The
+// second pass counts the bytes it really writes and stops at the same limit, leaving behind
+// what it had written so far.
+#include "lib7zip.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int64_t kMaxEntries = 100000;
+constexpr int64_t kMaxExtractedBytes = int64_t{4} << 30;  // 4 GiB
+// Tests lower the limits through these variables; a value can only tighten a limit.
+constexpr char kMaxEntriesVariable[] = "GPC_7Z_MAX_ENTRIES";
+constexpr char kMaxBytesVariable[] = "GPC_7Z_MAX_BYTES";
+
+constexpr size_t kReadBlockBytes = 64 * 1024;
+constexpr int kExtractFlags = ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME |
+                              ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_SECURE_SYMLINKS;
+// Permission bits are kept; set-id and sticky bits have no use in a package.
+constexpr mode_t kKeptModeBits = 0777;
+
+struct Limits {
+  int64_t entries;
+  int64_t bytes;
+};
+
+int64_t TightenedLimit(int64_t limit, const char* variable) {
+  const char* text = getenv(variable);
+  if (text == nullptr || *text == '\0') return limit;
+  char* end = nullptr;
+  errno = 0;
+  const long long value = strtoll(text, &end, 10);
+  if (errno != 0 || *end != '\0' || value < 0) return limit;
+  return value < limit ? value : limit;
+}
+
+Limits CurrentLimits() {
+  return {TightenedLimit(kMaxEntries, kMaxEntriesVariable),
+          TightenedLimit(kMaxExtractedBytes, kMaxBytesVariable)};
+}
+
+enum class Kind { kFile, kFolder, kSymlink, kHardlink };
+
+// One entry as the first pass approved it.
+struct Entry {
+  std::string name;  // below the destination, without empty, "." or ".." parts; empty: the destination
+  Kind kind = Kind::kFile;
+  std::string link;  // a symbolic link's target as stored, or the name a hard link points at
+
+  bool operator==(const Entry& other) const {
+    return name == other.name && kind == other.kind && link == other.link;
+  }
+};
+
+using Parts = std::vector<std::string>;
+
+// Splits a relative path into its parts, dropping empty and "." parts. False for an absolute
+// path or one with a ".." part.
+bool SplitSafeName(const std::string& path, Parts* parts) {
+  parts->clear();
+  if (!path.empty() && path[0] == '/') return false;
+  size_t start = 0;
+  while (start <= path.size()) {
+    size_t slash = path.find('/', start);
+    if (slash == std::string::npos) slash = path.size();
+    std::string part = path.substr(start, slash - start);
+    if (part == "..") return false;
+    if (!part.empty() && part != ".") parts->push_back(std::move(part));
+    start = slash + 1;
+  }
+  return true;
+}
+
+// The first `count` parts joined with "/".
+std::string JoinParts(const Parts& parts, size_t count) {
+  std::string joined;
+  for (size_t i = 0; i < count && i < parts.size(); ++i) {
+    if (i > 0) joined += '/';
+    joined += parts[i];
+  }
+  return joined;
+}
+
+struct ReaderFree {
+  void operator()(archive* reader) const { archive_read_free(reader); }
+};
+using Reader = std::unique_ptr<archive, ReaderFree>;
+struct WriterFree {
+  void operator()(archive* writer) const { archive_write_free(writer); }
+};
+using Writer = std::unique_ptr<archive, WriterFree>;
+struct EntryFree {
+  void operator()(archive_entry* entry) const { archive_entry_free(entry); }
+};
+using EntryHandle = std::unique_ptr<archive_entry, EntryFree>;
+
+// A reader of the 7z archive at `path`, or null when it cannot be opened as one.
+Reader Open7z(const char* path) {
+  Reader reader(archive_read_new());
+  if (!reader) return nullptr;
+  archive_read_support_format_7zip(reader.get());
+  archive_read_support_filter_all(reader.get());
+  if (archive_read_open_filename(reader.get(), path, kReadBlockBytes) != ARCHIVE_OK) return nullptr;
+  return reader;
+}
+
+// Names are taken in UTF-8, which survives any locale; the locale's form only when that is missing.
+const char* Utf8OrLocal(const char* utf8, const char* local) {
+  return utf8 != nullptr ? utf8 : local;
+}
+
+// What the header says is to be written, or kGpc7zUnsafeEntry when it may not be written.
+int32_t DescribeEntry(archive_entry* header, Entry* entry) {
+  Parts parts;
+  const char* name =
+      Utf8OrLocal(archive_entry_pathname_utf8(header), archive_entry_pathname(header));
+  if (name == nullptr || !SplitSafeName(name, &parts)) return kGpc7zUnsafeEntry;
+  entry->name = JoinParts(parts, parts.size());
+  entry->link.clear();
+  const char* hardlink =
+      Utf8OrLocal(archive_entry_hardlink_utf8(header), archive_entry_hardlink(header));
+  const mode_t type = archive_entry_filetype(header);
+  if (hardlink != nullptr) {
+    Parts target;
+    if (!SplitSafeName(hardlink, &target) || target.empty()) return kGpc7zUnsafeEntry;
+    entry->kind = Kind::kHardlink;
+    entry->link = JoinParts(target, target.size());
+  } else if (type == AE_IFREG) {
+    entry->kind = Kind::kFile;
+  } else if (type == AE_IFDIR) {
+    entry->kind = Kind::kFolder;
+  } else if (type == AE_IFLNK) {
+    const char* target =
+        Utf8OrLocal(archive_entry_symlink_utf8(header), archive_entry_symlink(header));
+    if (target == nullptr || *target == '\0') return kGpc7zUnsafeEntry;
+    entry->kind = Kind::kSymlink;
+    entry->link = target;
+  } else {
+    return kGpc7zUnsafeEntry;  // devices, pipes and sockets have no place in a package
+  }
+  // Only a folder may stand for the destination itself.
+  if (entry->name.empty() && entry->kind != Kind::kFolder) return kGpc7zUnsafeEntry;
+  return kGpc7zSuccess;
+}
+
+// First pass: every entry described and checked on its own, and the limits applied.
+int32_t ReadPlan(const char* archivePath, const Limits& limits, std::vector<Entry>* plan) {
+  Reader reader = Open7z(archivePath);
+  if (!reader) return kGpc7zCannotReadArchive;
+  int64_t declaredBytes = 0;
+  for (;;) {
+    archive_entry* header = nullptr;
+    const int status = archive_read_next_header(reader.get(), &header);
+    if (status == ARCHIVE_EOF) return kGpc7zSuccess;
+    if (status < ARCHIVE_WARN) return kGpc7zCannotReadArchive;
+    if (static_cast<int64_t>(plan->size()) >= limits.entries) return kGpc7zLimitExceeded;
+    if (archive_entry_is_encrypted(header)) return kGpc7zCannotReadArchive;
+    Entry entry;
+    const int32_t described = DescribeEntry(header, &entry);
+    if (described != kGpc7zSuccess) return described;
+    if (entry.kind == Kind::kFile && archive_entry_size_is_set(header)) {
+      const int64_t size = archive_entry_size(header);
+      if (size < 0 || size > limits.bytes - declaredBytes) return kGpc7zLimitExceeded;
+      declaredBytes += size;
+    }
+    plan->push_back(std::move(entry));
+  }
+}
+
+// Which names below the destination are symbolic links: those the archive brings (they will
+// replace whatever lies there) and those already on disk.
+class LinkIndex {
+ public:
+  enum class Link { kNone, kFromArchive, kOnDisk };
+
+  LinkIndex(const std::vector<Entry>& plan, std::string destination)
+      : destination_(std::move(destination)) {
+    for (const Entry& entry : plan) {
+      if (entry.kind == Kind::kSymlink) archiveLinks_.insert(entry.name);
+    }
+  }
+
+  Link Find(const std::string& name) {
+    if (archiveLinks_.count(name) != 0) return Link::kFromArchive;
+    auto known = diskLinks_.find(name);
+    if (known == diskLinks_.end()) {
+      struct stat info;
+      const std::string path = destination_ + "/" + name;
+      const bool link = lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+      known = diskLinks_.emplace(name, link).first;
+    }
+    return known->second ? Link::kOnDisk : Link::kNone;
+  }
+
+  bool IsLink(const std::string& name) { return Find(name) != Link::kNone; }
+
+ private:
+  std::string destination_;
+  std::set<std::string> archiveLinks_;
+  std::map<std::string, bool> diskLinks_;
+};
+
+// True when one of the folders that hold `name` is a link.
+bool LiesBelowLink(const std::string& name, LinkIndex* links) {
+  Parts parts;
+  SplitSafeName(name, &parts);
+  for (size_t count = 1; count < parts.size(); ++count) {
+    if (links->IsLink(JoinParts(parts, count))) return true;
+  }
+  return false;
+}
+
+// True when the target of the link `name`, followed part by part from the link's folder, stays
+// below the destination without stepping back out of a link or through a link already on disk.
+bool SymlinkStaysInside(const std::string& name, const std::string& target, LinkIndex* links) {
+  if (target[0] == '/') return false;
+  Parts place;
+  SplitSafeName(name, &place);
+  place.pop_back();
+  std::vector<bool> throughLink(place.size(), false);  // LiesBelowLink already ruled these out
+  size_t start = 0;
+  while (start <= target.size()) {
+    size_t slash = target.find('/', start);
+    if (slash == std::string::npos) slash = target.size();
+    const std::string part = target.substr(start, slash - start);
+    start = slash + 1;
+    if (part.empty() || part == ".") continue;
+    if (part == "..") {
+      if (place.empty() || throughLink.back()) return false;
+      place.pop_back();
+      throughLink.pop_back();
+      continue;
+    }
+    const bool alreadyThroughLink = !throughLink.empty() && throughLink.back();
+    place.push_back(part);
+    LinkIndex::Link link = LinkIndex::Link::kNone;
+    if (!alreadyThroughLink) link = links->Find(JoinParts(place, place.size()));
+    if (link == LinkIndex::Link::kOnDisk) return false;
+    throughLink.push_back(alreadyThroughLink || link == LinkIndex::Link::kFromArchive);
+  }
+  return true;
+}
+
+// Checks of the entries against each other and against what already lies in the destination.
+int32_t CheckLinks(const std::vector<Entry>& plan, const std::string& destination) {
+  LinkIndex links(plan, destination);
+  for (const Entry& entry : plan) {
+    if (LiesBelowLink(entry.name, &links)) return kGpc7zUnsafeEntry;
+    if (entry.kind == Kind::kSymlink && !SymlinkStaysInside(entry.name, entry.link, &links)) {
+      return kGpc7zUnsafeEntry;
+    }
+    // Data written to a hard link to a link would go wherever that link leads.
+    if (entry.kind == Kind::kHardlink &&
+        (LiesBelowLink(entry.link, &links) || links.IsLink(entry.link))) {
+      return kGpc7zUnsafeEntry;
+    }
+  }
+  return kGpc7zSuccess;
+}
+
+// Creates `path` and the folders above it that are missing.
+bool MakeFolders(const std::string& path) {
+  struct stat info;
+  for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
+    const std::string prefix = path.substr(0, slash);
+    if (stat(prefix.c_str(), &info) != 0 && mkdir(prefix.c_str(), 0777) != 0 && errno != EEXIST) {
+      return false;
+    }
+    if (slash == std::string::npos) break;
+  }
+  return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// The destination folder, created when missing, as an absolute path without links.
+int32_t PrepareDestination(const std::string& folder, std::string* destination) {
+  if (!MakeFolders(folder)) return kGpc7zWriteFailed;
+  char* real = realpath(folder.c_str(), nullptr);
+  if (real == nullptr) return kGpc7zWriteFailed;
+  *destination = real;
+  free(real);
+  if (destination->size() > 1 && destination->back() == '/') destination->pop_back();
+  return kGpc7zSuccess;
+}
+
+bool FitsPathMax(const std::string& destination, const std::string& name) {
+  return destination.size() + 1 + name.size() < PATH_MAX;
+}
+
+int32_t CheckPathLengths(const std::vector<Entry>& plan, const std::string& destination) {
+  for (const Entry& entry : plan) {
+    if (!FitsPathMax(destination, entry.name)) return kGpc7zUnsafeEntry;
+    if (entry.kind == Kind::kHardlink && !FitsPathMax(destination, entry.link)) {
+      return kGpc7zUnsafeEntry;
+    }
+  }
+  return kGpc7zSuccess;
+}
+
+// Copies the current entry's data, counting it against the byte limit.
+int32_t CopyData(archive* reader, archive* writer, int64_t maxBytes, int64_t* written) {
+  for (;;) {
+    const void* block = nullptr;
+    size_t size = 0;
+    la_int64_t offset = 0;
+    const int status = archive_read_data_block(reader, &block, &size, &offset);
+    if (status == ARCHIVE_EOF) return kGpc7zSuccess;
+    if (status < ARCHIVE_WARN) return kGpc7zCannotReadArchive;
+    if (static_cast<int64_t>(size) > maxBytes - *written) return kGpc7zLimitExceeded;
+    *written += static_cast<int64_t>(size);
+    if (archive_write_data_block(writer, block, size, offset) < ARCHIVE_WARN) {
+      return kGpc7zWriteFailed;
+    }
+  }
+}
+
+// Writes one approved entry below the destination. Only what the plan approved, the permission
+// bits and the modification time are taken from the archive.
+int32_t WriteEntry(archive* reader, archive* writer, archive_entry* header, const Entry& entry,
+                   const std::string& destination, int64_t maxBytes, int64_t* written) {
+  EntryHandle out(archive_entry_new());
+  if (!out) return kGpc7zInternalFailure;
+  archive_entry_copy_pathname(out.get(), (destination + "/" + entry.name).c_str());
+  archive_entry_set_perm(out.get(), archive_entry_perm(header) & kKeptModeBits);
+  if (archive_entry_mtime_is_set(header)) {
+    archive_entry_set_mtime(out.get(), archive_entry_mtime(header),
+                            archive_entry_mtime_nsec(header));
+  }
+  switch (entry.kind) {
+    case Kind::kFile:
+      archive_entry_set_filetype(out.get(), AE_IFREG);
+      archive_entry_set_size(out.get(), archive_entry_size(header));
+      break;
+    case Kind::kFolder:
+      archive_entry_set_filetype(out.get(), AE_IFDIR);
+      break;
+    case Kind::kSymlink:
+      archive_entry_set_filetype(out.get(), AE_IFLNK);
+      archive_entry_copy_symlink(out.get(), entry.link.c_str());
+      break;
+    case Kind::kHardlink:
+      // The data of a hard link is its target's; nothing is written through it.
+      archive_entry_set_filetype(out.get(), AE_IFREG);
+      archive_entry_copy_hardlink(out.get(), (destination + "/" + entry.link).c_str());
+      archive_entry_set_size(out.get(), 0);
+      break;
+  }
+  if (archive_write_header(writer, out.get()) < ARCHIVE_WARN) return kGpc7zWriteFailed;
+  if (entry.kind == Kind::kFile) {
+    const int32_t copied = CopyData(reader, writer, maxBytes, written);
+    if (copied != kGpc7zSuccess) return copied;
+  }
+  return archive_write_finish_entry(writer) < ARCHIVE_WARN ? kGpc7zWriteFailed : kGpc7zSuccess;
+}
+
+// Second pass: the approved entries written below the destination.
+int32_t ExtractPlan(const char* archivePath, const std::vector<Entry>& plan,
+                    const std::string& destination, const Limits& limits) {
+  Reader reader = Open7z(archivePath);
+  if (!reader) return kGpc7zCannotReadArchive;
+  Writer writer(archive_write_disk_new());
+  if (!writer) return kGpc7zInternalFailure;
+  archive_write_disk_set_options(writer.get(), kExtractFlags);
+  int64_t written = 0;
+  for (size_t index = 0;; ++index) {
+    archive_entry* header = nullptr;
+    const int status = archive_read_next_header(reader.get(), &header);
+    if (status == ARCHIVE_EOF && index == plan.size()) break;
+    if (status == ARCHIVE_EOF || status < ARCHIVE_WARN) return kGpc7zCannotReadArchive;
+    // An archive that no longer matches the first pass changed on disk meanwhile.
+    Entry entry;
+    if (index >= plan.size() || DescribeEntry(header, &entry) != kGpc7zSuccess ||
+        !(entry == plan[index])) {
+      return kGpc7zCannotReadArchive;
+    }
+    if (entry.name.empty()) continue;  // the destination itself, already there
+    const int32_t result = WriteEntry(reader.get(), writer.get(), header, entry, destination,
+                                      limits.bytes, &written);
+    if (result != kGpc7zSuccess) return result;
+  }
+  // Closing sets the folders' modes and times, which wait until their contents are written.
+  return archive_write_close(writer.get()) < ARCHIVE_WARN ? kGpc7zWriteFailed : kGpc7zSuccess;
+}
+
+int32_t Decompress(const char* archivePath, const std::string& folder) {
+  const Limits limits = CurrentLimits();
+  std::vector<Entry> plan;
+  int32_t result = ReadPlan(archivePath, limits, &plan);
+  if (result == kGpc7zSuccess) result = CheckLinks(plan, folder);
+  std::string destination;
+  if (result == kGpc7zSuccess) result = PrepareDestination(folder, &destination);
+  if (result == kGpc7zSuccess) result = CheckPathLengths(plan, destination);
+  if (result == kGpc7zSuccess) result = ExtractPlan(archivePath, plan, destination, limits);
+  return result;
+}
+
+}  // namespace
+
+extern "C" int32_t GpcDecompressFile7z(const char* archive, const char* destinationFolder) {
+  if (archive == nullptr || destinationFolder == nullptr || *archive == '\0' ||
+      *destinationFolder == '\0') {
+    return kGpc7zBadArguments;
+  }
+  try {
+    return Decompress(archive, destinationFolder);
+  } catch (...) {
+    return kGpc7zInternalFailure;  // memory ran out
+  }
+}
