@@ -11,6 +11,7 @@
 #include "plugin/plugin/npapiimp.h"
 #include "plugin/plugin/npplugin.h"
 #include "platform/folders.h"
+#include "trace_capture.h"
 
 namespace {
 
@@ -550,6 +551,19 @@ TEST(ServiceTable, NullInstanceAnswers) {
   EXPECT_EQ(&dummy, GetGpcWindowObject(&dummy));
   EXPECT_EQ(1, GpcCheckDigitalSignature(&dummy, nullptr));
   EXPECT_EQ(0, GpcCheckDigitalSignature(nullptr, "/x"));
+}
+
+TEST(ServiceTable, DebugStringIsLoggedAsItStands) {
+  StartTraceCapture();
+  int instance = 0;
+  for (const char* text : {"plain text from the extension", "%s%s%s%s%n", "100% done, %d left", "%"}) {
+    ClearCapturedTraces();
+    GpcOutputDebugString(&instance, text);
+    const std::vector<CapturedTrace> traces = CapturedTracesSnapshot();
+    ASSERT_EQ(traces.size(), 1u) << text;
+    EXPECT_EQ(traces[0].level, 0) << text;
+    EXPECT_EQ(traces[0].text, text);
+  }
 }
 
 TEST(ServiceTable, VersionIsThreeZero) {
