@@ -92,6 +92,10 @@ typedef struct SampleState {
 
 /* ---- Tracing --------------------------------------------------------------------------------- */
 
+/* POSIX lets function and data pointers convert into each other (dlsym depends on it); ISO C does
+ * not, so the conversions below copy the bits, which keeps -Wpedantic builds quiet. */
+_Static_assert(sizeof(void*) == sizeof(SampleTracePostProc), "function and data pointers differ");
+
 /*
  * Finds GpcTracePost in the plug-in module without linking against it. When the browser loaded the
  * plug-in globally, the default search finds it. Browsers usually load plug-ins privately, so the
@@ -101,9 +105,10 @@ typedef struct SampleState {
 static SampleTracePostProc FindTracePost(const GpcServiceTable* services) {
   void* symbol = dlsym(RTLD_DEFAULT, "GpcTracePost");
   if (symbol == NULL && services->GpcGetVersion != NULL) {
+    void* serviceAddress;
+    memcpy(&serviceAddress, &services->GpcGetVersion, sizeof serviceAddress);
     Dl_info info;
-    if (dladdr((void*)services->GpcGetVersion, &info) != 0 && info.dli_fname != NULL &&
-        info.dli_fname[0] != '\0') {
+    if (dladdr(serviceAddress, &info) != 0 && info.dli_fname != NULL && info.dli_fname[0] != '\0') {
       /* RTLD_NOLOAD only hands out a handle on a module that is already loaded. */
       void* module = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
       if (module != NULL) {
@@ -113,7 +118,9 @@ static SampleTracePostProc FindTracePost(const GpcServiceTable* services) {
       }
     }
   }
-  return (SampleTracePostProc)symbol;
+  SampleTracePostProc tracePost = NULL;
+  if (symbol != NULL) memcpy(&tracePost, &symbol, sizeof tracePost);
+  return tracePost;
 }
 
 /* Sends one finished line to the plug-in's debug output. That service reads its text as a format,
@@ -122,11 +129,9 @@ static void OutputDebugLine(const SampleState* state, const char* line) {
   if (state->services->GpcOutputDebugString == NULL) return;
   size_t percents = 0;
   for (const char* p = line; *p != '\0'; ++p) percents += (*p == '%');
-  static const char prefix[] = SAMPLE_TRACE_MODULE ": ";
-  char* escaped = malloc(sizeof prefix + strlen(line) + percents);
+  char* escaped = malloc(strlen(line) + percents + 1);
   if (escaped == NULL) return;
-  char* out = escaped + (sizeof prefix - 1);
-  memcpy(escaped, prefix, sizeof prefix - 1);
+  char* out = escaped;
   for (const char* p = line; *p != '\0'; ++p) {
     *out++ = *p;
     if (*p == '%') *out++ = '%';
@@ -137,18 +142,22 @@ static void OutputDebugLine(const SampleState* state, const char* line) {
 }
 
 /* Traces one line at info level. `format` is always a literal of this file; text from the page or
- * the network goes in as "%s" arguments. */
+ * the network goes in as "%s" arguments. Each line starts with the module name because the
+ * plug-in's trace file keeps the text of an entry but not its module. */
 __attribute__((format(printf, 2, 3))) static void Trace(const SampleState* state, const char* format,
                                                         ...) {
+  static const char prefix[] = SAMPLE_TRACE_MODULE ": ";
+  const size_t prefixLength = sizeof prefix - 1;
   va_list args;
   va_start(args, format);
   int length = vsnprintf(NULL, 0, format, args);
   va_end(args);
   if (length < 0) return;
-  char* line = malloc((size_t)length + 1);
+  char* line = malloc(prefixLength + (size_t)length + 1);
   if (line == NULL) return;
+  memcpy(line, prefix, prefixLength);
   va_start(args, format);
-  vsnprintf(line, (size_t)length + 1, format, args);
+  vsnprintf(line + prefixLength, (size_t)length + 1, format, args);
   va_end(args);
   if (state->tracePost != NULL) {
     state->tracePost(SAMPLE_TRACE_MODULE, GPC_TRACE_INFO, line);
