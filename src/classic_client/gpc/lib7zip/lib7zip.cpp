@@ -28,6 +28,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <limits.h>
+#include <locale.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
@@ -137,7 +138,32 @@ Reader Open7z(const char* path) {
   return reader;
 }
 
-// Names are taken in UTF-8, which survives any locale; the locale's form only when that is missing.
+// 7z stores names in UTF-16, and libarchive drops a name it cannot convert to the locale's
+// character set, which in the "C" locale is any non-ASCII name. For the life of this object the
+// calling thread alone uses UTF-8, so names reach the disk in UTF-8 whatever the host's locale.
+class Utf8ThreadLocale {
+ public:
+  Utf8ThreadLocale() {
+    for (const char* name : {"C.UTF-8", "C.utf8", "en_US.UTF-8"}) {
+      utf8_ = newlocale(LC_CTYPE_MASK, name, static_cast<locale_t>(0));
+      if (utf8_ != static_cast<locale_t>(0)) break;
+    }
+    if (utf8_ != static_cast<locale_t>(0)) previous_ = uselocale(utf8_);
+  }
+  ~Utf8ThreadLocale() {
+    if (utf8_ == static_cast<locale_t>(0)) return;
+    uselocale(previous_);
+    freelocale(utf8_);
+  }
+  Utf8ThreadLocale(const Utf8ThreadLocale&) = delete;
+  Utf8ThreadLocale& operator=(const Utf8ThreadLocale&) = delete;
+
+ private:
+  locale_t utf8_ = static_cast<locale_t>(0);
+  locale_t previous_ = static_cast<locale_t>(0);
+};
+
+// Names are taken in UTF-8; the locale's form only when that is missing.
 const char* Utf8OrLocal(const char* utf8, const char* local) {
   return utf8 != nullptr ? utf8 : local;
 }
@@ -415,6 +441,7 @@ int32_t ExtractPlan(const char* archivePath, const std::vector<Entry>& plan,
 }
 
 int32_t Decompress(const char* archivePath, const std::string& folder) {
+  const Utf8ThreadLocale utf8;
   const Limits limits = CurrentLimits();
   std::vector<Entry> plan;
   int32_t result = ReadPlan(archivePath, limits, &plan);
