@@ -377,6 +377,8 @@ std::string CommonNameOfCert(const GpcCertificate* cert) {
   }
   std::string name(reinterpret_cast<const char*>(utf8), static_cast<size_t>(length));
   OPENSSL_free(utf8);
+  // A name with a NUL in it reads differently as C text ("x.talvo.us\0.example"): unreadable.
+  if (name.find('\0') != std::string::npos) return std::string();
   return name;
 }
 

@@ -127,7 +127,7 @@ GpcCertificateRef SecFromData(const GpcBytes& bytes);
 GpcCertificateRef SecFromFile(const char* path);
 
 // The subject's common name as UTF-8 (the most specific one when there are several); empty when
-// there is none or `cert` is null.
+// there is none, it holds a NUL character, or `cert` is null.
 std::string CommonNameOfCert(const GpcCertificate* cert);
 
 // The certificate's RSA public key, owned by the caller (free it with the binding's RSA_free);

@@ -394,33 +394,31 @@ NPError CGpcProvider::OnNppDestroyStream(NPStream* stream, NPReason reason) {
   if (stream == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
   CGpcStream* own = StreamOf(stream);
   if (own == nullptr) return NPERR_NO_DATA;
-  if (GetSap(own->m_pSap) == nullptr) {
-    // Its SAP is gone: the stream ends here without messages.
-    stream->pdata = nullptr;
-    ForgetStream(own);
-    return NPERR_NO_DATA;
-  }
+  stream->pdata = nullptr;
+  // A stream whose SAP is gone ends here without messages.
+  const bool heard = GetSap(own->m_pSap) != nullptr;
+  EndStream(own, stream->url, reason);
+  return heard ? NPERR_NO_ERROR : NPERR_NO_DATA;
+}
 
+void CGpcProvider::EndStream(CGpcStream* own, const char* url, NPReason reason) {
+  if (GetSap(own->m_pSap) != nullptr) {
+    SendEndMessage(own, GPC_STREAM_DESTROY, url, reason);
+    // The callback may have unregistered the SAP or aborted the stream meanwhile.
+    if (!own->m_bAborted && own->m_pSap != nullptr) SendEndMessage(own, GPC_STREAM_DELETE, url, reason);
+  }
+  const bool wasPending = own == PendingStream();
+  ForgetStream(own);
+  if (wasPending) PendingReleased();
+}
+
+void CGpcProvider::SendEndMessage(CGpcStream* own, int32_t type, const char* url, NPReason reason) {
   GPCMessage message = {};
-  message.type = GPC_STREAM_DESTROY;
+  message.type = type;
   message.stream = own;
-  message.url = stream->url;
+  message.url = url;
   message.payload.destroy.reason = reason;
   own->m_pSap->SendMessage(&message);
-
-  // The callback may have unregistered the SAP or aborted the stream meanwhile.
-  if (!own->m_bAborted && own->m_pSap != nullptr) {
-    message = GPCMessage();
-    message.type = GPC_STREAM_DELETE;
-    message.stream = own;
-    message.url = stream->url;
-    message.payload.destroy.reason = reason;
-    own->m_pSap->SendMessage(&message);
-  }
-  if (own == PendingStream()) PendingReleased();
-  stream->pdata = nullptr;
-  ForgetStream(own);
-  return NPERR_NO_ERROR;
 }
 
 void CGpcProvider::OnNppStreamAsFile(NPStream* stream, const char* fname) {
@@ -437,21 +435,19 @@ void CGpcProvider::OnNppStreamAsFile(NPStream* stream, const char* fname) {
 
 void CGpcProvider::OnNppUrlNotify(const char* url, NPReason reason, void* notifyData) {
   MacInfoTrace("CGpcProvider::OnNppUrlNotify");
+  // The browser notifies last, when it is done with a request. A request object still alive now
+  // was never opened as a stream (refused, failed, redirected elsewhere, or aborted before it
+  // opened) and never will be: its owner hears the end, with the notification's reason.
+  CGpcStream* own = static_cast<CGpcStream*>(notifyData);
+  const bool unopened = IsLiveStream(own);
   if (reason == NPRES_NETWORK_ERR) {
     MacErrorTrace("CGpcProvider::OnNppUrlNotify, receive NPRES_NETWORK_ERR");
-    if (m_pWindow != nullptr && m_pWindow->isMyURL(url ? url : "")) {
+    // The instance's own unopened request is finished by its GPC_STREAM_DESTROY below.
+    if (!unopened && m_pWindow != nullptr && m_pWindow->isMyURL(url ? url : "")) {
       m_pWindow->FinishDownloadingStreamFile(false);
     }
   }
-  // The browser notifies last, when it is done with a request. A request object still alive
-  // now was never opened as a stream (refused, redirected elsewhere, or aborted before it
-  // opened) and never will be: free it, and the provider if it was pending.
-  CGpcStream* own = static_cast<CGpcStream*>(notifyData);
-  if (IsLiveStream(own)) {
-    bool wasPending = own == PendingStream();
-    ForgetStream(own);
-    if (wasPending) PendingReleased();
-  }
+  if (unopened) EndStream(own, own->m_strUrl.c_str(), reason);
 }
 
 // ---- The extension service table --------------------------------------------------------

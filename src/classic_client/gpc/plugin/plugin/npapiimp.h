@@ -149,6 +149,11 @@ class CGpcProvider {
   uint32_t RequestStream(RequestKind kind, void* sap, const char* url, const char* body,
                          unsigned len, int asFile, void** stream);
   bool IsLiveStream(CGpcStream* stream);
+  // Ends a stream for good: GPC_STREAM_DESTROY and, unless it was aborted, GPC_STREAM_DELETE to
+  // its SAP (when still registered) with `reason`; frees the provider if the stream was pending;
+  // deletes the stream.
+  void EndStream(CGpcStream* stream, const char* url, NPReason reason);
+  void SendEndMessage(CGpcStream* stream, int32_t type, const char* url, NPReason reason);
   void ForgetStream(CGpcStream* stream);
   CGpcStream* StreamOf(NPStream* stream);
 

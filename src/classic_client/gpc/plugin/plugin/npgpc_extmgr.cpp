@@ -107,18 +107,6 @@ void CGpcExtMgr::RecordTimeStamp(const char* key) {
   gpctimereporter::appendTimeStamp(productVersion, meetingId, key);
 }
 
-void CGpcExtMgr::GpcGetFileNotify(void* instance, void* context, GPCGetFileNotifyMessageType type, void* data) {
-  (void)instance;
-  MacInfoTrace("CGpcExtMgr::GpcGetFileNotify,GPCGetFileNotifyMessageType=%d", static_cast<int>(type));
-  if (context == nullptr || type != GPC_GETFILE_COMPLETE) return;
-  // Verification and unpacking of the package are not done here yet; its arrival is noted.
-  if (data == nullptr) {
-    MacErrorTrace("CGpcExtMgr::GpcGetFileNotify,extension package download failed!");
-    return;
-  }
-  MacInfoTrace("CGpcExtMgr::GpcGetFileNotify,extension package arrived,file=%s", static_cast<const char*>(data));
-}
-
 void CGpcExtMgr::LoadExtension() { m_pWindow->m_bNeedInitExtension = true; }
 
 std::string CGpcExtMgr::GetExtensionDir(bool local) {

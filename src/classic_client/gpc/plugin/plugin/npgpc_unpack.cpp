@@ -1,14 +1,16 @@
 // Unpacking of a verified 7z package with the unpacking library shipped in the plug-in's bundle.
-#include <dlfcn.h>
+#include <ftw.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "gpcutil.h"
 #include "platform/bundle.h"
+#include "platform/dynamic_library.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "trace.h"
 
@@ -52,6 +54,25 @@ std::string DestinationFolderOf(const char* target, bool* targetIsFolder) {
   return folder;
 }
 
+int DropGroupAndOtherWrite(const char* path, const struct stat* info, int type, struct FTW*) {
+  // Links are skipped: chmod would follow them, possibly out of the folder.
+  if (type == FTW_SL || type == FTW_SLN) return 0;
+  const mode_t mode = info->st_mode & 07777;
+  if ((mode & (S_IWGRP | S_IWOTH)) != 0 && chmod(path, mode & ~(S_IWGRP | S_IWOTH)) != 0) {
+    MacWarnTrace("CGpcWindow::UnpackFile,cannot remove group and other write permission of %s: %s", path,
+                 strerror(errno));
+  }
+  return 0;
+}
+
+// What "chmod -R go-w" does, without a shell: nothing the extension brought stays writable by
+// other users.
+void RemoveGroupAndOtherWrite(const std::string& folder) {
+  if (nftw(folder.c_str(), DropGroupAndOtherWrite, 16, FTW_PHYS) != 0) {
+    MacWarnTrace("CGpcWindow::UnpackFile,cannot walk %s: %s", folder.c_str(), strerror(errno));
+  }
+}
+
 }  // namespace
 
 uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, int flags) {
@@ -73,16 +94,17 @@ uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, in
     if (library.empty() || library.size() > kLongestPath) return kUnpackNoSource;
     if (library.back() != '/') library.push_back('/');
     library += "Contents/Frameworks/lib7zip.so";
-    m_h7zLib = dlopen(library.c_str(), RTLD_LAZY | RTLD_LOCAL);
+    std::string error;
+    m_h7zLib = platform::OpenLibrary(library, &error);
     if (m_h7zLib == nullptr) {
-      const char* error = dlerror();
-      MacErrorTrace("dlopen lib7zip.dylib failed, path = %s, err = %s", library.c_str(), error ? error : "");
+      MacErrorTrace("dlopen lib7zip.dylib failed, path = %s, err = %s", library.c_str(), error.c_str());
       return kUnpackNoUnpacker;
     }
-    dlerror();
-    void* entry = dlsym(m_h7zLib, "GpcDecompressFile7z");
-    if (const char* error = dlerror()) {
-      MacErrorTrace("dlsym lib7zip.dylib failed, path = %s, err = %s", library.c_str(), error);
+    // The handle is kept even when the entry is missing: later calls fail without loading again.
+    void* entry = platform::LibrarySymbol(m_h7zLib, "GpcDecompressFile7z");
+    if (entry == nullptr) {
+      MacErrorTrace("dlsym lib7zip.dylib failed, path = %s, err = %s", library.c_str(),
+                    "undefined symbol: GpcDecompressFile7z");
       return kUnpackNoUnpacker;
     }
     m_pfnDecompressFile7z = reinterpret_cast<GpcDecompressFile7zProc>(entry);
@@ -98,8 +120,7 @@ uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, in
   const int32_t result = m_pfnDecompressFile7z(archive, folder.c_str());
   if (result == 0) {
     RemoveFile(archive);
-    const std::string command = "chmod -R go-w \"" + folder + "\"";
-    if (system(command.c_str()) != 0) MacWarnTrace("CGpcWindow::UnpackFile,%s failed", command.c_str());
+    RemoveGroupAndOtherWrite(folder);
     MacInfoTrace("CGpcWindow::UnpackFile,unpack file success!");
     return 0;
   }

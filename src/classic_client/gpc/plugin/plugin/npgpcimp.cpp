@@ -2,9 +2,9 @@
 // event entry points, and teardown.
 #include "plugin/plugin/npgpcimp.h"
 
-#include <dlfcn.h>
 #include <glib.h>
 
+#include "platform/dynamic_library.h"
 #include "platform/system_version.h"
 #include "trace.h"
 
@@ -48,9 +48,9 @@ CGpcWindow::~CGpcWindow() {
   MacInfoTrace("CGpcWindow::~CGpcWindow,Begin");
   ExitGpcWindow();
   RemoveHeartbeatTimer();
-  if (m_hExtModule != nullptr) {
-    dlclose(m_hExtModule);
-    m_hExtModule = nullptr;
+  if (m_hExtBundle != nullptr) {
+    FreeLibrary(m_hExtBundle);
+    m_hExtBundle = nullptr;
   }
   CleanupDownloadingStreamFiles();
   CleanupFrameTargets();
@@ -63,7 +63,7 @@ CGpcWindow::~CGpcWindow() {
   for (CItem* item : m_vectorParam) delete item;
   m_vectorParam.clear();
   if (m_h7zLib != nullptr) {
-    dlclose(m_h7zLib);
+    platform::CloseLibrary(m_h7zLib);
     m_h7zLib = nullptr;
   }
   // What is left of the queue was never handed to a fetch.
@@ -152,31 +152,4 @@ bool CGpcWindow::FApprovedDomain(const char* url, uint32_t reserved,
   MacInfoTrace("CGpcWindow::FApprovedDomain,url=%s", url ? url : "");
   if (CSiteCheck<CGpcWindow>::FApprovedDomain(url, reserved, list, count)) return true;
   return SiteLockSwitchedOff(GetParameter("gpcsitelock"));
-}
-
-void CGpcWindow::ExitExtension() {
-  MacInfoTrace("CGpcWindow::ExitExtension,Begin");
-  if (m_pfnGpcExitInstance != nullptr) {
-    // Cleared first, so that an exit entered again cannot call it twice.
-    GpcExitInstanceProc exitInstance = m_pfnGpcExitInstance;
-    m_pfnGpcExitInstance = nullptr;
-    exitInstance(this, m_pExtData);
-  }
-  if (m_hExtModule != nullptr) dlclose(m_hExtModule);
-  m_hExtModule = nullptr;
-  m_pfnGpcInitInstance = nullptr;
-  m_pfnGpcExitInstance = nullptr;
-  m_pfnGpcHeartbeat = nullptr;
-  m_pfnGpcActionNotify = nullptr;
-  m_pfnGpcSetWindow = nullptr;
-  m_pfnGpcHandleEvent = nullptr;
-  MacInfoTrace("CGpcWindow::ExitExtension,End");
-}
-
-void CGpcWindow::InitExtension() {
-  MacInfoTrace("CGpcWindow::InitExtension,Begin");
-  // UNFINISHED: loading the extension bundle, resolving its entry points and calling
-  // "GpcInitInstance" come with the extension-loading work. Until then no extension is
-  // loaded and the instance runs on without one.
-  MacInfoTrace("CGpcWindow::InitExtension,End");
 }

@@ -79,13 +79,15 @@ class CGpcExtMgr {
   void CheckExtension();
   // True when `file` is missing or its version differs from `requiredVersion`.
   bool NeedUpdate(const char* file, const char* requiredVersion);
-  // Receives the fetched package (verification, unpacking).
+  // Receives the fetched package: installs it when it passes every check, else halts the
+  // instance with the message shown.
   static void GpcGetFileNotify(void* instance, void* context, GPCGetFileNotifyMessageType type,
                                void* data);
+  // Unpacks a verified package over the user extension and asks the next heartbeat to load it.
+  void InstallPackage(const char* path);
 
   CGpcWindow* m_pWindow;  // not owned
 
- private:
   // Records a milestone when the page names both a product version and a meeting.
   void RecordTimeStamp(const char* key);
 };
@@ -186,7 +188,7 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   void* m_streamSap = nullptr;
   GpcServiceTable m_serviceTable;
   bool m_bNeedInitExtension = false;
-  void* m_hExtModule = nullptr;  // the loaded extension bundle; ExitExtension releases it
+  void* m_hExtBundle = nullptr;  // the loaded extension bundle; ExitExtension releases it
   GpcInitInstanceProc m_pfnGpcInitInstance = nullptr;
   GpcExitInstanceProc m_pfnGpcExitInstance = nullptr;
   GpcHeartbeatProc m_pfnGpcHeartbeat = nullptr;
@@ -230,6 +232,14 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   void RemoveHeartbeatTimer();
   void FillServiceTable();
 };
+
+// Extension bundles. LoadLibrary opens the executable of the bundle at `bundlePath` and returns
+// its handle, or null when the path is empty, the bundle has no executable or it cannot be
+// loaded. GetFunctionPointer gives an exported symbol, null when either argument is null or the
+// name is not exported. FreeLibrary releases a handle and returns true.
+void* LoadLibrary(const char* bundlePath);
+void* GetFunctionPointer(void* bundle, const char* name);
+bool FreeLibrary(void* bundle);
 
 // The heartbeat timer's callback: a null datum is ignored.
 void GPCWindowTimerProc(void* timer, void* datum);

@@ -1,0 +1,85 @@
+#include "platform/dynamic_library.h"
+
+#include <dlfcn.h>
+#include <elf.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "platform/bundle.h"
+
+namespace platform {
+
+namespace {
+
+bool IsRegularFile(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+// Class and machine of an ELF file's header; false when it is not an ELF file.
+bool ReadElfIdentity(const std::string& path, unsigned char* elfClass, uint16_t* machine) {
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) return false;
+  // e_machine follows e_ident (16 bytes) and e_type (2 bytes) in both classes.
+  unsigned char header[EI_NIDENT + 4] = {};
+  const size_t got = fread(header, 1, sizeof header, file);
+  fclose(file);
+  if (got != sizeof header || memcmp(header, ELFMAG, SELFMAG) != 0) return false;
+  *elfClass = header[EI_CLASS];
+  const bool littleEndian = header[EI_DATA] == ELFDATA2LSB;
+  const unsigned char* field = header + EI_NIDENT + 2;
+  *machine = littleEndian ? static_cast<uint16_t>(field[0] | field[1] << 8)
+                          : static_cast<uint16_t>(field[0] << 8 | field[1]);
+  return true;
+}
+
+}  // namespace
+
+std::string BundleExecutablePath(const std::string& bundle_path) {
+  if (bundle_path.empty()) return "";
+  std::string bundle = bundle_path;
+  while (bundle.size() > 1 && bundle.back() == '/') bundle.pop_back();
+  std::string name = BundleInfoString(bundle, "CFBundleExecutable");
+  if (name.empty() || name.find('/') != std::string::npos) {
+    name = bundle.substr(bundle.find_last_of('/') + 1);
+    const size_t dot = name.rfind('.');
+    if (dot != std::string::npos && dot > 0) name.erase(dot);
+  }
+  const std::string executable = bundle + "/Contents/MacOS/" + name;
+  return IsRegularFile(executable) ? executable : "";
+}
+
+bool ExecutableMatchesOwnArchitecture(const std::string& executable) {
+  unsigned char ownClass = 0, otherClass = 0;
+  uint16_t ownMachine = 0, otherMachine = 0;
+  const std::string self = ModulePathOf(reinterpret_cast<const void*>(&ExecutableMatchesOwnArchitecture));
+  if (!ReadElfIdentity(self, &ownClass, &ownMachine)) return false;
+  if (!ReadElfIdentity(executable, &otherClass, &otherMachine)) return false;
+  return ownClass == otherClass && ownMachine == otherMachine;
+}
+
+void* OpenLibrary(const std::string& path, std::string* error) {
+  if (path.empty()) {
+    if (error != nullptr) *error = "empty path";
+    return nullptr;
+  }
+  void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (library == nullptr && error != nullptr) {
+    const char* message = dlerror();
+    *error = message ? message : "unknown loader error";
+  }
+  return library;
+}
+
+void* LibrarySymbol(void* library, const char* name) {
+  if (library == nullptr || name == nullptr) return nullptr;
+  return dlsym(library, name);
+}
+
+void CloseLibrary(void* library) {
+  if (library != nullptr) dlclose(library);
+}
+
+}  // namespace platform

@@ -1,0 +1,465 @@
+// The extension's road inside one instance: a fetched package is checked (digest, certificate
+// chain, common name, signature), unpacked by the shipped unpacking library, and the extension
+// (the user's, or the one shipped with the plug-in) is loaded and driven. Packages, certificates
+// and signatures are made by the 7z and openssl tools; the extension is the built sample.
+#include <gtest/gtest.h>
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <regex>
+#include <string>
+
+#include "extension_package.h"
+#include "gpcutil.h"
+#include "http_test_server.h"
+#include "platform/bundle.h"
+#include "platform/folders.h"
+#include "platform/system_version.h"
+#include "window_fake_browser.h"
+
+using namespace window_test;
+
+namespace {
+
+const std::string kShippedBundle = GPC_BUNDLE_DIR;
+const std::string kSampleBundle = kShippedBundle + "/Contents/Frameworks/zrgpcext64.bundle";
+const std::string kSampleExecutable = kSampleBundle + "/Contents/MacOS/zrgpcext64";
+const char kPackageVersion[] = "2.0.0.7";
+
+// Made once: a scratch folder with the signer and a signed package of the sample extension.
+struct Fixtures {
+  gpctest::TempFolder folder{"extension"};
+  std::unique_ptr<gpctest::PackageSigner> signer;
+  std::string package;  // kept pristine; each test works on a copy
+  bool ok = false;
+
+  Fixtures() {
+    const std::string pki = folder.path() + "/pki";
+    mkdir(pki.c_str(), 0700);
+    signer = std::make_unique<gpctest::PackageSigner>(pki);
+    package = folder.path() + "/zrgpcext64.bundle.7z";
+    ok = signer->ok() && signer->AddSigner("stranger", "/CN=gpc.signer.example.com") &&
+         signer->AddSigner("llc", "/CN=Vantrel Talvo LLC") &&
+         gpctest::PackExtension(kSampleBundle, kPackageVersion, folder.path(), package);
+  }
+};
+Fixtures* g_fixtures = nullptr;
+
+class FixturesEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override { g_fixtures = new Fixtures(); }
+  void TearDown() override { delete g_fixtures; }
+};
+const auto* const kRegistered = ::testing::AddGlobalTestEnvironment(new FixturesEnvironment);
+
+bool Copy(const std::string& from, const std::string& to) {
+  return std::system(("rm -rf " + gpctest::ShellQuote(to) + " && mkdir -p \"$(dirname " + gpctest::ShellQuote(to) +
+                      ")\" && cp -a " + gpctest::ShellQuote(from) + " " + gpctest::ShellQuote(to))
+                         .c_str()) == 0;
+}
+
+// A signer whose common name holds a NUL: "x.talvo.us\0.example", issued by the test root.
+std::string ChainWithNulInCommonName(const std::string& pki) {
+  FILE* keyFile = fopen((pki + "/root.key").c_str(), "r");
+  FILE* certFile = fopen((pki + "/root.pem").c_str(), "r");
+  EVP_PKEY* rootKey = keyFile ? PEM_read_PrivateKey(keyFile, nullptr, nullptr, nullptr) : nullptr;
+  X509* root = certFile ? PEM_read_X509(certFile, nullptr, nullptr, nullptr) : nullptr;
+  if (keyFile) fclose(keyFile);
+  if (certFile) fclose(certFile);
+  EVP_PKEY* key = EVP_RSA_gen(2048);
+  X509* cert = X509_new();
+  static const unsigned char kName[] = "x.talvo.us\0.example";
+  X509_NAME* subject = X509_get_subject_name(cert);
+  X509_NAME_add_entry_by_NID(subject, NID_commonName, V_ASN1_UTF8STRING, kName, sizeof kName - 1, -1, 0);
+  X509_set_issuer_name(cert, X509_get_subject_name(root));
+  ASN1_INTEGER_set(X509_get_serialNumber(cert), 77);
+  X509_gmtime_adj(X509_getm_notBefore(cert), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(cert), 3600L * 24 * 365);
+  X509_set_pubkey(cert, key);
+  X509_sign(cert, rootKey, EVP_sha256());
+  FILE* out = fopen((pki + "/nul.pem").c_str(), "w");
+  PEM_write_X509(out, cert);
+  fclose(out);
+  out = fopen((pki + "/nul.key").c_str(), "w");
+  PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr);
+  fclose(out);
+  X509_free(cert);
+  X509_free(root);
+  EVP_PKEY_free(key);
+  EVP_PKEY_free(rootKey);
+  return g_fixtures->signer->Chain("nul");
+}
+
+class WindowExtensionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(g_fixtures->ok) << "the signer or the package could not be made";
+    platform::SetPluginBundlePathOverride(kShippedBundle);
+    window = std::make_unique<CGpcWindow>(&npp);
+    window->m_bHalted = 0;
+    window->m_bExtMgrStarted = 1;  // these tests drive the manager's steps themselves
+    for (const auto& [name, value] :
+         {std::pair<const char*, const char*>{"GpcErrorPageUrl", "https://127.0.0.1:9/error"},
+          {"LoggingURL", "https://127.0.0.1:9/log?"}, {"MeetingID", "m1"}}) {
+      window->SetParameterVector(name, value);
+    }
+    package = env.dir() + "/package.7z";
+    ASSERT_TRUE(Copy(g_fixtures->package, package));
+  }
+  void TearDown() override {
+    window.reset();
+    platform::SetPluginBundlePathOverride("");
+    platform::SetSystemVersionOverride(0);
+  }
+
+  std::string UserBundle() { return platform::UserApplicationSupportDir() + "/Talvo Folder/zrgpcext64.bundle"; }
+  std::string InstalledVersion() { return platform::BundleInfoString(UserBundle(), "CFBundleVersion"); }
+
+  void SetPackageParameters(const gpctest::PageParams& params) {
+    for (const auto& [name, value] : params) window->SetParameterVector(name, value);
+  }
+
+  // The codes of the messages shown: each error page queued for the whole page.
+  std::vector<int> ShownMessages() {
+    std::vector<int> codes;
+    const std::regex code("ErrorMsg=.*%5B([0-9]+)%5D");
+    for (const CFrameTarget* target : window->m_vectorFrameTarget) {
+      std::smatch match;
+      if (target->m_strTarget == "_top" && std::regex_search(target->m_strUrl, match, code))
+        codes.push_back(std::stoi(match[1]));
+    }
+    return codes;
+  }
+
+  void Deliver(const char* path) {
+    CGpcExtMgr::GpcGetFileNotify(nullptr, &window->m_extMgr, GPC_GETFILE_COMPLETE, const_cast<char*>(path));
+  }
+
+  Environment env;
+  NPP_t npp{};
+  std::unique_ptr<CGpcWindow> window;
+  std::string package;
+};
+
+// ---- Verification ------------------------------------------------------------------------------
+
+struct VerificationCase {
+  const char* name;
+  std::function<void(gpctest::PageParams&, const std::string& pki)> change;
+  int message;          // 0: accepted and installed
+  const char* logLine;  // expected in the log; null: none in particular
+};
+
+void Set(gpctest::PageParams& params, const std::string& name, const std::string& value) {
+  for (auto& entry : params) {
+    if (entry.first == name) {
+      entry.second = value;
+      return;
+    }
+  }
+  params.push_back({name, value});
+}
+
+const VerificationCase kVerificationCases[] = {
+    {"GoodSha256", [](auto&, auto&) {}, 0, "CGpcExtMgr::GpcGetFileNotify,Load extension : "},
+    {"GoodSha1", [](auto& p, auto&) { p = g_fixtures->signer->PackageParameters(p[4].second, "sha1"); }, 0, nullptr},
+    {"SignerOfTheVendorOrganisation",
+     [](auto& p, auto&) { p = g_fixtures->signer->PackageParameters(p[4].second, "sha256", "llc"); }, 0, nullptr},
+    {"DigestMismatch", [](auto& p, auto&) { Set(p, "GpcExtHash", std::string(64, 'a')); }, 111,
+     "hash value not same,local hash="},
+    {"UpperCaseMethod", [](auto& p, auto&) { Set(p, "GpcHashMethod", "SHA1"); }, 111, "hash value not same,local hash=, "},
+    {"NoDigest", [](auto& p, auto&) { Set(p, "GpcExtHash", ""); }, 111, "Check domain is pass, but Hash value is nil!"},
+    {"CertificationNull", [](auto& p, auto&) { Set(p, "GpcCertification", "null"); }, 111,
+     "Check domain is pass, but Certification is nil!"},
+    {"NoCertificationWithoutSiteLock",
+     [](auto& p, auto&) {
+       Set(p, "GpcCertification", "");
+       Set(p, "gpcsitelock", "0");
+     },
+     111, "gpcsitelock is 0 means it run not check domain mode."},
+    {"NoSignature", [](auto& p, auto&) { Set(p, "GpcExtSignature", ""); }, 111, "GpcExtSignature value is nil!"},
+    {"CertificationOfTenCharacters", [](auto& p, auto&) { Set(p, "GpcCertification", "MIIBCgKCAQ"); }, 103,
+     "CGpcExtMgr::GpcGetFileNotify,invalid certification!"},
+    {"LeafThatDoesNotDecode", [](auto& p, auto&) { Set(p, "GpcCertification", "MIIBCgKCAQEAu|bm90IGEgY2VydA=="); }, 103,
+     "CGpcExtMgr::GpcGetFileNotify,invalid certification!"},
+    {"UntrustedChain", [](auto& p, auto&) { Set(p, "GpcCertification", g_fixtures->signer->Chain("vendor", false)); },
+     103, "invalid certification file or cannot believe!"},
+    {"WrongCommonName",
+     [](auto& p, auto&) { p = g_fixtures->signer->PackageParameters(p[4].second, "sha256", "stranger"); }, 103,
+     "common name is not end by .talvo.us"},
+    {"NulInCommonName", [](auto& p, auto& pki) { Set(p, "GpcCertification", ChainWithNulInCommonName(pki)); }, 103,
+     "invalid certification file or cannot believe, No common name!"},
+    {"SignatureOfAnotherDigest",
+     [](auto& p, auto&) { Set(p, "GpcExtSignature", g_fixtures->signer->Sign(std::string(64, 'b'))); }, 103,
+     nullptr},
+    {"SignatureByAnotherKey",
+     [](auto& p, auto&) { Set(p, "GpcExtSignature", g_fixtures->signer->Sign(p[0].second, "stranger")); }, 103,
+     nullptr},
+};
+
+class VerificationTest : public WindowExtensionTest, public ::testing::WithParamInterface<VerificationCase> {};
+
+TEST_P(VerificationTest, InstallsOnlyAGenuinePackage) {
+  const VerificationCase& c = GetParam();
+  // An older user extension is installed; a refusal must leave it as it is.
+  ASSERT_TRUE(gpctest::PackExtension(kSampleBundle, "1.0.0.0", env.dir(), env.dir() + "/old.7z"));
+  ASSERT_TRUE(Copy(env.dir() + "/zrgpcext64.bundle", UserBundle()));
+  gpctest::PageParams params = g_fixtures->signer->PackageParameters(package);
+  params.push_back({"package", package});  // index 4: lets a case re-sign the same file
+  c.change(params, g_fixtures->folder.path() + "/pki");
+  params.erase(std::remove_if(params.begin(), params.end(), [](auto& p) { return p.first == "package"; }),
+               params.end());
+  SetPackageParameters(params);
+  LogCapture log;
+
+  Deliver(package.c_str());
+
+  if (c.logLine) {
+    EXPECT_TRUE(log.Contains(c.logLine)) << c.logLine;
+  }
+  if (c.message == 0) {
+    EXPECT_TRUE(ShownMessages().empty());
+    EXPECT_FALSE(window->m_bHalted);
+    EXPECT_TRUE(window->m_bNeedInitExtension);
+    EXPECT_EQ(InstalledVersion(), kPackageVersion);
+    EXPECT_FALSE(FileExists(package)) << "an installed package is deleted";
+  } else {
+    EXPECT_EQ(ShownMessages(), std::vector<int>{c.message});
+    EXPECT_TRUE(window->m_bHalted);
+    EXPECT_FALSE(window->m_bNeedInitExtension);
+    EXPECT_EQ(InstalledVersion(), "1.0.0.0");
+    EXPECT_FALSE(log.Contains("Unpack extension from"));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Packages, VerificationTest, ::testing::ValuesIn(kVerificationCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(WindowExtensionTest, OnlyACompletionWithAPathIsLookedAt) {
+  SetPackageParameters(g_fixtures->signer->PackageParameters(package));
+  CGpcExtMgr::GpcGetFileNotify(nullptr, &window->m_extMgr, GPC_GETFILE_PROGRESS, reinterpret_cast<void*>(4096));
+  CGpcExtMgr::GpcGetFileNotify(nullptr, nullptr, GPC_GETFILE_COMPLETE, const_cast<char*>(package.c_str()));
+  EXPECT_FALSE(window->m_bHalted);
+  EXPECT_TRUE(ShownMessages().empty());
+
+  LogCapture log;
+  Deliver(nullptr);  // a failed download
+  EXPECT_EQ(ShownMessages(), std::vector<int>{111});
+  EXPECT_FALSE(log.Contains("CGpcExtMgr::GpcGetFileNotify,Check domain is pass"));
+}
+
+TEST_F(WindowExtensionTest, OldSystemsInstallSha256PackagesUnchecked) {
+  platform::SetSystemVersionOverride(0x1058);
+  SetPackageParameters({{"GpcExtHash", "not the digest"}, {"GpcHashMethod", "sha256"}, {"GpcCertification", "x"}});
+  Deliver(package.c_str());
+  EXPECT_EQ(InstalledVersion(), kPackageVersion);
+  EXPECT_FALSE(window->m_bHalted);
+}
+
+TEST_F(WindowExtensionTest, AFailedUnpackStillLoadsWhatIsLeft) {
+  ASSERT_EQ(truncate(package.c_str(), 200), 0);
+  SetPackageParameters(g_fixtures->signer->PackageParameters(package));
+  LogCapture log;
+  Deliver(package.c_str());
+  EXPECT_TRUE(log.Contains("CGpcExtMgr::GpcGetFileNotify,Fail to decompress extension!"));
+  EXPECT_TRUE(window->m_bNeedInitExtension);
+  EXPECT_FALSE(window->m_bHalted);
+}
+
+// ---- Unpacking ---------------------------------------------------------------------------------
+
+TEST_F(WindowExtensionTest, UnpackReplacesTheBundleAndLeavesNothingWritableByOthers) {
+  // A destination whose name holds a quote and blanks, and a file that arrives writable by all.
+  const std::string target = env.dir() + "/a \"quoted\" folder/zrgpcext64.bundle/";
+  ASSERT_TRUE(Copy(kSampleBundle, env.dir() + "/src/zrgpcext64.bundle"));
+  ASSERT_EQ(chmod((env.dir() + "/src/zrgpcext64.bundle/Contents/Info.plist").c_str(), 0666), 0);
+  const std::string archive = env.dir() + "/open.7z";
+  ASSERT_EQ(std::system(("cd " + gpctest::ShellQuote(env.dir() + "/src") + " && 7z a " + gpctest::ShellQuote(archive) +
+                         " zrgpcext64.bundle >/dev/null")
+                            .c_str()),
+            0);
+  ASSERT_TRUE(Copy(kSampleBundle, target + "Contents/stale"));  // an old file that must go
+
+  LogCapture log;
+  const mode_t mask = umask(0);  // modes arrive as the archive has them
+  const uint32_t result = window->UnpackFile(archive.c_str(), target.c_str(), 0);
+  umask(mask);
+  EXPECT_EQ(result, 0u);
+  struct stat info;
+  ASSERT_EQ(stat((target + "Contents/Info.plist").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0644u);
+  EXPECT_FALSE(FileExists(target + "Contents/stale"));
+  EXPECT_FALSE(FileExists(archive));
+
+  // The library stays loaded: a second package needs no second load.
+  ASSERT_TRUE(Copy(g_fixtures->package, archive));
+  EXPECT_EQ(window->UnpackFile(archive.c_str(), target.c_str(), 0), 0u);
+  EXPECT_EQ(log.Count("Load 7zip.dylib success"), 1);
+}
+
+TEST_F(WindowExtensionTest, UnpackRefusesWhatIsNotA7zArchiveBeforeDeletingAnything) {
+  ASSERT_TRUE(Copy(kSampleBundle, UserBundle()));
+  const std::string zip = env.dir() + "/package.zip";
+  ASSERT_EQ(std::system(("cd " + gpctest::ShellQuote(kSampleBundle + "/..") + " && 7z a -tzip " + gpctest::ShellQuote(zip) +
+                         " zrgpcext64.bundle >/dev/null")
+                            .c_str()),
+            0);
+  const std::string shortFile = env.dir() + "/short.7z";
+  std::ofstream(shortFile) << "7z\xBC\xAF";
+  for (const std::string& source : {zip, shortFile, env.dir() + "/missing.7z"}) {
+    EXPECT_EQ(window->UnpackFile(source.c_str(), UserBundle().c_str(), 0), 20009u) << source;
+  }
+  EXPECT_EQ(window->UnpackFile(nullptr, UserBundle().c_str(), 0), 20100u);
+  EXPECT_TRUE(FileExists(UserBundle() + "/Contents/MacOS/zrgpcext64"));
+}
+
+TEST_F(WindowExtensionTest, UnpackWithoutTheLibraryRetriesTheLoadButNotTheLookUp) {
+  const std::string target = env.dir() + "/out/zrgpcext64.bundle";
+  // No library in the bundle: every call tries to load it again, and succeeds once it is there.
+  const std::string bundle = env.dir() + "/plugin";
+  ASSERT_TRUE(Copy(kShippedBundle + "/Contents/Info.plist", bundle + "/Contents/Info.plist"));
+  platform::SetPluginBundlePathOverride(bundle);
+  LogCapture log;
+  EXPECT_EQ(window->UnpackFile(package.c_str(), target.c_str(), 0), 20007u);
+  EXPECT_EQ(window->UnpackFile(package.c_str(), target.c_str(), 0), 20007u);
+  EXPECT_EQ(log.Count("dlopen lib7zip.dylib failed, path = " + bundle + "/Contents/Frameworks/lib7zip.so"), 2);
+  ASSERT_TRUE(Copy(kShippedBundle + "/Contents/Frameworks/lib7zip.so", bundle + "/Contents/Frameworks/lib7zip.so"));
+  EXPECT_EQ(window->UnpackFile(package.c_str(), target.c_str(), 0), 0u);
+
+  // A library without the entry (in another bundle: the loader would hand back the library
+  // already loaded under the same name): loaded once, then every call fails at once.
+  CGpcWindow other(&npp);
+  const std::string otherBundle = env.dir() + "/plugin2";
+  platform::SetPluginBundlePathOverride(otherBundle);
+  ASSERT_TRUE(Copy(kSampleExecutable, otherBundle + "/Contents/Frameworks/lib7zip.so"));
+  ASSERT_TRUE(Copy(g_fixtures->package, package));
+  EXPECT_EQ(other.UnpackFile(package.c_str(), target.c_str(), 0), 20007u);
+  EXPECT_EQ(other.UnpackFile(package.c_str(), target.c_str(), 0), 20007u);
+  EXPECT_EQ(log.Count("dlsym lib7zip.dylib failed"), 1);
+  EXPECT_EQ(log.Count("interface in 7zip.dylib failed!"), 1);
+  EXPECT_TRUE(FileExists(target)) << "nothing is deleted before the library is ready";
+
+  platform::SetPluginBundlePathOverride("");
+  EXPECT_EQ(CGpcWindow(&npp).UnpackFile(package.c_str(), target.c_str(), 0), 20100u) << "no bundle of its own";
+}
+
+TEST_F(WindowExtensionTest, AFailedExtractionRemovesOnlyAnEmptyTargetFolder) {
+  ASSERT_EQ(truncate(package.c_str(), 200), 0);
+  const std::string target = env.dir() + "/out/zrgpcext64.bundle";
+  ASSERT_TRUE(platform::MakeDirectories(target, 0755));
+  EXPECT_NE(window->UnpackFile(package.c_str(), target.c_str(), 0), 0u);
+  EXPECT_FALSE(FileExists(target));
+  EXPECT_TRUE(FileExists(package)) << "the package is kept after a failure";
+  EXPECT_NE(GpcUnpackFile(window.get(), package.c_str(), target.c_str()), 0u) << "the service passes the code on";
+}
+
+// ---- Loading -----------------------------------------------------------------------------------
+
+struct LoadingCase {
+  const char* name;
+  // Prepares the user bundle in `bundle`; empty body leaves it missing.
+  std::function<bool(const std::string& bundle)> prepare;
+  bool userLoaded;
+  const char* logLine;
+  int messages107;  // how often message 107 is shown
+};
+
+bool WithExecutable(const std::string& bundle, const std::function<bool(const std::string&)>& make) {
+  return Copy(kSampleBundle, bundle) && make(bundle + "/Contents/MacOS/zrgpcext64");
+}
+
+const LoadingCase kLoadingCases[] = {
+    {"UserBundle", [](auto& b) { return Copy(kSampleBundle, b); }, true, "load GPC extension:", 0},
+    {"MissingUserBundle", [](auto&) { return true; }, false, "cannot load bundle", 0},
+    {"UserBundleForAnotherMachine",
+     [](auto& b) {
+       return WithExecutable(b, [](const std::string& exe) {
+         std::fstream file(exe, std::ios::in | std::ios::out | std::ios::binary);
+         file.seekp(18);
+         file.put('\xb7').put('\0');  // e_machine: AArch64
+         return file.good();
+       });
+     },
+     false, "has no arch 64bit. We will switch to local plugin's extention", 0},
+    {"UserBundleWithoutEntryPoints",
+     [](auto& b) {
+       return WithExecutable(b, [](const std::string& exe) {
+         return Copy(kShippedBundle + "/Contents/Frameworks/lib7zip.so", exe);
+       });
+     },
+     true, "real load GPC extension:", 1},
+    {"UserBundleThatWillNotLoad",
+     [](auto& b) {
+       return WithExecutable(b, [](const std::string& exe) { return truncate(exe.c_str(), 4096) == 0; });
+     },
+     true, "CGpcWindow::InitExtension,load GPC extension:", 2},
+};
+
+class LoadingTest : public WindowExtensionTest, public ::testing::WithParamInterface<LoadingCase> {};
+
+TEST_P(LoadingTest, LoadsTheUserOrTheLocalExtension) {
+  const LoadingCase& c = GetParam();
+  ASSERT_TRUE(c.prepare(UserBundle()));
+  window->SetParameterVector("GpcSampleDoneUrl", "https://127.0.0.1:9/done");
+  LogCapture log;
+  window->InitExtension();
+
+  EXPECT_TRUE(log.Contains(c.logLine)) << c.logLine;
+  const std::string chosen = c.userLoaded ? UserBundle() : kSampleBundle;
+  EXPECT_TRUE(log.Contains("load GPC extension:" + chosen)) << chosen;
+  EXPECT_EQ(static_cast<int>(ShownMessages().size()), c.messages107);
+  EXPECT_EQ(window->m_bHalted != 0, c.messages107 > 0);
+  if (c.messages107 > 0) return;
+  EXPECT_TRUE(log.Contains("CGpcWindow::InitExtension,Initialize GPC extension,return value =0"));
+  EXPECT_NE(window->m_pExtData, nullptr);
+  // The extension's heartbeat runs with the instance's: the sample then navigates the page.
+  window->OnTimer();
+  ASSERT_FALSE(window->m_vectorFrameTarget.empty());
+  EXPECT_EQ(window->m_vectorFrameTarget.back()->m_strUrl.rfind("https://127.0.0.1:9/done?fetched=0&failed=0", 0), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bundles, LoadingTest, ::testing::ValuesIn(kLoadingCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(WindowExtensionTest, ALoadedExtensionGetsWindowAndEventsAndIsEndedOnce) {
+  LogCapture log;
+  window->ExitExtension();  // nothing loaded: only the log lines
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{"CGpcWindow::ExitExtension,Begin", "CGpcWindow::ExitExtension,End"}));
+
+  window->InitExtension();
+  ASSERT_NE(window->m_hExtBundle, nullptr);
+  NPWindow first{}, second{};
+  window->SetWindow(&first);
+  window->SetWindow(&second);
+  EXPECT_EQ(window->GetPluginNativeWindow(), &first) << "the first record is kept";
+  EXPECT_EQ(log.Count("GpcSetWindow: window record"), 2);
+  EXPECT_FALSE(window->HandleEvent(&first, true));
+  EXPECT_FALSE(window->m_bHalted);
+
+  window->ExitExtension();
+  window->ExitExtension();
+  EXPECT_EQ(log.Count("GpcExitInstance"), 1);
+  EXPECT_EQ(window->m_hExtBundle, nullptr);
+  EXPECT_EQ(window->m_pfnGpcHeartbeat, nullptr);
+}
+
+TEST_F(WindowExtensionTest, LibraryHelpersRefuseNullArguments) {
+  EXPECT_EQ(LoadLibrary(nullptr), nullptr);
+  EXPECT_EQ(LoadLibrary(""), nullptr);
+  EXPECT_EQ(LoadLibrary((env.dir() + "/none.bundle").c_str()), nullptr);
+  void* bundle = LoadLibrary(kSampleBundle.c_str());
+  ASSERT_NE(bundle, nullptr);
+  EXPECT_NE(GetFunctionPointer(bundle, "GpcInitInstance"), nullptr);
+  EXPECT_EQ(GetFunctionPointer(bundle, "GpcMissing"), nullptr);
+  EXPECT_EQ(GetFunctionPointer(nullptr, "GpcInitInstance"), nullptr);
+  EXPECT_EQ(GetFunctionPointer(bundle, nullptr), nullptr);
+  EXPECT_TRUE(FreeLibrary(bundle));
+}
+
+}  // namespace
