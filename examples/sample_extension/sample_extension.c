@@ -369,7 +369,7 @@ SAMPLE_EXPORT void GpcExitInstance(void* instance, void* extData) {
     Trace(state, "GpcExitInstance: stopping %zu pending downloads", state->pending);
     state->services->GpcStopDownload(instance);
   }
-  Trace(state, "GpcExitInstance after %lu heartbeats", state->heartbeats);
+  Trace(state, "GpcExitInstance after %lu heartbeats and %lu events", state->heartbeats, state->events);
   /* The plug-in drops its fetch queue now, so no callback can reach the records after this. */
   FreeState(state);
 }

@@ -442,8 +442,10 @@ TEST_F(WindowExtensionTest, ALoadedExtensionGetsWindowAndEventsAndIsEndedOnce) {
   EXPECT_FALSE(window->HandleEvent(&first, true));
   EXPECT_FALSE(window->m_bHalted);
 
+  window->OnTimer();
   window->ExitExtension();
   window->ExitExtension();
+  EXPECT_EQ(log.Count("GpcExitInstance after 1 heartbeats and 1 events"), 1);
   EXPECT_EQ(log.Count("GpcExitInstance"), 1);
   EXPECT_EQ(window->m_hExtBundle, nullptr);
   EXPECT_EQ(window->m_pfnGpcHeartbeat, nullptr);

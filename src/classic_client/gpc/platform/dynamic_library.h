@@ -19,7 +19,8 @@ std::string BundleExecutablePath(const std::string& bundle_path);
 bool ExecutableMatchesOwnArchitecture(const std::string& executable);
 
 // Opens the shared object at `path` with every symbol resolved now and kept local to it. Returns
-// the handle, or null with the loader's message in `error` (when given).
+// the handle, or null with the loader's message in `error` (when given). A file cut short of the
+// segments its header names is refused before the loader sees it.
 void* OpenLibrary(const std::string& path, std::string* error);
 
 // The exported symbol `name` of an open library; null when either argument is null or the

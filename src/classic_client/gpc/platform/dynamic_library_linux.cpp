@@ -35,6 +35,38 @@ bool ReadElfIdentity(const std::string& path, unsigned char* elfClass, uint16_t*
   return true;
 }
 
+template <typename Ehdr, typename Phdr>
+bool SegmentsFitIn(FILE* file, off_t size) {
+  Ehdr header;
+  if (fseeko(file, 0, SEEK_SET) != 0 || fread(&header, sizeof header, 1, file) != 1) return false;
+  if (header.e_phentsize != sizeof(Phdr)) return false;
+  for (unsigned i = 0; i < header.e_phnum; ++i) {
+    Phdr segment;
+    const off_t at = static_cast<off_t>(header.e_phoff + i * sizeof(Phdr));
+    if (fseeko(file, at, SEEK_SET) != 0 || fread(&segment, sizeof segment, 1, file) != 1) return false;
+    if (segment.p_type == PT_LOAD && segment.p_offset + segment.p_filesz > static_cast<uint64_t>(size)) return false;
+  }
+  return true;
+}
+
+// True when every loadable segment the header promises lies within the file. The loader maps
+// segments without that check, and touching a page past the end of a cut-off file (a download
+// or extraction that stopped half-way) kills the whole process.
+bool IsCompleteElfFile(const std::string& path) {
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) return false;
+  struct stat info;
+  unsigned char ident[EI_NIDENT] = {};
+  bool complete = fstat(fileno(file), &info) == 0 && fread(ident, 1, sizeof ident, file) == sizeof ident &&
+                  memcmp(ident, ELFMAG, SELFMAG) == 0;
+  if (complete) {
+    complete = ident[EI_CLASS] == ELFCLASS64 ? SegmentsFitIn<Elf64_Ehdr, Elf64_Phdr>(file, info.st_size)
+                                             : SegmentsFitIn<Elf32_Ehdr, Elf32_Phdr>(file, info.st_size);
+  }
+  fclose(file);
+  return complete;
+}
+
 }  // namespace
 
 std::string BundleExecutablePath(const std::string& bundle_path) {
@@ -63,6 +95,10 @@ bool ExecutableMatchesOwnArchitecture(const std::string& executable) {
 void* OpenLibrary(const std::string& path, std::string* error) {
   if (path.empty()) {
     if (error != nullptr) *error = "empty path";
+    return nullptr;
+  }
+  if (!IsCompleteElfFile(path)) {
+    if (error != nullptr) *error = "not a complete ELF shared object";
     return nullptr;
   }
   void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
