@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "gpc_host_run.h"
+#include "http_test_server.h"
 
 namespace {
 
@@ -203,6 +204,33 @@ TEST_F(HostPlugin, RefusedHostPageShowsError111) {
   ASSERT_GE(page, 0);
   EXPECT_NE(run.events[static_cast<size_t>(page)].Str("url").find("Error%20%5B111%5D"), std::string::npos);
   EXPECT_GE(run.Find("request", "url", "ErrorCode=111&"), 0);
+}
+
+// The direct download of the package meets a challenge, so the package comes through the
+// browser, whose fetch is redirected: the stream opens under another URL and is not the
+// package's. The fetch still ends, and the page shows the error instead of waiting for ever.
+TEST_F(HostPlugin, PackageFetchRedirectedByTheBrowserEndsAndShowsTheErrorPage) {
+  gpchost::RecordingServer server;
+  ASSERT_TRUE(server.Start());
+  gpctest::ScriptedHttpServer packages;
+  ASSERT_TRUE(packages.Start()) << packages.error();
+  const std::string root = packages.Url("/client/moved-after/403/");
+  std::vector<std::string> args = PageParams(server);
+  args.insert(args.end(), {"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=" + root, "--param",
+                           "GpcExtVersion=3.1", "--param", "GpcUnpackVersion=1,0", "--exit-on-navigate",
+                           "/error", "--run-ms", "15000"});
+  HostRun run = gpchost::RunHost(args);
+  ASSERT_EQ(run.exit_code, 0) << run.stderr_text;
+
+  int request = run.Find("request", "url", root + "zrgpcext64.bundle");
+  ASSERT_GE(request, 0);
+  const std::string package = run.events[static_cast<size_t>(request)].Str("url");
+  int stream = run.Find("stream_start", "stream_url", "/bytes?n=64", request);
+  ASSERT_GT(stream, request);
+  int notified = run.Find("url_notify", "url", package, stream);
+  ASSERT_GT(notified, stream);
+  EXPECT_GT(run.Find("navigate", "url", "/error?ErrorType=1&ErrorMsg=", notified), notified);
+  EXPECT_EQ(packages.RequestCount(package.substr(package.find("/client/"))), 2);
 }
 
 }  // namespace

@@ -236,10 +236,29 @@ TEST_F(StreamProviderTest, MismatchedStreamIsDrainedSilently) {
   EXPECT_EQ(NPERR_NO_DATA, provider->OnNppDestroyStream(&other, NPRES_DONE));
   EXPECT_TRUE(clientA.messages.empty());
 
-  // The browser's last word on the request frees the provider for the next one.
+  // The browser's last word on the request ends it for its owner and frees the provider.
   provider->OnNppUrlNotify("https://h/a", NPRES_DONE, handle);
   EXPECT_FALSE(provider->IsPending());
-  EXPECT_EQ(std::vector<int32_t>{GPC_PENDING_RELEASE}, Types(clientA));
+  EXPECT_EQ((std::vector<int32_t>{GPC_STREAM_DESTROY, GPC_STREAM_DELETE, GPC_PENDING_RELEASE}), Types(clientA));
+  EXPECT_EQ(handle, clientA.messages[0].stream);
+  EXPECT_EQ(std::vector<int32_t>{GPC_PENDING_RELEASE}, Types(clientB));
+}
+
+TEST_F(StreamProviderTest, RequestFailedBeforeAnyStreamEndsWithTheNotificationsReason) {
+  for (NPReason reason : {NPRES_NETWORK_ERR, NPRES_USER_BREAK, NPRES_DONE}) {
+    clientA.messages.clear();
+    void* handle = nullptr;
+    ASSERT_EQ(GPC_RESULT_OK, provider->StreamGet(sapA, "https://h/a", 0, &handle));
+    provider->OnNppUrlNotify("https://h/a", reason, handle);
+    ASSERT_EQ((std::vector<int32_t>{GPC_STREAM_DESTROY, GPC_STREAM_DELETE, GPC_PENDING_RELEASE}), Types(clientA));
+    EXPECT_EQ(reason, clientA.messages[0].value);
+    EXPECT_EQ(reason, clientA.messages[1].value);
+    EXPECT_EQ("https://h/a", clientA.messages[0].url);
+    EXPECT_FALSE(provider->IsPending());
+    // The request is gone: a second notification finds nothing.
+    provider->OnNppUrlNotify("https://h/a", reason, handle);
+    EXPECT_EQ(3u, clientA.messages.size());
+  }
 }
 
 TEST_F(StreamProviderTest, StreamsWithoutPendingRequestAreNotAdopted) {
@@ -284,7 +303,10 @@ TEST_F(StreamProviderTest, AbortBeforeOpenFreesTheProvider) {
   // An aborted request that another one has replaced cannot be aborted again.
   EXPECT_EQ(GPC_RESULT_OK, provider->AbortStream(sapA, handle));
   EXPECT_TRUE(provider->IsPending());
+  // The aborted request ends for good without a second GPC_STREAM_DELETE.
+  clientA.messages.clear();
   provider->OnNppUrlNotify("https://h/a", NPRES_USER_BREAK, handle);
+  EXPECT_EQ(std::vector<int32_t>{GPC_STREAM_DESTROY}, Types(clientA));
   EXPECT_TRUE(provider->IsPending());  // the other request stays pending
 }
 

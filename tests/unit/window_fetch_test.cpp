@@ -225,6 +225,57 @@ TEST_F(WindowFetchTest, CredentialChallengeMovesEveryQueuedItemToTheBrowser) {
   EXPECT_EQ(log.Count("create new download task!"), 2);  // never back to direct downloads
 }
 
+// How the browser can end a request without ever opening a stream for it.
+struct UnopenedEnding {
+  const char* name;
+  const char* streamUrl;  // a stream the browser opens under another (redirected) URL, or null
+  NPReason reason;
+  const char* completion;
+};
+void PrintTo(const UnopenedEnding& ending, std::ostream* out) { *out << ending.name; }
+
+class BrowserEndsRequestUnopened : public WindowFetchTest, public ::testing::WithParamInterface<UnopenedEnding> {};
+
+TEST_P(BrowserEndsRequestUnopened, CompletesTheHeadOnceAndMovesTheQueueOn) {
+  const UnopenedEnding& ending = GetParam();
+  CGpcWindow* window = Create();
+  window->m_nFetchReady = 0;
+  Requester first, second;
+  window->GetFileAtUrl(Record, &first, ClosedPortUrl(0).c_str());
+  window->GetFileAtUrl(Record, &second, ClosedPortUrl(1).c_str());
+  window->OnTimer();
+  ASSERT_EQ(Browser().requests.size(), 1u);
+  const UrlRequest request = Browser().requests[0];
+  if (ending.streamUrl != nullptr) {
+    NPStream stream{};
+    stream.url = ending.streamUrl;
+    stream.notifyData = request.notifyData;
+    uint16_t stype = 0;
+    ASSERT_EQ(NPP_NewStream(&npp, nullptr, &stream, 0, &stype), NPERR_NO_ERROR);
+    char block[] = "moved";
+    NPP_Write(&npp, &stream, 0, 5, block);
+    NPP_DestroyStream(&npp, &stream, ending.reason);
+  }
+  NPP_URLNotify(&npp, request.url.c_str(), ending.reason, request.notifyData);
+  EXPECT_EQ(first.events, std::vector<std::string>{ending.completion});
+  EXPECT_EQ(window->m_streamSapId, nullptr);
+
+  window->OnTimer();
+  ASSERT_EQ(Browser().requests.size(), 2u);
+  EXPECT_EQ(Browser().requests[1].url, ClosedPortUrl(1));
+  DeliverStream(1, "second");
+  EXPECT_EQ(second.events, (std::vector<std::string>{"progress 6", "complete second"}));
+  EXPECT_EQ(first.events.size(), 1u);
+  EXPECT_TRUE(window->m_vectorFileItem.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Endings, BrowserEndsRequestUnopened,
+    ::testing::Values(UnopenedEnding{"Redirected", "http://127.0.0.1:9/elsewhere", NPRES_DONE, "complete "},
+                      UnopenedEnding{"FailedBeforeAnyStream", nullptr, NPRES_NETWORK_ERR, "complete null"},
+                      UnopenedEnding{"CancelledBeforeAnyStream", nullptr, NPRES_USER_BREAK, "complete null"}),
+    [](const ::testing::TestParamInfo<UnopenedEnding>& info) { return std::string(info.param.name); });
+
 TEST_F(WindowFetchTest, TaskThatCannotStartSwitchesToTheBrowserOnTheNextHeartbeat) {
   CGpcWindow* window = Create();
   Requester requester;

@@ -76,6 +76,7 @@ struct PluginHost::Request {
   int id = 0;
   std::string call;
   std::string url;
+  std::string stream_url;  // the URL the stream is opened under: where redirects ended
   std::string target;
   bool notify = false;
   void* notify_data = nullptr;
@@ -505,7 +506,9 @@ bool PluginHost::OpenStream(Request* request, const std::string& mime) {
   request->headers = transfer->headers;
   request->stream = {};
   request->stream.ndata = this;
-  request->stream.url = request->url.c_str();
+  // As browsers do, a redirected request's stream carries the URL it ended at.
+  request->stream_url = transfer->final_url.empty() ? request->url : transfer->final_url;
+  request->stream.url = request->stream_url.c_str();
   request->stream.end = transfer->content_length > 0 ? static_cast<uint32_t>(transfer->content_length) : 0;
   request->stream.notifyData = request->notify ? request->notify_data : nullptr;
   request->stream.headers = request->headers.empty() ? nullptr : request->headers.c_str();
@@ -515,6 +518,7 @@ bool PluginHost::OpenStream(Request* request, const std::string& mime) {
   JsonLine("stream_start")
       .Add("id", request->id)
       .Add("url", request->url)
+      .Add("stream_url", request->stream_url)
       .Add("mime", mime)
       .Add("status", static_cast<int64_t>(transfer->status))
       .Add("result", result)

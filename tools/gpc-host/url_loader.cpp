@@ -16,6 +16,11 @@ void MarkHeadersDone(Transfer* transfer) {
   if (transfer->headers_done) return;
   transfer->headers_done = true;
   curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &transfer->status);
+  long redirects = 0;
+  char* final_url = nullptr;
+  if (curl_easy_getinfo(transfer->easy, CURLINFO_REDIRECT_COUNT, &redirects) == CURLE_OK && redirects > 0 &&
+      curl_easy_getinfo(transfer->easy, CURLINFO_EFFECTIVE_URL, &final_url) == CURLE_OK && final_url != nullptr)
+    transfer->final_url = final_url;
   char* type = nullptr;
   if (curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_TYPE, &type) == CURLE_OK && type != nullptr)
     transfer->content_type = type;

@@ -18,6 +18,7 @@ struct Transfer {
   // Filled as the answer arrives.
   bool headers_done = false;  // the final response's headers are in (first body byte or end)
   long status = 0;            // HTTP status; 0 for none
+  std::string final_url;      // where redirects ended; empty when there were none
   std::string content_type;
   std::string headers;  // the final response's status line and header lines, "\n"-terminated
   int64_t content_length = -1;
