@@ -85,6 +85,26 @@ TEST_F(TraceFileTest, TraceFileVariableNamesTheFileAndCreationTruncates) {
   unlink(wanted.c_str());
 }
 
+// A link planted at the trace file's name (symbolic or hard) is never followed: what it points
+// to keeps its content, and tracing is off instead.
+TEST_F(TraceFileTest, LinkPlantedAtTheNameIsNeverFollowed) {
+  const std::string victim = path_ + ".victim";
+  const std::string planted = path_ + ".planted";
+  for (bool symbolic : {true, false}) {
+    {
+      std::ofstream out(victim);
+      out << "precious";
+    }
+    ASSERT_EQ(symbolic ? symlink(victim.c_str(), planted.c_str()) : link(victim.c_str(), planted.c_str()), 0);
+    EXPECT_FALSE(tlvtra_reopen_for_testing(planted.c_str())) << symbolic;
+    EXPECT_EQ(TLVINFO("after the refusal"), TLVTRACE_NO_FILE) << symbolic;
+    const std::vector<uint8_t> bytes = tvttest::ReadBytes(victim);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "precious") << symbolic;
+    unlink(planted.c_str());
+    unlink(victim.c_str());
+  }
+}
+
 TEST(TraceFileAtLoad, CreatedWithItsHeaderWhereTheEnvironmentSays) {
   const char* path = getenv("GPC_TRACE_FILE");
   if (path == nullptr || path[0] != '/') GTEST_SKIP() << "run through ctest, which names the file";

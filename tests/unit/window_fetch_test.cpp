@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "gpcutil.h"
 #include "window_fake_browser.h"
 
 using namespace window_test;
@@ -301,6 +302,36 @@ TEST_F(WindowFetchTest, StopDownloadHaltsTheQueue) {
   window->OnTimer();
   EXPECT_EQ(BusySlots(window), 0);
   EXPECT_EQ(window->m_vectorFileItem.size(), 1u);
+}
+
+// Someone plants a link at the download file's name between the choice of the name and its
+// opening: the link is not followed, the download goes to a file of its own.
+TEST_F(WindowFetchTest, BrowserDownloadNeverWritesThroughALinkAtItsName) {
+  CGpcWindow* window = Create();
+  window->m_nFetchReady = 0;
+  const std::string victim = env.dir() + "/victim";
+  ASSERT_TRUE(g_file_set_contents(victim.c_str(), "precious", 8, nullptr));
+  const std::string logged = "CGpcWindow::OpenDownloadingStreamFile,file=";
+  std::string planted;
+  const gpc::GPCNotificationCenter::ObserverId attacker = gpc::GPCNotificationCenter::defaultCenter().addObserver(
+      "TRACENOTIFICATIONNotification", [&](const gpc::GPCNotification& note) {
+        const std::string text = note.userInfo->GetString("ContentKey").value_or("");
+        if (planted.empty() && text.compare(0, logged.size(), logged) == 0) {
+          planted = text.substr(logged.size());
+          EXPECT_EQ(symlink(victim.c_str(), planted.c_str()), 0);
+        }
+      });
+  Requester requester;
+  window->GetFileAtUrl(Record, &requester, ClosedPortUrl(0).c_str());
+  window->OnTimer();
+  gpc::GPCNotificationCenter::defaultCenter().removeObserver(attacker);
+  ASSERT_FALSE(planted.empty());
+  EXPECT_NE(window->m_strStreamFilePath, planted);
+  DeliverStream(0, "download");
+  EXPECT_EQ(requester.events, (std::vector<std::string>{"progress 8", "complete download"}));
+  EXPECT_EQ(ReadAll(victim.c_str()), "precious");
+  EXPECT_TRUE(isLink(planted));  // someone else's entry stays as it is
+  unlink(planted.c_str());
 }
 
 TEST_F(WindowFetchTest, TeardownRemovesTheHalfWrittenBrowserDownload) {

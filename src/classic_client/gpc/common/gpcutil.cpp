@@ -1,9 +1,11 @@
 #include "gpcutil.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <glib.h>
 #include <mutex>
 #include <sys/stat.h>
@@ -261,6 +263,20 @@ uint32_t GetTempFileName(const char* directory, const char* prefix, std::string&
     if (!FileExists(result)) return g_temp_name_counter;
     ++g_temp_name_counter;
   }
+}
+
+FILE* CreateNewFile(const char* path) {
+  if (!GPCUTIL_ASSERT_TEXT(path != nullptr, "path")) return nullptr;
+  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return nullptr;
+  FILE* file = fdopen(fd, "wb");
+  if (file == nullptr) {
+    const int error = errno;
+    close(fd);
+    unlink(path);
+    errno = error;
+  }
+  return file;
 }
 
 bool isLink(const char* path) {

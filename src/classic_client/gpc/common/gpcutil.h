@@ -82,6 +82,12 @@ std::string GetTempPath();
 // only past names that exist, so two calls without creating the file give the same name.
 uint32_t GetTempFileName(const char* directory, const char* prefix, std::string& result);
 
+// Creates `path` as a new file, readable and writable by its owner only, and opens it for
+// writing. Null, with errno set (EEXIST among others), when anything is at that name already, a
+// symbolic link included: nothing planted at the name is ever written through.
+FILE* CreateNewFile(const char* path);
+inline FILE* CreateNewFile(const std::string& path) { return CreateNewFile(path.c_str()); }
+
 // Whether the entry itself (a final symbolic link is not followed) is a link / a folder.
 bool isLink(const char* path);
 bool isDir(const char* path);

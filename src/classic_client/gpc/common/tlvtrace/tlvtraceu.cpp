@@ -6,8 +6,10 @@
 #include <cstring>
 #include <ctime>
 #include <endian.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -49,8 +51,24 @@ void TraceFilePath(char* path, size_t size) {
   }
 }
 
+// Opens the trace file at its start, truncated, creating it when missing. Only a plain file that
+// has no other name is taken: a link planted at the name (symbolic or hard) is never written
+// through, nor is a pipe or a device.
+FILE* OpenTraceFileForWriting(const char* path) {
+  const int fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0) return nullptr;
+  struct stat info;
+  FILE* fp = nullptr;
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1 && ftruncate(fd, 0) == 0 &&
+      fcntl(fd, F_SETFL, 0) == 0) {
+    fp = fdopen(fd, "wb");
+  }
+  if (fp == nullptr) close(fd);
+  return fp;
+}
+
 FILE* CreateTraceFileAt(const char* path) {
-  FILE* fp = fopen(path, "wbe");
+  FILE* fp = OpenTraceFileForWriting(path);
   if (fp == nullptr) return nullptr;
   tlvtraceheader_v3 header;
   tlvtra_initheader(&header);

@@ -2,6 +2,7 @@
 // (the parallel mode), and the old download mode, in which one file at a time comes through a
 // browser stream of the instance's own access point. The first direct download that fails or
 // meets a credentials challenge switches the instance to the old mode for good.
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +27,9 @@ const char* MessageTypeName(int32_t type) {
     default: return nullptr;
   }
 }
+
+// How many free names the old download mode tries for its file.
+constexpr int kStreamFileAttempts = 16;
 
 void* CountAsPointer(unsigned count) { return reinterpret_cast<void*>(static_cast<uintptr_t>(count)); }
 
@@ -120,12 +124,20 @@ void CGpcWindow::StartDirectDownloads() {
 }
 
 bool CGpcWindow::OpenDownloadingStreamFile() {
-  m_strStreamFilePath.clear();
   const std::string dir = GetTempPath();
-  if (dir.empty() || GetTempFileName(dir.c_str(), "APK", m_strStreamFilePath) == 0) m_strStreamFilePath.clear();
-  MacInfoTrace("CGpcWindow::OpenDownloadingStreamFile,file=%s", m_strStreamFilePath.c_str());
-  m_pStreamFile = m_strStreamFilePath.empty() ? nullptr : fopen(m_strStreamFilePath.c_str(), "wb");
-  return m_pStreamFile != nullptr;
+  // A name found free may be taken before the file is made; the next free one is tried then.
+  for (int attempt = 0; attempt < kStreamFileAttempts; ++attempt) {
+    m_strStreamFilePath.clear();
+    if (dir.empty() || GetTempFileName(dir.c_str(), "APK", m_strStreamFilePath) == 0) m_strStreamFilePath.clear();
+    MacInfoTrace("CGpcWindow::OpenDownloadingStreamFile,file=%s", m_strStreamFilePath.c_str());
+    if (m_strStreamFilePath.empty()) break;
+    m_pStreamFile = CreateNewFile(m_strStreamFilePath);
+    if (m_pStreamFile != nullptr) return true;
+    if (errno != EEXIST) break;
+  }
+  // Whatever is at the name is not ours to remove later.
+  m_strStreamFilePath.clear();
+  return false;
 }
 
 void CGpcWindow::AppendToDownloadingStreamFile(unsigned char* data, unsigned len) {
