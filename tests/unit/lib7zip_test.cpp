@@ -137,6 +137,8 @@ TEST_F(Lib7zipTest, ExtractsANestedBundleIntoAFolderItCreates) {
   chmod((source_ + "/A.bundle/Contents/Info.plist").c_str(), 0664);  // beyond a usual umask
   chmod((source_ + "/A.bundle/Contents/MacOS/run").c_str(), 0751);
   chmod((source_ + "/A.bundle/Contents/MacOS").c_str(), 0750);
+  chmod((source_ + "/A.bundle/Contents/Resources/R\xC3\xA9sum\xC3\xA9.strings").c_str(), 0644);
+  chmod((source_ + "/A.bundle/Empty").c_str(), 0755);
   const struct timeval times[2] = {{1000000000, 0}, {1000000000, 0}};
   utimes((source_ + "/A.bundle/Contents/MacOS/run").c_str(), times);
   const std::string archive = Pack("A.bundle");

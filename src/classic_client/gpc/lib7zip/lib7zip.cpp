@@ -416,6 +416,8 @@ int32_t ExtractPlan(const char* archivePath, const std::vector<Entry>& plan,
                     const std::string& destination, const Limits& limits) {
   Reader reader = Open7z(archivePath);
   if (!reader) return kGpc7zCannotReadArchive;
+  // libarchive learns the umask by setting it for an instant; only folders it creates on its
+  // own use it, and a file another thread creates in that instant may miss its mask.
   Writer writer(archive_write_disk_new());
   if (!writer) return kGpc7zInternalFailure;
   archive_write_disk_set_options(writer.get(), kExtractFlags);
