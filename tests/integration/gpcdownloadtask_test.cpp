@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
@@ -45,18 +46,28 @@ class RecordingNotify : public IGPCDownloadNotify {
   int completions = 0;
 };
 
-// A clock the test moves by hand, so that stalls of 17 seconds pass at once.
+// A clock the test moves by hand: the monotonic clock, so that stalls of 17 seconds pass at once,
+// or the wall clock, which the watchdog must not heed.
 class FakeClock {
  public:
-  FakeClock() : micros_(platform::WallClockMicros()) {
-    platform::SetWallClockOverride([this] { return micros_; });
+  using Setter = void (*)(std::function<int64_t()>);
+  explicit FakeClock(Setter set = platform::SetMonotonicClockOverride,
+                     int64_t start = platform::MonotonicMicros())
+      : set_(set), micros_(start) {
+    set_([this] { return micros_; });
   }
-  ~FakeClock() { platform::SetWallClockOverride(nullptr); }
-  void AdvanceSeconds(int seconds) { micros_ += static_cast<int64_t>(seconds) * 1000000; }
+  ~FakeClock() { set_(nullptr); }
+  FakeClock(const FakeClock&) = delete;
+  FakeClock& operator=(const FakeClock&) = delete;
+  void AdvanceSeconds(int seconds) { AdvanceMicros(static_cast<int64_t>(seconds) * 1000000); }
+  void AdvanceMicros(int64_t micros) { micros_ += micros; }
 
  private:
+  Setter set_;
   int64_t micros_;
 };
+
+FakeClock FakeWallClock() { return FakeClock(platform::SetWallClockOverride, platform::WallClockMicros()); }
 
 // Stands in for the instance's heartbeat: every 50 ms the watchdog of a running task.
 class Heartbeat {
@@ -219,6 +230,25 @@ TEST_F(DownloadTaskTest, StallAfterDataFailsAtOnceAndRemovesThePartialFile) {
   EXPECT_FALSE(Exists(partial));
 }
 
+TEST_F(DownloadTaskTest, WallClockSteppedBackIsNoStall) {
+  FakeClock clock;
+  RecordingNotify notify;
+  GPCDownloadTask task(scripted_->Url("/stall").c_str(), false, &notify);
+  Heartbeat heartbeat(&task);
+  ASSERT_EQ(task.Start(), 0u);
+  ASSERT_TRUE(RunMainLoopUntil([&] { return notify.received == 4096; }));
+  const int64_t kSecond = 1000000;
+  for (int64_t step : {-kSecond / 1000, -3600 * kSecond, 86400 * kSecond}) {
+    FakeClock wall = FakeWallClock();
+    wall.AdvanceMicros(step);
+    RunMainLoopFor(150);
+    EXPECT_EQ(task.GetStatus(), kDownloading) << step;
+  }
+  EXPECT_EQ(task.GetCheckTimes(), 1);
+  clock.AdvanceSeconds(17);  // the real stall is still caught
+  ASSERT_TRUE(WaitForStatus(task, kDownloadFailed));
+}
+
 TEST_F(DownloadTaskTest, DataKeepsTheWatchdogQuiet) {
   FakeClock clock;
   RecordingNotify notify;
@@ -252,7 +282,7 @@ TEST_F(DownloadTaskTest, StopDropsTheRequestAndTheFile) {
 }
 
 TEST_F(DownloadTaskTest, MemoryModeSavesTheBodyUnderACountedName) {
-  FakeClock clock;
+  FakeClock wall = FakeWallClock();
   std::string content = PatternBytes(40000, 8);
   ASSERT_TRUE(nginx_->AddFile("memory.bin", content));
   RecordingNotify notify;

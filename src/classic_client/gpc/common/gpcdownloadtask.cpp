@@ -13,8 +13,9 @@ namespace {
 // Numbers the files saved from memory-mode downloads, process-wide.
 int g_nSaveCounter = 0;
 
-bool StalledFor(uint32_t lastActivity, uint32_t seconds) {
-  return CalcSequenceDistance(lastActivity, GetTickCount()) >= seconds * 1000;
+// Measured on the monotonic clock: a wall clock set back or forward is no stall and hides none.
+bool StalledFor(int64_t lastActivity, uint32_t seconds) {
+  return platform::MonotonicMicros() - lastActivity >= static_cast<int64_t>(seconds) * 1000000;
 }
 
 }  // namespace
@@ -28,7 +29,7 @@ GPCDownloadTask::~GPCDownloadTask() {
 }
 
 unsigned GPCDownloadTask::Start() {
-  m_nLastActivityTime = GetTickCount();
+  m_nLastActivityTime = platform::MonotonicMicros();
   m_totalPackage = 0;
   m_nStartTime = m_nLastActivityTime;
   ++m_checkTimes;
@@ -67,7 +68,7 @@ void GPCDownloadTask::ReleaseClient() {
 void GPCDownloadTask::CheckTask() {
   if (m_nStatus != kDownloading) return;
   if (!StalledFor(m_nLastActivityTime, kStallSeconds)) return;
-  m_nLastActivityTime = GetTickCount();
+  m_nLastActivityTime = platform::MonotonicMicros();
   Stop();
   MacErrorTrace("CheckTask timeout, set it to failded, m_totalPackage = %d, url = %s", m_totalPackage,
                 m_strURL.c_str());
@@ -130,7 +131,7 @@ void GPCDownloadTask::OnDataReceived(unsigned int size) {
   std::shared_ptr<bool> alive = m_pAlive;
   if (m_pNotify) m_pNotify->OnDataReceived(size, m_pItem);
   if (!*alive) return;
-  m_nLastActivityTime = GetTickCount();
+  m_nLastActivityTime = platform::MonotonicMicros();
   ++m_totalPackage;
 }
 

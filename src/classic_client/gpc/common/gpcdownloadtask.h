@@ -81,9 +81,9 @@ class GPCDownloadTask : public INetworkHttpSink {
   std::string m_strLocalFile;
   int m_nFileMode = 1;
   IGPCDownloadNotify* m_pNotify = nullptr;
-  uint32_t m_nLastActivityTime = 0;  // GetTickCount() of the last data or (re)start
-  int m_totalPackage = 0;            // data events since the last Start
-  uint32_t m_nStartTime = 0;         // GetTickCount() of the last Start
+  int64_t m_nLastActivityTime = 0;  // monotonic microseconds of the last data or (re)start
+  int m_totalPackage = 0;           // data events since the last Start
+  int64_t m_nStartTime = 0;         // monotonic microseconds of the last Start
   int m_checkTimes = 0;              // Start calls so far
   std::shared_ptr<bool> m_pAlive;
 };

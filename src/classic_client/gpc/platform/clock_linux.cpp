@@ -2,12 +2,17 @@
 
 #include <mutex>
 #include <sys/time.h>
+#include <time.h>
 
 namespace platform {
 
 namespace {
 std::mutex g_clock_mutex;
 std::function<int64_t()>& Override() {
+  static std::function<int64_t()> clock;
+  return clock;
+}
+std::function<int64_t()>& MonotonicOverride() {
   static std::function<int64_t()> clock;
   return clock;
 }
@@ -21,6 +26,21 @@ int64_t WallClockMicros() {
   struct timeval now;
   gettimeofday(&now, nullptr);
   return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_usec;
+}
+
+int64_t MonotonicMicros() {
+  {
+    std::lock_guard<std::mutex> lock(g_clock_mutex);
+    if (MonotonicOverride()) return MonotonicOverride()();
+  }
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+void SetMonotonicClockOverride(std::function<int64_t()> clock) {
+  std::lock_guard<std::mutex> lock(g_clock_mutex);
+  MonotonicOverride() = std::move(clock);
 }
 
 double AbsoluteTimeGetCurrent() {
