@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <dirent.h>
 #include <functional>
 #include <memory>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -310,6 +313,78 @@ TEST_F(DownloadTaskTest, MemoryModeSavesTheBodyUnderACountedName) {
   ASSERT_TRUE(WaitForStatus(empty, kDownloadFailed));
   EXPECT_EQ(notify.completions, 1);
   EXPECT_TRUE(TraceContains(3, "GPCDownloadTask::OnHttpReturn return content length <= 0 "));
+}
+
+// Limits the size of the files this process may write (SIGXFSZ ignored, so a write past the
+// limit fails with EFBIG as on a full disk) while it lives.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    getrlimit(RLIMIT_FSIZE, &old_);
+    oldHandler_ = signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit = old_;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &old_);
+    signal(SIGXFSZ, oldHandler_);
+  }
+
+ private:
+  struct rlimit old_;
+  void (*oldHandler_)(int);
+};
+
+// Files in /tmp named by the client or the task ("gpc_tmp_...") whose content starts like
+// `content`: those this test made, whatever other processes write meanwhile.
+std::vector<std::string> TempFilesStartingLike(const std::string& content) {
+  std::vector<std::string> found;
+  DIR* dir = opendir("/tmp");
+  if (dir == nullptr) return found;
+  while (dirent* entry = readdir(dir)) {
+    if (std::string(entry->d_name).compare(0, 8, "gpc_tmp_") != 0) continue;
+    const std::string path = std::string("/tmp/") + entry->d_name;
+    const std::string head = ReadFile(path);
+    if (!head.empty() && content.compare(0, head.size(), head) == 0) found.push_back(path);
+  }
+  closedir(dir);
+  return found;
+}
+
+// A body that cannot be kept whole fails the task, and no part of it is left behind.
+TEST_F(DownloadTaskTest, BodyThatCannotBeStoredFailsTheTask) {
+  const std::string content = PatternBytes(6 * 1024 * 1024, 12);
+  ASSERT_TRUE(nginx_->AddFile("full.bin", content));
+  const struct {
+    const char* name;
+    int fileMode;
+    bool diskFull;
+    bool memoryShort;
+  } kCases[] = {{"disk full while receiving", 1, true, false},
+                {"no memory while receiving", 0, false, true},
+                {"disk full while saving", 0, true, false}};
+  for (const auto& c : kCases) {
+    RecordingNotify notify;
+    GPCDownloadTask task(nginx_->HttpUrl("full.bin").c_str(), false, &notify);
+    task.SetFileMode(c.fileMode);
+    {
+      std::unique_ptr<FileSizeLimit> disk(c.diskFull ? new FileSizeLimit(4 * 1024 * 1024) : nullptr);
+      if (c.memoryShort) {
+        GPCNetworkHttp::SetBufferGrowthForTesting([](void* buffer, size_t size) {
+          return size > 1024 * 1024 ? nullptr : realloc(buffer, size);
+        });
+      }
+      ASSERT_EQ(task.Start(), 0u) << c.name;
+      EXPECT_TRUE(RunMainLoopUntil([&] { return task.GetStatus() != kDownloading; })) << c.name;
+      GPCNetworkHttp::SetBufferGrowthForTesting(nullptr);
+    }
+    EXPECT_EQ(task.GetStatus(), kDownloadFailed) << c.name;
+    EXPECT_EQ(notify.completions, 0) << c.name;
+    EXPECT_TRUE(task.GetLocalFile().empty()) << c.name;
+    task.Stop();
+    EXPECT_TRUE(TempFilesStartingLike(content).empty()) << c.name;
+  }
 }
 
 TEST_F(DownloadTaskTest, FiveTasksRunSideBySide) {

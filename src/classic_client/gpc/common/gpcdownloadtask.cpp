@@ -1,6 +1,8 @@
 #include "gpcdownloadtask.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -120,9 +122,15 @@ void GPCDownloadTask::SaveMemoryBody(int size, char* data) {
     m_nStatus = kDownloadFailed;
     return;
   }
+  const bool written = fwrite(data, 1, static_cast<size_t>(size), file) == static_cast<size_t>(size);
+  if (fclose(file) != 0 || !written) {
+    // A file cut short (a full disk) is no download.
+    MacErrorTrace("GPCDownloadTask::OnHttpReturn,write file %s failed: %s", path, strerror(errno));
+    unlink(path);
+    m_nStatus = kDownloadFailed;
+    return;
+  }
   m_strLocalFile = path;
-  fwrite(data, 1, static_cast<size_t>(size), file);
-  fclose(file);
   m_nStatus = kDownloadFinished;
   if (m_pNotify) m_pNotify->OnDownloadCompleate();
 }

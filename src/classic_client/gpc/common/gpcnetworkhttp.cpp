@@ -22,6 +22,9 @@ const size_t kMinimumUrlLength = 12;
 // Numbers the generated temporary files of the whole process; it only ever increases.
 int g_nTempFileCounter = 0;
 
+// Grows the memory-mode body.
+void* (*g_pfnGrowBuffer)(void*, size_t) = realloc;
+
 // A name is taken when anything is there, a dangling symbolic link included.
 bool NameIsTaken(const char* path) {
   struct stat info;
@@ -78,6 +81,10 @@ GPCNetworkHttp::~GPCNetworkHttp() {
 }
 
 int GPCNetworkHttp::GetTempFileCounter() { return g_nTempFileCounter; }
+
+void GPCNetworkHttp::SetBufferGrowthForTesting(void* (*grow)(void*, size_t)) {
+  g_pfnGrowBuffer = grow != nullptr ? grow : realloc;
+}
 
 unsigned GPCNetworkHttp::GetURL(const char* url, INetworkHttpSink* sink, unsigned timeoutMs,
                                 bool block, bool toFile) {
@@ -190,8 +197,8 @@ void GPCNetworkHttp::NetworkTimeoutTimerProc(GPCTimerProxy*, void* info) {
   if (*alive) self->FinishCallback();
 }
 
-void GPCNetworkHttp::OnTransferChunk(const char* data, size_t size) {
-  OnNewStream(const_cast<char*>(data), size);
+bool GPCNetworkHttp::OnTransferChunk(const char* data, size_t size) {
+  return OnNewStream(const_cast<char*>(data), size);
 }
 
 void GPCNetworkHttp::OnTransferData(size_t size) {
@@ -227,26 +234,26 @@ void GPCNetworkHttp::OnTransferEnd(bool complete, const char* error) {
   if (*alive) FinishCallback();
 }
 
-void GPCNetworkHttp::OnNewStream(void* data, unsigned long size) {
-  if (!m_bFileMode) {
-    AppendToMemory(data, size);
-  } else if (m_nReceivedSize == 0) {
-    WriteFirstFileChunk(data, size);
-  } else {
-    AppendFileChunk(data, size);
-  }
+bool GPCNetworkHttp::OnNewStream(void* data, unsigned long size) {
+  if (!m_bFileMode) return AppendToMemory(data, size);
+  if (m_nReceivedSize == 0) return WriteFirstFileChunk(data, size);
+  return AppendFileChunk(data, size);
 }
 
-void GPCNetworkHttp::AppendToMemory(const void* data, unsigned long size) {
-  char* grown = static_cast<char*>(realloc(m_pBody, m_nReceivedSize + size + 1));
-  if (!grown) return;
+bool GPCNetworkHttp::AppendToMemory(const void* data, unsigned long size) {
+  char* grown = static_cast<char*>(g_pfnGrowBuffer(m_pBody, m_nReceivedSize + size + 1));
+  if (!grown) {
+    MacErrorTrace("GPCNetworkHttp::OnNewStream,no memory for %lu more bytes of url[%s]", size, m_strURL.c_str());
+    return false;
+  }
   m_pBody = grown;
   memcpy(m_pBody + m_nReceivedSize, data, size);
   m_nReceivedSize += size;
   m_pBody[m_nReceivedSize] = '\0';
+  return true;
 }
 
-void GPCNetworkHttp::WriteFirstFileChunk(const void* data, unsigned long size) {
+bool GPCNetworkHttp::WriteFirstFileChunk(const void* data, unsigned long size) {
   EnsureTalvoFolder();
   char path[kPathSize];
   int flags = O_RDWR | O_CREAT;
@@ -262,27 +269,44 @@ void GPCNetworkHttp::WriteFirstFileChunk(const void* data, unsigned long size) {
   m_pFile = OpenNoFollow(path, flags, "w+");
   if (!m_pFile) {
     MacInfoTrace("GPCNetworkHttp::OnNewStream ,1 fopen file = %s failed!", path);
-    return;
+    return false;
   }
   free(m_pBody);
   m_pBody = static_cast<char*>(calloc(kPathSize, 1));
-  if (m_pBody) memcpy(m_pBody, path, strlen(path) + 1);
-  fwrite(data, 1, size, m_pFile);
-  fclose(m_pFile);
-  m_pFile = nullptr;
-  m_nReceivedSize += size;
+  if (!m_pBody) {
+    // Without its path the file could never be handed over nor removed.
+    fclose(m_pFile);
+    m_pFile = nullptr;
+    unlink(path);
+    MacErrorTrace("GPCNetworkHttp::OnNewStream,no memory for the path of file = %s", path);
+    return false;
+  }
+  memcpy(m_pBody, path, strlen(path) + 1);
+  return WriteChunkAndClose(data, size);
 }
 
-void GPCNetworkHttp::AppendFileChunk(const void* data, unsigned long size) {
+bool GPCNetworkHttp::AppendFileChunk(const void* data, unsigned long size) {
   const char* path = m_pBody ? m_pBody : "";
   m_pFile = OpenNoFollow(path, O_RDWR | O_CREAT | O_APPEND, "a+");
   if (!m_pFile) {
     MacInfoTrace("GPCNetworkHttp::OnNewStream,2 fopen file = %s failed!", path);
-    return;
+    return false;
   }
   fseek(m_pFile, 2, SEEK_SET);  // append mode writes at the end wherever this points
-  fwrite(data, 1, size, m_pFile);
-  fclose(m_pFile);
+  return WriteChunkAndClose(data, size);
+}
+
+bool GPCNetworkHttp::WriteChunkAndClose(const void* data, unsigned long size) {
+  const bool written = fwrite(data, 1, size, m_pFile) == size;
+  const int writeError = errno;
+  const bool closed = fclose(m_pFile) == 0;
+  const int closeError = errno;
   m_pFile = nullptr;
+  if (!written || !closed) {
+    MacErrorTrace("GPCNetworkHttp::OnNewStream,write file = %s failed: %s", m_pBody,
+                  strerror(written ? closeError : writeError));
+    return false;
+  }
   m_nReceivedSize += size;
+  return true;
 }

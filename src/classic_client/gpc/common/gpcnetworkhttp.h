@@ -16,7 +16,8 @@ class INetworkHttpSink {
  public:
   // The request ended. `size` is the number of body bytes (0 on error or time-out); `data` is the
   // NUL-terminated body in memory mode, the temporary file's full path in file mode, and NULL on
-  // error, on time-out and for an empty body. `handle` is the client's user handle (always 0).
+  // error (a body that could not be stored whole among them), on time-out and for an empty body.
+  // `handle` is the client's user handle (always 0).
   virtual void OnHttpReturn(void* handle, int size, void* data) = 0;
   // `size` bytes arrived in one read event (not a running total).
   virtual void OnDataReceived(unsigned int size) = 0;
@@ -55,26 +56,32 @@ class GPCNetworkHttp : private gpcnet::ITransferListener {
   void CancelCurrentOperate();
 
   static void NetworkTimeoutTimerProc(GPCTimerProxy* timer, void* info);
-  // Stores one received chunk in memory or in the temporary file.
-  void OnNewStream(void* data, unsigned long size);
+  // Stores one received chunk in memory or in the temporary file. False (logged) when it could not
+  // be stored whole: the file cannot be opened or written (a full disk), or memory is short.
+  bool OnNewStream(void* data, unsigned long size);
 
   unsigned int GetReceivedSize() const { return m_nReceivedSize; }
   // The temporary file's path in file mode once a chunk was written to it, else NULL.
   const char* GetFilePath() const { return m_bFileMode ? m_pBody : nullptr; }
   // The number in the last generated "/tmp/gpc_tmp_<n>" name (0 before the first).
   static int GetTempFileCounter();
+  // Replaces what grows the memory-mode body (realloc; null restores it), so that tests can make
+  // the growth fail.
+  static void SetBufferGrowthForTesting(void* (*grow)(void* buffer, size_t size));
 
  private:
   struct BlockingRun;
 
-  void OnTransferChunk(const char* data, size_t size) override;
+  bool OnTransferChunk(const char* data, size_t size) override;
   void OnTransferData(size_t size) override;
   void OnTransferChallenge(long status) override;
   void OnTransferEnd(bool complete, const char* error) override;
 
-  void AppendToMemory(const void* data, unsigned long size);
-  void WriteFirstFileChunk(const void* data, unsigned long size);
-  void AppendFileChunk(const void* data, unsigned long size);
+  bool AppendToMemory(const void* data, unsigned long size);
+  bool WriteFirstFileChunk(const void* data, unsigned long size);
+  bool AppendFileChunk(const void* data, unsigned long size);
+  // Writes the chunk to the open file and closes it; counts it only when all of it got there.
+  bool WriteChunkAndClose(const void* data, unsigned long size);
   void RunBlockingLoop();
   void StopBlockingLoop();
   // What every ending callback does last, unless the sink deleted the client.

@@ -43,7 +43,8 @@ class CurlTransfer {
   // Body bytes gathered into a whole piece; what is left over is handed out after each round.
   char staged[kMaxChunk];
   size_t stagedBytes = 0;
-  bool finished = false;   // libcurl reported the transfer done
+  bool finished = false;   // libcurl reported the transfer done, or a piece could not be kept
+  bool storeFailed = false;  // the listener could not keep a piece: the transfer has failed
   CURLcode result = CURLE_OK;
   bool endReported = false;
 
@@ -52,11 +53,18 @@ class CurlTransfer {
 
 namespace {
 
+// Hands `size` bytes to the listener; a piece it cannot keep fails the transfer, and nothing
+// more is handed over.
+void HandOver(CurlTransfer* transfer, const char* data, size_t size) {
+  if (transfer->storeFailed) return;
+  if (!transfer->listener->OnTransferChunk(data, size)) transfer->storeFailed = true;
+}
+
 void FlushStaged(CurlTransfer* transfer) {
   if (transfer->stagedBytes == 0) return;
   size_t bytes = transfer->stagedBytes;
   transfer->stagedBytes = 0;
-  transfer->listener->OnTransferChunk(transfer->staged, bytes);
+  HandOver(transfer, transfer->staged, bytes);
 }
 
 }  // namespace
@@ -204,6 +212,8 @@ class MultiDriver {
     curl_multi_socket_action(multi_, fd, mask, &running);
     for (CurlTransfer* transfer : transfers_) FlushStaged(transfer);
     CollectFinished();
+    // A transfer whose data could not be kept ends now, whatever libcurl thinks of it.
+    for (CurlTransfer* transfer : transfers_) transfer->finished = transfer->finished || transfer->storeFailed;
     Report();
     --depth_;
     RetireWhenIdle();
@@ -244,9 +254,10 @@ class MultiDriver {
       if (transfer->challenge) {
         transfer->listener->OnTransferChallenge(transfer->challenge);
       } else {
-        bool complete = transfer->result == CURLE_OK;
-        const char* error = transfer->errorBuffer[0] ? transfer->errorBuffer
-                                                     : curl_easy_strerror(transfer->result);
+        bool complete = transfer->result == CURLE_OK && !transfer->storeFailed;
+        const char* error = transfer->storeFailed      ? curl_easy_strerror(CURLE_WRITE_ERROR)
+                            : transfer->errorBuffer[0] ? transfer->errorBuffer
+                                                       : curl_easy_strerror(transfer->result);
         transfer->listener->OnTransferEnd(complete, complete ? "" : error);
       }
     }
@@ -281,10 +292,10 @@ size_t OnBody(char* data, size_t size, size_t count, void* userp) {
   CurlTransfer* transfer = static_cast<CurlTransfer*>(userp);
   size_t length = size * count;
   transfer->pendingBytes += length;
-  while (length > 0) {
+  while (length > 0 && !transfer->storeFailed) {
     size_t take = std::min(kMaxChunk - transfer->stagedBytes, length);
     if (transfer->stagedBytes == 0 && take == kMaxChunk) {
-      transfer->listener->OnTransferChunk(data, take);
+      HandOver(transfer, data, take);
     } else {
       memcpy(transfer->staged + transfer->stagedBytes, data, take);
       transfer->stagedBytes += take;
@@ -293,7 +304,8 @@ size_t OnBody(char* data, size_t size, size_t count, void* userp) {
     data += take;
     length -= take;
   }
-  return size * count;
+  // Anything short of the whole block makes libcurl stop the transfer.
+  return transfer->storeFailed ? 0 : size * count;
 }
 
 bool Configure(CurlTransfer* transfer, const TransferRequest& request) {

@@ -21,8 +21,9 @@ constexpr size_t kMaxChunk = 16383;
 class ITransferListener {
  public:
   // One piece of the body. Runs inside libcurl: store the data, never start, stop or delete a
-  // transfer from here.
-  virtual void OnTransferChunk(const char* data, size_t size) = 0;
+  // transfer from here. Returns false when the piece cannot be kept (a full disk, no memory): the
+  // transfer then ends through OnTransferEnd as failed.
+  virtual bool OnTransferChunk(const char* data, size_t size) = 0;
   // `size` body bytes arrived in one round of socket activity (the sum of its pieces).
   virtual void OnTransferData(size_t size) = 0;
   // A response (also a proxy's) carried status 401, 403 or 407; the transfer is over.
