@@ -1,6 +1,8 @@
 // The module's entry points and browser-call wrappers, driven through a fake browser table.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
@@ -11,6 +13,7 @@
 #include "common/gpctracecatcher.h"
 #include "platform/debug_string.h"
 #include "platform/system_version.h"
+#include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
 
 extern "C" {
@@ -32,6 +35,7 @@ struct BrowserLog {
   NPError getvalue_result = NPERR_NO_ERROR;
   NPError setvalue_result = NPERR_NO_ERROR;
   void* last_notify_data = nullptr;
+  bool memalloc_fails = false;
 };
 BrowserLog g_log;
 
@@ -60,7 +64,7 @@ NPError FakeDestroyStream(NPP, NPStream*, NPReason) {
   g_log.calls.push_back("destroystream");
   return NPERR_NO_ERROR;
 }
-void* FakeMemAlloc(uint32_t size) { return std::calloc(1, size); }
+void* FakeMemAlloc(uint32_t size) { return g_log.memalloc_fails ? nullptr : std::calloc(1, size); }
 void FakeMemFree(void* ptr) { std::free(ptr); }
 void* FakeGetJavaEnv(void) {
   g_log.calls.push_back("getJavaEnv");
@@ -114,6 +118,7 @@ class EntryPoints : public ::testing::Test {
     navMinorVers = 0;
     g_log = BrowserLog();
     std::memset(&plugin_, 0, sizeof plugin_);
+    plugin_.size = sizeof plugin_;
     platform::SetDebugStrSink([this](const std::string& text) { debug_strings_.push_back(text); });
   }
   void TearDown() override {
@@ -135,10 +140,57 @@ class EntryPoints : public ::testing::Test {
   std::vector<std::string> debug_strings_;
 };
 
+// The plug-in's table as the browser handed it, its size field aside.
+bool UntouchedPastSize(const NPPluginFuncs& table) {
+  return IsAllZero(reinterpret_cast<const char*>(&table) + sizeof table.size, sizeof table - sizeof table.size);
+}
+
 TEST_F(EntryPoints, RefusesMissingTables) {
   EXPECT_EQ(NP_Initialize(nullptr, &plugin_), NPERR_INVALID_FUNCTABLE_ERROR);
-  EXPECT_TRUE(IsAllZero(&plugin_, sizeof plugin_));
+  EXPECT_TRUE(UntouchedPastSize(plugin_));
   EXPECT_EQ(NP_GetEntryPoints(nullptr), NPERR_INVALID_FUNCTABLE_ERROR);
+}
+
+// A table shorter than the plug-in's is refused before a byte of it is written.
+TEST_F(EntryPoints, RefusesShortPluginTable) {
+  struct {
+    NPPluginFuncs funcs;
+    unsigned char beyond[16];
+  } table;
+  for (uint16_t size : {uint16_t(0), uint16_t(4), uint16_t(offsetof(NPPluginFuncs, event)),
+                        uint16_t(sizeof(NPPluginFuncs) - 1)}) {
+    std::memset(&table, 0, sizeof table);
+    table.funcs.size = size;
+    EXPECT_EQ(NP_GetEntryPoints(&table.funcs), NPERR_INVALID_FUNCTABLE_ERROR) << size;
+    EXPECT_TRUE(IsAllZero(reinterpret_cast<char*>(&table) + sizeof table.funcs.size,
+                          sizeof table - sizeof table.funcs.size))
+        << size;
+    browser_ = MakeBrowser(0x0013);
+    gpc::GPCTraceCatcher::releaseGlobal();
+    EXPECT_EQ(NP_Initialize(&browser_, &table.funcs), NPERR_INVALID_FUNCTABLE_ERROR) << size;
+    EXPECT_EQ(table.funcs.newp, nullptr) << size;
+  }
+}
+
+// An older browser's shorter table is copied as far as it reaches; what lies past its end is
+// never taken for a function.
+TEST_F(EntryPoints, ShortBrowserTableIsCopiedAsFarAsItReaches) {
+  struct {
+    NPNetscapeFuncs funcs;
+    unsigned char beyond[16];
+  } table;
+  std::memset(&table, 0xAB, sizeof table);
+  browser_ = MakeBrowser(0x0013);
+  const size_t reach = offsetof(NPNetscapeFuncs, geturlnotify);
+  std::memcpy(&table, &browser_, reach);
+  table.funcs.size = static_cast<uint16_t>(reach);
+  ASSERT_EQ(NP_Initialize(&table.funcs, &plugin_), NPERR_NO_ERROR);
+  EXPECT_EQ(gNetscapeFuncs.geturl, &FakeGetURL);
+  EXPECT_EQ(gNetscapeFuncs.memfree, &FakeMemFree);
+  EXPECT_TRUE(IsAllZero(reinterpret_cast<char*>(&gNetscapeFuncs) + reach, sizeof gNetscapeFuncs - reach));
+  EXPECT_EQ(NPN_GetURLNotify(nullptr, "http://127.0.0.1/", nullptr, nullptr), NPERR_GENERIC_ERROR);
+  EXPECT_EQ(NPN_GetValue(nullptr, NPNVxDisplay, nullptr), NPERR_GENERIC_ERROR);
+  EXPECT_TRUE(g_log.calls.empty());
 }
 
 TEST_F(EntryPoints, RefusesBrowserOfAnotherMajorVersionAndCopiesNothing) {
@@ -146,7 +198,7 @@ TEST_F(EntryPoints, RefusesBrowserOfAnotherMajorVersionAndCopiesNothing) {
     EXPECT_EQ(Load(version), NPERR_INCOMPATIBLE_VERSION_ERROR) << version;
     EXPECT_TRUE(IsAllZero(&gNetscapeFuncs, sizeof gNetscapeFuncs)) << version;
     EXPECT_EQ(navMinorVers, 0);
-    EXPECT_TRUE(IsAllZero(&plugin_, sizeof plugin_)) << "plug-in table written for " << version;
+    EXPECT_TRUE(UntouchedPastSize(plugin_)) << "plug-in table written for " << version;
   }
   // With no browser functions, the wrappers fail instead of calling anything.
   EXPECT_EQ(NPN_GetURL(nullptr, "http://127.0.0.1/", nullptr), NPERR_GENERIC_ERROR);
@@ -327,6 +379,85 @@ TEST_F(Negotiation, BrowserWithoutGetValueStillGetsAnInstance) {
   ASSERT_EQ(NP_Initialize(&browser_, &plugin_), NPERR_NO_ERROR);
   EXPECT_EQ(NewInstance(), NPERR_NO_ERROR);
   EXPECT_TRUE(g_log.set_values.empty());
+}
+
+// Every handler answers for an NPP without instance data: never created, refused, or destroyed.
+TEST_F(Negotiation, HandlersWithoutAnInstanceAnswerAndTouchNothing) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  const auto callEach = [this](NPP npp, const char* state) {
+    NPWindow window{};
+    NPStream stream{};
+    stream.url = "http://127.0.0.1/s";
+    uint16_t stype = 0;
+    char block[4] = {};
+    NPPrint print{};
+    EXPECT_EQ(plugin_.setwindow(npp, &window), NPERR_INVALID_INSTANCE_ERROR) << state;
+    EXPECT_EQ(plugin_.event(npp, nullptr), 0) << state;
+    EXPECT_EQ(plugin_.newstream(npp, nullptr, &stream, false, &stype), npp ? NPERR_NO_ERROR : NPERR_INVALID_INSTANCE_ERROR)
+        << state;
+    EXPECT_EQ(plugin_.writeready(npp, &stream), 0x0FFFFFFF) << state;
+    EXPECT_EQ(plugin_.write(npp, &stream, 0, 4, block), 4) << state;
+    EXPECT_EQ(plugin_.destroystream(npp, &stream, NPRES_DONE), npp ? NPERR_NO_ERROR : NPERR_INVALID_INSTANCE_ERROR)
+        << state;
+    plugin_.asfile(npp, &stream, "/tmp/x");
+    plugin_.urlnotify(npp, "http://127.0.0.1/s", NPRES_DONE, nullptr);
+    plugin_.print(npp, &print);
+    EXPECT_EQ(plugin_.destroy(npp, nullptr), npp ? NPERR_NO_ERROR : NPERR_INVALID_INSTANCE_ERROR) << state;
+  };
+  callEach(nullptr, "null");
+  callEach(&npp_, "never created");
+  g_log.memalloc_fails = true;
+  EXPECT_EQ(NewInstance(), NPERR_OUT_OF_MEMORY_ERROR);
+  g_log.memalloc_fails = false;
+  EXPECT_EQ(npp_.pdata, nullptr);
+  callEach(&npp_, "refused");
+  ASSERT_EQ(NewInstance(), NPERR_NO_ERROR);
+  DestroyInstance();
+  callEach(&npp_, "destroyed");
+  EXPECT_EQ(npp_.pdata, nullptr);
+}
+
+// What a client of the instance's provider receives when the browser writes a block.
+struct SapLog {
+  std::vector<int32_t> lengths;  // of every GPC_STREAM_DATA
+  static int Record(GPCMessage* message) {
+    if (message->type == GPC_STREAM_DATA) static_cast<SapLog*>(message->context)->lengths.push_back(message->payload.data.length);
+    return 0;
+  }
+};
+
+// A block with a negative length, or none behind a positive one, is refused: never read, never
+// passed on, never judged as the host page's URL.
+TEST_F(Negotiation, BadBlocksAreRefusedUnread) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  ASSERT_EQ(NewInstance(), NPERR_NO_ERROR);
+  CGpcWindow* window = static_cast<InstanceRecord*>(npp_.pdata)->gpcWindow;
+  SapLog sapLog;
+  void* sap = nullptr;
+  ASSERT_EQ(GpcRegisterStreamSap(&SapLog::Record, &sapLog, window, &sap), GPC_RESULT_OK);
+  void* request = nullptr;
+  ASSERT_EQ(GpcGetStream(sap, "http://127.0.0.1/data", 0, &request), GPC_RESULT_OK);
+  NPStream data{};
+  data.url = "http://127.0.0.1/data";
+  data.notifyData = request;
+  NPStream hostSite{};
+  hostSite.url = "https://www.talvo.us/page";
+  hostSite.notifyData = reinterpret_cast<void*>(100);
+  uint16_t stype = 0;
+  ASSERT_EQ(plugin_.newstream(&npp_, nullptr, &data, false, &stype), NPERR_NO_ERROR);
+  const int32_t halted = window->m_bHalted;
+  char block[8] = "abcdefg";
+  for (NPStream* stream : {&data, &hostSite}) {
+    EXPECT_LT(plugin_.write(&npp_, stream, 0, -5, block), 0);
+    EXPECT_LT(plugin_.write(&npp_, stream, 0, INT32_MIN, block), 0);
+    EXPECT_LT(plugin_.write(&npp_, stream, 0, 8, nullptr), 0);
+  }
+  EXPECT_TRUE(sapLog.lengths.empty());
+  EXPECT_EQ(window->m_bHalted, halted);
+  EXPECT_TRUE(window->m_vectorFrameTarget.empty()) << "no error page for a block never read";
+  EXPECT_EQ(plugin_.write(&npp_, &data, 0, 7, block), 7);
+  EXPECT_EQ(sapLog.lengths, std::vector<int32_t>{7});
+  plugin_.destroystream(&npp_, &data, NPRES_DONE);
 }
 
 // ---- Debug strings -----------------------------------------------------------------------------

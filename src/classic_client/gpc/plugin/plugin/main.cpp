@@ -43,6 +43,13 @@ void SetUpQD() {
   gResFile = platform::CurResFile();
 }
 
+// Copies one function of the browser's table, if the table as long as the browser says reaches it.
+#define GPC_COPY_BROWSER_FUNC(browser, field)                                                   \
+  do {                                                                                          \
+    if ((browser)->size >= offsetof(NPNetscapeFuncs, field) + sizeof(gNetscapeFuncs.field)) \
+      gNetscapeFuncs.field = (browser)->field;                                                  \
+  } while (0)
+
 NPError CopyBrowserFuncs(const NPNetscapeFuncs* browser) {
   if (browser == nullptr) return NPERR_INVALID_FUNCTABLE_ERROR;
   if (browser->version > 0xff) return NPERR_INCOMPATIBLE_VERSION_ERROR;
@@ -50,31 +57,32 @@ NPError CopyBrowserFuncs(const NPNetscapeFuncs* browser) {
   navMinorVers = browser->version & 0xff;
   gNetscapeFuncs.version = browser->version;
   gNetscapeFuncs.size = browser->size;
-  gNetscapeFuncs.geturl = browser->geturl;
-  gNetscapeFuncs.posturl = browser->posturl;
-  gNetscapeFuncs.requestread = browser->requestread;
-  gNetscapeFuncs.newstream = browser->newstream;
-  gNetscapeFuncs.write = browser->write;
-  gNetscapeFuncs.destroystream = browser->destroystream;
-  gNetscapeFuncs.status = browser->status;
-  gNetscapeFuncs.uagent = browser->uagent;
-  gNetscapeFuncs.memalloc = browser->memalloc;
-  gNetscapeFuncs.memfree = browser->memfree;
-  gNetscapeFuncs.memflush = browser->memflush;
-  gNetscapeFuncs.reloadplugins = browser->reloadplugins;
+  GPC_COPY_BROWSER_FUNC(browser, geturl);
+  GPC_COPY_BROWSER_FUNC(browser, posturl);
+  GPC_COPY_BROWSER_FUNC(browser, requestread);
+  GPC_COPY_BROWSER_FUNC(browser, newstream);
+  GPC_COPY_BROWSER_FUNC(browser, write);
+  GPC_COPY_BROWSER_FUNC(browser, destroystream);
+  GPC_COPY_BROWSER_FUNC(browser, status);
+  GPC_COPY_BROWSER_FUNC(browser, uagent);
+  GPC_COPY_BROWSER_FUNC(browser, memalloc);
+  GPC_COPY_BROWSER_FUNC(browser, memfree);
+  GPC_COPY_BROWSER_FUNC(browser, memflush);
+  GPC_COPY_BROWSER_FUNC(browser, reloadplugins);
   if (navMinorVers >= NPVERS_HAS_NOTIFICATION) {
-    gNetscapeFuncs.getJavaEnv = browser->getJavaEnv;
-    gNetscapeFuncs.getJavaPeer = browser->getJavaPeer;
-    gNetscapeFuncs.geturlnotify = browser->geturlnotify;
-    gNetscapeFuncs.posturlnotify = browser->posturlnotify;
+    GPC_COPY_BROWSER_FUNC(browser, getJavaEnv);
+    GPC_COPY_BROWSER_FUNC(browser, getJavaPeer);
+    GPC_COPY_BROWSER_FUNC(browser, geturlnotify);
+    GPC_COPY_BROWSER_FUNC(browser, posturlnotify);
   }
-  gNetscapeFuncs.getvalue = browser->getvalue;
-  gNetscapeFuncs.setvalue = browser->setvalue;
-  gNetscapeFuncs.invalidaterect = browser->invalidaterect;
-  gNetscapeFuncs.invalidateregion = browser->invalidateregion;
-  gNetscapeFuncs.forceredraw = browser->forceredraw;
+  GPC_COPY_BROWSER_FUNC(browser, getvalue);
+  GPC_COPY_BROWSER_FUNC(browser, setvalue);
+  GPC_COPY_BROWSER_FUNC(browser, invalidaterect);
+  GPC_COPY_BROWSER_FUNC(browser, invalidateregion);
+  GPC_COPY_BROWSER_FUNC(browser, forceredraw);
   return NPERR_NO_ERROR;
 }
+#undef GPC_COPY_BROWSER_FUNC
 
 NPError InitializeBrowserSide(NPNetscapeFuncs* browser) {
   gpc::GPCTraceCatcher::initGlobal();
@@ -197,7 +205,8 @@ constexpr uint16_t kPluginFuncsSize =
 
 NPError FillPluginFuncs(NPPluginFuncs* plugin) {
   DebugAndLog("plugin,NP_GetEntryPoints start");
-  if (plugin == nullptr) return NPERR_INVALID_FUNCTABLE_ERROR;
+  // A table too short for every entry is refused before anything is written into it.
+  if (plugin == nullptr || plugin->size < kPluginFuncsSize) return NPERR_INVALID_FUNCTABLE_ERROR;
 
   plugin->version = NP_VERSION_MINOR;
   plugin->size = kPluginFuncsSize;

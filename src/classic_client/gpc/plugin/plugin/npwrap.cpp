@@ -12,6 +12,8 @@ namespace {
 
 // Accept everything the browser has.
 const int32_t kAcceptAll = 0x0FFFFFFF;
+// The answer to a write of a block that is not there: an error, for which the browser ends the stream.
+const int32_t kRefusedBlock = -1;
 
 InstanceRecord* RecordOf(NPP instance) {
   return instance ? static_cast<InstanceRecord*>(instance->pdata) : nullptr;
@@ -71,7 +73,14 @@ NPError NPP_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t argc
   instance->pdata = record;
 
   record->gpcWindow = new (std::nothrow) CGpcWindow(instance);
-  if (record->gpcWindow == nullptr) return NPERR_OUT_OF_MEMORY_ERROR;
+  if (record->gpcWindow == nullptr) {
+    // No half-made instance stays behind for the browser's later calls.
+    instance->pdata = nullptr;
+    NPN_MemFree(record);
+    return NPERR_OUT_OF_MEMORY_ERROR;
+  }
+  // Parameters the browser did not really hand over count as none.
+  if (argc < 0 || (argc > 0 && (argn == nullptr || argv == nullptr))) argc = 0;
   // A failure only leaves the instance halted.
   record->gpcWindow->SetParameters(argc, argn, argv);
   record->gpcWindow->WriteErrorLog(kGpcStartReportCode, nullptr);
@@ -95,8 +104,9 @@ NPError NPP_Destroy(NPP instance, NPSavedData** save) {
 
 NPError NPP_SetWindow(NPP instance, NPWindow* window) {
   MacInfoTrace("NPWRAP : SetWindow");
-  if (instance == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
-  return WindowOf(instance)->SetWindow(window);
+  CGpcWindow* gpcWindow = WindowOf(instance);
+  if (gpcWindow == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
+  return gpcWindow->SetWindow(window);
 }
 
 NPError NPP_NewStream(NPP instance, NPMIMEType type, NPStream* stream, NPBool seekable, uint16_t* stype) {
@@ -123,6 +133,8 @@ int32_t NPP_WriteReady(NPP instance, NPStream* stream) {
 
 int32_t NPP_Write(NPP instance, NPStream* stream, int32_t offset, int32_t len, void* buffer) {
   MacInfoTrace("NPWRAP : NPP_Write");
+  // A block that is not there is refused unread; the browser then ends the stream.
+  if (len < 0 || (len > 0 && buffer == nullptr)) return kRefusedBlock;
   CGpcWindow* window = WindowOf(instance);
   if (window == nullptr) return len;
   if (!IsHostSiteStream(stream)) return window->m_provider.OnNppWrite(stream, offset, len, buffer);
@@ -185,8 +197,9 @@ void NPP_URLNotify(NPP instance, const char* url, NPReason reason, void* notifyD
 }
 
 int16_t NPP_HandleEvent(NPP instance, void* event) {
-  if (instance == nullptr) return 0;
-  WindowOf(instance)->HandleEvent(event, true);
+  CGpcWindow* window = WindowOf(instance);
+  if (window == nullptr) return 0;
+  window->HandleEvent(event, true);
   // Never reported as handled, whatever the extension answered.
   return 0;
 }
