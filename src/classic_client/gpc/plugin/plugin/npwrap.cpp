@@ -133,10 +133,10 @@ int32_t NPP_WriteReady(NPP instance, NPStream* stream) {
 
 int32_t NPP_Write(NPP instance, NPStream* stream, int32_t offset, int32_t len, void* buffer) {
   MacInfoTrace("NPWRAP : NPP_Write");
-  // A block that is not there is refused unread; the browser then ends the stream.
-  if (len < 0 || (len > 0 && buffer == nullptr)) return kRefusedBlock;
   CGpcWindow* window = WindowOf(instance);
   if (window == nullptr) return len;
+  // A block that is not there is refused unread; the browser then ends the stream.
+  if (len < 0 || (len > 0 && buffer == nullptr)) return kRefusedBlock;
   if (!IsHostSiteStream(stream)) return window->m_provider.OnNppWrite(stream, offset, len, buffer);
   CheckHostSite(window, len, buffer);
   return len;
