@@ -337,4 +337,46 @@ TEST_F(WindowDownloadTest, MissingExtensionFetchesThePackageFromTheUrlRoot) {
   EXPECT_EQ(window->m_nFetchReady, 1);
 }
 
+// Two instances in one browser process, driven through the module's table as a browser drives
+// them: the first goes away in the middle of the second's download, which still completes, and
+// the process's trace goes on collecting the second's lines.
+TEST_F(WindowDownloadTest, SecondInstanceOutlivesTheFirstInTheMiddleOfItsDownload) {
+  gpctest::NginxTestServer server;
+  server.SetLimitRate("1m");
+  ASSERT_TRUE(server.Start()) << server.error();
+  const std::string content = gpctest::PatternBytes(2 * 1024 * 1024, 88);
+  ASSERT_TRUE(server.AddFile("first.bin", content));
+  ASSERT_TRUE(server.AddFile("second.bin", content));
+  NPNetscapeFuncs browser = gNetscapeFuncs;
+  NPPluginFuncs table{};
+  table.size = sizeof table;
+  gpc::GPCTraceCatcher::releaseGlobal();  // the module starts its own
+  ASSERT_EQ(NP_Initialize(&browser, &table), NPERR_NO_ERROR);
+  NPP_t first{}, second{};
+  Requester firstRequester, secondRequester;
+  for (auto instance : {std::make_pair(&first, &firstRequester), std::make_pair(&second, &secondRequester)}) {
+    PageParams page{{"GpcProductVersion", "1,0"}, {"GpcUrlRoot", "https://www.talvo.us/client/a/"}};
+    ASSERT_EQ(table.newp(const_cast<char*>("application/x-talvo-gpc"), instance.first, NP_EMBED, page.argc(),
+                         page.argn(), page.argv(), nullptr),
+              NPERR_NO_ERROR);
+    CGpcWindow* window = static_cast<InstanceRecord*>(instance.first->pdata)->gpcWindow;
+    window->m_bExtMgrStarted = 1;
+    const std::string url = server.HttpUrl(instance.first == &first ? "first.bin" : "second.bin");
+    window->GetFileAtUrl(Record, instance.second, url.c_str());
+  }
+  ASSERT_TRUE(gpctest::RunMainLoopUntil(
+      [&] { return firstRequester.progressBytes > 0 && secondRequester.progressBytes > 0; }, kDeadlineMs));
+  EXPECT_EQ(table.destroy(&first, nullptr), NPERR_NO_ERROR);
+  ASSERT_TRUE(gpctest::RunMainLoopUntil([&] { return secondRequester.completions > 0; }, kDeadlineMs));
+  EXPECT_TRUE(secondRequester.content == content);
+  EXPECT_EQ(firstRequester.completions, 0);
+
+  bool caught = false;
+  for (const auto& entry : gpc::GPCTraceCatcher::sharedInstance()->allTraceInfo())
+    caught = caught || gpc::traceContent(*entry) == "CGpcWindow::CheckDownloadingTasks,end handle stream[0]";
+  EXPECT_TRUE(caught) << "the second instance's lines reach the process's trace";
+  EXPECT_EQ(table.destroy(&second, nullptr), NPERR_NO_ERROR);
+  EXPECT_EQ(NP_Shutdown(), NPERR_NO_ERROR);
+}
+
 }  // namespace

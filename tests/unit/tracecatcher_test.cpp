@@ -351,4 +351,28 @@ TEST_F(TraceCatcherTest, WritersOnManyThreadsLoseNothing) {
   EXPECT_EQ(tvttest::ParseTraceFile(path_).records.size(), 1000u);
 }
 
+// Another thread posts while the global catcher comes and goes: a delivery under way keeps the
+// catcher it reached until it ends (the address sanitizer sees any use after the release).
+TEST_F(TraceCatcherTest, DeliveriesOnOtherThreadsOutliveTheRelease) {
+  ASSERT_TRUE(tlvtra_reopen_for_testing(nullptr));  // the list is what matters here
+  std::atomic<bool> stop{false};
+  std::atomic<int> posted{0};
+  std::thread poster([&] {
+    while (!stop) {
+      MacWarnTrace("from another thread");
+      ++posted;
+    }
+  });
+  while (posted == 0) std::this_thread::yield();
+  for (int i = 0; i < 3000; ++i) {
+    GPCTraceCatcher::releaseGlobal();
+    GPCTraceCatcher::initGlobal();
+  }
+  stop = true;
+  poster.join();
+  catcher_ = GPCTraceCatcher::sharedInstance();
+  MacWarnTrace("after");
+  EXPECT_EQ(gpc::traceContent(*catcher_->allTraceInfo().back()), "after");
+}
+
 }  // namespace

@@ -120,26 +120,35 @@ void GPCTraceCatcher::releaseGlobal() {
   catcher->release();
 }
 
-GPCTraceCatcher* GPCTraceCatcher::create() { return new GPCTraceCatcher(); }
-
-GPCTraceCatcher::GPCTraceCatcher() : myAllTraceInfo(std::make_unique<TraceList>()) {
-  GPCNotificationCenter& center = GPCNotificationCenter::defaultCenter();
-  m_nTraceObserver = center.addObserver(GPC_TRACE_NOTIFICATION,
-                                        [this](const GPCNotification& n) { _traceCatcherEntery(n); });
-  m_nQueryObserver = center.addObserver(GPC_QUERY_WARNINGS_NOTIFICATION,
-                                        [this](const GPCNotification& n) { handleQueryTraces(n); });
+GPCTraceCatcher* GPCTraceCatcher::create() {
+  GPCTraceCatcher* catcher = new GPCTraceCatcher();
+  catcher->m_pSelf = std::shared_ptr<GPCTraceCatcher>(catcher, [](GPCTraceCatcher* gone) { delete gone; });
+  catcher->startObserving();
+  return catcher;
 }
 
-GPCTraceCatcher::~GPCTraceCatcher() {
-  removeAllTraceInfo();
-  MacInfoTrace("Gpctracecatcher dealloc");
-  stopObserving();
+GPCTraceCatcher::GPCTraceCatcher() : myAllTraceInfo(std::make_unique<TraceList>()) {}
+
+void GPCTraceCatcher::startObserving() {
+  GPCNotificationCenter& center = GPCNotificationCenter::defaultCenter();
+  const std::weak_ptr<GPCTraceCatcher> weak = m_pSelf;
+  m_nTraceObserver = center.addObserver(GPC_TRACE_NOTIFICATION, [weak](const GPCNotification& n) {
+    if (std::shared_ptr<GPCTraceCatcher> catcher = weak.lock()) catcher->_traceCatcherEntery(n);
+  });
+  m_nQueryObserver = center.addObserver(GPC_QUERY_WARNINGS_NOTIFICATION, [weak](const GPCNotification& n) {
+    if (std::shared_ptr<GPCTraceCatcher> catcher = weak.lock()) catcher->handleQueryTraces(n);
+  });
 }
 
 void GPCTraceCatcher::retain() { m_nRetainCount.fetch_add(1); }
 
 void GPCTraceCatcher::release() {
-  if (m_nRetainCount.fetch_sub(1) == 1) delete this;
+  if (m_nRetainCount.fetch_sub(1) != 1) return;
+  removeAllTraceInfo();
+  MacInfoTrace("Gpctracecatcher dealloc");
+  stopObserving();
+  // Freed here, or by the last delivery still under way on another thread.
+  std::shared_ptr<GPCTraceCatcher> last = std::move(m_pSelf);
 }
 
 void GPCTraceCatcher::stopObserving() {

@@ -39,7 +39,9 @@ class GPCTraceCatcher {
   // A new catcher with one reference, observing both notifications.
   static GPCTraceCatcher* create();
   void retain();
-  void release();  // the last one deletes the catcher
+  // The last one clears the list, logs "Gpctracecatcher dealloc" and stops observing; the catcher
+  // is freed once no delivery on another thread is still under way in it.
+  void release();
   int retainCount() const { return m_nRetainCount.load(); }
 
   // Receives one posted trace entry.
@@ -65,10 +67,14 @@ class GPCTraceCatcher {
 
  private:
   GPCTraceCatcher();
-  ~GPCTraceCatcher();  // clears the list, logs "Gpctracecatcher dealloc", stops observing
+  ~GPCTraceCatcher() = default;
+  void startObserving();
   void stopObserving();
 
   std::atomic<int> m_nRetainCount{1};
+  // Owns the catcher while it has references; each delivery holds it too, through the observers'
+  // weak references, so that a release on another thread never frees it under a delivery.
+  std::shared_ptr<GPCTraceCatcher> m_pSelf;
   mutable std::mutex m_mutex;  // guards the list against writers on other threads
   std::unique_ptr<TraceList> myAllTraceInfo;
   GPCNotificationCenter::ObserverId m_nTraceObserver = 0;

@@ -119,6 +119,11 @@ void NegotiateModel(NPP instance, NPNVariable query, NPPVariable selector, int m
   if (set != NPERR_NO_ERROR) MacInfoTrace(select_log, set);
 }
 
+// Instances alive in this process. The process's collected trace lives while any of them does.
+int g_nLiveInstances = 0;
+
+bool HasInstanceData(NPP instance) { return instance != nullptr && instance->pdata != nullptr; }
+
 NPError Private_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t argc, char* argn[],
                     char* argv[], NPSavedData* saved) {
   DebugAndLog("Private_New");
@@ -131,16 +136,26 @@ NPError Private_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t 
                    "Private_New,call gNetscapeFuncs.getvalue(NPNVsupportsCocoaBool) return value = %d",
                    "Private_New,call NPN_SetValue(NPPVpluginEventModel) return value = %d");
   }
-  return NPP_New(pluginType, instance, mode, argc, argn, argv, saved);
+  const bool existed = HasInstanceData(instance);
+  const NPError result = NPP_New(pluginType, instance, mode, argc, argn, argv, saved);
+  if (!existed && HasInstanceData(instance) && g_nLiveInstances++ == 0) {
+    // The first instance after the last one ended collects a trace again.
+    gpc::GPCTraceCatcher::sharedInstance();
+  }
+  return result;
 }
 
-// Ending an instance also ends the process's collected trace, even while other instances live.
+// The process's collected trace ends with the last instance; while another instance lives it
+// goes on collecting.
 NPError Private_Destroy(NPP instance, NPSavedData** save) {
   DebugAndLog("Private_Destroy");
+  const bool existed = HasInstanceData(instance);
   NPError result = NPP_Destroy(instance, save);
   Private_Shutdown();
-  gpc::GPCTraceCatcher::sharedInstance()->setAllTraceInfo(nullptr);
-  gpc::GPCTraceCatcher::releaseGlobal();
+  if (existed && g_nLiveInstances > 0 && --g_nLiveInstances == 0) {
+    gpc::GPCTraceCatcher::sharedInstance()->setAllTraceInfo(nullptr);
+    gpc::GPCTraceCatcher::releaseGlobal();
+  }
   return result;
 }
 

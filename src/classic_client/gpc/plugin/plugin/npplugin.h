@@ -51,3 +51,12 @@ void NPP_StreamAsFile(NPP instance, NPStream* stream, const char* fname);
 void NPP_Print(NPP instance, NPPrint* platformPrint);
 void NPP_URLNotify(NPP instance, const char* url, NPReason reason, void* notifyData);
 int16_t NPP_HandleEvent(NPP instance, void* event);
+
+// Module entry points, exported with C linkage (the Unix flavour).
+extern "C" {
+const char* NP_GetMIMEDescription(void);
+NPError NP_GetValue(void* future, NPPVariable variable, void* value);
+NPError NP_Initialize(NPNetscapeFuncs* browserFuncs, NPPluginFuncs* pluginFuncs);
+NPError NP_GetEntryPoints(NPPluginFuncs* pluginFuncs);
+NPError NP_Shutdown(void);
+}
