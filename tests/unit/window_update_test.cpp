@@ -146,17 +146,4 @@ TEST_F(WindowUpdateTest, WithoutMeetingNoTimeStampAndTheSameDecision) {
   EXPECT_TRUE(Stamps().empty());
 }
 
-TEST_F(WindowUpdateTest, PackageNotificationOnlyNotesTheArrival) {
-  LogCapture log;
-  CGpcExtMgr::GpcGetFileNotify(window.get(), &window->m_extMgr, GPC_GETFILE_PROGRESS, reinterpret_cast<void*>(5));
-  CGpcExtMgr::GpcGetFileNotify(window.get(), nullptr, GPC_GETFILE_COMPLETE, const_cast<char*>("/tmp/p.7z"));
-  EXPECT_EQ(log.CountExact("CGpcExtMgr::GpcGetFileNotify,GPCGetFileNotifyMessageType=1"), 1);
-  EXPECT_EQ(log.CountExact("CGpcExtMgr::GpcGetFileNotify,GPCGetFileNotifyMessageType=0"), 1);
-  EXPECT_FALSE(log.Contains("package"));
-  CGpcExtMgr::GpcGetFileNotify(window.get(), &window->m_extMgr, GPC_GETFILE_COMPLETE, const_cast<char*>("/tmp/p.7z"));
-  EXPECT_EQ(log.CountExact("CGpcExtMgr::GpcGetFileNotify,extension package arrived,file=/tmp/p.7z"), 1);
-  EXPECT_EQ(window->m_bHalted, 1);  // untouched: nothing is verified or loaded yet
-  EXPECT_FALSE(window->m_bNeedInitExtension);
-}
-
 }  // namespace
