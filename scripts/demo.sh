@@ -10,17 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
-# A build folder made earlier keeps its generator; a failed build shows the compiler's words.
-generator=()
-[ -f build/CMakeCache.txt ] || generator=(-G Ninja)
-log=$(mktemp)
-if ! { cmake -S . -B build "${generator[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo &&
-       cmake --build build -j "$(nproc)"; } >"$log" 2>&1; then
-  cat "$log" >&2
-  echo "demo: the build failed" >&2
-  exit 1
-fi
-rm -f "$log"
+scripts/build.sh
 
 work=$(mktemp -d)
 server_pid=""
