@@ -1,0 +1,115 @@
+#include "packagecheck.h"
+
+#include <cstring>
+#include <vector>
+
+#include "CertificateUtil.h"
+#include "CryptoWrapper.h"
+#include "NSString+Hex.h"
+
+namespace {
+
+// Below this system version sha256 packages are installed unchecked.
+const uint32_t kSha256SystemVersion = 0x1060;
+// A chain this short cannot hold a certificate.
+const size_t kShortestCertification = 10;
+const char kChainSeparator = '|';
+const char kVendorOrganisationSuffix[] = "Vantrel Talvo LLC";
+
+bool EndsWith(const std::string& text, const char* suffix) {
+  const size_t length = strlen(suffix);
+  return text.size() >= length && text.compare(text.size() - length, length, suffix) == 0;
+}
+
+// The chain's leaf (its last piece) and the intermediates before it that decode.
+GpcCertificateRef DecodeChain(const std::string& certification, GpcCertificateList* intermediates) {
+  std::vector<std::string> pieces;
+  size_t start = 0;
+  for (size_t bar; (bar = certification.find(kChainSeparator, start)) != std::string::npos; start = bar + 1) {
+    pieces.push_back(certification.substr(start, bar - start));
+  }
+  pieces.push_back(certification.substr(start));
+  for (size_t i = 0; i + 1 < pieces.size(); ++i) {
+    if (GpcCertificateRef cert = SecFromData(base64Decode(pieces[i].c_str()))) intermediates->push_back(cert);
+  }
+  return SecFromData(base64Decode(pieces.back().c_str()));
+}
+
+GpcPackageCheck CheckCertificateAndSignature(const GpcPackageParameters& page, const std::string& digest) {
+  if (page.certification.size() <= kShortestCertification) return GpcPackageCheck::kCertificationShort;
+  GpcCertificateList intermediates;
+  GpcCertificateRef leaf = DecodeChain(page.certification, &intermediates);
+  if (!leaf) return GpcPackageCheck::kLeafUnreadable;
+  if (!TrustCertification(leaf, intermediates)) return GpcPackageCheck::kUntrusted;
+  const std::string commonName = CommonNameOfCert(leaf.get());
+  if (commonName.empty()) return GpcPackageCheck::kNoCommonName;
+  if (!EndsWith(commonName, kGpcVendorCommonNameSuffix) && !EndsWith(commonName, kVendorOrganisationSuffix)) {
+    return GpcPackageCheck::kForeignCommonName;
+  }
+  RSA* key = RSAFromCertification(leaf.get());
+  if (key == nullptr) return GpcPackageCheck::kNoPublicKey;
+  const bool verified =
+      verifyDataWithSSL(key, GpcBytes(digest.begin(), digest.end()), base64Decode(page.signature.c_str()));
+  CryptoWrapper::sharedInstance()->RSA_free()(key);
+  return verified ? GpcPackageCheck::kAccepted : GpcPackageCheck::kBadSignature;
+}
+
+}  // namespace
+
+int GpcPackageVerdict::message() const {
+  switch (check) {
+    case GpcPackageCheck::kAccepted:
+    case GpcPackageCheck::kAcceptedUnchecked:
+      return 0;
+    case GpcPackageCheck::kMissing:
+    case GpcPackageCheck::kDigestMismatch:
+    case GpcPackageCheck::kNoSignature:
+      return 111;
+    default:
+      return 103;
+  }
+}
+
+GpcPackageVerdict CheckPackage(const char* path, const GpcPackageParameters& page, uint32_t systemVersion) {
+  GpcPackageVerdict verdict;
+  // Without digest and certificate a package is never installed, whatever the site-lock mode.
+  if (path == nullptr || page.hash.empty() || page.certification.empty() || page.certification == "null") {
+    verdict.check = GpcPackageCheck::kMissing;
+    return verdict;
+  }
+  if (page.method == "sha1") {
+    verdict.digest = Sha1OfFile(path);
+  } else if (page.method == "sha256") {
+    if (systemVersion < kSha256SystemVersion) {
+      verdict.check = GpcPackageCheck::kAcceptedUnchecked;
+      return verdict;
+    }
+    verdict.digest = Sha256OfFile(path);
+  }
+  if (verdict.digest != page.hash) {
+    verdict.check = GpcPackageCheck::kDigestMismatch;
+  } else if (page.signature.empty()) {
+    verdict.check = GpcPackageCheck::kNoSignature;
+  } else {
+    verdict.check = CheckCertificateAndSignature(page, verdict.digest);
+  }
+  return verdict;
+}
+
+const char* PackageCheckName(GpcPackageCheck check) {
+  switch (check) {
+    case GpcPackageCheck::kAccepted: return "accepted";
+    case GpcPackageCheck::kAcceptedUnchecked: return "accepted unchecked (sha256 on an old system)";
+    case GpcPackageCheck::kMissing: return "no package, digest or certificate chain";
+    case GpcPackageCheck::kDigestMismatch: return "digest mismatch";
+    case GpcPackageCheck::kNoSignature: return "no signature";
+    case GpcPackageCheck::kCertificationShort: return "certificate chain too short";
+    case GpcPackageCheck::kLeafUnreadable: return "signer certificate unreadable";
+    case GpcPackageCheck::kUntrusted: return "certificate chain not trusted";
+    case GpcPackageCheck::kNoCommonName: return "signer has no readable common name";
+    case GpcPackageCheck::kForeignCommonName: return "signer's common name is not the vendor's";
+    case GpcPackageCheck::kNoPublicKey: return "signer has no RSA key";
+    case GpcPackageCheck::kBadSignature: return "signature does not verify";
+  }
+  return "unknown";
+}
