@@ -1,1 +1,185 @@
-# Installation of the plug-in bundle and its link in the browsers' plug-in folder (being written).
+# Installation of the plug-in bundle, its tools and the browsers' link to its module.
+#
+#   cmake --install build [--prefix DIR]
+#     <prefix>/lib/talvo-gpc/talvo-gpc64.plugin/   the whole bundle, layout kept
+#     <prefix>/bin/gpc-host, <prefix>/bin/tlvtracer
+#     <plug-in folder>/libnpgpc.so                  a symbolic link to the installed module
+#   cmake --build build --target uninstall   (or: cmake -P build/cmake_uninstall.cmake)
+#     removes what the last install put there, and the folders it had to create once empty.
+#
+# The module finds its bundle through its real path, so the browsers get a link to it: its
+# unpacking library and its local extension stay beside it. The plug-in folder is
+# ~/.mozilla/plugins of the user who installs (GPC_INSTALL_SCOPE=user) or
+# /usr/lib/mozilla/plugins (GPC_INSTALL_SCOPE=system); GPC_BROWSER_PLUGIN_DIR names another.
+# The three settings can also be given when the install script runs:
+#   cmake -DGPC_INSTALL_SCOPE=system -DCMAKE_INSTALL_PREFIX=/usr -P build/cmake_install.cmake
+
+set(GPC_INSTALL_SCOPE "user" CACHE STRING "Where the browsers' link to the module goes: user or system")
+set_property(CACHE GPC_INSTALL_SCOPE PROPERTY STRINGS user system)
+set(GPC_BROWSER_PLUGIN_DIR "" CACHE PATH
+  "Folder of the browsers' link to the module; empty: ~/.mozilla/plugins or /usr/lib/mozilla/plugins by scope")
+set(GPC_INSTALL_BUNDLE_DIR "lib/talvo-gpc" CACHE STRING "Folder of the installed bundle, below the prefix")
+if(NOT GPC_INSTALL_SCOPE MATCHES "^(user|system)$")
+  message(FATAL_ERROR "GPC_INSTALL_SCOPE must be user or system, not \"${GPC_INSTALL_SCOPE}\"")
+endif()
+
+# Everything the install steps need to know from this configuration.
+set(GPC_INSTALL_RECORD ${CMAKE_BINARY_DIR}/install_manifest_extras.cmake)
+set(GPC_INSTALL_STEPS ${CMAKE_BINARY_DIR}/gpc_install_steps.cmake)
+set(GPC_UNINSTALL_SCRIPT ${CMAKE_BINARY_DIR}/cmake_uninstall.cmake)
+
+# Steps run by `cmake --install`, in the install script's own scope (so that the link can join
+# CMAKE_INSTALL_MANIFEST_FILES). A step is chosen with GPC_INSTALL_STEP before the include.
+file(CONFIGURE OUTPUT ${GPC_INSTALL_STEPS} @ONLY CONTENT [=[
+# Generated from cmake/install.cmake: the plug-in's own install steps.
+if(NOT DEFINED GPC_INSTALL_SCOPE)
+  set(GPC_INSTALL_SCOPE "@GPC_INSTALL_SCOPE@")
+endif()
+if(NOT DEFINED GPC_BROWSER_PLUGIN_DIR)
+  set(GPC_BROWSER_PLUGIN_DIR "@GPC_BROWSER_PLUGIN_DIR@")
+endif()
+set(_gpc_prefix "${CMAKE_INSTALL_PREFIX}")
+get_filename_component(_gpc_prefix "${_gpc_prefix}" ABSOLUTE)
+set(_gpc_bundle_source "@GPC_BUNDLE@")
+set(_gpc_bundle "${_gpc_prefix}/@GPC_INSTALL_BUNDLE_DIR@/talvo-gpc64.plugin")
+set(_gpc_module "${_gpc_bundle}/Contents/MacOS/libnpgpc.so")
+
+# The link's folder as the browsers see it (without DESTDIR); empty when no link is made.
+set(_gpc_link_dir "${GPC_BROWSER_PLUGIN_DIR}")
+if(_gpc_link_dir STREQUAL "")
+  if(GPC_INSTALL_SCOPE STREQUAL "system")
+    set(_gpc_link_dir "/usr/lib/mozilla/plugins")
+  elseif("$ENV{DESTDIR}" STREQUAL "" AND IS_ABSOLUTE "$ENV{HOME}")
+    set(_gpc_link_dir "$ENV{HOME}/.mozilla/plugins")
+  endif()
+endif()
+
+if(GPC_INSTALL_STEP STREQUAL "begin")
+  if(NOT IS_DIRECTORY "${_gpc_bundle_source}/Contents/MacOS")
+    message(FATAL_ERROR "No built bundle at ${_gpc_bundle_source}: build the project first")
+  endif()
+  # Every folder that the install is about to create, so that uninstalling removes it again.
+  # Folders recorded by an earlier install of this build stay recorded while they exist.
+  set(GPC_CREATED_FOLDERS "")
+  if(EXISTS "@GPC_INSTALL_RECORD@")
+    include("@GPC_INSTALL_RECORD@")
+  endif()
+  set(_gpc_kept "")
+  foreach(_gpc_dir IN LISTS GPC_CREATED_FOLDERS)
+    if(IS_DIRECTORY "${_gpc_dir}")
+      list(APPEND _gpc_kept "${_gpc_dir}")
+    endif()
+  endforeach()
+  file(GLOB_RECURSE _gpc_files LIST_DIRECTORIES false RELATIVE "${_gpc_bundle_source}" "${_gpc_bundle_source}/*")
+  set(_gpc_targets "$ENV{DESTDIR}${_gpc_prefix}/bin/gpc-host")
+  foreach(_gpc_file IN LISTS _gpc_files)
+    list(APPEND _gpc_targets "$ENV{DESTDIR}${_gpc_bundle}/${_gpc_file}")
+  endforeach()
+  if(NOT _gpc_link_dir STREQUAL "")
+    list(APPEND _gpc_targets "$ENV{DESTDIR}${_gpc_link_dir}/libnpgpc.so")
+  endif()
+  set(_gpc_new "")
+  foreach(_gpc_target IN LISTS _gpc_targets)
+    get_filename_component(_gpc_dir "${_gpc_target}" DIRECTORY)
+    while(NOT EXISTS "${_gpc_dir}" AND NOT IS_SYMLINK "${_gpc_dir}")
+      list(APPEND _gpc_new "${_gpc_dir}")
+      get_filename_component(_gpc_dir "${_gpc_dir}" DIRECTORY)
+    endwhile()
+  endforeach()
+  set(GPC_PENDING_FOLDERS ${_gpc_kept} ${_gpc_new})
+  list(REMOVE_DUPLICATES GPC_PENDING_FOLDERS)
+
+elseif(GPC_INSTALL_STEP STREQUAL "end")
+  set(_gpc_link "")
+  set(_gpc_link_target "")
+  if(_gpc_link_dir STREQUAL "")
+    message(STATUS "No browser plug-in folder: HOME is not set or DESTDIR is; no link made")
+  else()
+    set(_gpc_link "$ENV{DESTDIR}${_gpc_link_dir}/libnpgpc.so")
+    if(EXISTS "${_gpc_link}" AND NOT IS_SYMLINK "${_gpc_link}")
+      # Someone else's file: leave it, and let the browsers find theirs.
+      message(WARNING "${_gpc_link} exists and is not a link; the browsers' link was not made")
+      set(_gpc_link "")
+    else()
+      file(MAKE_DIRECTORY "$ENV{DESTDIR}${_gpc_link_dir}")
+      message(STATUS "Installing: ${_gpc_link} -> ${_gpc_module}")
+      file(CREATE_LINK "${_gpc_module}" "${_gpc_link}" RESULT _gpc_result SYMBOLIC)
+      if(NOT _gpc_result STREQUAL "0")
+        message(FATAL_ERROR "Cannot link ${_gpc_link}: ${_gpc_result}")
+      endif()
+      set(_gpc_link_target "${_gpc_module}")
+      list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${_gpc_link}")
+    endif()
+  endif()
+  file(WRITE "@GPC_INSTALL_RECORD@"
+    "# What the last `cmake --install` of this build made besides its manifest's files.\n"
+    "set(GPC_CREATED_FOLDERS \"${GPC_PENDING_FOLDERS}\")\n"
+    "set(GPC_INSTALLED_LINK \"${_gpc_link}\")\n"
+    "set(GPC_INSTALLED_LINK_TARGET \"${_gpc_link_target}\")\n")
+endif()
+]=])
+
+install(CODE "set(GPC_INSTALL_STEP begin)\ninclude(\"${GPC_INSTALL_STEPS}\")")
+install(DIRECTORY ${GPC_BUNDLE} DESTINATION ${GPC_INSTALL_BUNDLE_DIR} USE_SOURCE_PERMISSIONS)
+install(PROGRAMS $<TARGET_FILE:gpc-host> $<TARGET_FILE:tlvtracer> DESTINATION bin)
+install(CODE "set(GPC_INSTALL_STEP end)\ninclude(\"${GPC_INSTALL_STEPS}\")")
+
+# Uninstalling: the manifest's files, the link only while it is still ours, then the folders the
+# install created, deepest first and only when empty, so that nothing of a user's goes.
+file(CONFIGURE OUTPUT ${GPC_UNINSTALL_SCRIPT} @ONLY CONTENT [=[
+# Generated from cmake/install.cmake: removes what `cmake --install` of this build put in place.
+set(_gpc_manifest "@CMAKE_BINARY_DIR@/install_manifest.txt")
+if(NOT EXISTS "${_gpc_manifest}")
+  message(FATAL_ERROR "Nothing to uninstall: no ${_gpc_manifest}")
+endif()
+set(GPC_CREATED_FOLDERS "")
+set(GPC_INSTALLED_LINK "")
+set(GPC_INSTALLED_LINK_TARGET "")
+if(EXISTS "@GPC_INSTALL_RECORD@")
+  include("@GPC_INSTALL_RECORD@")
+endif()
+
+file(STRINGS "${_gpc_manifest}" _gpc_files)
+foreach(_gpc_file IN LISTS _gpc_files)
+  if(NOT EXISTS "${_gpc_file}" AND NOT IS_SYMLINK "${_gpc_file}")
+    message(STATUS "Already gone: ${_gpc_file}")
+    continue()
+  endif()
+  if(_gpc_file STREQUAL GPC_INSTALLED_LINK)
+    set(_gpc_target "")
+    if(IS_SYMLINK "${_gpc_file}")
+      file(READ_SYMLINK "${_gpc_file}" _gpc_target)
+    endif()
+    if(NOT _gpc_target STREQUAL GPC_INSTALLED_LINK_TARGET)
+      message(STATUS "Kept (no longer our link): ${_gpc_file}")
+      continue()
+    endif()
+  endif()
+  message(STATUS "Uninstalling: ${_gpc_file}")
+  file(REMOVE "${_gpc_file}")
+  if(EXISTS "${_gpc_file}" OR IS_SYMLINK "${_gpc_file}")
+    message(FATAL_ERROR "Cannot remove ${_gpc_file}")
+  endif()
+endforeach()
+
+# A parent sorts before its children: reversed, children come first.
+list(SORT GPC_CREATED_FOLDERS)
+list(REVERSE GPC_CREATED_FOLDERS)
+foreach(_gpc_dir IN LISTS GPC_CREATED_FOLDERS)
+  if(IS_DIRECTORY "${_gpc_dir}" AND NOT IS_SYMLINK "${_gpc_dir}")
+    file(GLOB _gpc_children LIST_DIRECTORIES true "${_gpc_dir}/*")
+    if(_gpc_children STREQUAL "")
+      message(STATUS "Removing folder: ${_gpc_dir}")
+      file(REMOVE_RECURSE "${_gpc_dir}")
+    else()
+      message(STATUS "Kept (not empty): ${_gpc_dir}")
+    endif()
+  endif()
+endforeach()
+file(REMOVE "@GPC_INSTALL_RECORD@")
+]=])
+
+if(NOT TARGET uninstall)
+  add_custom_target(uninstall COMMAND ${CMAKE_COMMAND} -P ${GPC_UNINSTALL_SCRIPT}
+    COMMENT "Removing what cmake --install put in place" VERBATIM)
+endif()
