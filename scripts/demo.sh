@@ -1,28 +1,61 @@
 #!/usr/bin/env bash
-# The plug-in's main job, without a browser: builds the bundle, packs the sample extension as a
-# vendor would (7z archive, SHA-256 digest, a certificate chain made with openssl, the RSA signature
-# over the digest), serves the package over https on 127.0.0.1, and runs a meeting page through
-# gpc-host exactly as a browser loads the plug-in. The plug-in checks the page, writes the parameter
-# file, finds the extension missing, downloads, verifies, unpacks and loads it; the extension then
-# fetches a file through the services and navigates the page. Prints the milestones with their times
-# and exits 0 only when the extension ran. KEEP=1 keeps the work folder.
+# The plug-in's main job in a real browser engine. Installs what is missing, builds, packs the
+# sample extension as a vendor would (7z archive, SHA-256 digest, a certificate chain made with
+# openssl, the RSA signature over the digest), serves the package, a meeting page and a "done"
+# page over https on 127.0.0.1, and opens the meeting page in QtWebKit under Xvfb, which finds
+# the plug-in through QTWEBKIT_PLUGIN_PATH. The plug-in stores the page's parameters, finds the
+# extension missing, downloads, verifies, unpacks and loads it; the extension fetches a file
+# through the plug-in's services and sends the page to the "done" page. The milestones are
+# printed as they happen (from the plug-in's trace), a screenshot of the done page is saved, and
+# the exit status is 0 only when the extension ran.
+#
+#   scripts/demo.sh [--host] [--keep]
+#     --host   run the page through gpc-host (the headless NPAPI host) instead of the browser
+#     --keep   keep the work folder (page, package, trace, screenshot) and say where it is
+#
+# GPC_DEMO_BUILD_DIR=DIR uses an existing build folder as it is instead of building build/;
+# GPC_DEMO_RUN_MS bounds the run (default 30000).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+root=$PWD
+
+mode=browser
+keep=${KEEP:-0}
+for arg in "$@"; do
+  case "$arg" in
+    --host) mode=host ;;
+    --keep) keep=1 ;;
+    -h|--help) sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "demo: unknown option $arg (try --help)" >&2; exit 2 ;;
+  esac
+done
+run_ms=${GPC_DEMO_RUN_MS:-30000}
+started=${EPOCHREALTIME/./}
+say() { local us=$((${EPOCHREALTIME/./} - started)); printf '[%3d.%02d s] %s\n' $((us / 1000000)) $((us % 1000000 / 10000)) "$*"; }
+
+say "installing what is missing and building"
 scripts/install-deps.sh
+if [ -n "${GPC_DEMO_BUILD_DIR:-}" ]; then
+  build=$(cd "$GPC_DEMO_BUILD_DIR" && pwd)
+else
+  scripts/build.sh
+  build=$root/build
+fi
+plugin_dir=$build/talvo-gpc64.plugin/Contents/MacOS
 
-scripts/build.sh
-
-work=$(mktemp -d)
-server_pid=""
+work=$(mktemp -d "${TMPDIR:-/tmp}/gpc-demo.XXXXXX")
+pids=()
 cleanup() {
-  [ -n "$server_pid" ] && kill "$server_pid" 2>/dev/null
-  if [ "${KEEP:-0}" = 1 ]; then echo "== kept $work"; else rm -rf "$work"; fi
+  local pid
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  if [ "$keep" = 1 ]; then echo "kept $work"; else rm -rf "$work"; fi
 }
 trap cleanup EXIT
-mkdir -p "$work/site/client" "$work/site/files" "$work/pki" "$work/pack"
+mkdir -p "$work/site/client" "$work/site/files" "$work/pki" "$work/pack" "$work/data"
 
-echo "== The vendor signs the sample extension"
-bundle=build/talvo-gpc64.plugin/Contents/Frameworks/zrgpcext64.bundle
+say "the vendor signs the sample extension"
+bundle=$build/talvo-gpc64.plugin/Contents/Frameworks/zrgpcext64.bundle
 (
   cd "$work/pki"
   openssl req -x509 -newkey rsa:2048 -nodes -keyout root.key -out root.pem -days 30 \
@@ -30,29 +63,33 @@ bundle=build/talvo-gpc64.plugin/Contents/Frameworks/zrgpcext64.bundle
     -addext keyUsage=critical,keyCertSign,cRLSign
   openssl req -new -newkey rsa:2048 -nodes -keyout signer.key -out signer.csr -subj '/CN=gpc.signer.talvo.us'
   openssl x509 -req -in signer.csr -CA root.pem -CAkey root.key -CAcreateserial -days 30 -out signer.pem
-  openssl req -x509 -newkey rsa:2048 -nodes -keyout tls.key -out tls.pem -days 1 -subj '/CN=127.0.0.1'
+  openssl req -x509 -newkey rsa:2048 -nodes -keyout tls.key -out tls.pem -days 1 -subj '/CN=127.0.0.1' \
+    -addext subjectAltName=IP:127.0.0.1
 ) >/dev/null 2>&1
 cp -a "$bundle" "$work/pack/zrgpcext64.bundle"
 sed -i '/<key>CFBundleVersion<\/key>/{n;s|<string>.*</string>|<string>2.0.0.7</string>|}' \
   "$work/pack/zrgpcext64.bundle/Contents/Info.plist"
-(cd "$work/pack" && 7z a -mx=5 "$work/site/client/zrgpcext64.bundle.7z" zrgpcext64.bundle >/dev/null)
 package="$work/site/client/zrgpcext64.bundle.7z"
+(cd "$work/pack" && 7z a -mx=5 "$package" zrgpcext64.bundle >/dev/null)
 digest=$(openssl dgst -sha256 -r "$package" | cut -d' ' -f1)
 # PKCS #1 v1.5 over DigestInfo { sha1WithRSASignature, the digest's 64-character text }.
 { printf '\x30\x4d\x30\x09\x06\x05\x2b\x0e\x03\x02\x1d\x05\x00\x04\x40'; printf '%s' "$digest"; } > "$work/pki/tbs.bin"
 signature=$(openssl rsautl -sign -inkey "$work/pki/signer.key" -in "$work/pki/tbs.bin" 2>/dev/null | openssl base64 -A)
 chain="$(openssl x509 -in "$work/pki/root.pem" -outform DER | openssl base64 -A)|$(openssl x509 -in "$work/pki/signer.pem" -outform DER | openssl base64 -A)"
-echo "package $(stat -c %s "$package") bytes, sha256 $digest"
+say "package $(stat -c %s "$package") bytes, sha256 $digest"
 echo "hello from the meeting service" > "$work/site/files/welcome.txt"
 
+# The https server: the site folder, with a log of each request.
 python3 - "$work" <<'EOF' &
 import http.server, os, ssl, sys, functools
 work = sys.argv[1]
-class Quiet(http.server.SimpleHTTPRequestHandler):
-    def log_message(self, *args):
-        pass
-handler = functools.partial(Quiet, directory=os.path.join(work, "site"))
+class Logged(http.server.SimpleHTTPRequestHandler):
+    def log_message(self, fmt, *args):
+        with open(os.path.join(work, "server.log"), "a") as log:
+            log.write("%s\n" % (fmt % args))
+handler = functools.partial(Logged, directory=os.path.join(work, "site"))
 server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
+server.daemon_threads = True
 context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
 context.load_cert_chain(os.path.join(work, "pki/tls.pem"), os.path.join(work, "pki/tls.key"))
 server.socket = context.wrap_socket(server.socket, server_side=True)
@@ -61,38 +98,162 @@ with open(os.path.join(work, "port.tmp"), "w") as f:
 os.rename(os.path.join(work, "port.tmp"), os.path.join(work, "port"))
 server.serve_forever()
 EOF
-server_pid=$!
-for _ in $(seq 100); do [ -s "$work/port" ] && break; sleep 0.05; done
+pids+=($!)
+for _ in $(seq 200); do [ -s "$work/port" ] && break; sleep 0.05; done
+[ -s "$work/port" ] || { echo "demo: the https server did not start" >&2; exit 1; }
 site="https://127.0.0.1:$(cat "$work/port")"
 
+# The meeting page's parameters, in the order the page gives them. The loopback server is no
+# approved site: the page switches the site lock off, before its root.
+params=(
+  "gpcsitelock=0" "GpcProductVersion=31.9.5" "MeetingID=1234567890"
+  "GpcUrlRoot=$site/client/" "GpcCompressMethod=7zip"
+  "GpcUnpackVersion=1,0" "GpcExtVersion=2,0,0,7"
+  "GpcExtHash=$digest" "GpcHashMethod=sha256"
+  "GpcExtSignature=$signature" "GpcCertification=$chain"
+  "GpcErrorPageUrl=$site/error.html"
+  "GpcSampleFiles=$site/files/welcome.txt" "GpcSampleDoneUrl=$site/done.html"
+)
+html_escape() { local t=${1//&/&amp;}; t=${t//\"/&quot;}; t=${t//</&lt;}; printf '%s' "${t//>/&gt;}"; }
+{
+  echo '<!DOCTYPE html><html><head><meta charset="utf-8"><title>Meeting 1234567890</title></head>'
+  echo '<body style="font-family:sans-serif;margin:40px"><h1>Meeting 1234567890</h1>'
+  echo '<p>Joining the meeting: the plug-in below fetches and starts its extension.</p>'
+  printf '<embed type="application/x-talvo-gpc" width="300" height="200"'
+  for p in "${params[@]}"; do printf '\n  %s="%s"' "${p%%=*}" "$(html_escape "${p#*=}")"; done
+  echo '>'
+  echo '</body></html>'
+} > "$work/site/meeting.html"
+cat > "$work/site/done.html" <<'EOF'
+<!DOCTYPE html><html><head><meta charset="utf-8"><title>The extension ran</title></head>
+<body style="font-family:sans-serif;margin:40px;background:#eef7ee">
+<h1 style="color:#1a6b1a">&#10004; The extension ran</h1>
+<p>The plug-in downloaded, verified, unpacked and loaded the sample extension; the extension
+fetched its files through the plug-in's services and sent this page here.</p>
+<table id="counts" style="font-size:130%;border-collapse:collapse" cellpadding="6"></table>
+<script>
+var rows = {fetched: "files fetched", failed: "fetches failed", unpacked: "archives unpacked",
+            params: "page parameters seen"};
+var query = location.search.substring(1).split("&"), table = document.getElementById("counts");
+for (var i = 0; i < query.length; i++) {
+  var pair = query[i].split("=");
+  if (!(pair[0] in rows)) continue;
+  var row = table.insertRow(-1);
+  row.insertCell(-1).textContent = rows[pair[0]];
+  row.insertCell(-1).innerHTML = "<b>" + decodeURIComponent(pair[1] || "") + "</b>";
+}
+</script></body></html>
+EOF
+cat > "$work/site/error.html" <<'EOF'
+<!DOCTYPE html><html><head><meta charset="utf-8"><title>The plug-in stopped</title></head>
+<body style="font-family:sans-serif;margin:40px;background:#fbeeee">
+<h1 style="color:#8b1a1a">The plug-in stopped</h1><p id="message"></p>
+<script>
+var match = /[?&]ErrorMsg=([^&]*)/.exec(location.search);
+document.getElementById("message").textContent =
+    match ? decodeURIComponent(match[1].replace(/\+/g, " ")) : "";
+</script></body></html>
+EOF
+
 export XDG_DATA_HOME="$work/data" GPC_TRACE_FILE="$work/tlvgpc.tvt"
-# The loopback server is no approved site: the page switches the site lock off, before its root.
-echo "== The meeting page embeds the plug-in"
+unset http_proxy https_proxy HTTP_PROXY HTTPS_PROXY all_proxy ALL_PROXY
+
+# The milestones as they happen, from the plug-in's trace. tlvtracer starts before the plug-in
+# loads, so the plug-in writes its debug records too.
+cat > "$work/milestones.py" <<'PY'
+import json, re, sys
+start = float(sys.argv[1]) / 1e6
+state = {"params": 0, "progress": False}
+rules = [
+    (r"NPWRAP : NPP_New$", lambda m: "the browser starts the plug-in (NPP_New)"),
+    (r"CGpcExtMgr::Init$", lambda m: "page parameters stored for the local client (%d values)" % state["params"]),
+    (r"CGpcExtMgr::NeedUpdate,.* is not exist,need update!", lambda m: "extension checked: not installed, so it is downloaded"),
+    (r"CGpcExtMgr::NeedUpdate,(.*(need|same|version).*)", lambda m: "extension checked: " + m.group(1)),
+    (r"CGpcWindow::GetFileAtUrl,url=\[(.*)\]", lambda m: "download requested: " + m.group(1)),
+    (r"GPCGetFileNotifyMessageType=1", lambda m: "download progress: data arriving"),
+    (r"recevice url\[(.*)\] data size = (\d+)", lambda m: "downloaded %s (%s bytes)" % (m.group(1), m.group(2))),
+    (r"GpcGetFileNotify,Unpack extension from \S+ to (.*)",
+     lambda m: "package verified (digest, certificate chain, signer, signature); unpacking into " + m.group(1)),
+    (r"UnpackFile,unpack file success", lambda m: "package unpacked"),
+    (r"InitExtension,load GPC extension:(.*) success", lambda m: "extension loaded from " + m.group(1)),
+    (r"InitExtension,Initialize GPC extension,return value =(.*)",
+     lambda m: "extension initialised (GpcInitInstance returned %s)" % m.group(1)),
+    (r"GPCSample: ((GpcInitInstance|page has|fetch queued|fetched|all fetches|navigating).*)",
+     lambda m: "extension: " + m.group(1)),
+    (r"CheckLocationChanging,Requesting url\[(.*)\] at frame\[(.*)\] succeeded",
+     lambda m: "the plug-in has the browser open %s in frame %s" % (m.group(1), m.group(2))),
+]
+for line in sys.stdin:
+    try:
+        record = json.loads(line)
+    except ValueError:
+        continue
+    text = record["text"]
+    if re.search(r"CGpcWindow::SetParameters,\d+ : ", text):
+        state["params"] += 1
+    said = None
+    for pattern, words in rules:
+        found = re.search(pattern, text)
+        if found:
+            said = words(found)
+            break
+    if said is None and record["level"] == "error" and "LoggingURL is nil" not in text:
+        said = "problem: " + text
+    progress = said is not None and said.startswith("download progress")
+    if said is None or (progress and state["progress"]):
+        continue
+    state["progress"] = progress
+    t = record["seconds"] + record["milliseconds"] / 1000.0 - start
+    print("[%3d.%02d s]   %s" % (int(t), int(t * 100) % 100, said[:200]), flush=True)
+PY
+( echo "$BASHPID" > "$work/tracer.pid"; exec "$build/bin/tlvtracer" --json --follow "$GPC_TRACE_FILE" 2>/dev/null ) |
+  tee "$work/trace.jsonl" | python3 -u "$work/milestones.py" "$started" &
+follower_pid=$!
+pids+=("$follower_pid")
+for _ in $(seq 100); do [ -s "$work/tracer.pid" ] && break; sleep 0.05; done
+tracer_pid=$(cat "$work/tracer.pid")
+pids+=("$tracer_pid")
+
 status=0
-build/bin/gpc-host --page-url "https://meet.talvo.us/j/1234567890" --run-ms "${GPC_DEMO_RUN_MS:-20000}" \
-  --exit-on-navigate "/done" \
-  --param "gpcsitelock=0" --param "GpcProductVersion=31.9.5" --param "MeetingID=1234567890" \
-  --param "GpcUrlRoot=$site/client/" --param "GpcCompressMethod=7zip" \
-  --param "GpcUnpackVersion=1,0" --param "GpcExtVersion=2,0,0,7" \
-  --param "GpcExtHash=$digest" --param "GpcHashMethod=sha256" \
-  --param "GpcExtSignature=$signature" --param "GpcCertification=$chain" \
-  --param "GpcErrorPageUrl=$site/error.html" \
-  --param "GpcSampleFiles=$site/files/welcome.txt" --param "GpcSampleDoneUrl=$site/done" \
-  >"$work/host.jsonl" || status=$?
+done_url=""
+if [ "$mode" = host ]; then
+  say "gpc-host opens the meeting page $site/meeting.html"
+  host_args=()
+  for p in "${params[@]}"; do host_args+=(--param "$p"); done
+  "$build/bin/gpc-host" --plugin "$plugin_dir/libnpgpc.so" --page-url "$site/meeting.html" \
+    --run-ms "$run_ms" --exit-on-navigate "/done.html?" "${host_args[@]}" >"$work/events.jsonl" || status=$?
+  done_url=$(grep '"event":"navigate"' "$work/events.jsonl" | grep -o '"url":"[^"]*/done.html?[^"]*"' |
+    tail -n 1 | sed 's/^"url":"//; s/"$//') || true
+else
+  say "QtWebKit opens the meeting page $site/meeting.html (plug-ins from $plugin_dir)"
+  /usr/bin/python3 tests/browser/qtwebkit_page.py "$site/meeting.html" --plugin-dir "$plugin_dir" \
+    --until "/done.html?" --timeout "$((run_ms / 1000))" --settle 1 --screenshot "$work/done.png" \
+    >"$work/events.jsonl" 2>"$work/browser.log" || status=$?
+  done_url=$(grep '"event":"url_changed"' "$work/events.jsonl" | grep -o '"url":"[^"]*/done.html?[^"]*"' |
+    tail -n 1 | sed 's/^"url":"//; s/"$//') || true
+fi
+# The follower prints what is left, then stops with the tracer.
+sleep 0.3
+kill "$tracer_pid" 2>/dev/null || true
+wait "$follower_pid" 2>/dev/null || true
 
-echo "== Milestones (from the plug-in's trace)"
-build/bin/tlvtracer "$GPC_TRACE_FILE" | grep -E \
-  'NPP_New$|SaveParameters|NeedUpdate,.*need update|GpcGetFileNotify,(Unpack|Load)|UnpackFile,unpack file success|InitExtension,(load|Initialize GPC extension,return)|GPCSample: (GpcInitInstance|fetched|all fetches|navigating)' \
-  | cut -d' ' -f2,9- || true
-echo "== The page was sent to"
-grep '"event":"navigate"' "$work/host.jsonl" || true
-echo "== Parameter file for the local client (records end in a carriage return)"
-tr '\r' '\n' < "$work/data/Talvo Folder/31.9.5/talvoparameters.txt" | head -n 8
-echo "== Installed extension"
-ls -l "$work/data/Talvo Folder/zrgpcext64.bundle/Contents/MacOS/" 2>/dev/null || true
+say "the page was sent to ${done_url:-nowhere}"
+parameter_file="$work/data/Talvo Folder/31.9.5/talvoparameters.txt"
+if [ -f "$parameter_file" ]; then
+  echo "== parameter file for the local client (first records; each ends in a carriage return)"
+  tr '\r' '\n' < "$parameter_file" | head -n 6 | cut -c1-100
+fi
+echo "== installed extension"
+ls -l "$work/data/Talvo Folder/zrgpcext64.bundle/Contents/MacOS/" 2>/dev/null || echo "(none)"
+if [ "$mode" = browser ] && [ -s "$work/done.png" ]; then
+  mkdir -p "$build/demo"
+  cp "$work/done.png" "$build/demo/done.png"
+  say "screenshot of the page: $build/demo/done.png"
+fi
 
-if [ "$status" -ne 0 ] || ! grep -q '"url":"[^"]*/done?' "$work/host.jsonl"; then
-  echo "demo: the extension did not run (gpc-host exit $status)" >&2
+if [ "$status" -ne 0 ] || [ -z "$done_url" ]; then
+  echo "demo: the extension did not run ($mode exit status $status)" >&2
+  if [ "$mode" = browser ]; then tail -n 5 "$work/browser.log" >&2; fi
   exit 1
 fi
-echo "== The extension ran."
+say "the extension ran"
