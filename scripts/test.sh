@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, runs the whole suite, then the unit tests again under
+# Installs what is missing, builds, runs the whole suite, then the unit and integration tests again under
 # AddressSanitizer and UndefinedBehaviorSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -13,4 +13,4 @@ cmake --build build -j "$jobs"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DGPC_SANITIZE=ON -DGPC_BUILD_BENCH=OFF
 cmake --build build-asan -j "$jobs"
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  ctest --output-on-failure -j "$jobs" -L unit --timeout 600)
+  ctest --output-on-failure -j "$jobs" -L "unit|integration" --timeout 600)
