@@ -5,12 +5,14 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 jobs=$(nproc)
+# A build folder made earlier keeps its generator.
+generator() { [ -f "$1/CMakeCache.txt" ] || echo "-GNinja"; }
 
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake -S . -B build $(generator build) -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j "$jobs"
 (cd build && ctest --output-on-failure -j "$jobs" --timeout 600)
 
-cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DGPC_SANITIZE=ON -DGPC_BUILD_BENCH=OFF
+cmake -S . -B build-asan $(generator build-asan) -DCMAKE_BUILD_TYPE=Debug -DGPC_SANITIZE=ON -DGPC_BUILD_BENCH=OFF
 cmake --build build-asan -j "$jobs"
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --output-on-failure -j "$jobs" -L "unit|integration" --timeout 600)
