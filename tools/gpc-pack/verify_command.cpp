@@ -1,0 +1,126 @@
+// `gpc-pack verify` and the judgement of a package that `pack` also makes on what it wrote.
+#include <fcntl.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "bundle_archive.h"
+#include "commands.h"
+#include "platform/system_version.h"
+#include "versionfordylib.h"
+
+namespace {
+
+// The plug-in's extension name when the page gives none, or one longer than it takes.
+constexpr char kDefaultExtensionName[] = "zrgpcext64";
+constexpr size_t kLongestExtensionName = 64;
+
+GpcPackageParameters PageOf(const EmbedParams& params) {
+  GpcPackageParameters page;
+  page.hash = ParamValue(params, "GpcExtHash");
+  page.method = ParamValue(params, "GpcHashMethod");
+  page.signature = ParamValue(params, "GpcExtSignature");
+  page.certification = ParamValue(params, "GpcCertification");
+  page.siteLock = ParamValue(params, "gpcsitelock");
+  return page;
+}
+
+std::string ExtensionNameOf(const EmbedParams& params) {
+  const std::string name = ParamValue(params, "GpcExtName");
+  return name.empty() || name.size() > kLongestExtensionName ? kDefaultExtensionName : name;
+}
+
+// What keeps a package that passed CheckPackage from being installed and recognised; empty when
+// nothing does.
+std::string ArchiveRefusal(const std::string& path, const EmbedParams& params) {
+  const std::string method = ParamValue(params, "GpcCompressMethod");
+  if (!method.empty() && strcasecmp(method.c_str(), "7zip") != 0) {
+    return "GpcCompressMethod is \"" + method + "\", not \"7zip\": the plug-in would fetch a .bundle.zip";
+  }
+  ArchiveFacts facts;
+  std::string error;
+  if (!InspectArchive(path, &facts, &error)) return error;
+  const std::string bundle = ExtensionNameOf(params) + ".bundle";
+  if (facts.topFolder != bundle) {
+    return "the archive's top folder is \"" + (facts.topFolder.empty() ? std::string("(none)") : facts.topFolder) +
+           "\", not \"" + bundle + "\"";
+  }
+  const std::string wanted = ParamValue(params, "GpcExtVersion");
+  if (wanted.empty()) return std::string();
+  std::string required;
+  FormalizeVersionString(required, wanted.c_str());
+  if (!facts.hasInfoPlist) return "the archive has no " + bundle + "/Contents/Info.plist";
+  if (facts.version != required) {
+    return "the bundle's version \"" + facts.version + "\" does not match GpcExtVersion \"" + wanted + "\"";
+  }
+  if (!facts.hasExecutable) {
+    return "the archive has no " + bundle + "/Contents/MacOS/" + ExtensionNameOf(params) +
+           ": the plug-in would not see the version it installed";
+  }
+  return std::string();
+}
+
+bool ReadParamsFile(const std::string& path, EmbedParams* params, std::string* error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    *error = "cannot read " + path + ": " + strerror(errno);
+    return false;
+  }
+  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (!ParseEmbedJson(text, params, error)) {
+    *error = path + ": " + *error;
+    return false;
+  }
+  return true;
+}
+
+bool CheckReadable(const std::string& path, std::string* error) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    *error = "cannot read " + path + ": " + strerror(errno);
+    return false;
+  }
+  close(fd);
+  return true;
+}
+
+}  // namespace
+
+PackageJudgement JudgePackage(const std::string& path, const EmbedParams& params, uint32_t systemVersion) {
+  PackageJudgement judgement;
+  judgement.verdict = CheckPackage(path.c_str(), PageOf(params), systemVersion);
+  if (!judgement.verdict.accepted()) {
+    judgement.refusal = std::string(PackageCheckName(judgement.verdict.check)) + " (message " +
+                        std::to_string(judgement.verdict.message()) + ")";
+    return judgement;
+  }
+  judgement.refusal = ArchiveRefusal(path, params);
+  return judgement;
+}
+
+int RunVerify(const PackOptions& options) {
+  // Named parameters come first: the plug-in takes the first of a name.
+  EmbedParams params(options.params.begin(), options.params.end());
+  std::string error;
+  if ((!options.paramsFile.empty() && !ReadParamsFile(options.paramsFile, &params, &error)) ||
+      !CheckReadable(options.package, &error)) {
+    fprintf(stderr, "gpc-pack: %s\n", error.c_str());
+    return kExitFailed;
+  }
+  const PackageJudgement judgement = JudgePackage(options.package, params, platform::SystemVersion());
+  if (!judgement.refusal.empty()) {
+    printf("%s\n", judgement.refusal.c_str());
+    return kExitFailed;
+  }
+  if (judgement.verdict.check == GpcPackageCheck::kAcceptedUnchecked) {
+    printf("ok: %s\n", PackageCheckName(judgement.verdict.check));
+  } else {
+    printf("ok\n");
+  }
+  return kExitOk;
+}
