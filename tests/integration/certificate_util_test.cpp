@@ -466,6 +466,76 @@ TEST_F(Signatures, OtherKeyOidOrDigestLengthIsRefused) {
   EXPECT_FALSE(verifyDataWithSSL(rsa_, Bytes(kSha1Text), ToolSignature(Bytes(kSha1Text))));
 }
 
+// A whole PKCS #1 block (as many bytes as the modulus) made by hand: 00, `type`, `padding`, 00,
+// `payload`, then `trailer`. Padding is cut or grown so the block fills 256 bytes.
+GpcBytes Block(unsigned char type, size_t padding, const GpcBytes& payload, const GpcBytes& trailer = {}) {
+  GpcBytes block = {0x00, type};
+  block.insert(block.end(), padding, type == 0x02 ? 0x5a : 0xff);
+  block.push_back(0x00);
+  block.insert(block.end(), payload.begin(), payload.end());
+  block.insert(block.end(), trailer.begin(), trailer.end());
+  return block;
+}
+
+TEST_F(Signatures, OnlyTheWholeExpectedBlockVerifies) {
+  const GpcBytes info = DigestInfo(kSha1Text);
+  const size_t fullPadding = 256 - 3 - info.size();
+  GpcBytes nonNullParameters = info;
+  nonNullParameters[2 + 2 + 7] = 0x04;  // the parameters' NULL (05 00) becomes an empty OCTET STRING
+  const GpcBytes shortInfo = DigestInfo(std::string(kSha1Text).substr(0, 39));
+  struct Case {
+    const char* name;
+    GpcBytes block;
+    bool verifies;
+  } cases[] = {
+      {"the expected block", Block(0x01, fullPadding, info), true},
+      {"garbage after the DigestInfo", Block(0x01, fullPadding - 8, info, GpcBytes(8, 0x41)), false},
+      {"a short padding string", Block(0x01, 7, info, GpcBytes(fullPadding - 7, 0x00)), false},
+      {"block type 2", Block(0x02, fullPadding, info), false},
+      {"parameters other than NULL", Block(0x01, fullPadding, nonNullParameters), false},
+      {"a digest one character short", Block(0x01, fullPadding + 1, shortInfo), false},
+  };
+  for (const Case& c : cases) {
+    ASSERT_EQ(c.block.size(), 256u) << c.name;
+    WriteFile(folder_ / "block.bin", c.block);
+    MustRun("openssl rsautl -sign -raw -inkey '" + Pki().Path("leaf.key") + "' -in '" + (folder_ / "block.bin") +
+            "' -out '" + (folder_ / "block.sig") + "'");
+    EXPECT_EQ(verifyDataWithSSL(rsa_, Bytes(kSha1Text), ReadFile(folder_ / "block.sig")), c.verifies) << c.name;
+  }
+}
+
+// With exponent 3 a signature whose cube merely starts with 00 01 FF 00 DigestInfo can be computed
+// without the key (garbage fills the rest): a verifier that parses a prefix would take it.
+TEST_F(Signatures, ACubeRootForgeryForAnExponent3KeyIsRefused) {
+  MustRun("cd '" + folder_.path() + "' && openssl genrsa -3 -out e3.key 2048 && openssl req -x509 -new -key e3.key "
+          "-subj '/CN=gpc.signer.talvo.us' -days 30 -out e3.pem && openssl x509 -in e3.pem -outform DER -out e3.der");
+  RSA* e3 = RSAFromCertification(SecFromFile((folder_ / "e3.der").c_str()).get());
+  ASSERT_NE(e3, nullptr);
+  const GpcBytes prefix = Block(0x01, 1, DigestInfo(kSha1Text));
+  std::string hex;
+  for (unsigned char byte : prefix) hex += "0123456789abcdef"[byte >> 4], hex += "0123456789abcdef"[byte & 15];
+  WriteFile(folder_ / "forge.py",
+            "import sys\n"
+            "prefix = bytes.fromhex(sys.argv[1]); k = 256\n"
+            "target = int.from_bytes(prefix + bytes(k - len(prefix)), 'big')\n"
+            "lo, hi = 0, 1 << (8 * k // 3 + 8)\n"
+            "while lo < hi:\n"
+            "    mid = (lo + hi) // 2\n"
+            "    lo, hi = (mid + 1, hi) if mid ** 3 < target else (lo, mid)\n"
+            "assert (lo ** 3).to_bytes(k, 'big').startswith(prefix)\n"
+            "sys.stdout.buffer.write(lo.to_bytes(k, 'big'))\n");
+  MustRun("python3 '" + (folder_ / "forge.py") + "' " + hex + " > '" + (folder_ / "forged.sig") + "'");
+  const GpcBytes forged = ReadFile(folder_ / "forged.sig");
+  ASSERT_EQ(forged.size(), 256u);
+  EXPECT_FALSE(verifyDataWithSSL(e3, Bytes(kSha1Text), forged));
+  // The same key's real signature verifies: the refusal is the forgery's, not the key's.
+  WriteFile(folder_ / "real.bin", DigestInfo(kSha1Text));
+  MustRun("openssl rsautl -sign -inkey '" + (folder_ / "e3.key") + "' -in '" + (folder_ / "real.bin") + "' -out '" +
+          (folder_ / "real.sig") + "'");
+  EXPECT_TRUE(verifyDataWithSSL(e3, Bytes(kSha1Text), ReadFile(folder_ / "real.sig")));
+  CryptoWrapper::sharedInstance()->RSA_free()(e3);
+}
+
 TEST_F(Signatures, MalformedSignaturesAndNullKeyAreRefused) {
   const GpcBytes signature = ToolSignature(DigestInfo(kSha1Text));
   EXPECT_FALSE(verifyDataWithSSL(nullptr, Bytes(kSha1Text), signature));
