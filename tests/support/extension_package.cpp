@@ -1,8 +1,15 @@
 #include "extension_package.h"
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+
+extern char** environ;
 
 namespace gpctest {
 
@@ -22,7 +29,54 @@ std::string DigestInfo(const std::string& digest) {
   return info + body;
 }
 
+// An unlinked scratch file for a child's output; -1 on failure.
+int AnonymousFile() {
+  const char* home = getenv("GPC_TEST_HOME");
+  std::string pattern = std::string(home != nullptr && *home != '\0' ? home : "/tmp") + "/toolrunXXXXXX";
+  const int fd = mkstemp(&pattern[0]);
+  if (fd >= 0) unlink(pattern.c_str());
+  return fd;
+}
+
+std::string ReadFromStart(int fd) {
+  std::string text;
+  char chunk[4096];
+  ssize_t got;
+  lseek(fd, 0, SEEK_SET);
+  while ((got = read(fd, chunk, sizeof chunk)) > 0) text.append(chunk, static_cast<size_t>(got));
+  return text;
+}
+
 }  // namespace
+
+ToolRun RunTool(const std::vector<std::string>& argv) {
+  ToolRun run;
+  const int out = AnonymousFile(), err = AnonymousFile();
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+  pid_t pid = -1;
+  int status = 0;
+  if (out >= 0 && err >= 0 && !argv.empty() &&
+      posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) == 0 && waitpid(pid, &status, 0) == pid &&
+      WIFEXITED(status)) {
+    run.exitCode = WEXITSTATUS(status);
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  if (out >= 0) {
+    run.out = ReadFromStart(out);
+    close(out);
+  }
+  if (err >= 0) {
+    run.err = ReadFromStart(err);
+    close(err);
+  }
+  return run;
+}
 
 std::string ShellQuote(const std::string& text) {
   std::string quoted = "'";

@@ -35,6 +35,9 @@ class PackageSigner {
   PageParams PackageParameters(const std::string& package, const std::string& method = "sha256",
                                const std::string& name = "vendor") const;
 
+  // The path of a file of the signer's folder: "root.pem", "<name>.key", "<name>.pem".
+  std::string Path(const std::string& file) const { return folder_ + "/" + file; }
+
  private:
   bool Run(const std::string& command) const;
   std::string folder_;
@@ -56,5 +59,14 @@ std::string ShellOutput(const std::string& command, bool* ok = nullptr);
 
 // `text` quoted for the shell.
 std::string ShellQuote(const std::string& text);
+
+// What a program run by RunTool did.
+struct ToolRun {
+  int exitCode = -1;  // -1 when it could not run or did not exit normally
+  std::string out, err;
+};
+
+// Runs `argv` (argv[0] a path) without a shell, waits for it and collects both outputs.
+ToolRun RunTool(const std::vector<std::string>& argv);
 
 }  // namespace gpctest
