@@ -23,10 +23,10 @@ namespace {
 // The temporary file an interruption must remove; written before the handlers can run.
 char g_pendingPath[PATH_MAX] = {};
 
-void RemovePendingAndStop(int signal) {
+void RemovePendingAndStop(int number) {
   if (g_pendingPath[0] != '\0') unlink(g_pendingPath);
-  ::signal(signal, SIG_DFL);
-  raise(signal);
+  signal(number, SIG_DFL);
+  raise(number);
 }
 
 // A package being written: removed by the destructor unless it was moved into place.
@@ -54,7 +54,7 @@ class PendingPackage {
     }
     path_ = pattern;
     memcpy(g_pendingPath, path_.c_str(), path_.size() + 1);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::signal(signal, RemovePendingAndStop);
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) signal(number, RemovePendingAndStop);
     return true;
   }
 
@@ -100,6 +100,16 @@ bool Exists(const std::string& path) {
   return lstat(path.c_str(), &info) == 0;
 }
 
+// Whether the folder `inner` is `outer` or lies below it; a package written there would pack itself.
+bool LiesInside(const std::string& inner, const std::string& outer) {
+  char* innerReal = realpath(inner.c_str(), nullptr);
+  char* outerReal = realpath(outer.c_str(), nullptr);
+  const std::string in = innerReal != nullptr ? innerReal : "", out = outerReal != nullptr ? outerReal : "";
+  free(innerReal);
+  free(outerReal);
+  return !in.empty() && !out.empty() && (in == out || in.compare(0, out.size() + 1, out + "/") == 0);
+}
+
 std::string DigestOf(const std::string& path, const std::string& method) {
   return method == "sha1" ? Sha1OfFile(path.c_str()) : Sha256OfFile(path.c_str());
 }
@@ -138,6 +148,7 @@ int RunPack(const PackOptions& options) {
       !LoadSigningIdentity(options.key, options.cert, options.chain, &identity, &error)) {
     return Fail(error);
   }
+  if (LiesInside(options.out, bundle.folder)) return Fail("the output folder " + options.out + " lies inside the bundle");
   const std::string fileName = bundle.name + ".bundle.7z";
   const std::string target = options.out + "/" + fileName;
   if (!options.force && Exists(target)) return Fail(target + " exists; use --force to replace it");
