@@ -55,6 +55,8 @@ def parse_arguments():
     parser.add_argument("--timeout", type=float, default=20.0, help="seconds before giving up")
     parser.add_argument("--proxy", default="", help="HTTP proxy for every request: [http://]HOST:PORT")
     parser.add_argument("--screenshot", default="", help="PNG of the window, written at the end")
+    parser.add_argument("--after-load", type=float, default=0.0,
+                        help="stop this many seconds after the first page finished loading")
     parser.add_argument("--settle", type=float, default=0.5,
                         help="seconds to keep running after --until matched (lets the page paint)")
     parser.add_argument("--plugin-dir", action="append", default=[],
@@ -65,15 +67,25 @@ def parse_arguments():
     return parser.parse_args()
 
 
+def end_with_parent():
+    """In a child: asks the kernel for SIGTERM when this program dies, even by SIGKILL."""
+    import ctypes
+    PR_SET_PDEATHSIG = 1
+    ctypes.CDLL(None, use_errno=True).prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
+
+
 class PrivateXvfb:
     """An Xvfb on a free display number, chosen by the server itself (-displayfd)."""
 
     def __init__(self, size):
         read_end, write_end = os.pipe()
+        # The server gets none of the preloads meant for the browser (a sanitizer runtime).
+        environment = {k: v for k, v in os.environ.items() if k != "LD_PRELOAD"}
         self.process = subprocess.Popen(
             ["Xvfb", "-displayfd", str(write_end), "-screen", "0", size + "x24", "-nolisten", "tcp",
              "-noreset"],
-            pass_fds=(write_end,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            pass_fds=(write_end,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            env=environment, preexec_fn=end_with_parent)
         os.close(write_end)
         number = b""
         with os.fdopen(read_end, "rb") as pipe:
@@ -159,6 +171,8 @@ def run_browser(args):
     def load_finished(ok):
         loads["finished"] += 1
         if loads["finished"] == 1:
+            if args.after_load > 0:
+                QTimer.singleShot(int(args.after_load * 1000), app.quit)
             # The engine's plug-in list as a page sees it (PyQt5 has no binding of the
             # plug-in database).
             found = frame.evaluateJavaScript(PLUGIN_LIST_SCRIPT)
