@@ -158,13 +158,13 @@ EOF
 export XDG_DATA_HOME="$work/data" GPC_TRACE_FILE="$work/tlvgpc.tvt"
 unset http_proxy https_proxy HTTP_PROXY HTTPS_PROXY all_proxy ALL_PROXY
 
-# The milestones as they happen, from the plug-in's trace. tlvtracer starts before the plug-in
-# loads, so the plug-in writes its debug records too.
+# The milestones as they happen: the plug-in's trace records (tlvtracer starts before the
+# plug-in loads, so the plug-in writes its debug records too) and the browser's events.
 cat > "$work/milestones.py" <<'PY'
-import json, re, sys
-start = float(sys.argv[1]) / 1e6
+import json, re, sys, time
+start, source = float(sys.argv[1]) / 1e6, sys.argv[2]
 state = {"params": 0, "progress": False}
-rules = [
+trace_rules = [
     (r"NPWRAP : NPP_New$", lambda m: "the browser starts the plug-in (NPP_New)"),
     (r"CGpcExtMgr::Init$", lambda m: "page parameters stored for the local client (%d values)" % state["params"]),
     (r"CGpcExtMgr::NeedUpdate,.* is not exist,need update!", lambda m: "extension checked: not installed, so it is downloaded"),
@@ -183,16 +183,18 @@ rules = [
     (r"CheckLocationChanging,Requesting url\[(.*)\] at frame\[(.*)\] succeeded",
      lambda m: "the plug-in has the browser open %s in frame %s" % (m.group(1), m.group(2))),
 ]
-for line in sys.stdin:
-    try:
-        record = json.loads(line)
-    except ValueError:
-        continue
+
+
+def say(t, words):
+    print("[%3d.%02d s]   %s" % (int(t), int(t * 100) % 100, words[:200]), flush=True)
+
+
+def trace_record(record):
     text = record["text"]
     if re.search(r"CGpcWindow::SetParameters,\d+ : ", text):
         state["params"] += 1
     said = None
-    for pattern, words in rules:
+    for pattern, words in trace_rules:
         found = re.search(pattern, text)
         if found:
             said = words(found)
@@ -201,13 +203,31 @@ for line in sys.stdin:
         said = "problem: " + text
     progress = said is not None and said.startswith("download progress")
     if said is None or (progress and state["progress"]):
-        continue
+        return
     state["progress"] = progress
-    t = record["seconds"] + record["milliseconds"] / 1000.0 - start
-    print("[%3d.%02d s]   %s" % (int(t), int(t * 100) % 100, said[:200]), flush=True)
+    say(record["seconds"] + record["milliseconds"] / 1000.0 - start, said)
+
+
+def browser_event(event):
+    kind, now = event["event"], time.time() - start
+    if kind == "plugins":
+        found = ["%s (%s) for %s" % (p["name"], p["file"], p["mime"]) for p in event["plugins"]]
+        say(now, "browser: plug-ins found: " + (", ".join(found) or "none"))
+    elif kind == "load_finished":
+        say(now, 'browser: shows "%s" (%s)' % (event["title"], event["url"]))
+    elif kind == "end" and event["reason"] == "error":
+        say(now, "browser: " + event.get("error", "failed"))
+
+
+for line in sys.stdin:
+    try:
+        record = json.loads(line)
+    except ValueError:
+        continue
+    trace_record(record) if source == "trace" else browser_event(record)
 PY
 ( echo "$BASHPID" > "$work/tracer.pid"; exec "$build/bin/tlvtracer" --json --follow "$GPC_TRACE_FILE" 2>/dev/null ) |
-  tee "$work/trace.jsonl" | python3 -u "$work/milestones.py" "$started" &
+  tee "$work/trace.jsonl" | python3 -u "$work/milestones.py" "$started" trace &
 follower_pid=$!
 pids+=("$follower_pid")
 for _ in $(seq 100); do [ -s "$work/tracer.pid" ] && break; sleep 0.05; done
@@ -226,9 +246,11 @@ if [ "$mode" = host ]; then
     tail -n 1 | sed 's/^"url":"//; s/"$//') || true
 else
   say "QtWebKit opens the meeting page $site/meeting.html (plug-ins from $plugin_dir)"
-  /usr/bin/python3 tests/browser/qtwebkit_page.py "$site/meeting.html" --plugin-dir "$plugin_dir" \
-    --until "/done.html?" --timeout "$((run_ms / 1000))" --settle 1 --screenshot "$work/done.png" \
-    >"$work/events.jsonl" 2>"$work/browser.log" || status=$?
+  { /usr/bin/python3 tests/browser/qtwebkit_page.py "$site/meeting.html" --plugin-dir "$plugin_dir" \
+      --until "/done.html?" --timeout "$((run_ms / 1000))" --settle 1 --screenshot "$work/done.png" \
+      2>"$work/browser.log"; echo $? >"$work/browser.status"; } |
+    tee "$work/events.jsonl" | python3 -u "$work/milestones.py" "$started" browser
+  status=$(cat "$work/browser.status")
   done_url=$(grep '"event":"url_changed"' "$work/events.jsonl" | grep -o '"url":"[^"]*/done.html?[^"]*"' |
     tail -n 1 | sed 's/^"url":"//; s/"$//') || true
 fi

@@ -183,7 +183,8 @@ def run_browser(args):
     frame.loadFinished.connect(load_finished)
     frame.urlChanged.connect(url_changed)
     QTimer.singleShot(int(args.timeout * 1000), app.quit)
-    signal.signal(signal.SIGTERM, lambda *unused: app.quit())
+    for stop_signal in (signal.SIGTERM, signal.SIGINT):
+        signal.signal(stop_signal, lambda *unused: app.quit())
     # Python handles signals only between byte codes: a timer lets it look now and then.
     wake = QTimer()
     wake.timeout.connect(lambda: None)
