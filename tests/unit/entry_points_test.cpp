@@ -1,11 +1,14 @@
 // The module's entry points and browser-call wrappers, driven through a fake browser table.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <functional>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,13 +19,40 @@
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
 
-extern "C" {
-const char* NP_GetMIMEDescription(void);
-NPError NP_GetValue(void* future, NPPVariable variable, void* value);
-NPError NP_Initialize(NPNetscapeFuncs* browserFuncs, NPPluginFuncs* pluginFuncs);
-NPError NP_GetEntryPoints(NPPluginFuncs* pluginFuncs);
-NPError NP_Shutdown(void);
+#include "gpc/gpc_trace.h"
+
+// ---- An allocator that fails on demand ------------------------------------------------------------
+// Armed on a thread, it lets that many more of the thread's allocations succeed and fails every one
+// after: the throwing forms throw std::bad_alloc, the others answer null.
+namespace {
+thread_local long t_allocationsBeforeFailure = -1;  // -1: disarmed
+thread_local bool t_allocationFailed = false;
+
+void* AllocateOrFail(std::size_t size) noexcept {
+  if (t_allocationsBeforeFailure == 0) {
+    t_allocationFailed = true;
+    return nullptr;
+  }
+  if (t_allocationsBeforeFailure > 0) --t_allocationsBeforeFailure;
+  return std::malloc(size == 0 ? 1 : size);
 }
+
+void* AllocateOrThrow(std::size_t size) {
+  if (void* memory = AllocateOrFail(size)) return memory;
+  throw std::bad_alloc();
+}
+}  // namespace
+
+void* operator new(std::size_t size) { return AllocateOrThrow(size); }
+void* operator new[](std::size_t size) { return AllocateOrThrow(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return AllocateOrFail(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return AllocateOrFail(size); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
+void operator delete[](void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
 
 namespace {
 
@@ -39,39 +69,49 @@ struct BrowserLog {
 };
 BrowserLog g_log;
 
+// The fake browser is C as far as the plug-in can tell: what it records is dropped, never thrown
+// at the plug-in, when memory runs out.
+template <typename Record>
+void Note(Record record) noexcept {
+  try {
+    record();
+  } catch (...) {
+  }
+}
+
 NPError FakeGetURL(NPP, const char*, const char*) {
-  g_log.calls.push_back("geturl");
+  Note([&] { g_log.calls.push_back("geturl"); });
   return NPERR_NO_ERROR;
 }
 NPError FakeGetURLNotify(NPP, const char* url, const char*, void* data) {
-  g_log.calls.push_back(std::string("geturlnotify ") + url);
+  Note([&] { g_log.calls.push_back(std::string("geturlnotify ") + url); });
   g_log.last_notify_data = data;
   return NPERR_NO_ERROR;
 }
 NPError FakePostURLNotify(NPP, const char*, const char*, uint32_t, const char*, NPBool, void*) {
-  g_log.calls.push_back("posturlnotify");
+  Note([&] { g_log.calls.push_back("posturlnotify"); });
   return NPERR_NO_ERROR;
 }
 NPError FakeNewStream(NPP, NPMIMEType, const char*, NPStream**) {
-  g_log.calls.push_back("newstream");
+  Note([&] { g_log.calls.push_back("newstream"); });
   return NPERR_NO_ERROR;
 }
 int32_t FakeWrite(NPP, NPStream*, int32_t len, void*) {
-  g_log.calls.push_back("write");
+  Note([&] { g_log.calls.push_back("write"); });
   return len;
 }
 NPError FakeDestroyStream(NPP, NPStream*, NPReason) {
-  g_log.calls.push_back("destroystream");
+  Note([&] { g_log.calls.push_back("destroystream"); });
   return NPERR_NO_ERROR;
 }
 void* FakeMemAlloc(uint32_t size) { return g_log.memalloc_fails ? nullptr : std::calloc(1, size); }
 void FakeMemFree(void* ptr) { std::free(ptr); }
 void* FakeGetJavaEnv(void) {
-  g_log.calls.push_back("getJavaEnv");
+  Note([&] { g_log.calls.push_back("getJavaEnv"); });
   return nullptr;
 }
 NPError FakeGetValue(NPP, NPNVariable variable, void* value) {
-  g_log.calls.push_back("getvalue " + std::to_string(variable));
+  Note([&] { g_log.calls.push_back("getvalue " + std::to_string(variable)); });
   if (g_log.getvalue_result != NPERR_NO_ERROR) return g_log.getvalue_result;
   bool answer = variable == NPNVsupportsCoreGraphicsBool ? g_log.core_graphics
                 : variable == NPNVsupportsCocoaBool      ? g_log.cocoa
@@ -80,7 +120,7 @@ NPError FakeGetValue(NPP, NPNVariable variable, void* value) {
   return NPERR_NO_ERROR;
 }
 NPError FakeSetValue(NPP, NPPVariable variable, void* value) {
-  g_log.set_values.emplace_back(variable, reinterpret_cast<intptr_t>(value));
+  Note([&] { g_log.set_values.emplace_back(variable, reinterpret_cast<intptr_t>(value)); });
   return g_log.setvalue_result;
 }
 
@@ -458,6 +498,115 @@ TEST_F(Negotiation, BadBlocksAreRefusedUnread) {
   EXPECT_EQ(plugin_.write(&npp_, &data, 0, 7, block), 7);
   EXPECT_EQ(sapLog.lengths, std::vector<int32_t>{7});
   plugin_.destroystream(&npp_, &data, NPRES_DONE);
+}
+
+// ---- Failing allocation ----------------------------------------------------------------------------
+
+// One entry point called as a browser or an extension calls it, with the answers it may give.
+struct BoundaryCall {
+  const char* name;
+  std::function<long()> call;
+  std::vector<long> answers = {};      // empty: any answer
+  std::function<void()> prepare = {};  // runs before each attempt, allocation working
+};
+
+// Runs the call with allocation failing from its first allocation on, then from its second, and
+// so on (further apart as the count grows), until a run meets no failure. No exception may leave
+// it, and each answer is one it may give.
+void CallWithEachAllocationFailing(const BoundaryCall& entry) {
+  for (long allowed = 0;; allowed += 1 + allowed / 8) {
+    if (entry.prepare) entry.prepare();
+    long answer = 0;
+    bool escaped = false;
+    t_allocationFailed = false;
+    t_allocationsBeforeFailure = allowed;
+    try {
+      answer = entry.call();
+    } catch (...) {
+      escaped = true;
+    }
+    t_allocationsBeforeFailure = -1;
+    ASSERT_FALSE(escaped) << "an exception left " << entry.name << " when allocation " << allowed << " failed";
+    if (!entry.answers.empty()) {
+      EXPECT_NE(std::find(entry.answers.begin(), entry.answers.end(), answer), entry.answers.end())
+          << entry.name << " answered " << answer << " when allocation " << allowed << " failed";
+    }
+    if (!t_allocationFailed) return;
+  }
+}
+
+TEST_F(Negotiation, NoExceptionLeavesAnEntryPointWhenMemoryRunsOut) {
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  const auto ensureInstance = [this] {
+    if (npp_.pdata == nullptr) {
+      ASSERT_EQ(NewInstance(), NPERR_NO_ERROR);
+    }
+  };
+  const auto window = [this] { return static_cast<InstanceRecord*>(npp_.pdata)->gpcWindow; };
+  NPWindow npWindow{};
+  NPStream hostSite{};
+  hostSite.url = "https://www.talvo.us/page";
+  hostSite.notifyData = reinterpret_cast<void*>(100);
+  std::string pageUrl = "https://www.talvo.us/page";
+  uint16_t stype = 0;
+  NPPrint print{};
+  const char* text = nullptr;
+  char folder[64];
+  char answer[64];
+  const long kOk = NPERR_NO_ERROR, kOutOfMemory = NPERR_OUT_OF_MEMORY_ERROR;
+  const long kServiceOk = GPC_RESULT_OK, kServiceOutOfMemory = kGpcServiceOutOfMemory;
+  const std::vector<BoundaryCall> calls = {
+      {"NP_GetValue", [&] { return long(NP_GetValue(nullptr, NPPVpluginNameString, &text)); }, {kOk, kOutOfMemory}},
+      {"NP_GetEntryPoints", [&] { return long(NP_GetEntryPoints(&plugin_)); }, {kOk, kOutOfMemory}},
+      {"NP_Initialize", [&] { return long(NP_Initialize(&browser_, &plugin_)); }, {kOk, kOutOfMemory},
+       [] { gpc::GPCTraceCatcher::releaseGlobal(); }},
+      // Refused, it leaves no instance data behind.
+      {"NPP_New", [&] { return NewInstance() == kOk ? kOk : npp_.pdata == nullptr ? kOutOfMemory : -1; },
+       {kOk, kOutOfMemory}, [this] { DestroyInstance(); }},
+      {"NPP_SetWindow", [&] { return long(plugin_.setwindow(&npp_, &npWindow)); }, {kOk, kOutOfMemory},
+       ensureInstance},
+      {"NPP_HandleEvent", [&] { return long(plugin_.event(&npp_, nullptr)); }, {0}, ensureInstance},
+      {"NPP_NewStream", [&] { return long(plugin_.newstream(&npp_, nullptr, &hostSite, false, &stype)); },
+       {kOk, kOutOfMemory}, ensureInstance},
+      {"NPP_WriteReady", [&] { return long(plugin_.writeready(&npp_, &hostSite)); }, {0x0FFFFFFF}, ensureInstance},
+      {"NPP_Write",
+       [&] { return long(plugin_.write(&npp_, &hostSite, 0, int32_t(pageUrl.size()), &pageUrl[0])); },
+       {long(pageUrl.size()), -1}, ensureInstance},
+      {"NPP_DestroyStream", [&] { return long(plugin_.destroystream(&npp_, &hostSite, NPRES_DONE)); },
+       {kOk, kOutOfMemory}, ensureInstance},
+      {"NPP_StreamAsFile", [&] { return plugin_.asfile(&npp_, &hostSite, "/tmp/x"), 0L; }, {}, ensureInstance},
+      {"NPP_URLNotify", [&] { return plugin_.urlnotify(&npp_, "https://www.talvo.us/x", NPRES_DONE, nullptr), 0L; },
+       {}, ensureInstance},
+      {"NPP_Print", [&] { return plugin_.print(&npp_, &print), 0L; }, {}, ensureInstance},
+      {"NPP_Destroy", [&] { return long(plugin_.destroy(&npp_, nullptr)); }, {kOk, kOutOfMemory}, ensureInstance},
+      {"GpcRegisterStreamSap",
+       [&] {
+         void* sap = nullptr;
+         return long(GpcRegisterStreamSap(&SapLog::Record, nullptr, window(), &sap));
+       },
+       {kServiceOk, kServiceOutOfMemory}, ensureInstance},
+      {"GpcGetStream",
+       [&] {
+         void* stream = nullptr;
+         return long(GpcGetStream(window()->m_streamSap, "https://www.talvo.us/f", 0, &stream));
+       },
+       {kServiceOk, GPC_ERR_REQUEST_PENDING, kServiceOutOfMemory}, ensureInstance},
+      {"GpcSetParam", [&] { return long(GpcSetParam(window(), "Name", "value")); }, {kServiceOk, kServiceOutOfMemory},
+       ensureInstance},
+      {"GpcGetParam", [&] { return long(GpcGetParam(window(), "GpcUrlRoot") != nullptr); }, {}, ensureInstance},
+      {"GpcChangeLocation", [&] { return long(GpcChangeLocation(window(), "https://www.talvo.us/n", "_top")); },
+       {kServiceOk, kServiceOutOfMemory}, ensureInstance},
+      {"GpcGetFileAtUrl", [&] { return long(GpcGetFileAtUrl(window(), nullptr, nullptr, "https://www.talvo.us/f")); },
+       {kServiceOk, kServiceOutOfMemory}, ensureInstance},
+      {"GpcShowMessage", [&] { return long(GpcShowMessage(window(), "text")); }, {kServiceOk, kServiceOutOfMemory},
+       ensureInstance},
+      {"GpcOutputDebugString", [&] { return GpcOutputDebugString(window(), "text"), 0L; }, {}, ensureInstance},
+      {"GpcGetPluginDir", [&] { return long(GpcGetPluginDir(folder, sizeof folder)); }, {}},
+      {"GpcTracePost", [&] { return long(GpcTracePost("Extension", 2, "text")); }, {0, 1}},
+      {"GpcTraceQueryWarnings", [&] { return long(GpcTraceQueryWarnings(1, answer, sizeof answer) >= -1); }, {1}},
+      {"NP_Shutdown", [&] { return long(NP_Shutdown()); }, {kOk, kOutOfMemory}, [this] { DestroyInstance(); }},
+  };
+  for (const BoundaryCall& entry : calls) CallWithEachAllocationFailing(entry);
 }
 
 // ---- Debug strings -----------------------------------------------------------------------------

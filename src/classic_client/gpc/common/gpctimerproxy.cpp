@@ -3,6 +3,8 @@
 #include <cmath>
 #include <glib.h>
 
+#include "boundary.h"
+
 // Owns the GLib source. The source repeats until cleanUp removes it (clearing its id and the
 // listener), so a callback that deletes its proxy never reaches it again.
 class GPCTimerImp {
@@ -24,12 +26,14 @@ class GPCTimerImp {
   }
 
  private:
-  static gboolean onTimer(gpointer data) {
+  // Called by GLib: nothing thrown in the callback goes on into the event loop.
+  static gboolean onTimer(gpointer data) try {
     GPCTimerImp* self = static_cast<GPCTimerImp*>(data);
     // The listener may delete the proxy, and with it this object: touch nothing afterwards.
     if (self->myListener) self->myListener->invoke();
     return G_SOURCE_CONTINUE;
   }
+  GPC_BOUNDARY_CATCH(G_SOURCE_CONTINUE)
   guint myTimer = 0;
   GPCTimerProxy* myListener = nullptr;
 };

@@ -123,7 +123,14 @@ void GPCTraceCatcher::releaseGlobal() {
 GPCTraceCatcher* GPCTraceCatcher::create() {
   GPCTraceCatcher* catcher = new GPCTraceCatcher();
   catcher->m_pSelf = std::shared_ptr<GPCTraceCatcher>(catcher, [](GPCTraceCatcher* gone) { delete gone; });
-  catcher->startObserving();
+  try {
+    catcher->startObserving();
+  } catch (...) {
+    // No half-registered catcher stays behind when the failure goes on.
+    catcher->stopObserving();
+    catcher->m_pSelf.reset();
+    throw;
+  }
   return catcher;
 }
 

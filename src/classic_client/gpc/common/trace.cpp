@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "boundary.h"
 #include "gpc/gpc_trace.h"
 #include "gpcnotification.h"
 #include "gpctracecatcher.h"
@@ -17,16 +18,22 @@ namespace {
 constexpr size_t kMessageBufferSize = 4096;
 constexpr char kPluginModule[] = "GPCPlugin";
 
-// Posts one entry; texts that are not UTF-8 are dropped, as no string can be made of them.
-bool PostEntry(const char* module, int level, const char* text, size_t length) {
+// Posts one entry; texts that are not UTF-8 are dropped, as no string can be made of them, and so
+// is an entry that cannot be made or delivered for want of memory: logging never throws, so that
+// destructors and catch handlers may log.
+bool PostEntry(const char* module, int level, const char* text, size_t length) noexcept {
   if (!gpc::IsValidUtf8(std::string_view(text, length))) return false;
-  std::map<std::string, gpc::GPCUserInfo::Value> values;
-  values.emplace(GPC_TRACE_CONTENT_KEY, std::string(text, length));
-  values.emplace(GPC_TRACE_MODULE_KEY, std::string(module));
-  values.emplace(GPC_TRACE_LEVEL_KEY, static_cast<double>(level));
-  gpc::GPCNotificationCenter::defaultCenter().postNotification(
-      GPC_TRACE_NOTIFICATION, nullptr, gpc::GPCUserInfo::CreateImmutable(std::move(values)));
-  return true;
+  try {
+    std::map<std::string, gpc::GPCUserInfo::Value> values;
+    values.emplace(GPC_TRACE_CONTENT_KEY, std::string(text, length));
+    values.emplace(GPC_TRACE_MODULE_KEY, std::string(module));
+    values.emplace(GPC_TRACE_LEVEL_KEY, static_cast<double>(level));
+    gpc::GPCNotificationCenter::defaultCenter().postNotification(
+        GPC_TRACE_NOTIFICATION, nullptr, gpc::GPCUserInfo::CreateImmutable(std::move(values)));
+    return true;
+  } catch (...) {
+    return false;
+  }
 }
 
 void PostFormatted(int level, const char* format, va_list args) {
@@ -57,7 +64,7 @@ extern "C" GPC_TRACE_EXPORT int GpcTracePost(const char* module, int level, cons
   return PostEntry(module, level, text, strlen(text)) ? 1 : 0;
 }
 
-extern "C" GPC_TRACE_EXPORT int GpcTraceQueryWarnings(int reset, char* buffer, size_t size) {
+extern "C" GPC_TRACE_EXPORT int GpcTraceQueryWarnings(int reset, char* buffer, size_t size) try {
   nlStrCpy(buffer, size, "");
   std::shared_ptr<gpc::GPCUserInfo> query = gpc::GPCUserInfo::CreateMutable();
   query->SetBool(GPC_RESET_TRACES_KEY, reset != 0);
@@ -67,3 +74,4 @@ extern "C" GPC_TRACE_EXPORT int GpcTraceQueryWarnings(int reset, char* buffer, s
   nlStrCpy(buffer, size, answer->c_str());
   return static_cast<int>(answer->size());
 }
+GPC_BOUNDARY_CATCH(-1)

@@ -1,5 +1,7 @@
 #include "net/curl_transfer.h"
 
+#include "hardening.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +11,8 @@
 #include <mutex>
 #include <set>
 #include <vector>
+
+#include "boundary.h"
 
 namespace gpcnet {
 
@@ -161,7 +165,8 @@ class MultiDriver {
   }
 
   // CURLMOPT_SOCKETFUNCTION: keeps one GLib source per socket, watching what libcurl waits for.
-  static int OnSocket(CURL*, curl_socket_t fd, int what, void* userp, void* socketp) {
+  // A watch that cannot be made fails the socket's transfers (-1), as libcurl documents.
+  static int OnSocket(CURL*, curl_socket_t fd, int what, void* userp, void* socketp) try {
     MultiDriver* self = static_cast<MultiDriver*>(userp);
     SocketWatch* watch = static_cast<SocketWatch*>(socketp);
     if (what == CURL_POLL_REMOVE) {
@@ -186,6 +191,7 @@ class MultiDriver {
     watch->sourceId = AttachRecursive(source, G_SOURCE_FUNC(&MultiDriver::OnSocketReady), watch);
     return 0;
   }
+  GPC_BOUNDARY_CATCH(-1)
 
   void DropWatch(SocketWatch* watch) {
     if (watch->sourceId) g_source_remove(watch->sourceId);
@@ -205,9 +211,20 @@ class MultiDriver {
     return G_SOURCE_CONTINUE;
   }
 
-  // One round of socket activity: let libcurl work, then tell the listeners.
-  void Act(curl_socket_t fd, int mask) {
+  // One round of socket activity: let libcurl work, then tell the listeners. It runs from the event
+  // loop: nothing a listener throws goes on into GLib.
+  void Act(curl_socket_t fd, int mask) noexcept {
     ++depth_;
+    try {
+      ActAndReport(fd, mask);
+    } catch (...) {
+      ::gpc::LogStoppedException("MultiDriver::Act");
+    }
+    --depth_;
+    RetireWhenIdle();
+  }
+
+  void ActAndReport(curl_socket_t fd, int mask) {
     int running = 0;
     curl_multi_socket_action(multi_, fd, mask, &running);
     for (CurlTransfer* transfer : transfers_) FlushStaged(transfer);
@@ -215,8 +232,6 @@ class MultiDriver {
     // A transfer whose data could not be kept ends now, whatever libcurl thinks of it.
     for (CurlTransfer* transfer : transfers_) transfer->finished = transfer->finished || transfer->storeFailed;
     Report();
-    --depth_;
-    RetireWhenIdle();
   }
 
   void CollectFinished() {
@@ -323,7 +338,8 @@ bool Configure(CurlTransfer* transfer, const TransferRequest& request) {
   ok = ok && curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &OnBody) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer) == CURLE_OK;
-  if (request.acceptAnyCertificate) {
+  // The hardened build verifies every server against the system's anchors.
+  if (request.acceptAnyCertificate && !gpc::GpcHardened()) {
     ok = ok && curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L) == CURLE_OK;
     ok = ok && curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L) == CURLE_OK;
   }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/boundary.h"
 #include "common/gpctracecatcher.h"
 #include "common/trace.h"
 #include "platform/debug_string.h"
@@ -27,11 +28,15 @@ constexpr const char* kPluginDescription =
 // Systems from this version on get the drawing and event models negotiated.
 constexpr uint32_t kFirstNegotiatingSystem = 0x1060;
 
-// Hands `text` to the platform's debug-string sink, then logs it at info level.
-void DebugAndLog(const char* text) {
-  unsigned char pascal[256];
-  platform::MakePascalString(text, pascal);
-  platform::DebugStr(pascal);
+// Hands `text` to the platform's debug-string sink, then logs it at info level. A debug string the
+// sink cannot take (for want of memory) is dropped.
+void DebugAndLog(const char* text) noexcept {
+  try {
+    unsigned char pascal[256];
+    platform::MakePascalString(text, pascal);
+    platform::DebugStr(pascal);
+  } catch (...) {
+  }
   MacInfoTrace("%s", text);
 }
 
@@ -124,6 +129,24 @@ int g_nLiveInstances = 0;
 
 bool HasInstanceData(NPP instance) { return instance != nullptr && instance->pdata != nullptr; }
 
+// Starts the process's collected trace again when an earlier last instance ended it. Without
+// memory for it the instance runs on untraced.
+void RestartCollectedTrace() noexcept {
+  try {
+    gpc::GPCTraceCatcher::sharedInstance();
+  } catch (...) {
+  }
+}
+
+// Ends the process's collected trace.
+void EndCollectedTrace() noexcept {
+  try {
+    gpc::GPCTraceCatcher::sharedInstance()->setAllTraceInfo(nullptr);
+  } catch (...) {
+  }
+  gpc::GPCTraceCatcher::releaseGlobal();
+}
+
 NPError Private_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t argc, char* argn[],
                     char* argv[], NPSavedData* saved) {
   DebugAndLog("Private_New");
@@ -138,10 +161,7 @@ NPError Private_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t 
   }
   const bool existed = HasInstanceData(instance);
   const NPError result = NPP_New(pluginType, instance, mode, argc, argn, argv, saved);
-  if (!existed && HasInstanceData(instance) && g_nLiveInstances++ == 0) {
-    // The first instance after the last one ended collects a trace again.
-    gpc::GPCTraceCatcher::sharedInstance();
-  }
+  if (!existed && HasInstanceData(instance) && g_nLiveInstances++ == 0) RestartCollectedTrace();
   return result;
 }
 
@@ -152,10 +172,7 @@ NPError Private_Destroy(NPP instance, NPSavedData** save) {
   const bool existed = HasInstanceData(instance);
   NPError result = NPP_Destroy(instance, save);
   Private_Shutdown();
-  if (existed && g_nLiveInstances > 0 && --g_nLiveInstances == 0) {
-    gpc::GPCTraceCatcher::sharedInstance()->setAllTraceInfo(nullptr);
-    gpc::GPCTraceCatcher::releaseGlobal();
-  }
+  if (existed && g_nLiveInstances > 0 && --g_nLiveInstances == 0) EndCollectedTrace();
   return result;
 }
 
@@ -255,10 +272,12 @@ static_assert(sizeof(void*) != 8 || kPluginFuncsSize == 120, "plug-in table exte
 static_assert(sizeof(void*) != 4 || kPluginFuncsSize == 60, "plug-in table extent");
 
 // ---- Module entry points -----------------------------------------------------------------------
+// Each ends in GPC_BOUNDARY_CATCH: no exception reaches the browser. (The Private_* table's
+// functions add to the NPP_* handlers, which end in it too, only calls that never throw.)
 
 GPC_EXPORT const char* NP_GetMIMEDescription(void) { return kMimeDescription; }
 
-GPC_EXPORT NPError NP_GetValue(void*, NPPVariable variable, void* value) {
+GPC_EXPORT NPError NP_GetValue(void*, NPPVariable variable, void* value) try {
   if (value == nullptr) return NPERR_INVALID_PARAM;
   switch (variable) {
     case NPPVpluginNameString:
@@ -271,23 +290,27 @@ GPC_EXPORT NPError NP_GetValue(void*, NPPVariable variable, void* value) {
       return NPERR_INVALID_PARAM;
   }
 }
+GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
 
 // The Unix form: the browser hands both tables at once; the plug-in's table is filled only after
 // the browser's has been accepted.
-GPC_EXPORT NPError NP_Initialize(NPNetscapeFuncs* browserFuncs, NPPluginFuncs* pluginFuncs) {
+GPC_EXPORT NPError NP_Initialize(NPNetscapeFuncs* browserFuncs, NPPluginFuncs* pluginFuncs) try {
   NPError result = InitializeBrowserSide(browserFuncs);
   if (result != NPERR_NO_ERROR || pluginFuncs == nullptr) return result;
   return FillPluginFuncs(pluginFuncs);
 }
+GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
 
-GPC_EXPORT NPError NP_GetEntryPoints(NPPluginFuncs* pluginFuncs) { return FillPluginFuncs(pluginFuncs); }
+GPC_EXPORT NPError NP_GetEntryPoints(NPPluginFuncs* pluginFuncs) try { return FillPluginFuncs(pluginFuncs); }
+GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
 
-GPC_EXPORT NPError NP_Shutdown(void) {
+GPC_EXPORT NPError NP_Shutdown(void) try {
   DebugAndLog("NP_Shutdown");
   gpc::GPCTraceCatcher::releaseGlobal();
   Private_Shutdown();
   return NPERR_NO_ERROR;
 }
+GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
 
 // ---- Browser calls -----------------------------------------------------------------------------
 

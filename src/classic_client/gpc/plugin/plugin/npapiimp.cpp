@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 
+#include "boundary.h"
 #include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
@@ -101,9 +103,9 @@ void CGpcProvider::Cleanup() {
 
 CGpcSap* CGpcProvider::RegisterSap(GPCStreamMessageProc callback, void* context) {
   MacInfoTrace("CGpcProvider::RegisterSap");
-  CGpcSap* sap = new CGpcSap(this, callback, context);
-  AddSap(sap);
-  return sap;
+  std::unique_ptr<CGpcSap> sap(new CGpcSap(this, callback, context));
+  AddSap(sap.get());
+  return sap.release();
 }
 
 bool CGpcProvider::AddSap(CGpcSap* sap) {
@@ -201,8 +203,9 @@ uint32_t CGpcProvider::RequestStream(RequestKind kind, void* sap, const char* ur
                      : kind == RequestKind::kPostWithoutHook ? "CGpcProvider::StreamPostWithoutHook"
                                                               : "CGpcProvider::StreamPostWithHook";
   CGpcAutoLock lock(m_lock);
-  CGpcStream* stream = new CGpcStream(AsSap(sap), url, asFile);
-  m_vectorLiveStream.push_back(stream);
+  std::unique_ptr<CGpcStream> owned(new CGpcStream(AsSap(sap), url, asFile));
+  m_vectorLiveStream.push_back(owned.get());
+  CGpcStream* stream = owned.release();
   m_pPendingStream = stream;
 
   NPError result;
@@ -451,6 +454,7 @@ void CGpcProvider::OnNppUrlNotify(const char* url, NPReason reason, void* notify
 }
 
 // ---- The extension service table --------------------------------------------------------
+// Each service that does any work ends in GPC_BOUNDARY_CATCH: no exception reaches the extension.
 
 extern "C" {
 
@@ -461,15 +465,16 @@ uint32_t GpcGetVersion(int* major, int* minor) {
 }
 
 uint32_t GpcRegisterStreamSap(GPCStreamMessageProc callback, void* context, void* instance,
-                              void** sap) {
+                              void** sap) try {
   if (sap == nullptr || callback == nullptr) return GPC_ERR_NULL_ARGUMENT;
   if (instance == nullptr) return GPC_ERR_NO_INSTANCE;
   MacInfoTrace("GpcRegisterStreamSap");
   *sap = AsWindow(instance)->m_provider.RegisterSap(callback, context);
   return GPC_RESULT_OK;
 }
+GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 
-uint32_t GpcUnregisterStreamSap(void* sap) {
+uint32_t GpcUnregisterStreamSap(void* sap) try {
   if (sap == nullptr) return GPC_ERR_NULL_ARGUMENT;
   MacInfoTrace("GpcUnregisterStreamSap");
   CGpcProvider* provider = AsSap(sap)->m_pProvider;
@@ -477,17 +482,19 @@ uint32_t GpcUnregisterStreamSap(void* sap) {
   provider->UnregisterSap(sap);
   return GPC_RESULT_OK;
 }
+GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 
-uint32_t GpcGetStream(void* sap, const char* url, int asFile, void** stream) {
+uint32_t GpcGetStream(void* sap, const char* url, int asFile, void** stream) try {
   if (sap == nullptr || url == nullptr) return GPC_ERR_NULL_ARGUMENT;
   MacInfoTrace("GpcGetStream,url = %s", url);
   CGpcProvider* provider = AsSap(sap)->m_pProvider;
   if (provider == nullptr) return GPC_ERR_NO_PROVIDER;
   return provider->StreamGet(sap, url, asFile, stream);
 }
+GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 
 uint32_t GpcPostStream(void* sap, const char* url, const char* data, unsigned len, int asFile,
-                       void** stream) {
+                       void** stream) try {
   if (sap == nullptr || url == nullptr) return GPC_ERR_NULL_ARGUMENT;
   MacInfoTrace("GpcPostStream,url = %s", url);
   CGpcProvider* provider = AsSap(sap)->m_pProvider;
@@ -496,51 +503,60 @@ uint32_t GpcPostStream(void* sap, const char* url, const char* data, unsigned le
   NPN_Version(&pluginMajor, &pluginMinor, &browserMajor, &browserMinor);  // asked, not used
   return provider->StreamPostWithoutHook(sap, url, data, len, asFile, stream);
 }
+GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 
-uint32_t GpcAbortStream(void* sap, void* stream) {
+uint32_t GpcAbortStream(void* sap, void* stream) try {
   if (sap == nullptr) return GPC_ERR_NULL_ARGUMENT;
   MacInfoTrace("GpcAbortStream");
   CGpcProvider* provider = AsSap(sap)->m_pProvider;
   if (provider == nullptr) return GPC_ERR_NO_PROVIDER;
   return provider->AbortStream(sap, stream);
 }
+GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 
-int GpcGetParamCount(void* instance) {
+int GpcGetParamCount(void* instance) try {
   return instance == nullptr ? 0 : AsWindow(instance)->GetParameterCount();
 }
+GPC_BOUNDARY_CATCH(0)
 
-uint32_t GpcSetParam(void* instance, const char* name, const char* value) {
+uint32_t GpcSetParam(void* instance, const char* name, const char* value) try {
   if (instance == nullptr) return GPC_ERR_NO_INSTANCE;
   AsWindow(instance)->SetParameter(name, value);
   return GPC_RESULT_OK;
 }
+GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 
-const char* GpcGetParam(void* instance, const char* name) {
+const char* GpcGetParam(void* instance, const char* name) try {
   return instance == nullptr ? nullptr : AsWindow(instance)->GetParameter(name);
 }
+GPC_BOUNDARY_CATCH(nullptr)
 
-int GpcGetParamAt(void* instance, int index, const char** name, const char** value) {
+int GpcGetParamAt(void* instance, int index, const char** name, const char** value) try {
   if (instance == nullptr) return 0;
   AsWindow(instance)->GetParameterAt(index, name, value);
   return 1;  // whatever the lookup found
 }
+GPC_BOUNDARY_CATCH(0)
 
-uint32_t GpcChangeLocation(void* instance, const char* url, const char* target) {
+uint32_t GpcChangeLocation(void* instance, const char* url, const char* target) try {
   if (instance == nullptr) return GPC_ERR_NO_INSTANCE;
   AsWindow(instance)->ChangeLocation(target, url);
   return GPC_RESULT_OK;
 }
+GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 
-uint32_t GpcGetFileAtUrl(void* instance, GpcGetFileNotifyProc callback, void* context, const char* url) {
+uint32_t GpcGetFileAtUrl(void* instance, GpcGetFileNotifyProc callback, void* context, const char* url) try {
   if (instance == nullptr) return GPC_ERR_NO_INSTANCE;
   AsWindow(instance)->GetFileAtUrl(callback, context, url);
   return GPC_RESULT_OK;
 }
+GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 
-uint32_t GpcUnpackFile(void* instance, const char* archive, const char* destination) {
+uint32_t GpcUnpackFile(void* instance, const char* archive, const char* destination) try {
   if (instance == nullptr) return GPC_ERR_NO_INSTANCE;
   return AsWindow(instance)->UnpackFile(archive, destination, 0);
 }
+GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 
 uint32_t GpcSetHook(void* instance) {
   return instance == nullptr ? GPC_ERR_NO_INSTANCE : GPC_RESULT_OK;
@@ -550,11 +566,12 @@ void* GpcGetPluginNativeWindow(void* instance) {
   return instance == nullptr ? nullptr : AsWindow(instance)->GetPluginNativeWindow();
 }
 
-void GpcStopDownload(void* instance) {
+void GpcStopDownload(void* instance) try {
   if (instance != nullptr) AsWindow(instance)->StopDownload();
 }
+GPC_BOUNDARY_CATCH_VOID
 
-unsigned GpcGetPluginDir(char* buffer, unsigned size) {
+unsigned GpcGetPluginDir(char* buffer, unsigned size) try {
   // Codes of the folder lookup as the logs report them.
   constexpr int kFolderNotFound = -43;
   constexpr int kPathTooLong = -2110;
@@ -579,12 +596,14 @@ unsigned GpcGetPluginDir(char* buffer, unsigned size) {
   buffer[copied] = '\0';
   return static_cast<unsigned>(copied);
 }
+GPC_BOUNDARY_CATCH(0)
 
-uint32_t GpcShowMessage(void* instance, const char* message) {
+uint32_t GpcShowMessage(void* instance, const char* message) try {
   if (instance == nullptr) return GPC_ERR_NO_INSTANCE;
   AsWindow(instance)->ShowMessage(message, nullptr);
   return GPC_RESULT_OK;
 }
+GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 
 void GpcOutputDebugString(void* instance, const char* text) {
   (void)instance;

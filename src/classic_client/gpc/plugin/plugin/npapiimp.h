@@ -169,6 +169,10 @@ class CGpcProvider {
   std::vector<CGpcStream*> m_vectorLiveStream;
 };
 
+// What a service answers when it could not get the memory it needed: the one code of the table
+// that says that something could not be obtained.
+constexpr uint32_t kGpcServiceOutOfMemory = GPC_ERR_NO_POST_BUFFER;
+
 // ---- Services handed to the extension (slots of GpcServiceTable) ----------------------------
 extern "C" {
 uint32_t GpcGetVersion(int* major, int* minor);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "gpcutil.h"
@@ -40,7 +41,9 @@ bool CGpcWindow::GetFileAtUrl(GpcGetFileNotifyProc callback, void* context, cons
     MacInfoTrace("CGpcWindow::GetFileAtUrl,url=[%s]", url);
   else
     MacInfoTrace("CGpcWindow::GetFileAtUrl");
-  m_vectorFileItem.push_back(new CGetFileItem(callback, context, url));
+  std::unique_ptr<CGetFileItem> item(new CGetFileItem(callback, context, url));
+  m_vectorFileItem.push_back(item.get());
+  item.release();
   return true;
 }
 

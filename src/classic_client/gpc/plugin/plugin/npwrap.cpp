@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "boundary.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
 #include "trace.h"
@@ -12,8 +13,9 @@ namespace {
 
 // Accept everything the browser has.
 const int32_t kAcceptAll = 0x0FFFFFFF;
-// The answer to a write of a block that is not there: an error, for which the browser ends the stream.
-const int32_t kRefusedBlock = -1;
+// The answer to a write that failed (or of a block that is not there): an error, for which the
+// browser ends the stream.
+const int32_t kWriteFailed = -1;
 
 InstanceRecord* RecordOf(NPP instance) {
   return instance ? static_cast<InstanceRecord*>(instance->pdata) : nullptr;
@@ -48,19 +50,36 @@ void CheckHostSite(CGpcWindow* window, int32_t len, const void* buffer) {
   delete[] url;
 }
 
+// Frees the instance record and the instance it holds; the NPP no longer has instance data.
+void DiscardInstance(NPP instance) {
+  InstanceRecord* record = RecordOf(instance);
+  if (record == nullptr) return;
+  // A call the browser makes while the instance is torn down finds none.
+  CGpcWindow* window = record->gpcWindow;
+  record->gpcWindow = nullptr;
+  delete window;
+  if (record->nativeWindowSubclass != nullptr) MacInfoTrace("NPWRAP : Unsubclass native plugin window");
+  instance->pdata = nullptr;
+  NPN_MemFree(record);
+}
+
 }  // namespace
 
-NPError NPP_Initialize(void) {
+// Each handler ends in GPC_BOUNDARY_CATCH: no exception reaches the browser.
+
+NPError NPP_Initialize(void) try {
   MacInfoTrace("NPWRAP : NPP_Initialize");
   return NPERR_NO_ERROR;
 }
+GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
 
-void NPP_Shutdown(void) { MacInfoTrace("NPWRAP : NPP_Shutdown"); }
+void NPP_Shutdown(void) try { MacInfoTrace("NPWRAP : NPP_Shutdown"); }
+GPC_BOUNDARY_CATCH_VOID
 
 void* NPP_GetJavaClass(void) { return nullptr; }
 
 NPError NPP_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t argc, char* argn[], char* argv[],
-                NPSavedData* saved) {
+                NPSavedData* saved) try {
   (void)pluginType;
   (void)saved;
   MacInfoTrace("NPWRAP : NPP_New");
@@ -74,9 +93,7 @@ NPError NPP_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t argc
 
   record->gpcWindow = new (std::nothrow) CGpcWindow(instance);
   if (record->gpcWindow == nullptr) {
-    // No half-made instance stays behind for the browser's later calls.
-    instance->pdata = nullptr;
-    NPN_MemFree(record);
+    DiscardInstance(instance);
     return NPERR_OUT_OF_MEMORY_ERROR;
   }
   // Parameters the browser did not really hand over count as none.
@@ -85,31 +102,31 @@ NPError NPP_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t argc
   record->gpcWindow->SetParameters(argc, argn, argv);
   record->gpcWindow->WriteErrorLog(kGpcStartReportCode, nullptr);
   return NPERR_NO_ERROR;
+} catch (...) {
+  // The browser never destroys an instance it was refused: nothing half-made stays behind.
+  gpc::LogStoppedException(__func__);
+  DiscardInstance(instance);
+  return NPERR_OUT_OF_MEMORY_ERROR;
 }
 
-NPError NPP_Destroy(NPP instance, NPSavedData** save) {
+NPError NPP_Destroy(NPP instance, NPSavedData** save) try {
   (void)save;
   MacInfoTrace("NPWRAP : NPP_Destroy");
   if (instance == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
-  InstanceRecord* record = RecordOf(instance);
-  if (record != nullptr) {
-    delete record->gpcWindow;
-    record->gpcWindow = nullptr;
-    if (record->nativeWindowSubclass != nullptr) MacInfoTrace("NPWRAP : Unsubclass native plugin window");
-    NPN_MemFree(record);
-    instance->pdata = nullptr;
-  }
+  DiscardInstance(instance);
   return NPERR_NO_ERROR;
 }
+GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
 
-NPError NPP_SetWindow(NPP instance, NPWindow* window) {
+NPError NPP_SetWindow(NPP instance, NPWindow* window) try {
   MacInfoTrace("NPWRAP : SetWindow");
   CGpcWindow* gpcWindow = WindowOf(instance);
   if (gpcWindow == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
   return gpcWindow->SetWindow(window);
 }
+GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
 
-NPError NPP_NewStream(NPP instance, NPMIMEType type, NPStream* stream, NPBool seekable, uint16_t* stype) {
+NPError NPP_NewStream(NPP instance, NPMIMEType type, NPStream* stream, NPBool seekable, uint16_t* stype) try {
   MacInfoTrace("NPWRAP : NPP_NewStream,Mimetype = %s,inst = %08X, stream = %08X", type ? type : "",
                Low32(instance), Low32(stream));
   if (stream != nullptr && stream->url != nullptr) {
@@ -123,26 +140,29 @@ NPError NPP_NewStream(NPP instance, NPMIMEType type, NPStream* stream, NPBool se
   if (window == nullptr) return NPERR_NO_ERROR;
   return window->m_provider.OnNppNewStream(type, stream, seekable, stype);
 }
+GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
 
-int32_t NPP_WriteReady(NPP instance, NPStream* stream) {
+int32_t NPP_WriteReady(NPP instance, NPStream* stream) try {
   if (instance == nullptr || IsHostSiteStream(stream)) return kAcceptAll;
   CGpcWindow* window = WindowOf(instance);
   if (window == nullptr) return kAcceptAll;
   return window->m_provider.OnNppWriteReady(stream);
 }
+GPC_BOUNDARY_CATCH(kAcceptAll)
 
-int32_t NPP_Write(NPP instance, NPStream* stream, int32_t offset, int32_t len, void* buffer) {
+int32_t NPP_Write(NPP instance, NPStream* stream, int32_t offset, int32_t len, void* buffer) try {
   MacInfoTrace("NPWRAP : NPP_Write");
   CGpcWindow* window = WindowOf(instance);
   if (window == nullptr) return len;
   // A block that is not there is refused unread; the browser then ends the stream.
-  if (len < 0 || (len > 0 && buffer == nullptr)) return kRefusedBlock;
+  if (len < 0 || (len > 0 && buffer == nullptr)) return kWriteFailed;
   if (!IsHostSiteStream(stream)) return window->m_provider.OnNppWrite(stream, offset, len, buffer);
   CheckHostSite(window, len, buffer);
   return len;
 }
+GPC_BOUNDARY_CATCH(kWriteFailed)
 
-NPError NPP_DestroyStream(NPP instance, NPStream* stream, NPReason reason) {
+NPError NPP_DestroyStream(NPP instance, NPStream* stream, NPReason reason) try {
   MacInfoTrace("NPWRAP : NPP_DestroyStream: inst = %08X, stream = %08X, reason = %08X", Low32(instance),
                Low32(stream), static_cast<unsigned>(reason));
   if (stream != nullptr && stream->url != nullptr) {
@@ -169,20 +189,23 @@ NPError NPP_DestroyStream(NPP instance, NPStream* stream, NPReason reason) {
   MacInfoTrace("NPWRAP : NPP_DestroyStream: return value is %d", result);
   return result;
 }
+GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
 
-void NPP_StreamAsFile(NPP instance, NPStream* stream, const char* fname) {
+void NPP_StreamAsFile(NPP instance, NPStream* stream, const char* fname) try {
   MacInfoTrace("NPWRAP : NPP_StreamAsFile");
   if (CGpcWindow* window = WindowOf(instance)) window->m_provider.OnNppStreamAsFile(stream, fname);
 }
+GPC_BOUNDARY_CATCH_VOID
 
-void NPP_Print(NPP instance, NPPrint* platformPrint) {
+void NPP_Print(NPP instance, NPPrint* platformPrint) try {
   MacInfoTrace("NPWRAP : NPP_Print");
   if (instance == nullptr || platformPrint == nullptr) return;
   // Full-page printing is left to the browser; embedded printing draws nothing.
   if (platformPrint->mode == NP_FULL) platformPrint->print.fullPrint.pluginPrinted = false;
 }
+GPC_BOUNDARY_CATCH_VOID
 
-void NPP_URLNotify(NPP instance, const char* url, NPReason reason, void* notifyData) {
+void NPP_URLNotify(NPP instance, const char* url, NPReason reason, void* notifyData) try {
   MacInfoTrace("NPWRAP : NPP_URLNotify,Reason : %d,inst = %08X, URL = %s, Data = %08X", reason, Low32(instance),
                url ? url : "", Low32(notifyData));
   if (instance == nullptr) return;
@@ -195,11 +218,13 @@ void NPP_URLNotify(NPP instance, const char* url, NPReason reason, void* notifyD
     window->OnGetUrlNotify(url, reason);
   }
 }
+GPC_BOUNDARY_CATCH_VOID
 
-int16_t NPP_HandleEvent(NPP instance, void* event) {
+int16_t NPP_HandleEvent(NPP instance, void* event) try {
   CGpcWindow* window = WindowOf(instance);
   if (window == nullptr) return 0;
   window->HandleEvent(event, true);
   // Never reported as handled, whatever the extension answered.
   return 0;
 }
+GPC_BOUNDARY_CATCH(0)
