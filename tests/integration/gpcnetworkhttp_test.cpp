@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "hardening.h"
+
 #include "scoped_env.h"
 
 #include <cstdlib>
@@ -336,6 +338,18 @@ TEST_F(NetworkHttpTest, RequestsThatCannotStartFailWithoutCallback) {
   EXPECT_EQ(sink.asks, 0);
   // Too short a URL fails without a message.
   EXPECT_FALSE(TraceContains(1, "GPCNetworkHttp::GetURL,url is nil"));
+}
+
+TEST_F(NetworkHttpTest, OnlyTheHardenedBuildRefusesAnUnverifiedServer) {
+  ASSERT_TRUE(nginx_->AddFile("selfsigned.bin", "signed by nobody"));
+  for (const bool hardened : {false, true}) {
+    gpc::SetHardenedForTesting(hardened);
+    GPCNetworkHttp client;
+    RecordingSink sink;
+    ASSERT_EQ(Fetch(client, nginx_->HttpsUrl("selfsigned.bin"), sink, false), 0u);
+    EXPECT_EQ(sink.returnedNull, hardened) << (hardened ? "hardened" : "default");
+  }
+  gpc::SetHardenedForTesting(-1);
 }
 
 TEST_F(NetworkHttpTest, RefusedConnectionEndsWithNothing) {

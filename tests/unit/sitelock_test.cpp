@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "hardening.h"
+
 #include <string>
 #include <vector>
 
@@ -179,6 +181,22 @@ TEST(CorrectSchemaofUrlRoot, PathRules) {
   // Query and fragment are not part of the path.
   EXPECT_EQ("https://www.talvo.us/client/a?x=%7E",
             lock.CorrectSchemaofUrlRoot("https://www.talvo.us/client/a?x=%7E"));
+}
+
+TEST(HardenedBuild, HasNoEscapeAndNoDotSegments) {
+  for (const bool hardened : {false, true}) {
+    SCOPED_TRACE(hardened ? "hardened" : "default");
+    gpc::SetHardenedForTesting(hardened);
+    TestLock escape;
+    escape.siteLockFlag = "0";
+    EXPECT_EQ(escape.CorrectSchemaofUrlRoot("https://downloads.example.org/client/a/").empty(), hardened);
+    TestLock lock;
+    for (const char* root : {"https://www.talvo.us/client/..", "https://www.talvo.us/client/a/./b/"}) {
+      EXPECT_EQ(lock.CorrectSchemaofUrlRoot(root).empty(), hardened) << root;
+    }
+    EXPECT_FALSE(lock.CorrectSchemaofUrlRoot("https://www.talvo.us/client/a..b/").empty());
+  }
+  gpc::SetHardenedForTesting(-1);
 }
 
 TEST(IsHttps, PrefixOnly) {

@@ -18,7 +18,9 @@
 #include "extension_package.h"
 #include "gpcutil.h"
 #include "http_test_server.h"
+#include "hardening.h"
 #include "platform/bundle.h"
+#include "platform/clock.h"
 #include "platform/folders.h"
 #include "platform/system_version.h"
 #include "window_fake_browser.h"
@@ -46,6 +48,7 @@ struct Fixtures {
     package = folder.path() + "/zrgpcext64.bundle.7z";
     ok = signer->ok() && signer->AddSigner("stranger", "/CN=gpc.signer.example.com") &&
          signer->AddSigner("llc", "/CN=Vantrel Talvo LLC") &&
+         signer->AddSigner("evilllc", "/CN=Evil Vantrel Talvo LLC") &&
          gpctest::PackExtension(kSampleBundle, kPackageVersion, folder.path(), package);
   }
 };
@@ -116,6 +119,8 @@ class WindowExtensionTest : public ::testing::Test {
     window.reset();
     platform::SetPluginBundlePathOverride("");
     platform::SetSystemVersionOverride(0);
+    platform::SetWallClockOverride(nullptr);
+    gpc::SetHardenedForTesting(-1);
   }
 
   std::string UserBundle() { return platform::UserApplicationSupportDir() + "/Talvo Folder/zrgpcext64.bundle"; }
@@ -270,6 +275,82 @@ TEST_F(WindowExtensionTest, AFailedUnpackStillLoadsWhatIsLeft) {
   EXPECT_TRUE(log.Contains("CGpcExtMgr::GpcGetFileNotify,Fail to decompress extension!"));
   EXPECT_TRUE(window->m_bNeedInitExtension);
   EXPECT_FALSE(window->m_bHalted);
+}
+
+// ---- The hardened build -----------------------------------------------------------------------
+
+struct HardeningCase {
+  const char* name;
+  std::function<void(gpctest::PageParams&)> change;
+  bool defaultInstalls, hardenedInstalls;
+};
+
+const HardeningCase kHardeningCases[] = {
+    {"RootShippedInTheBundle", [](auto&) {}, true, true},
+    {"RootOnlyOnThePage",
+     [](auto& p) { p = g_fixtures->signer->PackageParameters(p[4].second); p.push_back({"unshipped", "1"}); }, true,
+     false},
+    {"ExpiredChain",
+     [](auto&) {
+       // 2100: every certificate of the test chain has expired.
+       platform::SetWallClockOverride([] { return int64_t{4102444800} * 1000000; });
+     },
+     true, false},
+    {"OrganisationNameWithAPrefix",
+     [](auto& p) { p = g_fixtures->signer->PackageParameters(p[4].second, "sha256", "evilllc"); }, true, false},
+};
+
+class HardeningTest : public WindowExtensionTest, public ::testing::WithParamInterface<HardeningCase> {};
+
+TEST_P(HardeningTest, TrustsOnlyShippedAnchorsValidChainsAndWholeNames) {
+  const HardeningCase& c = GetParam();
+  for (const bool hardened : {false, true}) {
+    SCOPED_TRACE(hardened ? "hardened" : "default");
+    gpc::SetHardenedForTesting(hardened);
+    // A plug-in bundle that ships the test root as its anchor (unless the case says otherwise).
+    const std::string bundle = env.dir() + "/hardened.plugin";
+    ASSERT_TRUE(Copy(kShippedBundle, bundle));
+    ASSERT_TRUE(Copy(g_fixtures->package, package));  // the first round installed (and removed) it
+    gpctest::PageParams params = g_fixtures->signer->PackageParameters(package);
+    params.push_back({"package", package});
+    c.change(params);
+    bool shipRoot = true;
+    for (const auto& p : params) shipRoot = shipRoot && p.first != "unshipped";
+    if (shipRoot) {
+      ASSERT_TRUE(Copy(g_fixtures->folder.path() + "/pki/root.pem", bundle + "/Contents/Resources/Anchors/root.pem"));
+      ASSERT_EQ(std::system(("openssl x509 -in '" + bundle + "/Contents/Resources/Anchors/root.pem' -outform DER -out '" +
+                             bundle + "/Contents/Resources/Anchors/root.der'").c_str()), 0);
+    }
+    platform::SetPluginBundlePathOverride(bundle);
+    window = std::make_unique<CGpcWindow>(&npp);
+    window->SetParameterVector("GpcErrorPageUrl", "https://127.0.0.1:9/error");
+    for (const auto& [name, value] : params)
+      if (name != "package" && name != "unshipped") window->SetParameterVector(name, value);
+    Deliver(package.c_str());
+    EXPECT_EQ(InstalledVersion() == kPackageVersion, hardened ? c.hardenedInstalls : c.defaultInstalls);
+    platform::SetWallClockOverride(nullptr);
+    RemoveFile(UserBundle());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Packages, HardeningTest, ::testing::ValuesIn(kHardeningCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(WindowExtensionTest, TheHardenedBuildKeepsTheInstalledExtensionWhenUnpackingFails) {
+  for (const bool hardened : {false, true}) {
+    gpc::SetHardenedForTesting(hardened);
+    ASSERT_TRUE(gpctest::PackExtension(kSampleBundle, "1.0.0.0", env.dir(), env.dir() + "/old.7z"));
+    ASSERT_TRUE(Copy(env.dir() + "/zrgpcext64.bundle", UserBundle()));
+    ASSERT_TRUE(Copy(g_fixtures->package, package));
+    ASSERT_EQ(truncate(package.c_str(), 2000), 0);
+    EXPECT_NE(window->UnpackFile(package.c_str(), UserBundle().c_str(), 0), 0u);
+    EXPECT_EQ(InstalledVersion(), hardened ? "1.0.0.0" : "") << (hardened ? "hardened" : "default");
+    // A whole package replaces the old one in both builds, and leaves no staging folder behind.
+    ASSERT_TRUE(Copy(g_fixtures->package, package));
+    EXPECT_EQ(window->UnpackFile(package.c_str(), UserBundle().c_str(), 0), 0u);
+    EXPECT_EQ(InstalledVersion(), kPackageVersion);
+    EXPECT_EQ(gpctest::ShellOutput("ls -A " + gpctest::ShellQuote(UserBundle() + "/..")), "zrgpcext64.bundle\n");
+  }
 }
 
 // ---- Unpacking ---------------------------------------------------------------------------------

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "gpctimereporter.h"
+#include "hardening.h"
 #include "platform/folders.h"
 #include "window_fake_browser.h"
 
@@ -116,6 +117,18 @@ TEST_F(WindowUpdateTest, AnyDifferenceInTheNormalFormDownloads) {
   window->m_extMgr.CheckExtension();
   EXPECT_TRUE(PackageQueued(std::string(kRoot) + "zrext.bundle.7z"));
   EXPECT_EQ(log.CountExact("CGpcExtMgr::NeedUpdate," + path + " need update from [2,1] to [2.0]!"), 1);
+}
+
+TEST_F(WindowUpdateTest, TheHardenedBuildKeepsANewerExtension) {
+  InstallBundle("zrgpcext64", "3.0");
+  const std::string path = UserExtensionDir() + "/zrgpcext64.bundle";
+  for (const bool hardened : {false, true}) {
+    gpc::SetHardenedForTesting(hardened);
+    EXPECT_EQ(window->m_extMgr.NeedUpdate(path.c_str(), "2,9,9"), !hardened);
+    EXPECT_TRUE(window->m_extMgr.NeedUpdate(path.c_str(), "3,0,1"));
+    EXPECT_TRUE(window->m_extMgr.NeedUpdate(path.c_str(), "10"));
+  }
+  gpc::SetHardenedForTesting(-1);
 }
 
 TEST_F(WindowUpdateTest, UnreadableVersionCountsAsNeedingUpdate) {

@@ -412,6 +412,32 @@ GpcTrustPolicyRef policyForOID(const char* oid) {
   return policy;
 }
 
+bool ChainIsTrustedBy(const GpcCertificateRef& leaf, const GpcCertificateList& intermediates,
+                      const GpcCertificateList& anchors) {
+  if (!leaf || anchors.empty()) return false;
+  std::unique_ptr<X509_STORE, X509StoreDeleter> store(X509_STORE_new());
+  std::unique_ptr<X509_STORE_CTX, X509StoreCtxDeleter> ctx(X509_STORE_CTX_new());
+  std::unique_ptr<STACK_OF(X509), X509StackDeleter> untrusted(sk_X509_new_null());
+  if (!store || !ctx || !untrusted) return false;
+  for (const GpcCertificateRef& anchor : anchors) {
+    if (anchor) X509_STORE_add_cert(store.get(), anchor->x509());
+  }
+  for (const GpcCertificateRef& intermediate : intermediates) {
+    if (intermediate && X509_up_ref(intermediate->x509()) == 1 &&
+        sk_X509_push(untrusted.get(), intermediate->x509()) == 0) {
+      X509_free(intermediate->x509());
+    }
+  }
+  bool trusted = false;
+  if (X509_STORE_CTX_init(ctx.get(), store.get(), leaf->x509(), untrusted.get()) == 1) {
+    X509_VERIFY_PARAM_set_time(X509_STORE_CTX_get0_param(ctx.get()),
+                               static_cast<time_t>(platform::WallClockMicros() / 1000000));
+    trusted = X509_verify_cert(ctx.get()) == 1;
+  }
+  ERR_clear_error();
+  return trusted;
+}
+
 int EvaluateCert(const GpcCertificateRef& cert, const GpcCertificateList& extraAnchors,
                  const GpcTrustPolicyRef& policy, GpcTrustResult* result, GpcTrustPtr* trust) {
   if (!cert) return kGpcTrustErrNoCertificateList;

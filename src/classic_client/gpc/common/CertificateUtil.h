@@ -150,6 +150,12 @@ int EvaluateCert(const GpcCertificateRef& cert, const GpcCertificateList& extraA
 GpcTrustPtr TrustCertification(const GpcCertificateRef& cert,
                                const GpcCertificateList& extraAnchors);
 
+// Strict: true only when `leaf` chains through `intermediates` (never trusted themselves) to one of
+// `anchors`, every certificate valid at the plug-in's clock's time. No system anchors, no
+// expiry allowance, no question to the user.
+bool ChainIsTrustedBy(const GpcCertificateRef& leaf, const GpcCertificateList& intermediates,
+                      const GpcCertificateList& anchors);
+
 // Asks the user about the evaluated certificate. True when the user chose to continue.
 bool displayPanelForTrust(const GpcTrust& trust);
 

@@ -1,11 +1,15 @@
 #include "packagecheck.h"
 
+#include <dirent.h>
+
 #include <cstring>
 #include <vector>
 
 #include "CertificateUtil.h"
 #include "CryptoWrapper.h"
 #include "NSString+Hex.h"
+#include "hardening.h"
+#include "platform/bundle.h"
 
 namespace {
 
@@ -19,6 +23,40 @@ const char kVendorOrganisationSuffix[] = "Vantrel Talvo LLC";
 bool EndsWith(const std::string& text, const char* suffix) {
   const size_t length = strlen(suffix);
   return text.size() >= length && text.compare(text.size() - length, length, suffix) == 0;
+}
+
+// The hardened build's anchors: the DER certificates ("*.der") in the plug-in bundle's
+// Contents/Resources/Anchors. Never the page's.
+GpcCertificateList ShippedAnchors() {
+  GpcCertificateList anchors;
+  const std::string bundle = platform::PluginBundlePath();
+  if (bundle.empty()) return anchors;
+  const std::string folder = bundle + "/Contents/Resources/Anchors";
+  DIR* dir = opendir(folder.c_str());
+  if (dir == nullptr) return anchors;
+  while (const dirent* entry = readdir(dir)) {
+    if (EndsWith(entry->d_name, ".der")) {
+      if (GpcCertificateRef cert = SecFromFile((folder + "/" + entry->d_name).c_str())) anchors.push_back(cert);
+    }
+  }
+  closedir(dir);
+  return anchors;
+}
+
+bool Trusted(const GpcCertificateRef& leaf, const GpcCertificateList& intermediates) {
+  if (gpc::GpcHardened()) return ChainIsTrustedBy(leaf, intermediates, ShippedAnchors());
+  // The page's certificates become anchors, and expiry is forgiven.
+  return TrustCertification(leaf, intermediates) != nullptr;
+}
+
+// The default build takes any name ending so; the hardened one wants whole labels of the
+// service domain, or exactly the organisation.
+bool IsVendorName(const std::string& name) {
+  if (gpc::GpcHardened()) {
+    return name == kGpcVendorCommonNameSuffix + 1 || name == kVendorOrganisationSuffix ||
+           (EndsWith(name, kGpcVendorCommonNameSuffix) && name.size() > strlen(kGpcVendorCommonNameSuffix));
+  }
+  return EndsWith(name, kGpcVendorCommonNameSuffix) || EndsWith(name, kVendorOrganisationSuffix);
 }
 
 // The chain's leaf (its last piece) and the intermediates before it that decode.
@@ -40,12 +78,10 @@ GpcPackageCheck CheckCertificateAndSignature(const GpcPackageParameters& page, c
   GpcCertificateList intermediates;
   GpcCertificateRef leaf = DecodeChain(page.certification, &intermediates);
   if (!leaf) return GpcPackageCheck::kLeafUnreadable;
-  if (!TrustCertification(leaf, intermediates)) return GpcPackageCheck::kUntrusted;
+  if (!Trusted(leaf, intermediates)) return GpcPackageCheck::kUntrusted;
   const std::string commonName = CommonNameOfCert(leaf.get());
   if (commonName.empty()) return GpcPackageCheck::kNoCommonName;
-  if (!EndsWith(commonName, kGpcVendorCommonNameSuffix) && !EndsWith(commonName, kVendorOrganisationSuffix)) {
-    return GpcPackageCheck::kForeignCommonName;
-  }
+  if (!IsVendorName(commonName)) return GpcPackageCheck::kForeignCommonName;
   RSA* key = RSAFromCertification(leaf.get());
   if (key == nullptr) return GpcPackageCheck::kNoPublicKey;
   const bool verified =

@@ -1,6 +1,8 @@
 // The site lock's matching and URL parsing.
 #include "sitelock/sitelock.h"
 
+#include "hardening.h"
+
 #include <uriparser/Uri.h>
 
 #include <cctype>
@@ -116,9 +118,26 @@ bool SiteListApproves(const char* url, const IObjectSafetySiteLock::SiteList* li
   return false;
 }
 
+// A "." or ".." segment, plain or percent-encoded, lets "/client/.." name another folder.
+bool HasDotSegment(const std::string& path) {
+  std::string lower;
+  for (char c : path) lower += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  size_t start = 0;
+  while (start <= lower.size()) {
+    size_t end = lower.find('/', start);
+    if (end == std::string::npos) end = lower.size();
+    std::string segment = lower.substr(start, end - start);
+    for (size_t at; (at = segment.find("%2e")) != std::string::npos;) segment.replace(at, 3, ".");
+    if (segment == "." || segment == "..") return true;
+    start = end + 1;
+  }
+  return false;
+}
+
 bool IsAcceptableUrlRootPath(const std::string& path) {
   if (path.compare(0, 8, "/client/") != 0) return false;
   if (path.find("/../") != std::string::npos) return false;
+  if (gpc::GpcHardened() && HasDotSegment(path)) return false;
   for (unsigned char c : path) {
     if (!IsUrlRootPathCharacter(c)) return false;
   }
@@ -128,7 +147,8 @@ bool IsAcceptableUrlRootPath(const std::string& path) {
 bool SiteLockSwitchedOff(const char* flag) {
   const char* value = (flag == nullptr || flag[0] == '\0') ? "1" : flag;
   MacInfoTrace("siteLockFlag = %s", value);
-  return strcmp(value, "0") == 0;
+  // The hardened build has no escape from the trusted-site list.
+  return strcmp(value, "0") == 0 && !gpc::GpcHardened();
 }
 
 }  // namespace gpcsitelock

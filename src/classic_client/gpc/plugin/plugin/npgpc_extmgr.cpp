@@ -1,10 +1,13 @@
 // The extension manager: where the extension lives, what it is called, where its package comes
 // from, and the update decision: load what is installed, or fetch the package.
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "gpctimereporter.h"
+#include "hardening.h"
 #include "gpcutil.h"
 #include "npgpc_text.h"
 #include "platform/bundle.h"
@@ -30,6 +33,24 @@ const size_t kUnboundedText = 0x7fffffff;
 
 // The "folder not found" result of the folder lookups.
 const int kFolderNotFound = -43;
+
+// The numeric components of a comma-separated version ("2,10,0" -> 2 10 0); text counts as 0.
+std::vector<unsigned long> VersionComponents(const std::string& version) {
+  std::vector<unsigned long> parts;
+  size_t start = 0;
+  while (start <= version.size()) {
+    size_t comma = version.find(',', start);
+    if (comma == std::string::npos) comma = version.size();
+    parts.push_back(strtoul(version.substr(start, comma - start).c_str(), nullptr, 10));
+    start = comma + 1;
+  }
+  while (parts.size() > 1 && parts.back() == 0) parts.pop_back();
+  return parts;
+}
+
+bool IsNewer(const std::string& installed, const std::string& required) {
+  return VersionComponents(installed) > VersionComponents(required);
+}
 
 void AppendSlash(std::string* path) {
   if (path->empty() || path->back() != '/') path->push_back('/');
@@ -90,8 +111,13 @@ bool CGpcExtMgr::NeedUpdate(const char* file, const char* requiredVersion) {
     MacInfoTrace("CGpcExtMgr::NeedUpdate,get %s version info failed,need update!", file);
     return true;
   }
-  // Equality only: a newer bundle is replaced too, so the page gets exactly what it names.
+  // Equality only: a newer bundle is replaced too, so the page gets exactly what it names. The
+  // hardened build keeps a newer one: an old, vulnerable extension cannot be brought back.
   int differs = 1;
+  if (gpc::GpcHardened() && IsNewer(installed, required)) {
+    MacInfoTrace("CGpcExtMgr::NeedUpdate,%s [%s] is newer than [%s], no downgrade!", file, installed, required.c_str());
+    return false;
+  }
   if (strcmp_s(installed, kUnboundedText, required.c_str(), &differs) != 0 || differs != 0) {
     MacInfoTrace("CGpcExtMgr::NeedUpdate,%s need update from [%s] to [%s]!", file, installed, required.c_str());
     return true;

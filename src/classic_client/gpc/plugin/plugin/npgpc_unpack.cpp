@@ -1,4 +1,5 @@
 // Unpacking of a verified 7z package with the unpacking library shipped in the plug-in's bundle.
+#include <fcntl.h>
 #include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <string>
 
 #include "gpcutil.h"
+#include "hardening.h"
 #include "platform/bundle.h"
 #include "platform/dynamic_library.h"
 #include "plugin/plugin/npgpcimp.h"
@@ -73,6 +75,44 @@ void RemoveGroupAndOtherWrite(const std::string& folder) {
   }
 }
 
+std::string ParentOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos || slash == 0 ? std::string(slash == 0 ? "/" : ".") : path.substr(0, slash);
+}
+
+// The hardened build's unpacking: the archive goes into a private folder beside the target, and
+// only a complete extraction takes the target's place, in one exchange of names. A failure, a
+// full disk or a crash at any step leaves the installed extension as it was.
+uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* archive, const char* destination,
+                              const std::string& folder, bool targetIsFolder) {
+  std::string target = destination;
+  if (target.size() > 1 && target.back() == '/') target.pop_back();
+  const std::string parent = targetIsFolder ? folder : ParentOf(target);
+  MakeDirectory(parent);
+  std::string staging = parent + "/.gpc-staging-XXXXXX";
+  if (mkdtemp(&staging[0]) == nullptr) {
+    MacErrorTrace("CGpcWindow::UnpackFile,cannot make a staging folder in %s: %s", parent.c_str(), strerror(errno));
+    return kUnpackNoSource;
+  }
+  const int32_t result = decompress(archive, staging.c_str());
+  const std::string produced = targetIsFolder ? staging + target.substr(target.rfind('/')) : staging;
+  if (result != 0 || !FileExists(produced)) {
+    MacErrorTrace("CGpcWindow::UnpackFile,call GpcDecompressFile7z failed[%d],destfile=%s!", result, destination);
+    RemoveFile(staging);
+    return result != 0 ? static_cast<uint32_t>(result) : kUnpackNot7z;
+  }
+  RemoveGroupAndOtherWrite(produced);
+  const bool replaced = FileExists(target)
+                            ? renameat2(AT_FDCWD, produced.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) == 0
+                            : rename(produced.c_str(), target.c_str()) == 0;
+  if (!replaced) MacErrorTrace("CGpcWindow::UnpackFile,cannot move %s into place: %s", produced.c_str(), strerror(errno));
+  RemoveFile(staging);  // what is left there: the old extension, or the new one that did not fit
+  if (!replaced) return kUnpackNoSource;
+  RemoveFile(archive);
+  MacInfoTrace("CGpcWindow::UnpackFile,unpack file success!");
+  return 0;
+}
+
 }  // namespace
 
 uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, int flags) {
@@ -115,6 +155,9 @@ uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, in
     return kUnpackNoUnpacker;
   }
 
+  if (gpc::GpcHardened() && destination != nullptr && *destination != '\0') {
+    return UnpackThroughStaging(m_pfnDecompressFile7z, archive, destination, folder, targetIsFolder);
+  }
   // The old target goes first; there is no backup.
   if (destination != nullptr) RemoveFile(destination);
   const int32_t result = m_pfnDecompressFile7z(archive, folder.c_str());
