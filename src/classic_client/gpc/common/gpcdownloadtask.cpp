@@ -51,19 +51,20 @@ void GPCDownloadTask::Stop() {
 }
 
 // Deletes the client and, in file mode, the task's file: the finished one, or else whatever part
-// of an unfinished download the client had written.
+// of an unfinished download the client had written. It runs in the destructor, so it takes no
+// memory: the partial file's name is copied into a buffer of its own.
 void GPCDownloadTask::ReleaseClient() {
   if (!m_pHttp) return;
-  std::string partial;
-  if (m_pHttp->GetFilePath()) partial = m_pHttp->GetFilePath();
+  char partial[1024] = "";
+  if (m_pHttp->GetFilePath()) snprintf(partial, sizeof partial, "%s", m_pHttp->GetFilePath());
   GPCNetworkHttp* client = m_pHttp;
   m_pHttp = nullptr;
   delete client;
   if (m_nFileMode == 0) return;
   if (!m_strLocalFile.empty()) {
     unlink(m_strLocalFile.c_str());
-  } else if (!partial.empty()) {
-    unlink(partial.c_str());
+  } else if (partial[0] != '\0') {
+    unlink(partial);
   }
 }
 

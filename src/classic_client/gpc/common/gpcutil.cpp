@@ -320,9 +320,9 @@ void DeleteFiles(const char* folder, const char* name, const char* extension) {
   }
 }
 
-bool RemoveFile(const char* path) {
-  if (path == nullptr || path[0] == '\0') return false;
-  if (!EntryExists(path)) return false;
+namespace {
+
+bool RemoveTryingHarder(const char* path) {
   const std::string target = path;
 
   if (RemoveRecursively(target) && !EntryExists(path)) {
@@ -347,6 +347,20 @@ bool RemoveFile(const char* path) {
 
   MacErrorTrace("RemoveFile: remove file[%s] again, still failed!", path);
   return false;
+}
+
+}  // namespace
+
+bool RemoveFile(const char* path) noexcept {
+  if (path == nullptr || path[0] == '\0') return false;
+  if (!EntryExists(path)) return false;
+  try {
+    return RemoveTryingHarder(path);
+  } catch (...) {
+    // Without memory for the harder ways, the plain system call is what is left.
+    if (isDir(path)) rmdir(path); else unlink(path);
+    return !EntryExists(path);
+  }
 }
 
 // ---- Folder listing ----

@@ -109,8 +109,9 @@ void DeleteFiles(const char* folder, const char* name, const char* extension);
 // Removes a file or folder (with its contents), trying ever harder: the file manager, then
 // rmdir/unlink, then renaming it out of the way under a hidden or ".deltmp" name. True when
 // the path is gone; false for an empty or missing path (the latter without logging).
-bool RemoveFile(const char* path);
-inline bool RemoveFile(const std::string& path) { return RemoveFile(path.c_str()); }
+// Never throws, so that destructors may call it.
+bool RemoveFile(const char* path) noexcept;
+inline bool RemoveFile(const std::string& path) noexcept { return RemoveFile(path.c_str()); }
 
 // ---- Folder listing ----
 
