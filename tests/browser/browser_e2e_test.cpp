@@ -4,11 +4,8 @@
 // extension's "done" page, the plug-in's error page, or the meeting page left as it was.
 #include <gtest/gtest.h>
 
-#include <link.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <cstring>
 
 #include <cstdlib>
 #include <memory>
@@ -62,21 +59,13 @@ std::string MeetingPage(const PageParams& params) {
   return html + "></body></html>";
 }
 
-// An instrumented module needs the sanitizer runtime first in the browser process: under
-// AddressSanitizer the driver preloads this program's own copy. Empty otherwise.
-std::string SanitizerRuntime() {
-  std::string found;
+// QtWebKit opens plug-ins with RTLD_DEEPBIND, which the AddressSanitizer runtime refuses (it
+// ends the browser at once): an instrumented module cannot be loaded by this engine.
 #if defined(__SANITIZE_ADDRESS__)
-  dl_iterate_phdr(
-      [](dl_phdr_info* info, size_t, void* data) {
-        if (strstr(info->dlpi_name, "/libasan.so") == nullptr) return 0;
-        *static_cast<std::string*>(data) = info->dlpi_name;
-        return 1;
-      },
-      &found);
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
 #endif
-  return found;
-}
 
 // What the driver reported about one page.
 struct BrowserRun {
@@ -148,6 +137,7 @@ class BrowserJob : public ::testing::Test {
   };
 
   static void SetUpTestSuite() {
+    if (kSanitized) return;
     shared_ = new Shared();
     Shared& s = *shared_;
     mkdir((s.folder.path() + "/pki").c_str(), 0700);
@@ -166,6 +156,7 @@ class BrowserJob : public ::testing::Test {
   }
 
   void SetUp() override {
+    if (kSanitized) GTEST_SKIP() << "QtWebKit loads plug-ins with RTLD_DEEPBIND, which AddressSanitizer refuses";
     ASSERT_TRUE(shared_->ok) << shared_->server.error();
     data_ = std::make_unique<gpctest::TempFolder>("browserdata");
     data_env_ = std::make_unique<ScopedEnv>("XDG_DATA_HOME", data_->path());
@@ -199,12 +190,6 @@ class BrowserJob : public ::testing::Test {
     // The plug-in downloads with libcurl, which takes its proxy from the browser's environment.
     ScopedEnv proxyEnv("https_proxy", viaProxy ? shared_->proxy.Url().c_str() : nullptr);
     ScopedEnv noProxyEnv("no_proxy", nullptr);
-    std::unique_ptr<ScopedEnv> preload, sanitizerOptions;
-    if (const std::string runtime = SanitizerRuntime(); !runtime.empty()) {
-      preload = std::make_unique<ScopedEnv>("LD_PRELOAD", runtime);
-      // The interpreter and Qt keep memory until exit by design.
-      sanitizerOptions = std::make_unique<ScopedEnv>("ASAN_OPTIONS", "detect_leaks=0");
-    }
     const std::string url = site + "page/" + name + ".html";
     const std::string linger = std::to_string(afterLoad);
     std::vector<const char*> argv = {"timeout", "-k", "5", "60", "/usr/bin/python3", kDriver.c_str(), url.c_str(),

@@ -79,13 +79,11 @@ class PrivateXvfb:
 
     def __init__(self, size):
         read_end, write_end = os.pipe()
-        # The server gets none of the preloads meant for the browser (a sanitizer runtime).
-        environment = {k: v for k, v in os.environ.items() if k != "LD_PRELOAD"}
         self.process = subprocess.Popen(
             ["Xvfb", "-displayfd", str(write_end), "-screen", "0", size + "x24", "-nolisten", "tcp",
              "-noreset"],
             pass_fds=(write_end,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            env=environment, preexec_fn=end_with_parent)
+            preexec_fn=end_with_parent)
         os.close(write_end)
         number = b""
         with os.fdopen(read_end, "rb") as pipe:
