@@ -41,7 +41,11 @@ endif()
 set(_gpc_prefix "${CMAKE_INSTALL_PREFIX}")
 get_filename_component(_gpc_prefix "${_gpc_prefix}" ABSOLUTE)
 set(_gpc_bundle_source "@GPC_BUNDLE@")
-set(_gpc_bundle "${_gpc_prefix}/@GPC_INSTALL_BUNDLE_DIR@/talvo-gpc64.plugin")
+set(_gpc_bundle_dir "@GPC_INSTALL_BUNDLE_DIR@")
+if(NOT IS_ABSOLUTE "${_gpc_bundle_dir}")
+  set(_gpc_bundle_dir "${_gpc_prefix}/${_gpc_bundle_dir}")
+endif()
+set(_gpc_bundle "${_gpc_bundle_dir}/talvo-gpc64.plugin")
 set(_gpc_module "${_gpc_bundle}/Contents/MacOS/libnpgpc.so")
 
 # The link's folder as the browsers see it (without DESTDIR); empty when no link is made.
