@@ -11,7 +11,8 @@
 # unpacking library and its local extension stay beside it. The plug-in folder is
 # ~/.mozilla/plugins of the user who installs (GPC_INSTALL_SCOPE=user) or
 # /usr/lib/mozilla/plugins (GPC_INSTALL_SCOPE=system); GPC_BROWSER_PLUGIN_DIR names another.
-# The three settings can also be given when the install script runs:
+# GPC_INSTALL_SCOPE, GPC_BROWSER_PLUGIN_DIR and the prefix can also be given when the install
+# script runs:
 #   cmake -DGPC_INSTALL_SCOPE=system -DCMAKE_INSTALL_PREFIX=/usr -P build/cmake_install.cmake
 
 set(GPC_INSTALL_SCOPE "user" CACHE STRING "Where the browsers' link to the module goes: user or system")
