@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The plug-in's main job in a real browser engine. Installs what is missing, builds, packs the
-# sample extension as a vendor would (7z archive, SHA-256 digest, a certificate chain made with
-# openssl, the RSA signature over the digest), serves the package, a meeting page and a "done"
+# sample extension as a vendor would (gpc-pack: the 7z archive, its SHA-256 digest and the RSA
+# signature over it, by a signer whose certificate chain openssl makes), serves the package, a meeting page and a "done"
 # page over https on 127.0.0.1, and opens the meeting page in QtWebKit under Xvfb, which finds
 # the plug-in through QTWEBKIT_PLUGIN_PATH. The plug-in stores the page's parameters, finds the
 # extension missing, downloads, verifies, unpacks and loads it; the extension fetches a file
@@ -69,14 +69,18 @@ bundle=$build/talvo-gpc64.plugin/Contents/Frameworks/zrgpcext64.bundle
 cp -a "$bundle" "$work/pack/zrgpcext64.bundle"
 sed -i '/<key>CFBundleVersion<\/key>/{n;s|<string>.*</string>|<string>2.0.0.7</string>|}' \
   "$work/pack/zrgpcext64.bundle/Contents/Info.plist"
+# gpc-pack makes the 7z package, signs its SHA-256 digest and prints the page's parameters.
+"$build/bin/gpc-pack" pack --key "$work/pki/signer.key" --cert "$work/pki/signer.pem" \
+  --chain "$work/pki/root.pem" --out "$work/site/client" --format json "$work/pack/zrgpcext64.bundle" \
+  >"$work/package.json" 2>"$work/pack.log" || { cat "$work/pack.log" >&2; exit 1; }
 package="$work/site/client/zrgpcext64.bundle.7z"
-(cd "$work/pack" && 7z a -mx=5 "$package" zrgpcext64.bundle >/dev/null)
-digest=$(openssl dgst -sha256 -r "$package" | cut -d' ' -f1)
-# PKCS #1 v1.5 over DigestInfo { sha1WithRSASignature, the digest's 64-character text }.
-{ printf '\x30\x4d\x30\x09\x06\x05\x2b\x0e\x03\x02\x1d\x05\x00\x04\x40'; printf '%s' "$digest"; } > "$work/pki/tbs.bin"
-signature=$(openssl rsautl -sign -inkey "$work/pki/signer.key" -in "$work/pki/tbs.bin" 2>/dev/null | openssl base64 -A)
-chain="$(openssl x509 -in "$work/pki/root.pem" -outform DER | openssl base64 -A)|$(openssl x509 -in "$work/pki/signer.pem" -outform DER | openssl base64 -A)"
-say "package $(stat -c %s "$package") bytes, sha256 $digest"
+field() { python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))[sys.argv[2]])' "$work/package.json" "$1"; }
+digest=$(field GpcExtHash)
+signature=$(field GpcExtSignature)
+chain=$(field GpcCertification)
+version=$(field GpcExtVersion)
+say "package $(stat -c %s "$package") bytes, version $version, sha256 $digest"
+say "gpc-pack verify, as the plug-in will check it: $("$build/bin/gpc-pack" verify --package "$package" --params "$work/package.json" 2>&1)"
 echo "hello from the meeting service" > "$work/site/files/welcome.txt"
 
 # The https server: the site folder, with a log of each request.
@@ -108,7 +112,7 @@ site="https://127.0.0.1:$(cat "$work/port")"
 params=(
   "gpcsitelock=0" "GpcProductVersion=31.9.5" "MeetingID=1234567890"
   "GpcUrlRoot=$site/client/" "GpcCompressMethod=7zip"
-  "GpcUnpackVersion=1,0" "GpcExtVersion=2,0,0,7"
+  "GpcUnpackVersion=1,0" "GpcExtVersion=$version"
   "GpcExtHash=$digest" "GpcHashMethod=sha256"
   "GpcExtSignature=$signature" "GpcCertification=$chain"
   "GpcErrorPageUrl=$site/error.html"
@@ -213,8 +217,10 @@ def browser_event(event):
     if kind == "plugins":
         found = ["%s (%s) for %s" % (p["name"], p["file"], p["mime"]) for p in event["plugins"]]
         say(now, "browser: plug-ins found: " + (", ".join(found) or "none"))
-    elif kind == "load_finished":
+    elif kind == "load_finished" and event["ok"]:
         say(now, 'browser: shows "%s" (%s)' % (event["title"], event["url"]))
+    elif kind == "load_finished":
+        say(now, "browser: a page did not load (%s)" % (event["url"] or "stopped"))
     elif kind == "end" and event["reason"] == "error":
         say(now, "browser: " + event.get("error", "failed"))
 
@@ -246,9 +252,11 @@ if [ "$mode" = host ]; then
     tail -n 1 | sed 's/^"url":"//; s/"$//') || true
 else
   say "QtWebKit opens the meeting page $site/meeting.html (plug-ins from $plugin_dir)"
-  { /usr/bin/python3 tests/browser/qtwebkit_page.py "$site/meeting.html" --plugin-dir "$plugin_dir" \
+  { code=0
+    /usr/bin/python3 tests/browser/qtwebkit_page.py "$site/meeting.html" --plugin-dir "$plugin_dir" \
       --until "/done.html?" --timeout "$((run_ms / 1000))" --settle 1 --screenshot "$work/done.png" \
-      2>"$work/browser.log"; echo $? >"$work/browser.status"; } |
+      2>"$work/browser.log" || code=$?
+    echo "$code" >"$work/browser.status"; } |
     tee "$work/events.jsonl" | python3 -u "$work/milestones.py" "$started" browser
   status=$(cat "$work/browser.status")
   done_url=$(grep '"event":"url_changed"' "$work/events.jsonl" | grep -o '"url":"[^"]*/done.html?[^"]*"' |
