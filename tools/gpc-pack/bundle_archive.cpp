@@ -252,7 +252,8 @@ std::string PageVersionOf(const std::string& bundleVersion) {
 bool ReadBundleFacts(const std::string& path, BundleFacts* facts, std::string* error) {
   std::string folder = path;
   while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
-  const std::string base = folder.substr(folder.rfind('/') == std::string::npos ? 0 : folder.rfind('/') + 1);
+  const size_t slash = folder.rfind('/');
+  const std::string base = slash == std::string::npos ? folder : folder.substr(slash + 1);
   struct stat info;
   if (stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
     *error = "the bundle " + folder + " is no folder";
