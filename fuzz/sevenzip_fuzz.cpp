@@ -1,0 +1,94 @@
+// 7z archives through the unpacking library's one entry, GpcDecompressFile7z.
+//
+// Input: the archive. It is written to the same scratch path in every run and extracted into a
+// fresh folder inside a fresh run folder, both removed afterwards. Whatever the archive holds,
+// nothing may land beside the destination and no link inside it may lead out of it. The limits
+// are kept low (64 entries, 1 MiB) so that a run stays short.
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "fuzz_support.h"
+#include "lib7zip.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct State {
+  std::string archive;
+  std::string scratch;
+  unsigned runs = 0;
+};
+State* g_state = nullptr;
+
+// Removes an extraction whatever modes its folders came with.
+void RemoveExtraction(const fs::path& run) {
+  std::error_code error;
+  fs::permissions(run, fs::perms::owner_all, fs::perm_options::add, error);
+  for (fs::recursive_directory_iterator it(run, error), end; !error && it != end; it.increment(error)) {
+    std::error_code ignored;
+    if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
+      fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+    }
+  }
+  fuzz::RemoveTree(run.string());
+}
+
+bool IsInside(const fs::path& path, const fs::path& folder) {
+  const fs::path relative = path.lexically_relative(folder);
+  return !relative.empty() && *relative.begin() != "..";
+}
+
+// Where a link leads, as far as the disk can tell: through every existing link on the way.
+void CheckLink(const fs::path& link, const fs::path& destination) {
+  std::error_code error;
+  const fs::path target = fs::read_symlink(link, error);
+  if (error) return;
+  if (target.is_absolute()) fuzz::Fail("link %s leads to the absolute %s", link.c_str(), target.c_str());
+  const fs::path resolved = fs::weakly_canonical(link.parent_path() / target, error);
+  if (error) return;  // a loop of links leads nowhere
+  if (!IsInside(resolved, destination) && resolved != destination) {
+    fuzz::Fail("link %s leads out of the destination, to %s", link.c_str(), resolved.c_str());
+  }
+}
+
+void CheckExtraction(const fs::path& run, const fs::path& destination) {
+  std::error_code error;
+  for (fs::directory_iterator it(run, error), end; !error && it != end; it.increment(error)) {
+    if (it->path() != destination) fuzz::Fail("%s was written beside the destination", it->path().c_str());
+  }
+  if (!fs::exists(fs::symlink_status(destination))) return;
+  const fs::path real = fs::canonical(destination, error);
+  if (error || real != destination) fuzz::Fail("the destination itself became a link");
+  for (fs::recursive_directory_iterator it(destination, error), end; !error && it != end; it.increment(error)) {
+    if (it->is_symlink(error)) CheckLink(it->path(), destination);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  setenv("GPC_7Z_MAX_ENTRIES", "64", 1);
+  setenv("GPC_7Z_MAX_BYTES", "1048576", 1);
+  const std::string folder = fuzz::MakeScratchFolder("sevenzip");
+  // The destination is compared with its real path: the scratch folder must have no link in it.
+  const std::string real = fs::canonical(folder).string();
+  g_state = new State{real + "/input.7z", real};
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::WriteFile(g_state->archive, data, size);
+  // A fresh name each time: a run folder that could not be removed never meets the next run.
+  const std::string run = g_state->scratch + "/run" + std::to_string(g_state->runs++ % 1000);
+  RemoveExtraction(run);
+  fuzz::MakeFolder(run);
+  const std::string destination = run + "/dest";
+  const int32_t result = GpcDecompressFile7z(g_state->archive.c_str(), destination.c_str());
+  if (result < kGpc7zSuccess || result > kGpc7zInternalFailure) fuzz::Fail("unknown result %d", result);
+  CheckExtraction(run, destination);
+  RemoveExtraction(run);
+  return 0;
+}
