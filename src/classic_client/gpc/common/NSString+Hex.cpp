@@ -92,14 +92,17 @@ std::string DigestOfFile(const char* path, const DigestFunctions<Context>& diges
 }
 
 // The character count of UTF-8 text as a string object counts it (UTF-16 units): base64 input is
-// read up to that many bytes, which only differs from the byte count for non-ASCII text.
+// read up to that many bytes, which only differs from the byte count for non-ASCII text. Never more
+// than the byte count: a lead byte of a four-byte form counts two units even when its
+// continuation bytes are missing (or it is no UTF-8 at all), and the read must stay in the text.
 size_t Utf16Length(const char* text) {
   size_t units = 0;
-  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p != 0; ++p) {
+  size_t bytes = 0;
+  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p != 0; ++p, ++bytes) {
     if ((*p & 0xC0) == 0x80) continue;  // continuation byte
     units += (*p >= 0xF0) ? 2 : 1;
   }
-  return units;
+  return units < bytes ? units : bytes;
 }
 
 }  // namespace
