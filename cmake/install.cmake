@@ -2,7 +2,7 @@
 #
 #   cmake --install build [--prefix DIR]
 #     <prefix>/lib/talvo-gpc/talvo-gpc64.plugin/   the whole bundle, layout kept
-#     <prefix>/bin/gpc-host, <prefix>/bin/tlvtracer
+#     <prefix>/bin/gpc-host, <prefix>/bin/tlvtracer, <prefix>/bin/gpc-pack
 #     <plug-in folder>/libnpgpc.so                  a symbolic link to the installed module
 #   cmake --build build --target uninstall   (or: cmake -P build/cmake_uninstall.cmake)
 #     removes what the last install put there, and the folders it had to create once empty.
@@ -126,7 +126,7 @@ endif()
 
 install(CODE "set(GPC_INSTALL_STEP begin)\ninclude(\"${GPC_INSTALL_STEPS}\")")
 install(DIRECTORY ${GPC_BUNDLE} DESTINATION ${GPC_INSTALL_BUNDLE_DIR} USE_SOURCE_PERMISSIONS)
-install(PROGRAMS $<TARGET_FILE:gpc-host> $<TARGET_FILE:tlvtracer> DESTINATION bin)
+install(PROGRAMS $<TARGET_FILE:gpc-host> $<TARGET_FILE:tlvtracer> $<TARGET_FILE:gpc-pack> DESTINATION bin)
 install(CODE "set(GPC_INSTALL_STEP end)\ninclude(\"${GPC_INSTALL_STEPS}\")")
 
 # Uninstalling: the manifest's files, the link only while it is still ours, then the folders the

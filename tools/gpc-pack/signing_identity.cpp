@@ -19,8 +19,6 @@ namespace {
 
 // The plug-in's signing routine reads the key file only this far.
 constexpr off_t kLargestKeyFile = 2045;
-// The plug-in accepts a signer whose common name ends with the service-domain suffix or this.
-constexpr char kVendorOrganisationSuffix[] = "Vantrel Talvo LLC";
 constexpr char kChainSeparator[] = "|";
 
 struct BioDeleter {
@@ -31,10 +29,6 @@ struct KeyDeleter {
 };
 typedef std::unique_ptr<BIO, BioDeleter> BioPtr;
 typedef std::unique_ptr<EVP_PKEY, KeyDeleter> KeyPtr;
-
-bool EndsWith(const std::string& text, const std::string& suffix) {
-  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
 
 std::string Base64(const unsigned char* bytes, size_t length) {
   std::string text(4 * ((length + 2) / 3) + 1, '\0');
@@ -117,9 +111,9 @@ bool CheckCommonName(const GpcCertificate& signer, const std::string& certPath, 
     *error = "the signer certificate " + certPath + " has no readable common name; the plug-in would refuse it";
     return false;
   }
-  if (!EndsWith(name, kGpcVendorCommonNameSuffix) && !EndsWith(name, kVendorOrganisationSuffix)) {
+  if (!IsVendorCommonName(name)) {
     *error = "the signer's common name \"" + name + "\" ends neither with \"" + kGpcVendorCommonNameSuffix +
-             "\" nor with \"" + kVendorOrganisationSuffix + "\"; the plug-in would refuse the package";
+             "\" nor with \"" + kGpcVendorOrganisationSuffix + "\"; the plug-in would refuse the package";
     return false;
   }
   return true;

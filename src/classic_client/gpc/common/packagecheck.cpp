@@ -18,7 +18,6 @@ const uint32_t kSha256SystemVersion = 0x1060;
 // A chain this short cannot hold a certificate.
 const size_t kShortestCertification = 10;
 const char kChainSeparator = '|';
-const char kVendorOrganisationSuffix[] = "Vantrel Talvo LLC";
 
 bool EndsWith(const std::string& text, const char* suffix) {
   const size_t length = strlen(suffix);
@@ -49,16 +48,6 @@ bool Trusted(const GpcCertificateRef& leaf, const GpcCertificateList& intermedia
   return TrustCertification(leaf, intermediates) != nullptr;
 }
 
-// The default build takes any name ending so; the hardened one wants whole labels of the
-// service domain, or exactly the organisation.
-bool IsVendorName(const std::string& name) {
-  if (gpc::GpcHardened()) {
-    return name == kGpcVendorCommonNameSuffix + 1 || name == kVendorOrganisationSuffix ||
-           (EndsWith(name, kGpcVendorCommonNameSuffix) && name.size() > strlen(kGpcVendorCommonNameSuffix));
-  }
-  return EndsWith(name, kGpcVendorCommonNameSuffix) || EndsWith(name, kVendorOrganisationSuffix);
-}
-
 // The chain's leaf (its last piece) and the intermediates before it that decode.
 GpcCertificateRef DecodeChain(const std::string& certification, GpcCertificateList* intermediates) {
   std::vector<std::string> pieces;
@@ -81,7 +70,7 @@ GpcPackageCheck CheckCertificateAndSignature(const GpcPackageParameters& page, c
   if (!Trusted(leaf, intermediates)) return GpcPackageCheck::kUntrusted;
   const std::string commonName = CommonNameOfCert(leaf.get());
   if (commonName.empty()) return GpcPackageCheck::kNoCommonName;
-  if (!IsVendorName(commonName)) return GpcPackageCheck::kForeignCommonName;
+  if (!IsVendorCommonName(commonName)) return GpcPackageCheck::kForeignCommonName;
   RSA* key = RSAFromCertification(leaf.get());
   if (key == nullptr) return GpcPackageCheck::kNoPublicKey;
   const bool verified =
@@ -91,6 +80,14 @@ GpcPackageCheck CheckCertificateAndSignature(const GpcPackageParameters& page, c
 }
 
 }  // namespace
+
+bool IsVendorCommonName(const std::string& name) {
+  if (gpc::GpcHardened()) {
+    return name == kGpcVendorCommonNameSuffix + 1 || name == kGpcVendorOrganisationSuffix ||
+           (EndsWith(name, kGpcVendorCommonNameSuffix) && name.size() > strlen(kGpcVendorCommonNameSuffix));
+  }
+  return EndsWith(name, kGpcVendorCommonNameSuffix) || EndsWith(name, kGpcVendorOrganisationSuffix);
+}
 
 int GpcPackageVerdict::message() const {
   switch (check) {

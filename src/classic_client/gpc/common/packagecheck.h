@@ -41,8 +41,13 @@ struct GpcPackageVerdict {
   bool accepted() const { return check == GpcPackageCheck::kAccepted || check == GpcPackageCheck::kAcceptedUnchecked; }
 };
 
-// The common-name suffix of the vendor's service domain.
+// The common-name suffix of the vendor's service domain, and the vendor's organisation name.
 constexpr const char* kGpcVendorCommonNameSuffix = ".talvo.us";
+constexpr const char* kGpcVendorOrganisationSuffix = "Vantrel Talvo LLC";
+
+// Whether a signer's common name is the vendor's: it ends with either of the two above (the
+// hardened build wants whole labels of the domain, or exactly the organisation).
+bool IsVendorCommonName(const std::string& name);
 
 // Checks the file at `path` (null: the download failed) against `page`. `systemVersion` is the
 // operating-system version the "sha256" rule depends on.

@@ -24,7 +24,7 @@ void CGpcWindow::AddFrameTargetLocation(const char* target, const char* url) {
   }
   MacInfoTrace("CGpcWindow::AddFrameTargetLocation,Begin");
   MacInfoTrace("CGpcWindow::AddFrameTargetLocation,url=%s!", url);
-  m_vectorFrameTarget.push_back(new CFrameTarget(target, url));
+  AppendOwned(&m_vectorFrameTarget, new CFrameTarget(target, url));
   MacInfoTrace("CGpcWindow::AddFrameTargetLocation,End");
 }
 

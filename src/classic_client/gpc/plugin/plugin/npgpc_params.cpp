@@ -38,7 +38,7 @@ bool CGpcWindow::SetParameters(int argc, char** argn, char** argv) {
       return false;
     }
     MacInfoTrace("CGpcWindow::SetParameters,%d : %s = %s ", i, name ? name : "", value ? value : "");
-    m_vectorParam.push_back(new CItem(name, value));
+    AppendOwned(&m_vectorParam, new CItem(name, value));
   }
   m_bHalted = 0;
   return true;
@@ -75,7 +75,7 @@ void CGpcWindow::SetParameterVector(const std::string& name, const std::string& 
       return;
     }
   }
-  m_vectorParam.push_back(new CItem(name, value));
+  AppendOwned(&m_vectorParam, new CItem(name, value));
 }
 
 const char* CGpcWindow::GetParameter(const char* name) {

@@ -4,6 +4,7 @@
 
 #include <glib.h>
 
+#include "boundary.h"
 #include "platform/dynamic_library.h"
 #include "platform/system_version.h"
 #include "trace.h"
@@ -16,10 +17,11 @@ const guint kHeartbeatIntervalMs = 50;
 
 bool HeartbeatRunsOnTimer() { return platform::SystemVersion() >= kTimerSystemVersion; }
 
-gboolean OnHeartbeatSource(gpointer datum) {
+gboolean OnHeartbeatSource(gpointer datum) try {
   GPCWindowTimerProc(nullptr, datum);
   return G_SOURCE_CONTINUE;
 }
+GPC_BOUNDARY_CATCH(G_SOURCE_CONTINUE)
 
 }  // namespace
 

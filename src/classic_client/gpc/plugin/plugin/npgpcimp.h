@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -240,6 +241,15 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
 void* LoadLibrary(const char* bundlePath);
 void* GetFunctionPointer(void* bundle, const char* name);
 bool FreeLibrary(void* bundle);
+
+// Appends `item` to a vector that owns its pointers; when the vector cannot grow, the item is
+// freed before the failure goes on, so nothing leaks.
+template <typename T>
+void AppendOwned(std::vector<T*>* owner, T* item) {
+  std::unique_ptr<T> held(item);
+  owner->push_back(item);
+  held.release();
+}
 
 // The heartbeat timer's callback: a null datum is ignored.
 void GPCWindowTimerProc(void* timer, void* datum);
