@@ -125,6 +125,26 @@ class LoopbackProxy {
   std::string url_;
 };
 
+// Packs the bundle `bundle` with the vendor's tool, signed by `signer`'s vendor certificate and
+// its root, into `out`; returns the embed parameters it printed (none on failure).
+PageParams PackWithTheTool(const gpctest::PackageSigner& signer, const std::string& bundle, const std::string& out) {
+  bool ok = false;
+  const std::string printed = gpctest::ShellOutput(
+      std::string(GPC_BIN_DIR) + "/gpc-pack pack --format json --key " + gpctest::ShellQuote(signer.Path("vendor.key")) +
+          " --cert " + gpctest::ShellQuote(signer.Path("vendor.pem")) + " --chain " +
+          gpctest::ShellQuote(signer.Path("root.pem")) + " --out " + gpctest::ShellQuote(out) + " " +
+          gpctest::ShellQuote(bundle),
+      &ok);
+  const std::vector<JsonEvent> lines = gpchost::ParseJsonLines(printed);
+  if (!ok || lines.empty()) return {};
+  PageParams params;
+  for (const char* name : {"GpcExtName", "GpcExtVersion", "GpcCompressMethod", "GpcHashMethod", "GpcExtHash",
+                           "GpcExtSignature", "GpcCertification"}) {
+    params.push_back({name, lines.back().Str(name)});
+  }
+  return params;
+}
+
 class BrowserJob : public ::testing::Test {
  protected:
   struct Shared {
@@ -142,13 +162,17 @@ class BrowserJob : public ::testing::Test {
     Shared& s = *shared_;
     mkdir((s.folder.path() + "/pki").c_str(), 0700);
     s.signer = std::make_unique<gpctest::PackageSigner>(s.folder.path() + "/pki");
-    const std::string archive = s.folder.path() + "/package.7z";
+    // The sample as version 2.0.0.7 (PackExtension leaves that copy of the bundle beside its
+    // archive), packed and signed by gpc-pack as a vendor would.
+    const std::string out = s.folder.path() + "/out";
+    mkdir(out.c_str(), 0700);
     s.ok = s.signer->ok() && s.server.Start() &&
-           gpctest::PackExtension(kSampleBundle, "2.0.0.7", s.folder.path(), archive) &&
-           s.server.AddFile("client/zrgpcext64.bundle.7z", gpctest::ReadFile(archive)) &&
+           gpctest::PackExtension(kSampleBundle, "2.0.0.7", s.folder.path(), s.folder.path() + "/unused.7z");
+    if (s.ok) s.package = PackWithTheTool(*s.signer, s.folder.path() + "/zrgpcext64.bundle", out);
+    s.ok = s.ok && !s.package.empty() &&
+           s.server.AddFile("client/zrgpcext64.bundle.7z", gpctest::ReadFile(out + "/zrgpcext64.bundle.7z")) &&
            s.server.AddFile("files/readme.txt", "hello") && s.server.AddFile("page/done.html", kDonePage) &&
            s.server.AddFile("page/error.html", kErrorPage) && s.proxy.Start(s.server.https_port());
-    if (s.ok) s.package = s.signer->PackageParameters(s.server.FilePath("client/zrgpcext64.bundle.7z"));
   }
   static void TearDownTestSuite() {
     delete shared_;
@@ -169,7 +193,7 @@ class BrowserJob : public ::testing::Test {
     if (siteLockOff) params.push_back({"gpcsitelock", "0"});
     params.push_back({"GpcProductVersion", "3.1.0"});
     if (!root.empty()) params.push_back({"GpcUrlRoot", root});
-    params.insert(params.end(), {{"GpcCompressMethod", "7zip"}, {"GpcUnpackVersion", "1,0"}, {"GpcExtVersion", "2,0,0,7"}});
+    params.push_back({"GpcUnpackVersion", "1,0"});
     params.insert(params.end(), shared_->package.begin(), shared_->package.end());
     params.insert(params.end(), {{"GpcErrorPageUrl", site + "page/error.html"},
                                  {"GpcSampleFiles", site + "files/readme.txt"},

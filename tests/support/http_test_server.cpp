@@ -187,9 +187,14 @@ NginxTestServer::~NginxTestServer() { process_.Stop(); }
 bool NginxTestServer::MakeCertificate() {
   std::string key = folder_.path() + "/key.pem";
   std::string cert = folder_.path() + "/cert.pem";
+  // Valid for the loopback address and for the names tests reach through a proxy that sends
+  // every host here: the approved domains and one that is not.
+  const char* names =
+      "subjectAltName=IP:127.0.0.1,DNS:localhost,DNS:talvo.us,DNS:*.talvo.us,DNS:talvo.com,DNS:*.talvo.com,"
+      "DNS:vantrel.com,DNS:*.vantrel.com,DNS:example.org,DNS:*.example.org";
   const char* argv[] = {"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
                         "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key.c_str(),
-                        "-out", cert.c_str(), "-days", "2", "-subj", "/CN=127.0.0.1", nullptr};
+                        "-out", cert.c_str(), "-days", "2", "-subj", "/CN=127.0.0.1", "-addext", names, nullptr};
   return RunCommand(argv, folder_.path() + "/openssl.log") == 0;
 }
 
