@@ -65,7 +65,7 @@ bundle=$build/talvo-gpc64.plugin/Contents/Frameworks/zrgpcext64.bundle
   openssl x509 -req -in signer.csr -CA root.pem -CAkey root.key -CAcreateserial -days 30 -out signer.pem
   openssl req -x509 -newkey rsa:2048 -nodes -keyout tls.key -out tls.pem -days 1 -subj '/CN=127.0.0.1' \
     -addext subjectAltName=IP:127.0.0.1
-) >/dev/null 2>&1
+) >"$work/openssl.log" 2>&1 || { cat "$work/openssl.log" >&2; echo "demo: openssl could not make the keys" >&2; exit 1; }
 cp -a "$bundle" "$work/pack/zrgpcext64.bundle"
 sed -i '/<key>CFBundleVersion<\/key>/{n;s|<string>.*</string>|<string>2.0.0.7</string>|}' \
   "$work/pack/zrgpcext64.bundle/Contents/Info.plist"
