@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, runs the whole suite, then the unit and integration tests again under
-# AddressSanitizer and UndefinedBehaviorSanitizer.
+# AddressSanitizer and UndefinedBehaviorSanitizer, and the end-to-end runs through gpc-host under valgrind.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -16,3 +16,8 @@ cmake -S . -B build-asan $(generator build-asan) -DCMAKE_BUILD_TYPE=Debug -DGPC_
 cmake --build build-asan -j "$jobs"
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --output-on-failure -j "$jobs" -L "unit|integration" --timeout 600)
+
+# The end-to-end runs through gpc-host once more, the host under valgrind's memcheck: any error or
+# definite leak fails the run.
+(cd build && GPC_HOST_WRAPPER="valgrind --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite --quiet" \
+  ctest --output-on-failure -j "$jobs" -R "extension_job_test|host_plugin_test" --timeout 600)

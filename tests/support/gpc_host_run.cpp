@@ -9,6 +9,7 @@
 #include <fstream>
 #include <ftw.h>
 #include <iterator>
+#include <sstream>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
@@ -132,9 +133,17 @@ std::vector<JsonEvent> ParseJsonLines(const std::string& text) {
 
 HostRun RunHost(const std::vector<std::string>& args) {
   std::string folder = MakeTempFolder("gpchostrun");
-  std::vector<std::string> command = {std::string(GPC_BIN_DIR) + "/gpc-host"};
+  // GPC_HOST_WRAPPER (words split at blanks) runs the host under a tool, valgrind say.
+  std::vector<std::string> command;
+  if (const char* wrapper = std::getenv("GPC_HOST_WRAPPER")) {
+    std::istringstream words(wrapper);
+    for (std::string word; words >> word;) command.push_back(word);
+  }
+  command.push_back(std::string(GPC_BIN_DIR) + "/gpc-host");
   command.insert(command.end(), args.begin(), args.end());
   HostRun run;
+  // A wrapper given by name is looked up in PATH.
+  if (command.front().find('/') == std::string::npos) command.front() = "/usr/bin/" + command.front();
   run.exit_code = SpawnAndWait(command, folder + "/out", folder + "/err");
   run.events = ParseJsonLines(ReadWholeFile(folder + "/out"));
   run.stderr_text = ReadWholeFile(folder + "/err");
