@@ -21,13 +21,11 @@ constexpr char kDefaultExtensionName[] = "zrgpcext64";
 constexpr size_t kLongestExtensionName = 64;
 
 GpcPackageParameters PageOf(const EmbedParams& params) {
-  GpcPackageParameters page;
-  page.hash = ParamValue(params, "GpcExtHash");
-  page.method = ParamValue(params, "GpcHashMethod");
-  page.signature = ParamValue(params, "GpcExtSignature");
-  page.certification = ParamValue(params, "GpcCertification");
-  page.siteLock = ParamValue(params, "gpcsitelock");
-  return page;
+  std::string value;
+  return ReadPackageParameters([&](const char* name) {
+    value = ParamValue(params, name);
+    return value.c_str();
+  });
 }
 
 std::string ExtensionNameOf(const EmbedParams& params) {

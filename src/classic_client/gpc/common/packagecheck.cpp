@@ -81,6 +81,20 @@ GpcPackageCheck CheckCertificateAndSignature(const GpcPackageParameters& page, c
 
 }  // namespace
 
+GpcPackageParameters ReadPackageParameters(const std::function<const char*(const char* name)>& lookup) {
+  auto text = [&lookup](const char* name) {
+    const char* value = lookup(name);
+    return std::string(value ? value : "");
+  };
+  GpcPackageParameters page;
+  page.hash = text("GpcExtHash");
+  page.method = text("GpcHashMethod");
+  page.signature = text("GpcExtSignature");
+  page.certification = text("GpcCertification");
+  page.siteLock = text("gpcsitelock");
+  return page;
+}
+
 bool IsVendorCommonName(const std::string& name) {
   if (gpc::GpcHardened()) {
     return name == kGpcVendorCommonNameSuffix + 1 || name == kGpcVendorOrganisationSuffix ||

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 // What the page says of the package; an absent parameter is the empty string.
@@ -15,6 +16,9 @@ struct GpcPackageParameters {
   std::string certification;  // "GpcCertification": base64 DER certificates joined by "|", signer last
   std::string siteLock;       // "gpcsitelock": only chooses a log line
 };
+
+// The package parameters as `lookup` gives them by name (null or empty: absent).
+GpcPackageParameters ReadPackageParameters(const std::function<const char*(const char* name)>& lookup);
 
 // The first check a package fails, in the order they are made, or how it was accepted.
 enum class GpcPackageCheck {

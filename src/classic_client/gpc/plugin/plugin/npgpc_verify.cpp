@@ -11,21 +11,6 @@
 
 namespace {
 
-std::string ParameterText(CGpcWindow* window, const char* name) {
-  const char* value = window->GetParameter(name);
-  return value ? value : "";
-}
-
-GpcPackageParameters ReadPackageParameters(CGpcWindow* window) {
-  GpcPackageParameters page;
-  page.hash = ParameterText(window, "GpcExtHash");
-  page.method = ParameterText(window, "GpcHashMethod");
-  page.signature = ParameterText(window, "GpcExtSignature");
-  page.certification = ParameterText(window, "GpcCertification");
-  page.siteLock = ParameterText(window, "gpcsitelock");
-  return page;
-}
-
 void LogMissingParts(const char* path, const GpcPackageParameters& page) {
   if (page.siteLock == "0" && path != nullptr) {
     MacErrorTrace("CGpcExtMgr::GpcGetFileNotify,gpcsitelock is 0 means it run not check domain mode. we will check hashvalue of current package but hash or certification is invalid!");
@@ -89,7 +74,8 @@ void CGpcExtMgr::GpcGetFileNotify(void* instance, void* context, GPCGetFileNotif
   manager->RecordTimeStamp(tmr_gpc_finish_download_extension);
 
   const char* path = static_cast<const char*>(data);
-  const GpcPackageParameters page = ReadPackageParameters(window);
+  const GpcPackageParameters page =
+      ReadPackageParameters([window](const char* name) { return window->GetParameter(name); });
   const GpcPackageVerdict verdict = CheckPackage(path, page, system);
   LogVerdict(path, page, verdict);
   if (!verdict.accepted()) {
