@@ -24,6 +24,9 @@ const char kHostHelp[] =
     "  --exit-on-navigate TEXT  end the run at the first navigation whose URL contains TEXT\n"
     "  --models                 answer true to the Core Graphics and Cocoa event model queries\n"
     "  --window WxH             size of the window given to SetWindow (default 640x480)\n"
+    "  --native-messaging       serve embeds for a browser extension over native messaging on\n"
+    "                           standard input and output (docs/native-messaging.md); --param,\n"
+    "                           --page-url, --run-ms and --exit-on-navigate do not apply\n"
     "  --help                   this text\n"
     "\n"
     "Requests with a target are navigations: recorded, not fetched, and reported back to the\n"
@@ -102,6 +105,10 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* out, std::string* erro
     }
     if (option == "--models") {
       out->models = true;
+      continue;
+    }
+    if (option == "--native-messaging") {
+      out->native_messaging = true;
       continue;
     }
     if (i + 1 >= argc) {

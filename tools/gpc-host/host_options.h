@@ -12,6 +12,7 @@ struct HostOptions {
   std::string exit_on_navigate;                           // ... or at a navigation containing this
   bool models = false;                                    // offer Core Graphics and Cocoa events
   unsigned width = 640, height = 480;                     // the window given to SetWindow
+  bool native_messaging = false;                          // serve a browser extension's embeds
   bool help = false;
 };
 

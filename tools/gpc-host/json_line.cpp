@@ -2,6 +2,12 @@
 
 #include <cstdio>
 
+namespace {
+FILE* g_output = nullptr;
+}  // namespace
+
+void JsonLine::SetOutput(FILE* out) { g_output = out; }
+
 JsonLine::JsonLine(const char* event) { text_ = "{\"event\":\"" + Escape(event) + "\""; }
 
 void JsonLine::Key(const char* key) { text_ += ",\"" + Escape(key) + "\":"; }
@@ -35,8 +41,9 @@ JsonLine& JsonLine::AddBool(const char* key, bool value) {
 
 void JsonLine::Emit() {
   text_ += "}\n";
-  std::fwrite(text_.data(), 1, text_.size(), stdout);
-  std::fflush(stdout);
+  FILE* out = g_output != nullptr ? g_output : stdout;
+  std::fwrite(text_.data(), 1, text_.size(), out);
+  std::fflush(out);
 }
 
 std::string JsonLine::Escape(const std::string& text) {

@@ -1,6 +1,7 @@
 // One event of the host, printed as one JSON object on one line of standard output.
 #pragma once
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 class JsonLine {
@@ -13,6 +14,8 @@ class JsonLine {
   JsonLine& AddBool(const char* key, bool value);
   // Writes the line and flushes, so that a reader sees each event as it happens.
   void Emit();
+  // Where Emit writes: standard output unless set (native messaging keeps stdout for its frames).
+  static void SetOutput(FILE* out);
 
   // Escapes `text` as the inside of a JSON string (bytes of 0x80 and above pass through).
   static std::string Escape(const std::string& text);

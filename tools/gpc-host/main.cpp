@@ -4,6 +4,7 @@
 
 #include "host_options.h"
 #include "json_line.h"
+#include "native_messaging.h"
 #include "plugin_host.h"
 
 int main(int argc, char** argv) {
@@ -16,6 +17,11 @@ int main(int argc, char** argv) {
   if (options.help) {
     std::fputs(kHostHelp, stdout);
     return 0;
+  }
+  if (options.native_messaging) {
+    int code = RunNativeMessaging(options);
+    JsonLine("exit").Add("code", code).Add("reason", code == 0 ? "input-ended" : "load").Emit();
+    return code;
   }
 
   int code = 0;

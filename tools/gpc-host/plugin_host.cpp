@@ -70,6 +70,11 @@ std::string CleanUrl(const std::string& url) {
 
 const char* NullIfEmpty(const char* text) { return text != nullptr && *text != '\0' ? text : nullptr; }
 
+// The host of the instance a call names; the module's own host for calls without one.
+PluginHost* HostOf(NPP npp) {
+  return npp != nullptr && npp->ndata != nullptr ? static_cast<PluginHost*>(npp->ndata) : g_host;
+}
+
 }  // namespace
 
 struct PluginHost::Request {
@@ -98,22 +103,22 @@ struct PluginHost::Request {
 // ---- The browser's functions, as the plug-in calls them --------------------------------------------
 
 struct BrowserCalls {
-  static NPError GetURL(NPP, const char* url, const char* target) {
-    return g_host->OnGetURL("GetURL", url, target, false, nullptr, false, std::string());
+  static NPError GetURL(NPP npp, const char* url, const char* target) {
+    return HostOf(npp)->OnGetURL("GetURL", url, target, false, nullptr, false, std::string());
   }
-  static NPError GetURLNotify(NPP, const char* url, const char* target, void* data) {
-    return g_host->OnGetURL("GetURLNotify", url, target, true, data, false, std::string());
+  static NPError GetURLNotify(NPP npp, const char* url, const char* target, void* data) {
+    return HostOf(npp)->OnGetURL("GetURLNotify", url, target, true, data, false, std::string());
   }
-  static NPError PostURL(NPP, const char* url, const char* target, uint32_t len, const char* buf, NPBool file) {
+  static NPError PostURL(NPP npp, const char* url, const char* target, uint32_t len, const char* buf, NPBool file) {
     std::string body;
     if (!PostBody(buf, len, file, &body)) return NPERR_FILE_NOT_FOUND;
-    return g_host->OnGetURL("PostURL", url, target, false, nullptr, true, body);
+    return HostOf(npp)->OnGetURL("PostURL", url, target, false, nullptr, true, body);
   }
-  static NPError PostURLNotify(NPP, const char* url, const char* target, uint32_t len, const char* buf,
+  static NPError PostURLNotify(NPP npp, const char* url, const char* target, uint32_t len, const char* buf,
                                NPBool file, void* data) {
     std::string body;
     if (!PostBody(buf, len, file, &body)) return NPERR_FILE_NOT_FOUND;
-    return g_host->OnGetURL("PostURLNotify", url, target, true, data, true, body);
+    return HostOf(npp)->OnGetURL("PostURLNotify", url, target, true, data, true, body);
   }
   static NPError RequestRead(NPStream*, NPByteRange*) { return NPERR_STREAM_NOT_SEEKABLE; }
   // Streams from the plug-in to the browser are not offered by this host.
@@ -131,13 +136,13 @@ struct BrowserCalls {
   static void ReloadPlugins(NPBool) {}
   static void* GetJavaEnv(void) { return nullptr; }
   static void* GetJavaPeer(NPP) { return nullptr; }
-  static NPError GetValue(NPP, NPNVariable variable, void* value) {
+  static NPError GetValue(NPP npp, NPNVariable variable, void* value) {
     if (value == nullptr) return NPERR_INVALID_PARAM;
     NPError result = NPERR_NO_ERROR;
     switch (variable) {
       case NPNVsupportsCoreGraphicsBool:
       case NPNVsupportsCocoaBool:
-        *static_cast<NPBool*>(value) = g_host->options_.models;
+        *static_cast<NPBool*>(value) = HostOf(npp)->options_.models;
         break;
       case NPNVSupportsXEmbedBool:
       case NPNVprivateModeBool:
@@ -209,12 +214,22 @@ PluginHost::PluginHost(const HostOptions& options) : options_(options) {
   loader_ = std::make_unique<UrlLoader>([this] { SchedulePump(); });
 }
 
+PluginHost::PluginHost(const HostOptions& options, const PluginHost& module)
+    : options_(options),
+      owns_module_(false),
+      browser_funcs_(module.browser_funcs_),
+      plugin_funcs_(module.plugin_funcs_) {
+  npp_.ndata = this;
+  loader_ = std::make_unique<UrlLoader>([this] { SchedulePump(); });
+}
+
 PluginHost::~PluginHost() {
   Unload();
   loader_.reset();
   if (pump_source_ != 0) g_source_remove(pump_source_);
   if (notify_source_ != 0) g_source_remove(notify_source_);
   if (loop_ != nullptr) g_main_loop_unref(loop_);
+  if (!owns_module_) return;
   delete reinterpret_cast<FullBrowserFuncs*>(browser_funcs_);
   delete reinterpret_cast<FullPluginFuncs*>(plugin_funcs_);
   g_host = nullptr;
@@ -350,6 +365,7 @@ void PluginHost::Unload() {
       requests_.erase(id);
     }
     notices_.clear();
+    awaiting_.clear();
     NPSavedData* saved = nullptr;
     NPError result = plugin_funcs_->destroy(&npp_, &saved);
     JsonLine("destroy").Add("result", result).Add("exit_reason", exit_reason_).Emit();
@@ -388,6 +404,7 @@ NPError PluginHost::OnGetURL(const char* call, const char* url, const char* targ
   line.Add("target", NullIfEmpty(target)).AddBool("notify", notify);
   if (post) line.Add("body_bytes", static_cast<int64_t>(body.size()));
   line.Emit();
+  if (events_ != nullptr) events_->OnRequest(request->id, request->url, request->target);
 
   if (url == nullptr || *url == '\0') return NPERR_INVALID_URL;
   if (!request->target.empty()) {
@@ -414,6 +431,10 @@ void PluginHost::Navigate(Request* raw) {
       .Add("target", request->target)
       .Add("method", request->post ? "POST" : "GET")
       .Emit();
+  if (events_ != nullptr && events_->OnNavigate(request->id, request->url, request->target)) {
+    if (request->notify) awaiting_[request->id] = std::move(request);
+    return;
+  }
   bool matched = !options_.exit_on_navigate.empty() &&
                  request->url.find(options_.exit_on_navigate) != std::string::npos;
   if (matched) navigation_matched_ = true;
@@ -422,6 +443,18 @@ void PluginHost::Navigate(Request* raw) {
   } else if (matched) {
     Quit("navigate");
   }
+}
+
+bool PluginHost::AnswerNavigation(int request_id, bool ok) {
+  auto it = awaiting_.find(request_id);
+  if (it == awaiting_.end() || !instance_live_) return false;
+  std::unique_ptr<Request> request = std::move(it->second);
+  awaiting_.erase(it);
+  NPReason reason = ok ? NPRES_DONE : NPRES_NETWORK_ERR;
+  if (plugin_funcs_->urlnotify != nullptr)
+    plugin_funcs_->urlnotify(&npp_, request->url.c_str(), reason, request->notify_data);
+  JsonLine("url_notify").Add("id", request->id).Add("url", request->url).Add("reason", reason).Emit();
+  return true;
 }
 
 void PluginHost::NotifyLater(Request* request) {
@@ -526,6 +559,7 @@ bool PluginHost::OpenStream(Request* request, const std::string& mime) {
       .Emit();
   if (result != NPERR_NO_ERROR) return false;
   request->stream_open = true;
+  if (events_ != nullptr) events_->OnStreamProgress(request->id, request->url, 0, transfer->content_length);
   if (request->stype == NP_ASFILE || request->stype == NP_ASFILEONLY) {
     gchar* path = nullptr;
     int fd = g_file_open_tmp("gpc-host-XXXXXX", &path, nullptr);
@@ -545,6 +579,7 @@ bool PluginHost::Deliver(Request* request) {
     if (request->file != nullptr) std::fwrite(data.data(), 1, data.size(), request->file);
     request->bytes += static_cast<int64_t>(data.size());
     data.clear();
+    if (events_ != nullptr) events_->OnStreamProgress(request->id, request->url, request->bytes, transfer->content_length);
     return true;
   }
   while (!data.empty()) {
@@ -561,6 +596,7 @@ bool PluginHost::Deliver(Request* request) {
     data.erase(0, static_cast<size_t>(written));
     request->offset += written;
     request->bytes += written;
+    if (events_ != nullptr) events_->OnStreamProgress(request->id, request->url, request->bytes, transfer->content_length);
     if (written == 0) {
       SchedulePump(kWriteRetryMs);
       return true;
@@ -596,6 +632,7 @@ void PluginHost::EndRequest(Request* request, NPReason reason) {
       .Add("reason", reason)
       .Add("error", transfer != nullptr && !transfer->error.empty() ? transfer->error.c_str() : nullptr)
       .Emit();
+  if (events_ != nullptr) events_->OnFetchEnd(request->id, request->url, reason);
   if (request->notify && plugin_funcs_->urlnotify != nullptr) {
     plugin_funcs_->urlnotify(&npp_, request->url.c_str(), reason, request->notify_data);
     JsonLine("url_notify").Add("id", request->id).Add("url", request->url).Add("reason", reason).Emit();

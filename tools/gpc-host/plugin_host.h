@@ -10,9 +10,27 @@
 #include "plugin/plugin/npapi.h"
 #include "url_loader.h"
 
+// What an embedding program (the native-messaging bridge) hears of one instance. Each call comes
+// from the main loop or from inside a call of the plug-in; none may destroy the host.
+class HostEvents {
+ public:
+  virtual ~HostEvents() = default;
+  // The plug-in asked for `url` (request numbers count per instance from 1).
+  virtual void OnRequest(int request, const std::string& url, const std::string& target) = 0;
+  // A request into a frame. Returning true keeps it open until AnswerNavigation; false lets the
+  // host answer it as done at once, as it does without events.
+  virtual bool OnNavigate(int request, const std::string& url, const std::string& target) = 0;
+  // Bytes of a fetched stream handed to the plug-in so far; `total` is -1 when unknown.
+  virtual void OnStreamProgress(int request, const std::string& url, int64_t done, int64_t total) = 0;
+  virtual void OnFetchEnd(int request, const std::string& url, NPReason reason) = 0;
+};
+
 class PluginHost {
  public:
   explicit PluginHost(const HostOptions& options);
+  // Another instance of the module that `module` has loaded; Load must not be called on it, and
+  // `module` must outlive it. Unload then ends only this instance.
+  PluginHost(const HostOptions& options, const PluginHost& module);
   ~PluginHost();
   PluginHost(const PluginHost&) = delete;
   PluginHost& operator=(const PluginHost&) = delete;
@@ -25,6 +43,12 @@ class PluginHost {
   void Run();
   // Ends open streams, NPP_Destroy, NP_Shutdown, dlclose.
   void Unload();
+
+  // Routes this instance's events to `events` (null: none); set before CreateInstance.
+  void SetEvents(HostEvents* events) { events_ = events; }
+  // Answers a navigation that OnNavigate kept open: NPP_URLNotify with NPRES_DONE when `ok`,
+  // else NPRES_NETWORK_ERR. Returns false when no such navigation waits.
+  bool AnswerNavigation(int request, bool ok);
 
   bool navigation_matched() const { return navigation_matched_; }
   // Why the loop ended: "run-ms" or "navigate".
@@ -56,6 +80,9 @@ class PluginHost {
   void Quit(const char* reason);
 
   HostOptions options_;
+  bool owns_module_ = true;
+  HostEvents* events_ = nullptr;
+  std::map<int, std::unique_ptr<Request>> awaiting_;  // navigations left to the events' answer
   void* module_ = nullptr;
   NP_ShutdownFunc shutdown_ = nullptr;
   NPNetscapeFuncs* browser_funcs_ = nullptr;

@@ -1,0 +1,267 @@
+#include "json_value.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+
+#include "json_line.h"
+
+namespace {
+
+constexpr int kMaxDepth = 64;
+
+class Parser {
+ public:
+  explicit Parser(const std::string& text) : text_(text) {}
+
+  bool ParseDocument(JsonValue* out, std::string* error) {
+    SkipSpace();
+    if (!ParseValue(out, 0)) {
+      *error = error_ + " at byte " + std::to_string(pos_);
+      return false;
+    }
+    SkipSpace();
+    if (pos_ != text_.size()) {
+      *error = "text after the value at byte " + std::to_string(pos_);
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  bool Fail(const char* why) {
+    if (error_.empty()) error_ = why;
+    return false;
+  }
+  bool AtEnd() const { return pos_ >= text_.size(); }
+  char Peek() const { return AtEnd() ? '\0' : text_[pos_]; }
+  void SkipSpace() {
+    while (!AtEnd() && (Peek() == ' ' || Peek() == '\t' || Peek() == '\n' || Peek() == '\r')) ++pos_;
+  }
+  bool Literal(const char* word) {
+    size_t length = std::strlen(word);
+    if (text_.compare(pos_, length, word) != 0) return Fail("unexpected character");
+    pos_ += length;
+    return true;
+  }
+
+  bool ParseValue(JsonValue* out, int depth) {
+    if (depth > kMaxDepth) return Fail("nested too deeply");
+    switch (Peek()) {
+      case '{': return ParseObject(out, depth);
+      case '[': return ParseArray(out, depth);
+      case '"': out->kind = JsonValue::Kind::kString; return ParseString(&out->text);
+      case 't': out->kind = JsonValue::Kind::kBool; out->boolean = true; return Literal("true");
+      case 'f': out->kind = JsonValue::Kind::kBool; return Literal("false");
+      case 'n': out->kind = JsonValue::Kind::kNull; return Literal("null");
+      default: return ParseNumber(out);
+    }
+  }
+
+  bool ParseObject(JsonValue* out, int depth) {
+    out->kind = JsonValue::Kind::kObject;
+    ++pos_;
+    SkipSpace();
+    if (Peek() == '}') return ++pos_, true;
+    for (;;) {
+      SkipSpace();
+      if (Peek() != '"') return Fail("expected a member name");
+      std::string key;
+      if (!ParseString(&key)) return false;
+      SkipSpace();
+      if (Peek() != ':') return Fail("expected ':'");
+      ++pos_;
+      SkipSpace();
+      out->members.emplace_back(std::move(key), JsonValue());
+      if (!ParseValue(&out->members.back().second, depth + 1)) return false;
+      SkipSpace();
+      if (Peek() == ',') {
+        ++pos_;
+        continue;
+      }
+      if (Peek() == '}') return ++pos_, true;
+      return Fail("expected ',' or '}'");
+    }
+  }
+
+  bool ParseArray(JsonValue* out, int depth) {
+    out->kind = JsonValue::Kind::kArray;
+    ++pos_;
+    SkipSpace();
+    if (Peek() == ']') return ++pos_, true;
+    for (;;) {
+      SkipSpace();
+      out->items.emplace_back();
+      if (!ParseValue(&out->items.back(), depth + 1)) return false;
+      SkipSpace();
+      if (Peek() == ',') {
+        ++pos_;
+        continue;
+      }
+      if (Peek() == ']') return ++pos_, true;
+      return Fail("expected ',' or ']'");
+    }
+  }
+
+  bool ParseNumber(JsonValue* out) {
+    size_t start = pos_;
+    if (Peek() == '-') ++pos_;
+    if (!std::isdigit(static_cast<unsigned char>(Peek()))) return Fail("unexpected character");
+    if (Peek() == '0') {
+      ++pos_;
+    } else {
+      while (std::isdigit(static_cast<unsigned char>(Peek()))) ++pos_;
+    }
+    if (Peek() == '.') {
+      ++pos_;
+      if (!std::isdigit(static_cast<unsigned char>(Peek()))) return Fail("bad number");
+      while (std::isdigit(static_cast<unsigned char>(Peek()))) ++pos_;
+    }
+    if (Peek() == 'e' || Peek() == 'E') {
+      ++pos_;
+      if (Peek() == '+' || Peek() == '-') ++pos_;
+      if (!std::isdigit(static_cast<unsigned char>(Peek()))) return Fail("bad number");
+      while (std::isdigit(static_cast<unsigned char>(Peek()))) ++pos_;
+    }
+    out->kind = JsonValue::Kind::kNumber;
+    out->number = std::strtod(text_.substr(start, pos_ - start).c_str(), nullptr);
+    return true;
+  }
+
+  bool Hex4(unsigned* code) {
+    if (pos_ + 4 > text_.size()) return Fail("short \\u escape");
+    *code = 0;
+    for (int i = 0; i < 4; ++i) {
+      char c = text_[pos_++];
+      *code <<= 4;
+      if (c >= '0' && c <= '9') *code |= static_cast<unsigned>(c - '0');
+      else if (c >= 'a' && c <= 'f') *code |= static_cast<unsigned>(c - 'a' + 10);
+      else if (c >= 'A' && c <= 'F') *code |= static_cast<unsigned>(c - 'A' + 10);
+      else return Fail("bad \\u escape");
+    }
+    return true;
+  }
+
+  static void AppendUtf8(unsigned code, std::string* out) {
+    if (code < 0x80) {
+      *out += static_cast<char>(code);
+    } else if (code < 0x800) {
+      *out += static_cast<char>(0xC0 | (code >> 6));
+      *out += static_cast<char>(0x80 | (code & 0x3F));
+    } else if (code < 0x10000) {
+      *out += static_cast<char>(0xE0 | (code >> 12));
+      *out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+      *out += static_cast<char>(0x80 | (code & 0x3F));
+    } else {
+      *out += static_cast<char>(0xF0 | (code >> 18));
+      *out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
+      *out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+      *out += static_cast<char>(0x80 | (code & 0x3F));
+    }
+  }
+
+  bool Escape(std::string* out) {
+    char c = text_[pos_++];
+    switch (c) {
+      case '"': *out += '"'; return true;
+      case '\\': *out += '\\'; return true;
+      case '/': *out += '/'; return true;
+      case 'b': *out += '\b'; return true;
+      case 'f': *out += '\f'; return true;
+      case 'n': *out += '\n'; return true;
+      case 'r': *out += '\r'; return true;
+      case 't': *out += '\t'; return true;
+      case 'u': break;
+      default: return Fail("bad escape");
+    }
+    unsigned code = 0;
+    if (!Hex4(&code)) return false;
+    if (code >= 0xDC00 && code <= 0xDFFF) return Fail("lone surrogate");
+    if (code >= 0xD800 && code <= 0xDBFF) {
+      unsigned low = 0;
+      if (text_.compare(pos_, 2, "\\u") != 0) return Fail("lone surrogate");
+      pos_ += 2;
+      if (!Hex4(&low)) return false;
+      if (low < 0xDC00 || low > 0xDFFF) return Fail("lone surrogate");
+      code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+    }
+    AppendUtf8(code, out);
+    return true;
+  }
+
+  // Copies one UTF-8 sequence, checking its form; returns false on invalid UTF-8.
+  bool Utf8(std::string* out) {
+    unsigned char lead = static_cast<unsigned char>(text_[pos_]);
+    size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
+    if (length == 0 || pos_ + length > text_.size()) return Fail("invalid UTF-8");
+    unsigned code = length == 1 ? lead : length == 2 ? (lead & 0x1F) : length == 3 ? (lead & 0x0F) : (lead & 0x07);
+    for (size_t i = 1; i < length; ++i) {
+      unsigned char next = static_cast<unsigned char>(text_[pos_ + i]);
+      if ((next & 0xC0) != 0x80) return Fail("invalid UTF-8");
+      code = (code << 6) | (next & 0x3F);
+    }
+    static const unsigned kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (code < kSmallest[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
+      return Fail("invalid UTF-8");
+    out->append(text_, pos_, length);
+    pos_ += length;
+    return true;
+  }
+
+  bool ParseString(std::string* out) {
+    ++pos_;
+    for (;;) {
+      if (AtEnd()) return Fail("unterminated string");
+      unsigned char c = static_cast<unsigned char>(text_[pos_]);
+      if (c == '"') return ++pos_, true;
+      if (c < 0x20) return Fail("control character in a string");
+      if (c == '\\') {
+        ++pos_;
+        if (AtEnd()) return Fail("unterminated string");
+        if (!Escape(out)) return false;
+      } else if (!Utf8(out)) {
+        return false;
+      }
+    }
+  }
+
+  const std::string& text_;
+  size_t pos_ = 0;
+  std::string error_;
+};
+
+}  // namespace
+
+const JsonValue* JsonValue::Find(const std::string& key) const {
+  for (const auto& member : members)
+    if (member.first == key) return &member.second;
+  return nullptr;
+}
+
+bool ParseJson(const std::string& text, JsonValue* out, std::string* error) {
+  *out = JsonValue();
+  return Parser(text).ParseDocument(out, error);
+}
+
+void JsonObjectText::Key(const char* key) {
+  text_ += text_.empty() ? "{" : ",";
+  text_ += "\"" + JsonLine::Escape(key) + "\":";
+}
+
+JsonObjectText& JsonObjectText::Add(const char* key, const std::string& value) {
+  Key(key);
+  text_ += "\"" + JsonLine::Escape(value) + "\"";
+  return *this;
+}
+
+JsonObjectText& JsonObjectText::Add(const char* key, int64_t value) {
+  Key(key);
+  text_ += std::to_string(value);
+  return *this;
+}
+
+JsonObjectText& JsonObjectText::AddBool(const char* key, bool value) {
+  Key(key);
+  text_ += value ? "true" : "false";
+  return *this;
+}

@@ -1,0 +1,370 @@
+#include "native_messaging.h"
+
+#include <glib-unix.h>
+#include <glib.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "frame_reader.h"
+#include "json_line.h"
+#include "json_value.h"
+#include "plugin_host.h"
+
+namespace {
+
+constexpr size_t kMaxOutgoing = 1024 * 1024;  // the browser refuses larger messages
+constexpr size_t kMaxParams = 1024;
+constexpr size_t kMaxIdBytes = 256;
+constexpr int64_t kProgressStep = 256 * 1024;  // bytes between two "downloading" messages
+
+// Writes framed messages to the browser on a descriptor of its own.
+class Outbox {
+ public:
+  explicit Outbox(int fd) : fd_(fd) {}
+  // Sends `json`; a message over the browser's limit is replaced by an error. False when the
+  // browser is gone.
+  bool Send(const std::string& json, const std::string& id) {
+    if (json.size() > kMaxOutgoing) {
+      JsonObjectText error;
+      error.Add("type", "error");
+      if (!id.empty()) error.Add("id", id);
+      error.Add("message", "a message of " + std::to_string(json.size()) + " bytes exceeds the 1 MB limit; not sent");
+      return Write(FrameMessage(error.Finish()));
+    }
+    return Write(FrameMessage(json));
+  }
+  bool Error(const std::string& id, const std::string& message) {
+    JsonObjectText error;
+    error.Add("type", "error");
+    if (!id.empty()) error.Add("id", id);
+    error.Add("message", message);
+    return Send(error.Finish(), id);
+  }
+  bool broken() const { return broken_; }
+
+ private:
+  bool Write(const std::string& bytes) {
+    size_t done = 0;
+    while (!broken_ && done < bytes.size()) {
+      ssize_t wrote = write(fd_, bytes.data() + done, bytes.size() - done);
+      if (wrote < 0 && errno == EINTR) continue;
+      if (wrote <= 0) broken_ = true;
+      else done += static_cast<size_t>(wrote);
+    }
+    return !broken_;
+  }
+  int fd_;
+  bool broken_ = false;
+};
+
+std::string ParamValue(const std::vector<std::pair<std::string, std::string>>& params, const char* name) {
+  for (const auto& param : params)
+    if (strcasecmp(param.first.c_str(), name) == 0) return param.second;
+  return std::string();
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+  return !prefix.empty() && text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// One embed: an instance of the module and the milestones the extension hears of. The stages
+// come from what the host sees of the instance (see docs/native-messaging.md).
+class Embed : public HostEvents {
+ public:
+  Embed(const std::string& id, const HostOptions& options, const PluginHost& module, Outbox* outbox)
+      : id_(id),
+        package_root_(ParamValue(options.params, "GpcUrlRoot")),
+        error_page_(ParamValue(options.params, "GpcErrorPageUrl")),
+        outbox_(outbox),
+        host_(options, module) {
+    host_.SetEvents(this);
+  }
+  ~Embed() override {
+    if (refuse_source_ != 0) g_source_remove(refuse_source_);
+    host_.Unload();
+  }
+
+  bool Start() {
+    if (!host_.CreateInstance()) return false;
+    Stage("started");
+    Stage("checking");
+    return true;
+  }
+  bool Answer(int request, bool ok) { return host_.AnswerNavigation(request, ok); }
+
+  void OnRequest(int request, const std::string& url, const std::string& target) override {
+    if (!target.empty()) return;  // navigations are judged in OnNavigate
+    if (StartsWith(url, package_root_) && package_request_ == 0 && !running_) {
+      package_request_ = request;
+      return;
+    }
+    Running();
+  }
+
+  bool OnNavigate(int request, const std::string& url, const std::string& target) override {
+    if (StartsWith(url, error_page_)) {
+      Stage("halted");
+      halted_ = true;
+    } else {
+      Running();
+    }
+    JsonObjectText message;
+    message.Add("type", "navigate").Add("id", id_).Add("request", request).Add("url", url).Add("target", target);
+    std::string json = message.Finish();
+    if (json.size() > kMaxOutgoing) {
+      outbox_->Error(id_, "navigation " + std::to_string(request) + " is too long to send; it failed");
+      RefuseLater(request);
+    } else {
+      outbox_->Send(json, id_);
+    }
+    return true;
+  }
+
+  void OnStreamProgress(int request, const std::string&, int64_t done, int64_t total) override {
+    if (request != package_request_) return;
+    bool last = total > 0 && done >= total;
+    if (reported_bytes_ >= 0 && !last && done - reported_bytes_ < kProgressStep) return;
+    if (last && reported_bytes_ == done) return;
+    reported_bytes_ = done;
+    JsonObjectText message;
+    message.Add("type", "status").Add("id", id_).Add("stage", "downloading").Add("done", done);
+    if (total > 0) message.Add("total", total);
+    outbox_->Send(message.Finish(), id_);
+  }
+
+  void OnFetchEnd(int request, const std::string&, NPReason reason) override {
+    if (request == package_request_ && reason == NPRES_DONE) downloaded_ = true;
+  }
+
+ private:
+  void Stage(const char* stage) {
+    JsonObjectText message;
+    message.Add("type", "status").Add("id", id_).Add("stage", stage);
+    outbox_->Send(message.Finish(), id_);
+  }
+
+  // The extension runs once the plug-in asks for anything but the package or the error page;
+  // after a download that means the package passed its checks and was unpacked.
+  void Running() {
+    if (running_ || halted_) return;
+    running_ = true;
+    if (downloaded_) {
+      Stage("verified");
+      Stage("unpacked");
+    }
+    Stage("running");
+  }
+
+  // A navigation that could not be sent fails, from the main loop rather than inside the
+  // plug-in's call that asked for it.
+  void RefuseLater(int request) {
+    refused_.push_back(request);
+    if (refuse_source_ == 0) refuse_source_ = g_idle_add(&Embed::OnRefuse, this);
+  }
+  static gboolean OnRefuse(gpointer self) {
+    auto* embed = static_cast<Embed*>(self);
+    embed->refuse_source_ = 0;
+    std::vector<int> refused;
+    refused.swap(embed->refused_);
+    for (int request : refused) embed->host_.AnswerNavigation(request, false);
+    return G_SOURCE_REMOVE;
+  }
+
+  std::string id_;
+  std::string package_root_;
+  std::string error_page_;
+  Outbox* outbox_;
+  int package_request_ = 0;
+  int64_t reported_bytes_ = -1;
+  bool downloaded_ = false;
+  bool running_ = false;
+  bool halted_ = false;
+  std::vector<int> refused_;
+  guint refuse_source_ = 0;
+  PluginHost host_;  // last: it is destroyed first, while the state above still stands
+};
+
+class Bridge {
+ public:
+  Bridge(const HostOptions& options, const PluginHost& module, Outbox* outbox)
+      : options_(options), module_(module), outbox_(outbox) {}
+
+  int Run() {
+    loop_ = g_main_loop_new(nullptr, FALSE);
+    guint watch = g_unix_fd_add(STDIN_FILENO, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
+                                &Bridge::OnInput, this);
+    g_main_loop_run(loop_);
+    if (!input_ended_) g_source_remove(watch);
+    embeds_.clear();  // each ends its instance as a closed page would
+    g_main_loop_unref(loop_);
+    return 0;
+  }
+
+ private:
+  static gboolean OnInput(gint fd, GIOCondition, gpointer self) {
+    auto* bridge = static_cast<Bridge*>(self);
+    char buffer[64 * 1024];
+    ssize_t got = read(fd, buffer, sizeof buffer);
+    if (got < 0 && (errno == EINTR || errno == EAGAIN)) return G_SOURCE_CONTINUE;
+    if (got <= 0) {
+      // The port was disconnected: the page is gone with all its embeds.
+      if (bridge->reader_.InsideFrame()) bridge->outbox_->Error("", "the input ended inside a message");
+      bridge->input_ended_ = true;
+      g_main_loop_quit(bridge->loop_);
+      return G_SOURCE_REMOVE;
+    }
+    std::vector<FrameReader::Item> items;
+    bridge->reader_.Feed(buffer, static_cast<size_t>(got), &items);
+    for (const FrameReader::Item& item : items) {
+      if (item.ok) bridge->Dispatch(item.text);
+      else bridge->outbox_->Error("", item.text);
+    }
+    if (bridge->outbox_->broken()) g_main_loop_quit(bridge->loop_);
+    return G_SOURCE_CONTINUE;
+  }
+
+  void Dispatch(const std::string& text) {
+    JsonValue message;
+    std::string error;
+    if (!ParseJson(text, &message, &error)) {
+      outbox_->Error("", "invalid JSON: " + error);
+      return;
+    }
+    if (message.kind != JsonValue::Kind::kObject) {
+      outbox_->Error("", "a message is a JSON object");
+      return;
+    }
+    const JsonValue* type = message.Find("type");
+    const JsonValue* id = message.Find("id");
+    std::string id_text = id != nullptr && id->IsString() ? id->text : std::string();
+    if (type == nullptr || !type->IsString()) {
+      outbox_->Error(id_text, "a message needs a \"type\" string");
+      return;
+    }
+    if (id == nullptr || !id->IsString() || id->text.empty() || id->text.size() > kMaxIdBytes) {
+      outbox_->Error("", "\"" + type->text + "\" needs an \"id\" string of 1 to " + std::to_string(kMaxIdBytes) + " bytes");
+      return;
+    }
+    if (type->text == "embed") {
+      CreateEmbed(id_text, message);
+    } else if (type->text == "navigated") {
+      AnswerNavigation(id_text, message);
+    } else if (type->text == "destroy") {
+      if (embeds_.erase(id_text) == 0) outbox_->Error(id_text, "no embed " + id_text);
+    } else {
+      outbox_->Error(id_text, "unknown message type \"" + type->text + "\"");
+    }
+  }
+
+  void CreateEmbed(const std::string& id, const JsonValue& message) {
+    if (embeds_.count(id) != 0) {
+      outbox_->Error(id, "an embed " + id + " exists already");
+      return;
+    }
+    const JsonValue* page = message.Find("pageUrl");
+    const JsonValue* frame = message.Find("frame");
+    const JsonValue* params = message.Find("params");
+    if (page == nullptr || !page->IsString() || page->text.empty()) {
+      outbox_->Error(id, "\"embed\" needs a \"pageUrl\" string");
+      return;
+    }
+    if (frame != nullptr && !frame->IsString()) {
+      outbox_->Error(id, "\"frame\" is a string");
+      return;
+    }
+    HostOptions options = options_;
+    options.page_url = page->text;
+    options.params.clear();
+    if (params != nullptr) {
+      if (params->kind != JsonValue::Kind::kArray) {
+        outbox_->Error(id, "\"params\" is an array of [name, value] pairs");
+        return;
+      }
+      if (params->items.size() > kMaxParams) {
+        outbox_->Error(id, "an embed takes at most " + std::to_string(kMaxParams) + " parameters, not " +
+                               std::to_string(params->items.size()));
+        return;
+      }
+      for (const JsonValue& pair : params->items) {
+        if (pair.kind != JsonValue::Kind::kArray || pair.items.size() != 2 || !pair.items[0].IsString() ||
+            !pair.items[1].IsString() || pair.items[0].text.empty()) {
+          outbox_->Error(id, "\"params\" is an array of [name, value] pairs of strings");
+          return;
+        }
+        options.params.emplace_back(pair.items[0].text, pair.items[1].text);
+      }
+    }
+    JsonLine("embed").Add("id", id).Add("page_url", page->text).Add("frame", frame != nullptr ? frame->text : "top").Emit();
+    auto embed = std::make_unique<Embed>(id, options, module_, outbox_);
+    Embed* raw = embed.get();
+    embeds_[id] = std::move(embed);
+    if (!raw->Start()) {
+      embeds_.erase(id);
+      outbox_->Error(id, "the plug-in refused the embed");
+    }
+  }
+
+  void AnswerNavigation(const std::string& id, const JsonValue& message) {
+    const JsonValue* request = message.Find("request");
+    const JsonValue* ok = message.Find("ok");
+    auto it = embeds_.find(id);
+    if (it == embeds_.end()) {
+      outbox_->Error(id, "no embed " + id);
+      return;
+    }
+    if (request == nullptr || request->kind != JsonValue::Kind::kNumber || ok == nullptr ||
+        ok->kind != JsonValue::Kind::kBool) {
+      outbox_->Error(id, "\"navigated\" needs a \"request\" number and an \"ok\" boolean");
+      return;
+    }
+    int number = request->number >= 1 && request->number <= 1e9 ? static_cast<int>(request->number) : 0;
+    if (number != request->number || !it->second->Answer(number, ok->boolean))
+      outbox_->Error(id, "no navigation " + std::to_string(static_cast<int64_t>(request->number)) + " waits for an answer");
+  }
+
+  const HostOptions& options_;
+  const PluginHost& module_;
+  Outbox* outbox_;
+  FrameReader reader_;
+  std::map<std::string, std::unique_ptr<Embed>> embeds_;
+  GMainLoop* loop_ = nullptr;
+  bool input_ended_ = false;
+};
+
+}  // namespace
+
+int RunNativeMessaging(const HostOptions& options) {
+  // Standard output carries only frames: they go to a descriptor of their own, and whatever
+  // else writes to standard output (the host's event lines, a module's stray print) reaches
+  // standard error instead.
+  std::fflush(stdout);
+  int frames = dup(STDOUT_FILENO);
+  if (frames < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+    std::fprintf(stderr, "gpc-host: cannot set up standard output for native messaging\n");
+    return 1;
+  }
+  std::signal(SIGPIPE, SIG_IGN);  // a closed port shows as a failed write
+  JsonLine::SetOutput(stderr);
+  Outbox outbox(frames);
+  int code = 0;
+  {
+    PluginHost module(options);
+    if (!module.Load()) {
+      outbox.Error("", "the plug-in module could not be loaded");
+      code = 1;
+    } else {
+      code = Bridge(options, module, &outbox).Run();
+    }
+    module.Unload();
+  }
+  close(frames);
+  return code;
+}
