@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <map>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,13 +17,13 @@
 #include "json_line.h"
 #include "json_value.h"
 #include "plugin_host.h"
+#include "trace_follower.h"
 
 namespace {
 
 constexpr size_t kMaxOutgoing = 1024 * 1024;  // the browser refuses larger messages
 constexpr size_t kMaxParams = 1024;
 constexpr size_t kMaxIdBytes = 256;
-constexpr int64_t kProgressStep = 256 * 1024;  // bytes between two "downloading" messages
 
 // Writes framed messages to the browser on a descriptor of its own.
 class Outbox {
@@ -75,8 +75,30 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
   return !prefix.empty() && text.compare(0, prefix.size(), prefix) == 0;
 }
 
-// One embed: an instance of the module and the milestones the extension hears of. The stages
-// come from what the host sees of the instance (see docs/native-messaging.md).
+// The milestones of an embed, in the order the plug-in passes them.
+enum class Stage { kStarted, kChecking, kDownloading, kVerified, kUnpacked, kRunning };
+const char* StageName(Stage stage) {
+  static const char* const kNames[] = {"started", "checking", "downloading", "verified", "unpacked", "running"};
+  return kNames[static_cast<int>(stage)];
+}
+
+// The plug-in's trace records that mark a milestone, and the stages an embed may be at to pass it.
+struct StageMark {
+  const char* prefix;
+  Stage stage;
+  std::vector<Stage> from;
+};
+const StageMark kStageMarks[] = {
+    {"CGpcExtMgr::CheckExtension", Stage::kChecking, {Stage::kStarted}},
+    {"CGpcWindow::GetFileAtUrl,url=[", Stage::kDownloading, {Stage::kChecking}},
+    {"CGpcExtMgr::GpcGetFileNotify,Unpack extension from ", Stage::kVerified, {Stage::kDownloading}},
+    {"CGpcExtMgr::GpcGetFileNotify,Load extension : ", Stage::kUnpacked, {Stage::kVerified}},
+    // Loaded after an install, after a failed unpack (what was there before), or as installed.
+    {"CGpcWindow::InitExtension,Initialize GPC extension,return value =0", Stage::kRunning,
+     {Stage::kChecking, Stage::kVerified, Stage::kUnpacked}},
+};
+
+// One embed: an instance of the module and the milestones the extension hears of.
 class Embed : public HostEvents {
  public:
   Embed(const std::string& id, const HostOptions& options, const PluginHost& module, Outbox* outbox)
@@ -92,29 +114,30 @@ class Embed : public HostEvents {
     host_.Unload();
   }
 
+  const std::string& id() const { return id_; }
   bool Start() {
     if (!host_.CreateInstance()) return false;
-    Stage("started");
-    Stage("checking");
+    Send(Stage::kStarted);
     return true;
   }
   bool Answer(int request, bool ok) { return host_.AnswerNavigation(request, ok); }
 
-  void OnRequest(int request, const std::string& url, const std::string& target) override {
-    if (!target.empty()) return;  // navigations are judged in OnNavigate
-    if (StartsWith(url, package_root_) && package_request_ == 0 && !running_) {
-      package_request_ = request;
-      return;
-    }
-    Running();
+  // Whether the trace record `text`, which marks `mark`, can be this embed's next milestone.
+  bool Awaits(const StageMark& mark, const std::string& text) const {
+    if (halted_) return false;
+    bool from = false;
+    for (Stage stage : mark.from) from = from || stage == stage_;
+    if (!from) return false;
+    // Only the package is a download of the plug-in's own; later fetches are the extension's.
+    return mark.stage != Stage::kDownloading || StartsWith(text.substr(std::strlen(mark.prefix)), package_root_);
   }
+  void Pass(Stage stage) { Send(stage); }
 
   bool OnNavigate(int request, const std::string& url, const std::string& target) override {
-    if (StartsWith(url, error_page_)) {
-      Stage("halted");
+    if (StartsWith(url, error_page_) && !halted_) {
       halted_ = true;
-    } else {
-      Running();
+      JsonObjectText message;
+      outbox_->Send(message.Add("type", "status").Add("id", id_).Add("stage", "halted").Finish(), id_);
     }
     JsonObjectText message;
     message.Add("type", "navigate").Add("id", id_).Add("request", request).Add("url", url).Add("target", target);
@@ -128,39 +151,11 @@ class Embed : public HostEvents {
     return true;
   }
 
-  void OnStreamProgress(int request, const std::string&, int64_t done, int64_t total) override {
-    if (request != package_request_) return;
-    bool last = total > 0 && done >= total;
-    if (reported_bytes_ >= 0 && !last && done - reported_bytes_ < kProgressStep) return;
-    if (last && reported_bytes_ == done) return;
-    reported_bytes_ = done;
-    JsonObjectText message;
-    message.Add("type", "status").Add("id", id_).Add("stage", "downloading").Add("done", done);
-    if (total > 0) message.Add("total", total);
-    outbox_->Send(message.Finish(), id_);
-  }
-
-  void OnFetchEnd(int request, const std::string&, NPReason reason) override {
-    if (request == package_request_ && reason == NPRES_DONE) downloaded_ = true;
-  }
-
  private:
-  void Stage(const char* stage) {
+  void Send(Stage stage) {
+    stage_ = stage;
     JsonObjectText message;
-    message.Add("type", "status").Add("id", id_).Add("stage", stage);
-    outbox_->Send(message.Finish(), id_);
-  }
-
-  // The extension runs once the plug-in asks for anything but the package or the error page;
-  // after a download that means the package passed its checks and was unpacked.
-  void Running() {
-    if (running_ || halted_) return;
-    running_ = true;
-    if (downloaded_) {
-      Stage("verified");
-      Stage("unpacked");
-    }
-    Stage("running");
+    outbox_->Send(message.Add("type", "status").Add("id", id_).Add("stage", StageName(stage)).Finish(), id_);
   }
 
   // A navigation that could not be sent fails, from the main loop rather than inside the
@@ -182,14 +177,11 @@ class Embed : public HostEvents {
   std::string package_root_;
   std::string error_page_;
   Outbox* outbox_;
-  int package_request_ = 0;
-  int64_t reported_bytes_ = -1;
-  bool downloaded_ = false;
-  bool running_ = false;
+  Stage stage_ = Stage::kStarted;
   bool halted_ = false;
   std::vector<int> refused_;
   guint refuse_source_ = 0;
-  PluginHost host_;  // last: it is destroyed first, while the state above still stands
+  PluginHost host_;  // last: destroyed first, while the state above still stands
 };
 
 class Bridge {
@@ -199,16 +191,38 @@ class Bridge {
 
   int Run() {
     loop_ = g_main_loop_new(nullptr, FALSE);
+    TraceFollower follower([this](const std::string& text) { OnTrace(text); });
+    follower.Start();
     guint watch = g_unix_fd_add(STDIN_FILENO, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
                                 &Bridge::OnInput, this);
     g_main_loop_run(loop_);
     if (!input_ended_) g_source_remove(watch);
     embeds_.clear();  // each ends its instance as a closed page would
     g_main_loop_unref(loop_);
+    loop_ = nullptr;
     return 0;
   }
 
  private:
+  // Trace records carry no instance: a milestone goes to the oldest embed that can pass it next.
+  void OnTrace(const std::string& text) {
+    for (const StageMark& mark : kStageMarks) {
+      if (!StartsWith(text, mark.prefix)) continue;
+      for (auto& embed : embeds_) {
+        if (!embed->Awaits(mark, text)) continue;
+        embed->Pass(mark.stage);
+        break;
+      }
+      return;
+    }
+  }
+
+  Embed* Find(const std::string& id) {
+    for (auto& embed : embeds_)
+      if (embed->id() == id) return embed.get();
+    return nullptr;
+  }
+
   static gboolean OnInput(gint fd, GIOCondition, gpointer self) {
     auto* bridge = static_cast<Bridge*>(self);
     char buffer[64 * 1024];
@@ -258,14 +272,24 @@ class Bridge {
     } else if (type->text == "navigated") {
       AnswerNavigation(id_text, message);
     } else if (type->text == "destroy") {
-      if (embeds_.erase(id_text) == 0) outbox_->Error(id_text, "no embed " + id_text);
+      DestroyEmbed(id_text);
     } else {
       outbox_->Error(id_text, "unknown message type \"" + type->text + "\"");
     }
   }
 
+  void DestroyEmbed(const std::string& id) {
+    for (auto it = embeds_.begin(); it != embeds_.end(); ++it) {
+      if ((*it)->id() != id) continue;
+      std::unique_ptr<Embed> embed = std::move(*it);
+      embeds_.erase(it);
+      return;  // the instance ends here, with `embed`
+    }
+    outbox_->Error(id, "no embed " + id);
+  }
+
   void CreateEmbed(const std::string& id, const JsonValue& message) {
-    if (embeds_.count(id) != 0) {
+    if (Find(id) != nullptr) {
       outbox_->Error(id, "an embed " + id + " exists already");
       return;
     }
@@ -303,11 +327,9 @@ class Bridge {
       }
     }
     JsonLine("embed").Add("id", id).Add("page_url", page->text).Add("frame", frame != nullptr ? frame->text : "top").Emit();
-    auto embed = std::make_unique<Embed>(id, options, module_, outbox_);
-    Embed* raw = embed.get();
-    embeds_[id] = std::move(embed);
-    if (!raw->Start()) {
-      embeds_.erase(id);
+    embeds_.push_back(std::make_unique<Embed>(id, options, module_, outbox_));
+    if (!embeds_.back()->Start()) {
+      embeds_.pop_back();
       outbox_->Error(id, "the plug-in refused the embed");
     }
   }
@@ -315,8 +337,8 @@ class Bridge {
   void AnswerNavigation(const std::string& id, const JsonValue& message) {
     const JsonValue* request = message.Find("request");
     const JsonValue* ok = message.Find("ok");
-    auto it = embeds_.find(id);
-    if (it == embeds_.end()) {
+    Embed* embed = Find(id);
+    if (embed == nullptr) {
       outbox_->Error(id, "no embed " + id);
       return;
     }
@@ -326,7 +348,7 @@ class Bridge {
       return;
     }
     int number = request->number >= 1 && request->number <= 1e9 ? static_cast<int>(request->number) : 0;
-    if (number != request->number || !it->second->Answer(number, ok->boolean))
+    if (number != request->number || !embed->Answer(number, ok->boolean))
       outbox_->Error(id, "no navigation " + std::to_string(static_cast<int64_t>(request->number)) + " waits for an answer");
   }
 
@@ -334,7 +356,7 @@ class Bridge {
   const PluginHost& module_;
   Outbox* outbox_;
   FrameReader reader_;
-  std::map<std::string, std::unique_ptr<Embed>> embeds_;
+  std::vector<std::unique_ptr<Embed>> embeds_;  // in the order they were made
   GMainLoop* loop_ = nullptr;
   bool input_ended_ = false;
 };

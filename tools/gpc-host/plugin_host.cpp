@@ -404,7 +404,6 @@ NPError PluginHost::OnGetURL(const char* call, const char* url, const char* targ
   line.Add("target", NullIfEmpty(target)).AddBool("notify", notify);
   if (post) line.Add("body_bytes", static_cast<int64_t>(body.size()));
   line.Emit();
-  if (events_ != nullptr) events_->OnRequest(request->id, request->url, request->target);
 
   if (url == nullptr || *url == '\0') return NPERR_INVALID_URL;
   if (!request->target.empty()) {
@@ -559,7 +558,6 @@ bool PluginHost::OpenStream(Request* request, const std::string& mime) {
       .Emit();
   if (result != NPERR_NO_ERROR) return false;
   request->stream_open = true;
-  if (events_ != nullptr) events_->OnStreamProgress(request->id, request->url, 0, transfer->content_length);
   if (request->stype == NP_ASFILE || request->stype == NP_ASFILEONLY) {
     gchar* path = nullptr;
     int fd = g_file_open_tmp("gpc-host-XXXXXX", &path, nullptr);
@@ -579,7 +577,6 @@ bool PluginHost::Deliver(Request* request) {
     if (request->file != nullptr) std::fwrite(data.data(), 1, data.size(), request->file);
     request->bytes += static_cast<int64_t>(data.size());
     data.clear();
-    if (events_ != nullptr) events_->OnStreamProgress(request->id, request->url, request->bytes, transfer->content_length);
     return true;
   }
   while (!data.empty()) {
@@ -596,7 +593,6 @@ bool PluginHost::Deliver(Request* request) {
     data.erase(0, static_cast<size_t>(written));
     request->offset += written;
     request->bytes += written;
-    if (events_ != nullptr) events_->OnStreamProgress(request->id, request->url, request->bytes, transfer->content_length);
     if (written == 0) {
       SchedulePump(kWriteRetryMs);
       return true;
@@ -632,7 +628,6 @@ void PluginHost::EndRequest(Request* request, NPReason reason) {
       .Add("reason", reason)
       .Add("error", transfer != nullptr && !transfer->error.empty() ? transfer->error.c_str() : nullptr)
       .Emit();
-  if (events_ != nullptr) events_->OnFetchEnd(request->id, request->url, reason);
   if (request->notify && plugin_funcs_->urlnotify != nullptr) {
     plugin_funcs_->urlnotify(&npp_, request->url.c_str(), reason, request->notify_data);
     JsonLine("url_notify").Add("id", request->id).Add("url", request->url).Add("reason", reason).Emit();

@@ -10,19 +10,14 @@
 #include "plugin/plugin/npapi.h"
 #include "url_loader.h"
 
-// What an embedding program (the native-messaging bridge) hears of one instance. Each call comes
-// from the main loop or from inside a call of the plug-in; none may destroy the host.
+// What an embedding program (the native-messaging bridge) hears of one instance. Calls come from
+// inside the plug-in's own calls; none may destroy the host.
 class HostEvents {
  public:
   virtual ~HostEvents() = default;
-  // The plug-in asked for `url` (request numbers count per instance from 1).
-  virtual void OnRequest(int request, const std::string& url, const std::string& target) = 0;
-  // A request into a frame. Returning true keeps it open until AnswerNavigation; false lets the
-  // host answer it as done at once, as it does without events.
+  // A request into a frame (request numbers count per instance from 1). Returning true keeps it
+  // open until AnswerNavigation; false lets the host answer it as done at once, as without events.
   virtual bool OnNavigate(int request, const std::string& url, const std::string& target) = 0;
-  // Bytes of a fetched stream handed to the plug-in so far; `total` is -1 when unknown.
-  virtual void OnStreamProgress(int request, const std::string& url, int64_t done, int64_t total) = 0;
-  virtual void OnFetchEnd(int request, const std::string& url, NPReason reason) = 0;
 };
 
 class PluginHost {

@@ -1,0 +1,101 @@
+#include "trace_follower.h"
+
+#include <fcntl.h>
+#include <glib-unix.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "json_value.h"
+
+namespace {
+
+// tlvtracer beside this program's own file.
+std::string TracerPath() {
+  char self[PATH_MAX];
+  ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (length <= 0) return std::string();
+  std::string path(self, static_cast<size_t>(length));
+  return path.substr(0, path.rfind('/') + 1) + "tlvtracer";
+}
+
+}  // namespace
+
+TraceFollower::TraceFollower(std::function<void(const std::string&)> on_record) : on_record_(std::move(on_record)) {}
+
+TraceFollower::~TraceFollower() {
+  if (watch_ != 0) g_source_remove(watch_);
+  if (output_ >= 0) close(output_);
+  if (child_ > 0) {
+    kill(child_, SIGTERM);
+    while (waitpid(child_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+}
+
+bool TraceFollower::Start() {
+  const std::string tracer = TracerPath();
+  if (tracer.empty() || access(tracer.c_str(), X_OK) != 0) {
+    std::fprintf(stderr, "gpc-host: no tlvtracer beside gpc-host; stages are not followed\n");
+    return false;
+  }
+  int pipe_fds[2];
+  if (pipe2(pipe_fds, O_CLOEXEC) != 0) return false;
+  const pid_t parent = getpid();
+  child_ = fork();
+  if (child_ == 0) {
+    // Only async-signal-safe calls until exec. The tracer ends with the host, however it ends.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) _exit(0);
+    int null_fd = open("/dev/null", O_RDONLY);
+    if (null_fd < 0 || dup2(null_fd, STDIN_FILENO) < 0 || dup2(pipe_fds[1], STDOUT_FILENO) < 0) _exit(127);
+    const char* argv[] = {tracer.c_str(), "--json", "--follow", nullptr};
+    execv(argv[0], const_cast<char* const*>(argv));
+    _exit(127);
+  }
+  close(pipe_fds[1]);
+  if (child_ < 0) {
+    close(pipe_fds[0]);
+    std::fprintf(stderr, "gpc-host: cannot start tlvtracer: %s\n", std::strerror(errno));
+    return false;
+  }
+  output_ = pipe_fds[0];
+  watch_ = g_unix_fd_add(output_, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), &TraceFollower::OnOutput, this);
+  return true;
+}
+
+gboolean TraceFollower::OnOutput(gint fd, GIOCondition, gpointer self) {
+  auto* follower = static_cast<TraceFollower*>(self);
+  char buffer[16 * 1024];
+  ssize_t got = read(fd, buffer, sizeof buffer);
+  if (got < 0 && errno == EINTR) return G_SOURCE_CONTINUE;
+  if (got <= 0) {
+    follower->watch_ = 0;
+    return G_SOURCE_REMOVE;
+  }
+  follower->pending_.append(buffer, static_cast<size_t>(got));
+  size_t end;
+  while ((end = follower->pending_.find('\n')) != std::string::npos) {
+    std::string line = follower->pending_.substr(0, end);
+    follower->pending_.erase(0, end + 1);
+    follower->TakeLine(line);
+  }
+  return G_SOURCE_CONTINUE;
+}
+
+void TraceFollower::TakeLine(const std::string& line) {
+  JsonValue record;
+  std::string error;
+  if (!ParseJson(line, &record, &error)) return;
+  const JsonValue* pid = record.Find("pid");
+  const JsonValue* text = record.Find("text");
+  // The file is shared by every process that loads the plug-in; only this one's records count.
+  if (pid == nullptr || pid->kind != JsonValue::Kind::kNumber || pid->number != getpid()) return;
+  if (text != nullptr && text->IsString()) on_record_(text->text);
+}
