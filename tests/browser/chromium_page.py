@@ -43,7 +43,7 @@ QUIET_FLAGS = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-bac
 
 
 def emit(kind, **fields):
-    print(json.dumps(dict(t=kind, **fields)), flush=True)
+    print(json.dumps(dict(t=kind, **fields), separators=(",", ":"), ensure_ascii=False), flush=True)
 
 
 class Pipe:

@@ -1,0 +1,272 @@
+// The plug-in in today's Chromium, through the bridge: headless Chromium with the extension in
+// extension/ loaded unpacked, a fresh profile whose NativeMessagingHosts folder names our native
+// host, and meeting pages served over https by nginx on 127.0.0.1. tests/browser/chromium_page.py
+// drives the browser over its DevTools pipe and reports the status box and the pages it reaches.
+// The native host is the built `gpc-host --native-messaging`, loading the built module.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "extension_package.h"
+#include "gpc_host_run.h"
+#include "http_test_server.h"
+#include "scoped_env.h"
+
+namespace {
+
+using gpchost::JsonEvent;
+using gpctest::PageParams;
+
+const std::string kChromium = "/usr/bin/chromium";
+const std::string kDriver = std::string(GPC_SOURCE_DIR) + "/tests/browser/chromium_page.py";
+const std::string kExtension = std::string(GPC_SOURCE_DIR) + "/extension";
+const std::string kGpcHost = std::string(GPC_BIN_DIR) + "/gpc-host";
+const std::string kSampleBundle = std::string(GPC_BUNDLE_DIR) + "/Contents/Frameworks/zrgpcext64.bundle";
+// Derived from the public key in extension/manifest.json (see extension/README.md).
+const char kExtensionOrigin[] = "chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/";
+const char kHostName[] = "com.vantrel.talvo.gpc";
+const char kDonePath[] = "/page/done.html?";
+const char kErrorPath[] = "/page/error.html?ErrorType=1&ErrorMsg=";
+
+const char kDonePage[] =
+    "<html><head><title>done</title></head><body><p id='t'></p><script>"
+    "document.getElementById('t').textContent = 'The extension ran: ' + location.search.substring(1);"
+    "</script></body></html>";
+const char kErrorPage[] =
+    "<html><head><title>error</title></head><body><p id='t'></p><script>"
+    "var m = /ErrorMsg=([^&]*)/.exec(location.search);"
+    "document.getElementById('t').textContent = 'Stopped: ' + decodeURIComponent(m ? m[1] : '');"
+    "</script></body></html>";
+
+std::string HtmlEscaped(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '&') out += "&amp;";
+    else if (c == '"') out += "&quot;";
+    else if (c == '<') out += "&lt;";
+    else out += c;
+  }
+  return out;
+}
+
+// How the page carries the plug-in.
+enum class Markup {
+  kEmbed,         // <embed NAME="VALUE" ...> in the page's source
+  kLateObject,    // <object> with <param> children, added by the page's script after it loaded
+};
+
+std::string MeetingPage(const PageParams& params, Markup markup) {
+  std::string html = "<html><head><title>meeting</title></head><body><p>Meeting</p>";
+  if (markup == Markup::kEmbed) {
+    html += "<embed type=\"application/x-talvo-gpc\" width=\"300\" height=\"200\"";
+    for (const auto& [name, value] : params) html += "\n  " + name + "=\"" + HtmlEscaped(value) + "\"";
+    return html + "></body></html>";
+  }
+  html += "<template id='later'><object type=\"application/x-talvo-gpc\" width=\"300\" height=\"200\">";
+  for (const auto& [name, value] : params) {
+    html += "\n  <param name=\"" + HtmlEscaped(name) + "\" value=\"" + HtmlEscaped(value) + "\">";
+  }
+  return html + "</object></template><script>setTimeout(function () {"
+                "document.body.appendChild(document.getElementById('later').content.cloneNode(true));"
+                "}, 300);</script></body></html>";
+}
+
+// Packs the bundle `bundle` with gpc-pack, signed by `signer`'s vendor certificate and its root,
+// into `out`; returns the embed parameters it printed (none on failure).
+PageParams PackWithTheTool(const gpctest::PackageSigner& signer, const std::string& bundle, const std::string& out) {
+  bool ok = false;
+  const std::string printed = gpctest::ShellOutput(
+      std::string(GPC_BIN_DIR) + "/gpc-pack pack --format json --key " + gpctest::ShellQuote(signer.Path("vendor.key")) +
+          " --cert " + gpctest::ShellQuote(signer.Path("vendor.pem")) + " --chain " +
+          gpctest::ShellQuote(signer.Path("root.pem")) + " --out " + gpctest::ShellQuote(out) + " " +
+          gpctest::ShellQuote(bundle),
+      &ok);
+  const std::vector<JsonEvent> lines = gpchost::ParseJsonLines(printed);
+  if (!ok || lines.empty()) return {};
+  PageParams params;
+  for (const char* name : {"GpcExtName", "GpcExtVersion", "GpcCompressMethod", "GpcHashMethod", "GpcExtHash",
+                           "GpcExtSignature", "GpcCertification"}) {
+    params.push_back({name, lines.back().Str(name)});
+  }
+  return params;
+}
+
+// A fresh Chromium profile whose native-messaging host is ours. The manifest's "path" takes no
+// arguments, so it names a wrapper script (Chromium adds the caller's origin as its argument).
+class BrowserProfile {
+ public:
+  BrowserProfile() : folder_("chromium") {}
+
+  bool Make() {
+    const std::string hosts = Dir() + "/NativeMessagingHosts";
+    const std::string wrapper = folder_.path() + "/gpc-native-host";
+    // gpc-host takes no origin argument: the browser's are dropped here.
+    const std::string command = "exec " + gpctest::ShellQuote(kGpcHost) + " --native-messaging 2>>" +
+                                gpctest::ShellQuote(HostLog()) + "\n";
+    const std::string manifest = std::string("{\"name\": \"") + kHostName +
+                                 "\", \"description\": \"GPC plug-in host\", \"path\": \"" + wrapper +
+                                 "\", \"type\": \"stdio\", \"allowed_origins\": [\"" + kExtensionOrigin + "\"]}\n";
+    return mkdir(Dir().c_str(), 0700) == 0 && mkdir(hosts.c_str(), 0700) == 0 &&
+           gpctest::WriteFile(wrapper, "#!/bin/sh\n" + command) && chmod(wrapper.c_str(), 0755) == 0 &&
+           gpctest::WriteFile(hosts + "/" + kHostName + ".json", manifest);
+  }
+  std::string Dir() const { return folder_.path() + "/profile"; }
+  std::string Home() const { return folder_.path(); }
+  std::string HostLog() const { return folder_.path() + "/native-host.log"; }
+
+ private:
+  gpctest::TempFolder folder_;
+};
+
+// What the driver reported about one page.
+struct BrowserRun {
+  int exit_code = -1;
+  std::vector<JsonEvent> events;
+  std::string output;  // the driver's report and the host's log, for failure messages
+
+  const JsonEvent* Last(const std::string& kind) const {
+    for (auto it = events.rbegin(); it != events.rend(); ++it) {
+      if (it->Str("t") == kind) return &*it;
+    }
+    return nullptr;
+  }
+  std::string FinalUrl() const { return Last("end") ? Last("end")->Str("url") : std::string(); }
+  std::string FinalText() const { return Last("end") ? Last("end")->Str("text") : std::string(); }
+  std::vector<std::string> Statuses() const {
+    std::vector<std::string> texts;
+    for (const JsonEvent& event : events) {
+      if (event.Str("t") == "status") texts.push_back(event.Str("text"));
+    }
+    return texts;
+  }
+};
+
+struct BridgeCase {
+  const char* name;
+  Markup markup;
+  bool withRoot;      // "GpcUrlRoot" given
+  const char* until;  // where the page is expected to end
+  const char* shown;  // what that page then shows
+};
+
+void PrintTo(const BridgeCase& c, std::ostream* out) { *out << c.name; }
+
+class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
+ protected:
+  struct Shared {
+    gpctest::TempFolder folder{"bridge"};
+    gpctest::NginxTestServer server;
+    std::unique_ptr<gpctest::PackageSigner> signer;
+    PageParams package;
+    bool ok = false;
+  };
+
+  static void SetUpTestSuite() {
+    if (access(kChromium.c_str(), X_OK) != 0) return;
+    shared_ = new Shared();
+    Shared& s = *shared_;
+    mkdir((s.folder.path() + "/pki").c_str(), 0700);
+    s.signer = std::make_unique<gpctest::PackageSigner>(s.folder.path() + "/pki");
+    const std::string out = s.folder.path() + "/out";
+    mkdir(out.c_str(), 0700);
+    s.ok = s.signer->ok() && s.server.Start() &&
+           gpctest::PackExtension(kSampleBundle, "2.0.0.7", s.folder.path(), s.folder.path() + "/unused.7z");
+    if (s.ok) s.package = PackWithTheTool(*s.signer, s.folder.path() + "/zrgpcext64.bundle", out);
+    s.ok = s.ok && !s.package.empty() &&
+           s.server.AddFile("client/zrgpcext64.bundle.7z", gpctest::ReadFile(out + "/zrgpcext64.bundle.7z")) &&
+           s.server.AddFile("files/readme.txt", "hello") && s.server.AddFile("page/done.html", kDonePage) &&
+           s.server.AddFile("page/error.html", kErrorPage);
+  }
+  static void TearDownTestSuite() {
+    delete shared_;
+    shared_ = nullptr;
+  }
+
+  void SetUp() override {
+    if (shared_ == nullptr) GTEST_SKIP() << kChromium << " is not installed (Debian package chromium)";
+    ASSERT_TRUE(shared_->ok) << shared_->server.error();
+  }
+
+  static std::string Site() { return "https://127.0.0.1:" + std::to_string(shared_->server.https_port()) + "/"; }
+
+  static PageParams Meeting(bool withRoot) {
+    const std::string site = Site();
+    PageParams params = {{"gpcsitelock", "0"}, {"GpcProductVersion", "3.1.0"}};
+    if (withRoot) params.push_back({"GpcUrlRoot", site + "client/"});
+    params.push_back({"GpcUnpackVersion", "1,0"});
+    params.insert(params.end(), shared_->package.begin(), shared_->package.end());
+    params.insert(params.end(), {{"GpcErrorPageUrl", site + "page/error.html"},
+                                 {"GpcSampleFiles", site + "files/readme.txt"},
+                                 {"GpcSampleDoneUrl", site + "page/done.html"}});
+    return params;
+  }
+
+  // Opens `page` (put at /page/<name>.html) in a fresh profile until the top frame reaches a URL
+  // containing `until`; saves the page with its first status to `screenshot`.
+  BrowserRun Open(const std::string& name, const std::string& page, const std::string& until,
+                  const std::string& screenshot) {
+    EXPECT_TRUE(shared_->server.AddFile("page/" + name + ".html", page));
+    BrowserProfile profile;
+    BrowserRun run;
+    if (!profile.Make()) {
+      ADD_FAILURE() << "cannot make the browser profile";
+      return run;
+    }
+    // Chromium keeps its certificate store and caches under HOME: the profile's folder, not ours.
+    ScopedEnv home("HOME", profile.Home());
+    const std::string url = Site() + "page/" + name + ".html";
+    const std::string profileDir = profile.Dir();
+    const std::string log = profile.Home() + "/driver.log";
+    const std::string browserLog = profile.Home() + "/browser.log";
+    const char* argv[] = {"timeout", "-k", "3", "30", "python3", kDriver.c_str(), url.c_str(),
+                          "--chromium", kChromium.c_str(), "--user-data-dir", profileDir.c_str(),
+                          "--extension", kExtension.c_str(), "--until", until.c_str(), "--timeout", "20",
+                          "--screenshot", screenshot.c_str(), "--browser-log", browserLog.c_str(), nullptr};
+    run.exit_code = gpctest::RunCommand(argv, log);
+    const std::string report = gpctest::ReadFile(log);
+    for (const JsonEvent& event : gpchost::ParseJsonLines(report)) {
+      if (event.line.rfind("{\"t\":", 0) == 0) run.events.push_back(event);
+    }
+    const std::string browser = gpctest::ReadFile(browserLog);
+    run.output = report + "\n--- gpc-host ---\n" + gpctest::ReadFile(profile.HostLog()) + "\n--- browser ---\n" +
+                 browser.substr(browser.size() > 3000 ? browser.size() - 3000 : 0);
+    return run;
+  }
+
+  static Shared* shared_;
+};
+ChromiumBridge::Shared* ChromiumBridge::shared_ = nullptr;
+
+TEST_P(ChromiumBridge, PageEndsWhereTheModuleSendsIt) {
+  const BridgeCase& c = GetParam();
+  const char* home = std::getenv("GPC_TEST_HOME");
+  const std::string screenshot = std::string(home != nullptr ? home : "/tmp") + "/chromium-" + c.name + ".png";
+  std::remove(screenshot.c_str());
+
+  BrowserRun run = Open(c.name, MeetingPage(Meeting(c.withRoot), c.markup), c.until, screenshot);
+
+  ASSERT_EQ(run.exit_code, 0) << run.output;
+  EXPECT_NE(run.FinalText().find(c.shown), std::string::npos) << run.output;
+  // The embed's box showed the bridge at work before the module sent the page on.
+  const std::vector<std::string> statuses = run.Statuses();
+  ASSERT_FALSE(statuses.empty()) << run.output;
+  EXPECT_EQ(statuses.front(), "Starting…");
+  EXPECT_EQ(gpctest::ReadFile(screenshot).substr(0, 4), "\x89PNG") << screenshot;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Chromium, ChromiumBridge,
+    ::testing::Values(
+        BridgeCase{"MeetingPage", Markup::kEmbed, true, kDonePath, "The extension ran: fetched=1&failed=0"},
+        BridgeCase{"ObjectAddedLater", Markup::kLateObject, true, kDonePath, "The extension ran: fetched=1&failed=0"},
+        BridgeCase{"NoUrlRoot", Markup::kEmbed, false, kErrorPath, "Error [100]"}),
+    [](const ::testing::TestParamInfo<BridgeCase>& info) { return info.param.name; });
+
+}  // namespace
