@@ -17,6 +17,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,6 +35,7 @@ using Clock = std::chrono::steady_clock;
 
 const std::string kSampleBundle = std::string(GPC_BUNDLE_DIR) + "/Contents/Frameworks/zrgpcext64.bundle";
 const std::string kPackage = "client/zrgpcext64.bundle.7z";
+const std::vector<std::string> kWholeJob = {"started", "checking", "downloading", "verified", "unpacked", "running"};
 
 std::string Quote(const std::string& text) {
   std::string out = "\"";
@@ -78,6 +80,13 @@ class NativeHost {
     if (output_ >= 0) close(output_);
   }
   bool running() const { return pid_ > 0; }
+  // The processes the host has started (its trace follower), as /proc lists them.
+  std::vector<pid_t> Children() const {
+    std::vector<pid_t> children;
+    std::istringstream list(gpctest::ReadFile("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) + "/children"));
+    for (pid_t child; list >> child;) children.push_back(child);
+    return children;
+  }
 
   void SendRaw(const std::string& bytes) {
     size_t done = 0;
@@ -233,10 +242,12 @@ class NativeMessaging : public ::testing::Test {
                 std::to_string(navigate.Int("request")) + ",\"ok\":true}");
   }
 
-  // End of input ends every embed and the process, which exits 0.
+  // End of input ends every embed and the process, which exits 0 leaving nothing running.
   void ExpectCleanExit() {
+    const std::vector<pid_t> children = host_->Children();
     host_->CloseInput();
     EXPECT_EQ(host_->Wait(10), 0);
+    for (pid_t child : children) EXPECT_NE(kill(child, 0), 0) << "process " << child << " outlived the host";
   }
 
   struct Shared {
@@ -256,8 +267,7 @@ TEST_F(NativeMessaging, OneEmbedRunsTheWholeJobAndEndsWithTheInput) {
   host_->Send(Embed("e1", shared_->fast));
   ExpectDone("e1");
   ASSERT_TRUE(host_->WaitForStage("e1", "running"));
-  const std::vector<std::string> expected = {"started", "checking", "downloading", "verified", "unpacked", "running"};
-  EXPECT_EQ(host_->Stages("e1"), expected);
+  EXPECT_EQ(host_->Stages("e1"), kWholeJob);
   ExpectCleanExit();
 }
 
@@ -268,7 +278,10 @@ TEST_F(NativeMessaging, AnEmbedDestroyedMidDownloadLeavesTheOtherToFinish) {
   ASSERT_TRUE(host_->WaitForStage("fast", "checking"));
   host_->Send("{\"type\":\"destroy\",\"id\":\"slow\"}");
   ExpectDone("fast");
-  EXPECT_TRUE(host_->WaitForStage("fast", "running"));
+  ASSERT_TRUE(host_->WaitForStage("fast", "running"));
+  EXPECT_EQ(host_->Stages("fast"), kWholeJob);
+  const std::vector<std::string> cut = {"started", "checking", "downloading"};
+  EXPECT_EQ(host_->Stages("slow"), cut);
   // The destroyed embed is gone: it is not known any more.
   host_->Send("{\"type\":\"destroy\",\"id\":\"slow\"}");
   JsonEvent error;

@@ -82,21 +82,27 @@ const char* StageName(Stage stage) {
   return kNames[static_cast<int>(stage)];
 }
 
-// The plug-in's trace records that mark a milestone, and the stages an embed may be at to pass it.
+// The plug-in's trace records that mark a milestone, and the stages an embed may be at to pass
+// it. Marks about the package name its URL, in the record or in the download being handled;
+// they go only to an embed whose package lies there.
 struct StageMark {
   const char* prefix;
   Stage stage;
   std::vector<Stage> from;
+  bool about_package;
 };
 const StageMark kStageMarks[] = {
-    {"CGpcExtMgr::CheckExtension", Stage::kChecking, {Stage::kStarted}},
-    {"CGpcWindow::GetFileAtUrl,url=[", Stage::kDownloading, {Stage::kChecking}},
-    {"CGpcExtMgr::GpcGetFileNotify,Unpack extension from ", Stage::kVerified, {Stage::kDownloading}},
-    {"CGpcExtMgr::GpcGetFileNotify,Load extension : ", Stage::kUnpacked, {Stage::kVerified}},
+    {"CGpcExtMgr::CheckExtension", Stage::kChecking, {Stage::kStarted}, false},
+    {"CGpcWindow::GetFileAtUrl,url=[", Stage::kDownloading, {Stage::kChecking}, true},
+    {"CGpcExtMgr::GpcGetFileNotify,Unpack extension from ", Stage::kVerified, {Stage::kDownloading}, true},
+    {"CGpcExtMgr::GpcGetFileNotify,Load extension : ", Stage::kUnpacked, {Stage::kVerified}, true},
     // Loaded after an install, after a failed unpack (what was there before), or as installed.
     {"CGpcWindow::InitExtension,Initialize GPC extension,return value =0", Stage::kRunning,
-     {Stage::kChecking, Stage::kVerified, Stage::kUnpacked}},
+     {Stage::kChecking, Stage::kVerified, Stage::kUnpacked}, false},
 };
+// The record that starts the handling of a finished download, and where its URL starts.
+constexpr char kHandlingDownload[] = "CGpcWindow::CheckDownloadingTasks,begin handle stream[";
+constexpr char kUrlStart[] = "url[";
 
 // One embed: an instance of the module and the milestones the extension hears of.
 class Embed : public HostEvents {
@@ -122,14 +128,13 @@ class Embed : public HostEvents {
   }
   bool Answer(int request, bool ok) { return host_.AnswerNavigation(request, ok); }
 
-  // Whether the trace record `text`, which marks `mark`, can be this embed's next milestone.
-  bool Awaits(const StageMark& mark, const std::string& text) const {
+  // Whether `mark` can be this embed's next milestone; `url` is the one the mark is about.
+  bool Awaits(const StageMark& mark, const std::string& url) const {
     if (halted_) return false;
     bool from = false;
     for (Stage stage : mark.from) from = from || stage == stage_;
-    if (!from) return false;
     // Only the package is a download of the plug-in's own; later fetches are the extension's.
-    return mark.stage != Stage::kDownloading || StartsWith(text.substr(std::strlen(mark.prefix)), package_root_);
+    return from && (!mark.about_package || StartsWith(url, package_root_));
   }
   void Pass(Stage stage) { Send(stage); }
 
@@ -206,10 +211,16 @@ class Bridge {
  private:
   // Trace records carry no instance: a milestone goes to the oldest embed that can pass it next.
   void OnTrace(const std::string& text) {
+    if (StartsWith(text, kHandlingDownload)) {
+      size_t start = text.find(kUrlStart);
+      handled_url_ = start == std::string::npos ? std::string() : text.substr(start + std::strlen(kUrlStart));
+      return;
+    }
     for (const StageMark& mark : kStageMarks) {
       if (!StartsWith(text, mark.prefix)) continue;
+      const std::string url = mark.stage == Stage::kDownloading ? text.substr(std::strlen(mark.prefix)) : handled_url_;
       for (auto& embed : embeds_) {
-        if (!embed->Awaits(mark, text)) continue;
+        if (!embed->Awaits(mark, url)) continue;
         embed->Pass(mark.stage);
         break;
       }
@@ -357,6 +368,7 @@ class Bridge {
   Outbox* outbox_;
   FrameReader reader_;
   std::vector<std::unique_ptr<Embed>> embeds_;  // in the order they were made
+  std::string handled_url_;  // the download the plug-in handles now, as its trace names it
   GMainLoop* loop_ = nullptr;
   bool input_ended_ = false;
 };
