@@ -243,6 +243,35 @@ bool ParseJson(const std::string& text, JsonValue* out, std::string* error) {
   return Parser(text).ParseDocument(out, error);
 }
 
+// `text` with each byte that does not belong to a well-formed UTF-8 sequence replaced by U+FFFD:
+// the browser refuses a message that is not UTF-8.
+std::string ValidUtf8(const std::string& text) {
+  std::string out;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    unsigned char lead = static_cast<unsigned char>(text[pos]);
+    size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
+    unsigned code = length == 2 ? (lead & 0x1F) : length == 3 ? (lead & 0x0F) : (lead & 0x07);
+    bool good = length != 0 && pos + length <= text.size();
+    for (size_t i = 1; good && i < length; ++i) {
+      unsigned char next = static_cast<unsigned char>(text[pos + i]);
+      good = (next & 0xC0) == 0x80;
+      code = (code << 6) | (next & 0x3F);
+    }
+    static const unsigned kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (good && length > 1)
+      good = code >= kSmallest[length] && code <= 0x10FFFF && !(code >= 0xD800 && code <= 0xDFFF);
+    if (good) {
+      out.append(text, pos, length);
+      pos += length;
+    } else {
+      out += "\xEF\xBF\xBD";
+      ++pos;
+    }
+  }
+  return out;
+}
+
 void JsonObjectText::Key(const char* key) {
   text_ += text_.empty() ? "{" : ",";
   text_ += "\"" + JsonLine::Escape(key) + "\":";
@@ -250,7 +279,7 @@ void JsonObjectText::Key(const char* key) {
 
 JsonObjectText& JsonObjectText::Add(const char* key, const std::string& value) {
   Key(key);
-  text_ += "\"" + JsonLine::Escape(value) + "\"";
+  text_ += "\"" + JsonLine::Escape(ValidUtf8(value)) + "\"";
   return *this;
 }
 

@@ -25,7 +25,8 @@ struct JsonValue {
 // reason in `error` on bad syntax, invalid UTF-8 or nesting deeper than 64 levels.
 bool ParseJson(const std::string& text, JsonValue* out, std::string* error);
 
-// Builds one JSON object as text, member by member.
+// Builds one JSON object as text, member by member. Text values that are not well-formed UTF-8
+// have their stray bytes replaced by U+FFFD.
 class JsonObjectText {
  public:
   JsonObjectText& Add(const char* key, const std::string& value);

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,6 +30,8 @@ constexpr size_t kMaxIdBytes = 256;
 class Outbox {
  public:
   explicit Outbox(int fd) : fd_(fd) {}
+  // Runs once when a write fails: the browser has gone.
+  void OnBroken(std::function<void()> broken) { on_broken_ = std::move(broken); }
   // Sends `json`; a message over the browser's limit is replaced by an error. False when the
   // browser is gone.
   bool Send(const std::string& json, const std::string& id) {
@@ -48,7 +51,6 @@ class Outbox {
     error.Add("message", message);
     return Send(error.Finish(), id);
   }
-  bool broken() const { return broken_; }
 
  private:
   bool Write(const std::string& bytes) {
@@ -56,13 +58,18 @@ class Outbox {
     while (!broken_ && done < bytes.size()) {
       ssize_t wrote = write(fd_, bytes.data() + done, bytes.size() - done);
       if (wrote < 0 && errno == EINTR) continue;
-      if (wrote <= 0) broken_ = true;
-      else done += static_cast<size_t>(wrote);
+      if (wrote > 0) {
+        done += static_cast<size_t>(wrote);
+        continue;
+      }
+      broken_ = true;
+      if (on_broken_) on_broken_();
     }
     return !broken_;
   }
   int fd_;
   bool broken_ = false;
+  std::function<void()> on_broken_;
 };
 
 std::string ParamValue(const std::vector<std::pair<std::string, std::string>>& params, const char* name) {
@@ -196,6 +203,7 @@ class Bridge {
 
   int Run() {
     loop_ = g_main_loop_new(nullptr, FALSE);
+    outbox_->OnBroken([this] { g_main_loop_quit(loop_); });
     TraceFollower follower([this](const std::string& text) { OnTrace(text); });
     follower.Start();
     guint watch = g_unix_fd_add(STDIN_FILENO, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
@@ -203,6 +211,7 @@ class Bridge {
     g_main_loop_run(loop_);
     if (!input_ended_) g_source_remove(watch);
     embeds_.clear();  // each ends its instance as a closed page would
+    outbox_->OnBroken(nullptr);
     g_main_loop_unref(loop_);
     loop_ = nullptr;
     return 0;
@@ -252,7 +261,6 @@ class Bridge {
       if (item.ok) bridge->Dispatch(item.text);
       else bridge->outbox_->Error("", item.text);
     }
-    if (bridge->outbox_->broken()) g_main_loop_quit(bridge->loop_);
     return G_SOURCE_CONTINUE;
   }
 
