@@ -9,9 +9,11 @@
 # printed as they happen (from the plug-in's trace), a screenshot of the done page is saved, and
 # the exit status is 0 only when the extension ran.
 #
-#   scripts/demo.sh [--host] [--keep]
-#     --host   run the page through gpc-host (the headless NPAPI host) instead of the browser
-#     --keep   keep the work folder (page, package, trace, screenshot) and say where it is
+#   scripts/demo.sh [--host|--chromium] [--keep]
+#     --host      run the page through gpc-host (the headless NPAPI host) instead of the browser
+#     --chromium  open the page in headless Chromium with the bridge extension (extension/), which
+#                 runs the plug-in through gpc-host --native-messaging
+#     --keep      keep the work folder (page, package, trace, screenshot) and say where it is
 #
 # GPC_DEMO_BUILD_DIR=DIR uses an existing build folder as it is instead of building build/;
 # GPC_DEMO_RUN_MS bounds the run (default 30000).
@@ -24,8 +26,9 @@ keep=${KEEP:-0}
 for arg in "$@"; do
   case "$arg" in
     --host) mode=host ;;
+    --chromium) mode=chromium ;;
     --keep) keep=1 ;;
-    -h|--help) sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "demo: unknown option $arg (try --help)" >&2; exit 2 ;;
   esac
 done
@@ -250,6 +253,42 @@ if [ "$mode" = host ]; then
     --run-ms "$run_ms" --exit-on-navigate "/done.html?" "${host_args[@]}" >"$work/events.jsonl" || status=$?
   done_url=$(grep '"event":"navigate"' "$work/events.jsonl" | grep -o '"url":"[^"]*/done.html?[^"]*"' |
     tail -n 1 | sed 's/^"url":"//; s/"$//') || true
+elif [ "$mode" = chromium ]; then
+  # A fresh profile whose native-messaging host is gpc-host; the manifest's "path" takes no
+  # arguments, so it names a wrapper (which drops the caller's origin the browser passes).
+  profile="$work/chromium/profile"
+  mkdir -p "$profile/NativeMessagingHosts"
+  printf '#!/bin/sh\nexec %q --native-messaging 2>>%q\n' "$build/bin/gpc-host" "$work/native-host.log" \
+    >"$work/chromium/gpc-native-host"
+  chmod 755 "$work/chromium/gpc-native-host"
+  printf '{"name": "com.vantrel.talvo.gpc", "description": "GPC plug-in host", "path": "%s", "type": "stdio",
+ "allowed_origins": ["chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/"]}\n' "$work/chromium/gpc-native-host" \
+    >"$profile/NativeMessagingHosts/com.vantrel.talvo.gpc.json"
+  say "Chromium opens the meeting page $site/meeting.html (extension from $root/extension)"
+  { code=0
+    HOME="$work/chromium" python3 tests/browser/chromium_page.py "$site/meeting.html" \
+      --user-data-dir "$profile" --extension "$root/extension" --until "/done.html?" \
+      --timeout "$((run_ms / 1000))" --screenshot "$work/status.png" --end-screenshot "$work/done.png" \
+      --browser-log "$work/browser.log" || code=$?
+    echo "$code" >"$work/browser.status"; } |
+    tee "$work/events.jsonl" | python3 -u -c '
+import json, sys, time
+start = float(sys.argv[1]) / 1e6
+for line in sys.stdin:
+    try:
+        event = json.loads(line)
+    except ValueError:
+        continue
+    kind, now = event.get("t"), time.time() - start
+    words = {"extension": "Chromium: the bridge extension is up",
+             "status": "Chromium: the embed shows \"%s\"" % event.get("text"),
+             "navigated": "Chromium: opens %s" % event.get("url")}.get(kind)
+    if words:
+        print("[%3d.%02d s]   %s" % (int(now), int(now * 100) % 100, words[:200]), flush=True)
+' "$started"
+  status=$(cat "$work/browser.status")
+  done_url=$(grep '"t":"end"' "$work/events.jsonl" | grep -o '"url":"[^"]*/done.html?[^"]*"' |
+    tail -n 1 | sed 's/^"url":"//; s/"$//') || true
 else
   say "QtWebKit opens the meeting page $site/meeting.html (plug-ins from $plugin_dir)"
   { code=0
@@ -280,10 +319,19 @@ if [ "$mode" = browser ] && [ -s "$work/done.png" ]; then
   cp "$work/done.png" "$build/demo/done.png"
   say "screenshot of the page: $build/demo/done.png"
 fi
+if [ "$mode" = chromium ]; then
+  mkdir -p "$build/demo"
+  for shot in status done; do
+    [ -s "$work/$shot.png" ] || continue
+    cp "$work/$shot.png" "$build/demo/chromium-$shot.png"
+    say "screenshot of the page: $build/demo/chromium-$shot.png"
+  done
+fi
 
 if [ "$status" -ne 0 ] || [ -z "$done_url" ]; then
   echo "demo: the extension did not run ($mode exit status $status)" >&2
   if [ "$mode" = browser ]; then tail -n 5 "$work/browser.log" >&2; fi
+  if [ "$mode" = chromium ]; then tail -n 5 "$work/native-host.log" >&2 2>/dev/null || true; fi
   exit 1
 fi
 say "the extension ran"

@@ -5,7 +5,7 @@ Drives Chromium over --remote-debugging-pipe (DevTools protocol, NUL-separated J
 so no port and no websocket library are needed. Prints one JSON object per line:
   {"t":"extension","url":...}            the extension's service worker came up
   {"t":"status","text":...,"state":...}   the embed's status box changed (seen from the page)
-  {"t":"screenshot","path":...}           the page with its first status, saved as PNG
+  {"t":"screenshot","path":...}           the page with its first status (or at the end), saved as PNG
   {"t":"navigated","url":...}             the top frame loaded a new document
   {"t":"end","url":...,"text":...}        the last URL and the page's visible text
 Exit status: 0 when the top frame reached a URL containing --until, 3 when it did not in
@@ -13,6 +13,7 @@ Exit status: 0 when the top frame reached a URL containing --until, 3 when it di
 it started (the native host too) run in a process group of their own, stopped on the way out.
 """
 import argparse
+import base64
 import json
 import os
 import select
@@ -166,6 +167,16 @@ def current(pipe, session, expression):
     return result.get("result", {}).get("value", "")
 
 
+def screenshot(pipe, session, path):
+    shot = pipe.call("Page.captureScreenshot", {"format": "png"}, session)
+    if "data" not in shot:
+        return False
+    with open(path, "wb") as out:
+        out.write(base64.b64decode(shot["data"]))
+    emit("screenshot", path=path)
+    return True
+
+
 def watch(pipe, session, args):
     shot_taken = False
     deadline = time.monotonic() + args.timeout
@@ -178,13 +189,7 @@ def watch(pipe, session, args):
                 text, _, state = params.get("payload", "").rpartition("|")
                 emit("status", text=text, state=state)
                 if args.screenshot and not shot_taken:
-                    shot = pipe.call("Page.captureScreenshot", {"format": "png"}, session)
-                    if "data" in shot:
-                        import base64
-                        with open(args.screenshot, "wb") as out:
-                            out.write(base64.b64decode(shot["data"]))
-                        shot_taken = True
-                        emit("screenshot", path=args.screenshot)
+                    shot_taken = screenshot(pipe, session, args.screenshot)
             elif method == "Page.frameNavigated" and not params.get("frame", {}).get("parentId"):
                 emit("navigated", url=params["frame"].get("url", ""))
         if time.monotonic() >= next_poll:
@@ -192,6 +197,8 @@ def watch(pipe, session, args):
             if args.until and args.until in current(pipe, session, "location.href"):
                 time.sleep(0.2)  # let the page's own script fill in its text
                 break
+    if args.end_screenshot:
+        screenshot(pipe, session, args.end_screenshot)
     url = current(pipe, session, "location.href")
     emit("end", url=url, text=current(pipe, session, "document.body ? document.body.innerText : ''"))
     return 0 if args.until and args.until in url else 3
@@ -205,7 +212,8 @@ def main():
     parser.add_argument("--extension", required=True)
     parser.add_argument("--until", default="")
     parser.add_argument("--timeout", type=float, default=30)
-    parser.add_argument("--screenshot")
+    parser.add_argument("--screenshot", help="PNG of the page when its first status shows")
+    parser.add_argument("--end-screenshot", help="PNG of the page as the run ends")
     parser.add_argument("--browser-log")
     args = parser.parse_args()
     process, pipe = launch(args)
