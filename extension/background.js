@@ -45,18 +45,26 @@ function onNativeMessage(tabId, message) {
   }
 }
 
-// A new window is the browser's business; every other target is a frame of this page.
+// A new tab, and the whole tab from inside a frame (browsers refuse a frame's script that), are the
+// browser's business; every other target is a frame of this page, navigated by its content script.
 function navigate(tabId, tab, message) {
   const embed = tab.embeds.get(message.id);
-  if (message.target !== "_blank") {
+  const fromSubframe = embed.frame.sender.frameId !== 0;
+  if (message.target !== "_blank" && !(message.target === "_top" && fromSubframe)) {
     tellFrame(embed, { kind: "navigate", request: message.request, url: message.url, target: message.target });
     return;
   }
   const done = (ok) => {
     if (tab.native) tab.native.postMessage({ type: "navigated", id: message.id, request: message.request, ok });
   };
+  if (!/^(https?|ftp):/i.test(String(message.url))) {
+    done(false);
+    return;
+  }
   try {
-    Promise.resolve(api.tabs.create({ url: message.url, openerTabId: tabId })).then(() => done(true), () => done(false));
+    const opened = message.target === "_blank" ? api.tabs.create({ url: message.url, openerTabId: tabId })
+                                                : api.tabs.update(tabId, { url: message.url });
+    Promise.resolve(opened).then(() => done(true), () => done(false));
   } catch (error) {
     done(false);
   }

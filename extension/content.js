@@ -90,9 +90,10 @@
   function navigate(url, target) {
     try {
       const name = target || "_self";
-      if (name === "_self") window.location.assign(url);
-      else if (name === "_top") window.top.location.assign(url);
-      else if (name === "_parent") window.parent.location.assign(url);
+      // Setting href is what another origin's frame may do to a Location.
+      if (name === "_self") window.location.href = url;
+      else if (name === "_top") window.top.location.href = url;
+      else if (name === "_parent") window.parent.location.href = url;
       else if (window.open(url, name) === null) return false;
       return true;
     } catch (error) {

@@ -273,13 +273,16 @@ elif [ "$mode" = chromium ]; then
     echo "$code" >"$work/browser.status"; } |
     tee "$work/events.jsonl" | python3 -u -c '
 import json, sys, time
-start = float(sys.argv[1]) / 1e6
+start, shown = float(sys.argv[1]) / 1e6, None
 for line in sys.stdin:
     try:
         event = json.loads(line)
     except ValueError:
         continue
     kind, now = event.get("t"), time.time() - start
+    if kind == "status" and event.get("text") == shown:
+        continue
+    shown = event.get("text") if kind == "status" else shown
     words = {"extension": "Chromium: the bridge extension is up",
              "status": "Chromium: the embed shows \"%s\"" % event.get("text"),
              "navigated": "Chromium: opens %s" % event.get("url")}.get(kind)

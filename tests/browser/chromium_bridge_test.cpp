@@ -60,10 +60,15 @@ std::string HtmlEscaped(const std::string& text) {
 enum class Markup {
   kEmbed,         // <embed NAME="VALUE" ...> in the page's source
   kLateObject,    // <object> with <param> children, added by the page's script after it loaded
+  kInFrame,       // the <embed> page inside an <iframe> of the page
 };
 
-std::string MeetingPage(const PageParams& params, Markup markup) {
+// The page for `markup`; kInFrame frames the page "<name>-inner.html" (the kEmbed page).
+std::string MeetingPage(const PageParams& params, Markup markup, const std::string& name) {
   std::string html = "<html><head><title>meeting</title></head><body><p>Meeting</p>";
+  if (markup == Markup::kInFrame) {
+    return html + "<iframe src=\"" + name + "-inner.html\" width=\"400\" height=\"260\"></iframe></body></html>";
+  }
   if (markup == Markup::kEmbed) {
     html += "<embed type=\"application/x-talvo-gpc\" width=\"300\" height=\"200\"";
     for (const auto& [name, value] : params) html += "\n  " + name + "=\"" + HtmlEscaped(value) + "\"";
@@ -250,7 +255,12 @@ TEST_P(ChromiumBridge, PageEndsWhereTheModuleSendsIt) {
   const std::string screenshot = std::string(home != nullptr ? home : "/tmp") + "/chromium-" + c.name + ".png";
   std::remove(screenshot.c_str());
 
-  BrowserRun run = Open(c.name, MeetingPage(Meeting(c.withRoot), c.markup), c.until, screenshot);
+  const PageParams params = Meeting(c.withRoot);
+  if (c.markup == Markup::kInFrame) {
+    ASSERT_TRUE(shared_->server.AddFile(std::string("page/") + c.name + "-inner.html",
+                                        MeetingPage(params, Markup::kEmbed, c.name)));
+  }
+  BrowserRun run = Open(c.name, MeetingPage(params, c.markup, c.name), c.until, screenshot);
 
   ASSERT_EQ(run.exit_code, 0) << run.output;
   EXPECT_NE(run.FinalText().find(c.shown), std::string::npos) << run.output;
@@ -266,6 +276,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         BridgeCase{"MeetingPage", Markup::kEmbed, true, kDonePath, "The extension ran: fetched=1&failed=0"},
         BridgeCase{"ObjectAddedLater", Markup::kLateObject, true, kDonePath, "The extension ran: fetched=1&failed=0"},
+        // The module sends the whole tab (_top) on from inside the frame.
+        BridgeCase{"InFrame", Markup::kInFrame, true, kDonePath, "The extension ran: fetched=1&failed=0"},
         BridgeCase{"NoUrlRoot", Markup::kEmbed, false, kErrorPath, "Error [100]"}),
     [](const ::testing::TestParamInfo<BridgeCase>& info) { return info.param.name; });
 
