@@ -268,7 +268,7 @@ elif [ "$mode" = chromium ]; then
   { code=0
     HOME="$work/chromium" python3 tests/browser/chromium_page.py "$site/meeting.html" \
       --user-data-dir "$profile" --extension "$root/extension" --until "/done.html?" \
-      --timeout "$((run_ms / 1000))" --screenshot "$work/status.png" --end-screenshot "$work/done.png" \
+      --timeout "$((run_ms / 1000))" --screenshot "$work/done.png" \
       --browser-log "$work/browser.log" || code=$?
     echo "$code" >"$work/browser.status"; } |
     tee "$work/events.jsonl" | python3 -u -c '
@@ -322,13 +322,10 @@ if [ "$mode" = browser ] && [ -s "$work/done.png" ]; then
   cp "$work/done.png" "$build/demo/done.png"
   say "screenshot of the page: $build/demo/done.png"
 fi
-if [ "$mode" = chromium ]; then
+if [ "$mode" = chromium ] && [ -s "$work/done.png" ]; then
   mkdir -p "$build/demo"
-  for shot in status done; do
-    [ -s "$work/$shot.png" ] || continue
-    cp "$work/$shot.png" "$build/demo/chromium-$shot.png"
-    say "screenshot of the page: $build/demo/chromium-$shot.png"
-  done
+  cp "$work/done.png" "$build/demo/chromium-done.png"
+  say "screenshot of the page: $build/demo/chromium-done.png"
 fi
 
 if [ "$status" -ne 0 ] || [ -z "$done_url" ]; then

@@ -5,10 +5,11 @@ Drives Chromium over --remote-debugging-pipe (DevTools protocol, NUL-separated J
 so no port and no websocket library are needed. Prints one JSON object per line:
   {"t":"extension","url":...}            the extension's service worker came up
   {"t":"status","text":...,"state":...}   the embed's status box changed (seen from the page)
-  {"t":"screenshot","path":...}           the page with its first status (or at the end), saved as PNG
+  {"t":"screenshot","path":...}           a PNG of the page as the run ends
   {"t":"navigated","url":...}             the top frame loaded a new document
   {"t":"end","url":...,"text":...}        the last URL and the page's visible text
-Exit status: 0 when the top frame reached a URL containing --until, 3 when it did not in
+Exit status: 0 when the top frame reached a URL containing --until (or the status box showed
+--until-status), 3 when it did not in
 --timeout seconds, 2 when the browser or the extension did not come up. Chromium and everything
 it started (the native host too) run in a process group of their own, stopped on the way out.
 """
@@ -168,7 +169,7 @@ def current(pipe, session, expression):
 
 
 def screenshot(pipe, session, path):
-    shot = pipe.call("Page.captureScreenshot", {"format": "png"}, session)
+    shot = pipe.call("Page.captureScreenshot", {"format": "png"}, session, timeout=5)
     if "data" not in shot:
         return False
     with open(path, "wb") as out:
@@ -178,9 +179,8 @@ def screenshot(pipe, session, path):
 
 
 def watch(pipe, session, args):
-    shot_taken = False
     deadline = time.monotonic() + args.timeout
-    next_poll = 0.0
+    next_poll, last_status = 0.0, ""
     while time.monotonic() < deadline:
         event = pipe.next_event(0.1)
         if event is not None and event.get("sessionId") == session:
@@ -188,8 +188,9 @@ def watch(pipe, session, args):
             if method == "Runtime.bindingCalled" and params.get("name") == "gpcStatus":
                 text, _, state = params.get("payload", "").rpartition("|")
                 emit("status", text=text, state=state)
-                if args.screenshot and not shot_taken:
-                    shot_taken = screenshot(pipe, session, args.screenshot)
+                last_status = text
+                if args.until_status and args.until_status in text:
+                    break
             elif method == "Page.frameNavigated" and not params.get("frame", {}).get("parentId"):
                 emit("navigated", url=params["frame"].get("url", ""))
         if time.monotonic() >= next_poll:
@@ -197,11 +198,12 @@ def watch(pipe, session, args):
             if args.until and args.until in current(pipe, session, "location.href"):
                 time.sleep(0.2)  # let the page's own script fill in its text
                 break
-    if args.end_screenshot:
-        screenshot(pipe, session, args.end_screenshot)
+    if args.screenshot:
+        screenshot(pipe, session, args.screenshot)
     url = current(pipe, session, "location.href")
     emit("end", url=url, text=current(pipe, session, "document.body ? document.body.innerText : ''"))
-    return 0 if args.until and args.until in url else 3
+    reached = (args.until and args.until in url) or (args.until_status and args.until_status in last_status)
+    return 0 if reached else 3
 
 
 def main():
@@ -212,8 +214,8 @@ def main():
     parser.add_argument("--extension", required=True)
     parser.add_argument("--until", default="")
     parser.add_argument("--timeout", type=float, default=30)
-    parser.add_argument("--screenshot", help="PNG of the page when its first status shows")
-    parser.add_argument("--end-screenshot", help="PNG of the page as the run ends")
+    parser.add_argument("--until-status", default="", help="stop once the status box shows this")
+    parser.add_argument("--screenshot", help="PNG of the page as the run ends")
     parser.add_argument("--browser-log")
     args = parser.parse_args()
     process, pipe = launch(args)
