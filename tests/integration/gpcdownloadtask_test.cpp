@@ -140,6 +140,24 @@ TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
   EXPECT_FALSE(Exists(local));
 }
 
+// Names under /tmp are shared by every process: once the package was deleted (installed), another
+// process's download may take its name, and the task's end must leave that file alone.
+TEST_F(DownloadTaskTest, AFileThatTookTheNameIsNotRemovedWithTheTask) {
+  ASSERT_TRUE(nginx_->AddFile("taken.bin", "first"));
+  RecordingNotify notify;
+  std::string local;
+  {
+    GPCDownloadTask task(nginx_->HttpsUrl("taken.bin").c_str(), false, &notify);
+    ASSERT_EQ(task.Start(), 0u);
+    ASSERT_TRUE(WaitForStatus(task, kDownloadFinished));
+    local = task.GetLocalFile();
+    ASSERT_EQ(unlink(local.c_str()), 0);
+    ASSERT_TRUE(gpctest::WriteFile(local, "another process's download"));
+  }
+  EXPECT_EQ(ReadFile(local), "another process's download");
+  unlink(local.c_str());
+}
+
 TEST_F(DownloadTaskTest, EmptyBodyFailsWithoutNotification) {
   ASSERT_TRUE(nginx_->AddFile("empty.bin", ""));
   RecordingNotify notify;

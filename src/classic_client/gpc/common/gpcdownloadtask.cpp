@@ -57,15 +57,14 @@ void GPCDownloadTask::ReleaseClient() {
   if (!m_pHttp) return;
   char partial[1024] = "";
   if (m_pHttp->GetFilePath()) snprintf(partial, sizeof partial, "%s", m_pHttp->GetFilePath());
+  const char* ours = !m_strLocalFile.empty() ? m_strLocalFile.c_str() : partial;
+  // A file already deleted (an installed package) may have lent its name to another process's
+  // download since: only our own file goes.
+  const bool remove = m_nFileMode != 0 && ours[0] != '\0' && m_pHttp->IsOwnFile(ours);
   GPCNetworkHttp* client = m_pHttp;
   m_pHttp = nullptr;
   delete client;
-  if (m_nFileMode == 0) return;
-  if (!m_strLocalFile.empty()) {
-    unlink(m_strLocalFile.c_str());
-  } else if (partial[0] != '\0') {
-    unlink(partial);
-  }
+  if (remove) unlink(ours);
 }
 
 void GPCDownloadTask::CheckTask() {

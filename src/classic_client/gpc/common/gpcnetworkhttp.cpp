@@ -253,20 +253,27 @@ bool GPCNetworkHttp::AppendToMemory(const void* data, unsigned long size) {
   return true;
 }
 
+// How many names a new download file tries when others keep taking them first.
+constexpr int kNameAttempts = 1000;
+
 bool GPCNetworkHttp::WriteFirstFileChunk(const void* data, unsigned long size) {
   EnsureTalvoFolder();
   char path[kPathSize];
-  int flags = O_RDWR | O_CREAT;
+  const int flags = O_RDWR | O_CREAT;
   if (m_strFileName.empty()) {
-    do {
-      snprintf(path, sizeof path, "/tmp/gpc_tmp_%d", ++g_nTempFileCounter);
-    } while (NameIsTaken(path));
-    flags |= O_EXCL;  // the name was just found free; nobody may slip a file in meanwhile
+    // Another process (a second browser, another user) may take a free name before we open it:
+    // then the next free one is tried.
+    for (int attempt = 0; attempt < kNameAttempts && m_pFile == nullptr; ++attempt) {
+      do {
+        snprintf(path, sizeof path, "/tmp/gpc_tmp_%d", ++g_nTempFileCounter);
+      } while (NameIsTaken(path));
+      m_pFile = OpenNoFollow(path, flags | O_EXCL, "w+");
+      if (m_pFile == nullptr && errno != EEXIST) break;
+    }
   } else {
     snprintf(path, sizeof path, "/tmp/%s", m_strFileName.c_str());
-    flags |= O_TRUNC;
+    m_pFile = OpenNoFollow(path, flags | O_TRUNC, "w+");
   }
-  m_pFile = OpenNoFollow(path, flags, "w+");
   if (!m_pFile) {
     MacInfoTrace("GPCNetworkHttp::OnNewStream ,1 fopen file = %s failed!", path);
     return false;
@@ -287,7 +294,9 @@ bool GPCNetworkHttp::WriteFirstFileChunk(const void* data, unsigned long size) {
 
 bool GPCNetworkHttp::AppendFileChunk(const void* data, unsigned long size) {
   const char* path = m_pBody ? m_pBody : "";
-  m_pFile = OpenNoFollow(path, O_RDWR | O_CREAT | O_APPEND, "a+");
+  // Only the file begun with the first piece: never a new one, nor another process's that took
+  // the name after ours was deleted.
+  m_pFile = IsOwnFile(path) ? OpenNoFollow(path, O_RDWR | O_APPEND, "a+") : nullptr;
   if (!m_pFile) {
     MacInfoTrace("GPCNetworkHttp::OnNewStream,2 fopen file = %s failed!", path);
     return false;
@@ -296,9 +305,22 @@ bool GPCNetworkHttp::AppendFileChunk(const void* data, unsigned long size) {
   return WriteChunkAndClose(data, size);
 }
 
+bool GPCNetworkHttp::IsOwnFile(const char* path) const {
+  struct stat info;
+  return path != nullptr && m_fileInode != 0 && lstat(path, &info) == 0 && info.st_dev == m_fileDevice &&
+         info.st_ino == m_fileInode && info.st_ctim.tv_sec == m_fileChanged.tv_sec &&
+         info.st_ctim.tv_nsec == m_fileChanged.tv_nsec;
+}
+
 bool GPCNetworkHttp::WriteChunkAndClose(const void* data, unsigned long size) {
   const bool written = fwrite(data, 1, size, m_pFile) == size;
   const int writeError = errno;
+  struct stat info;
+  if (fstat(fileno(m_pFile), &info) == 0) {
+    m_fileDevice = info.st_dev;
+    m_fileInode = info.st_ino;
+    m_fileChanged = info.st_ctim;
+  }
   const bool closed = fclose(m_pFile) == 0;
   const int closeError = errno;
   m_pFile = nullptr;

@@ -2,6 +2,10 @@
 // written piece by piece to a temporary file, and the result handed to an INetworkHttpSink.
 #pragma once
 
+#include <sys/types.h>
+
+#include <ctime>
+
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -63,6 +67,9 @@ class GPCNetworkHttp : private gpcnet::ITransferListener {
   unsigned int GetReceivedSize() const { return m_nReceivedSize; }
   // The temporary file's path in file mode once a chunk was written to it, else NULL.
   const char* GetFilePath() const { return m_bFileMode ? m_pBody : nullptr; }
+  // True while `path` names the very file this client created (not one that took its name after
+  // it was deleted: the names under /tmp are shared with every other process).
+  bool IsOwnFile(const char* path) const;
   // The number in the last generated "/tmp/gpc_tmp_<n>" name (0 before the first).
   static int GetTempFileCounter();
   // Replaces what grows the memory-mode body (realloc; null restores it), so that tests can make
@@ -98,6 +105,11 @@ class GPCNetworkHttp : private gpcnet::ITransferListener {
   uint32_t m_nTimeout = 0;
   bool m_bFileMode = false;
   FILE* m_pFile = nullptr;
+  // The identity of the file created for the body, to tell it from another one of the same name.
+  // Inode numbers are reused at once, so the change time of our last write goes with them.
+  dev_t m_fileDevice = 0;
+  ino_t m_fileInode = 0;
+  struct timespec m_fileChanged = {};
   std::string m_strFileName;
   int m_nSelfDelete = 0;
   std::string m_strProxyUser;
