@@ -181,6 +181,10 @@ TEST_F(HostPlugin, HostRefusesWhatItCannotLoad) {
   EXPECT_EQ(bad.exit_code, 2);
   HostRun unmatched = gpchost::RunHost({"--param", "GpcProductVersion=3", "--exit-on-navigate", "never", "--run-ms", "50"});
   EXPECT_EQ(unmatched.exit_code, 3);
+  // Started by a browser as a native-messaging host: its origin argument selects that mode, and
+  // the closed input (no browser) ends it cleanly.
+  HostRun started = gpchost::RunHost({"chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/"});
+  EXPECT_EQ(started.exit_code, 0) << started.stderr_text;
 }
 
 }  // namespace

@@ -111,6 +111,13 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* out, std::string* erro
       out->native_messaging = true;
       continue;
     }
+    // What a browser adds when it starts a native-messaging host (Chromium: the caller's origin;
+    // Firefox: the manifest's path and the extension's id). A host manifest's "path" cannot carry
+    // options, so these select the native-messaging mode and are otherwise ignored.
+    if (!option.empty() && option[0] != '-') {
+      out->native_messaging = true;
+      continue;
+    }
     if (i + 1 >= argc) {
       *error = option == "--plugin" || option == "--param" || option == "--params" ||
                        option == "--page-url" || option == "--run-ms" ||
