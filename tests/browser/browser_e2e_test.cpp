@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "browser_pages.h"
 #include "extension_package.h"
 #include "gpc_host_run.h"
 #include "http_test_server.h"
@@ -26,30 +27,11 @@ const std::string kDriver = std::string(GPC_SOURCE_DIR) + "/tests/browser/qtwebk
 const std::string kProxyScript = std::string(GPC_SOURCE_DIR) + "/tests/support/loopback_connect_proxy.py";
 const std::string kPluginDir = std::string(GPC_BUNDLE_DIR) + "/Contents/MacOS";
 const std::string kSampleBundle = std::string(GPC_BUNDLE_DIR) + "/Contents/Frameworks/zrgpcext64.bundle";
-const char kDonePath[] = "/page/done.html?";
-const char kErrorPath[] = "/page/error.html?ErrorType=1&ErrorMsg=";
-
-// Pages that show what the plug-in sent them, so the test reads it as a person would.
-const char kDonePage[] =
-    "<html><head><title>done</title></head><body><p id='t'></p><script>"
-    "document.getElementById('t').textContent = 'The extension ran: ' + location.search.substring(1);"
-    "</script></body></html>";
-const char kErrorPage[] =
-    "<html><head><title>error</title></head><body><p id='t'></p><script>"
-    "var m = /ErrorMsg=([^&]*)/.exec(location.search);"
-    "document.getElementById('t').textContent = 'Stopped: ' + decodeURIComponent(m ? m[1] : '');"
-    "</script></body></html>";
-
-std::string HtmlEscaped(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '&') out += "&amp;";
-    else if (c == '"') out += "&quot;";
-    else if (c == '<') out += "&lt;";
-    else out += c;
-  }
-  return out;
-}
+using browsertest::HtmlEscaped;
+using browsertest::kDonePage;
+using browsertest::kDonePath;
+using browsertest::kErrorPage;
+using browsertest::kErrorPath;
 
 // A meeting page that embeds the plug-in with `params`, in their order and spelling.
 std::string MeetingPage(const PageParams& params) {

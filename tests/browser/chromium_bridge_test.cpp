@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "browser_pages.h"
 #include "extension_package.h"
 #include "gpc_host_run.h"
 #include "http_test_server.h"
@@ -32,29 +33,11 @@ const std::string kSampleBundle = std::string(GPC_BUNDLE_DIR) + "/Contents/Frame
 // Derived from the public key in extension/manifest.json (see extension/README.md).
 const char kExtensionOrigin[] = "chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/";
 const char kHostName[] = "com.vantrel.talvo.gpc";
-const char kDonePath[] = "/page/done.html?";
-const char kErrorPath[] = "/page/error.html?ErrorType=1&ErrorMsg=";
-
-const char kDonePage[] =
-    "<html><head><title>done</title></head><body><p id='t'></p><script>"
-    "document.getElementById('t').textContent = 'The extension ran: ' + location.search.substring(1);"
-    "</script></body></html>";
-const char kErrorPage[] =
-    "<html><head><title>error</title></head><body><p id='t'></p><script>"
-    "var m = /ErrorMsg=([^&]*)/.exec(location.search);"
-    "document.getElementById('t').textContent = 'Stopped: ' + decodeURIComponent(m ? m[1] : '');"
-    "</script></body></html>";
-
-std::string HtmlEscaped(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '&') out += "&amp;";
-    else if (c == '"') out += "&quot;";
-    else if (c == '<') out += "&lt;";
-    else out += c;
-  }
-  return out;
-}
+using browsertest::HtmlEscaped;
+using browsertest::kDonePage;
+using browsertest::kDonePath;
+using browsertest::kErrorPage;
+using browsertest::kErrorPath;
 
 // How the page carries the plug-in.
 enum class Markup {
