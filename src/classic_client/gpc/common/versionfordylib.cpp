@@ -74,15 +74,20 @@ bool ReadBundleVersion(const std::string& plist_path, std::string& version) {
     return false;
   }
   plist_t node = plist_dict_get_item(root, "CFBundleVersion");
-  char* text = nullptr;
-  if (node != nullptr && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &text);
-  plist_free(root);
+  // The string is read in place with its length: libplist aborts the process when a copy is asked
+  // for of a string that holds a NUL, and a property list can hold one.
+  uint64_t length = 0;
+  const char* text = nullptr;
+  if (node != nullptr && plist_get_node_type(node) == PLIST_STRING) text = plist_get_string_ptr(node, &length);
   if (text == nullptr) {
+    plist_free(root);
     MacInfoTrace("GetFileVersionString(...) get CFBundleVersion failed");
     return false;
   }
-  version.assign(text, strnlen_s(text, kBundleVersionMaxBytes));
-  std::free(text);
+  // As C text: up to a NUL, at most 255 bytes.
+  const size_t longest = length < kBundleVersionMaxBytes ? static_cast<size_t>(length) : kBundleVersionMaxBytes;
+  version.assign(text, strnlen(text, longest));
+  plist_free(root);
   return true;
 }
 
