@@ -74,7 +74,9 @@ for target in $targets; do
     stamp=$(date +%Y%m%d-%H%M%S)
     cp "$log" "$crashes/log-$stamp.txt"
     artifact=$(sed -n 's/.*Test unit written to \(.*\)$/\1/p' "$log" | tail -n 1)
-    reason=$(grep -m1 -E '^(==[0-9]+==ERROR|SUMMARY|FUZZ PROPERTY FAILED|.*runtime error)' "$log" | cut -c1-160)
+    # The first line that says what went wrong: a sanitizer's or libFuzzer's error, a failed
+    # property or assertion, undefined behaviour.
+    reason=$(grep -m1 -E 'ERROR:|FUZZ PROPERTY FAILED|runtime error:|Assertion .* failed' "$log" | cut -c1-200)
     printf '%-9s CRASH  %s; input %s; log %s; %s\n' "$target" "$summary" "${artifact:-none}" \
       "$crashes/log-$stamp.txt" "$reason"
   fi

@@ -14,6 +14,12 @@
 
 namespace fs = std::filesystem;
 
+// libarchive sizes some buffers by what a 7z header claims (terabytes, for a header that lies
+// past the end of its file) and gives up cleanly when malloc refuses. Here, as on a machine
+// without that much memory, an allocation of 2000 MiB or more is refused rather than reported;
+// memory really used still counts through the fuzzer's RSS limit.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=2000"; }
+
 namespace {
 
 struct State {
