@@ -61,9 +61,11 @@
       case "checking":
         return "Checking for updates…";
       case "downloading": {
-        if (!(message.total > 0)) return `Downloading… ${megabytes(message.done || 0)} MB`;
-        const percent = Math.floor((100 * (message.done || 0)) / message.total);
-        return `Downloading… ${percent}% (${megabytes(message.done || 0)} of ${megabytes(message.total)} MB)`;
+        // The plug-in's own downloads tell no bytes; the browser's (through the host) do.
+        if (!(message.done >= 0)) return "Downloading…";
+        if (!(message.total > 0)) return `Downloading… ${megabytes(message.done)} MB`;
+        const percent = Math.floor((100 * message.done) / message.total);
+        return `Downloading… ${percent}% (${megabytes(message.done)} of ${megabytes(message.total)} MB)`;
       }
       case "verified":
         return "Verified";

@@ -5,12 +5,15 @@
 // The native host is the built `gpc-host --native-messaging`, loading the built module.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -42,9 +45,23 @@ using browsertest::kErrorPath;
 // How the page carries the plug-in.
 enum class Markup {
   kEmbed,         // <embed NAME="VALUE" ...> in the page's source
+  kTwoEmbeds,     // two such embeds, one after the other
   kLateObject,    // <object> with <param> children, added by the page's script after it loaded
   kInFrame,       // the <embed> page inside an <iframe> of the page
 };
+
+// Which package the page names.
+enum class Package {
+  kGood,
+  kTampered,  // altered on the server, with the page's digest following it: the signature fails
+  kSlow,      // the good one from a server that takes about four seconds for it
+};
+
+std::string EmbedElement(const PageParams& params) {
+  std::string html = "<embed type=\"application/x-talvo-gpc\" width=\"300\" height=\"200\"";
+  for (const auto& [name, value] : params) html += "\n  " + name + "=\"" + HtmlEscaped(value) + "\"";
+  return html + ">";
+}
 
 // The page for `markup`; kInFrame frames the page "<name>-inner.html" (the kEmbed page).
 std::string MeetingPage(const PageParams& params, Markup markup, const std::string& name) {
@@ -52,11 +69,8 @@ std::string MeetingPage(const PageParams& params, Markup markup, const std::stri
   if (markup == Markup::kInFrame) {
     return html + "<iframe src=\"" + name + "-inner.html\" width=\"400\" height=\"260\"></iframe></body></html>";
   }
-  if (markup == Markup::kEmbed) {
-    html += "<embed type=\"application/x-talvo-gpc\" width=\"300\" height=\"200\"";
-    for (const auto& [name, value] : params) html += "\n  " + name + "=\"" + HtmlEscaped(value) + "\"";
-    return html + "></body></html>";
-  }
+  if (markup == Markup::kEmbed) return html + EmbedElement(params) + "</body></html>";
+  if (markup == Markup::kTwoEmbeds) return html + EmbedElement(params) + EmbedElement(params) + "</body></html>";
   html += "<template id='later'><object type=\"application/x-talvo-gpc\" width=\"300\" height=\"200\">";
   for (const auto& [name, value] : params) {
     html += "\n  <param name=\"" + HtmlEscaped(name) + "\" value=\"" + HtmlEscaped(value) + "\">";
@@ -86,6 +100,12 @@ PageParams PackWithTheTool(const gpctest::PackageSigner& signer, const std::stri
   return params;
 }
 
+bool IsRunning(pid_t pid) {
+  const std::string stat = gpctest::ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t end = stat.rfind(')');
+  return end != std::string::npos && end + 2 < stat.size() && stat[end + 2] != 'Z';
+}
+
 // A fresh Chromium profile whose native-messaging host is ours. The manifest's "path" takes no
 // arguments, so it names a wrapper script (Chromium adds the caller's origin as its argument).
 class BrowserProfile {
@@ -95,23 +115,59 @@ class BrowserProfile {
   bool Make() {
     const std::string hosts = Dir() + "/NativeMessagingHosts";
     const std::string wrapper = folder_.path() + "/gpc-native-host";
-    // gpc-host takes no origin argument: the browser's are dropped here.
-    const std::string command = "exec " + gpctest::ShellQuote(kGpcHost) + " --native-messaging 2>>" +
+    // gpc-host takes no origin argument: the browser's are dropped here. Each host started
+    // leaves its process id behind.
+    const std::string command = "echo $$ >>" + gpctest::ShellQuote(HostPids()) + "\nexec " +
+                                gpctest::ShellQuote(kGpcHost) + " --native-messaging 2>>" +
                                 gpctest::ShellQuote(HostLog()) + "\n";
     const std::string manifest = std::string("{\"name\": \"") + kHostName +
                                  "\", \"description\": \"GPC plug-in host\", \"path\": \"" + wrapper +
                                  "\", \"type\": \"stdio\", \"allowed_origins\": [\"" + kExtensionOrigin + "\"]}\n";
-    return mkdir(Dir().c_str(), 0700) == 0 && mkdir(hosts.c_str(), 0700) == 0 &&
+    return mkdir(Dir().c_str(), 0700) == 0 && mkdir(hosts.c_str(), 0700) == 0 && mkdir(Data().c_str(), 0700) == 0 &&
            gpctest::WriteFile(wrapper, "#!/bin/sh\n" + command) && chmod(wrapper.c_str(), 0755) == 0 &&
            gpctest::WriteFile(hosts + "/" + kHostName + ".json", manifest);
   }
   std::string Dir() const { return folder_.path() + "/profile"; }
   std::string Home() const { return folder_.path(); }
   std::string HostLog() const { return folder_.path() + "/native-host.log"; }
+  std::string HostPids() const { return folder_.path() + "/native-host.pids"; }
+  // The user's data folder as the host sees it: each page starts without an installed extension.
+  std::string Data() const { return folder_.path() + "/data"; }
+  std::string Installed() const { return Data() + "/Talvo Folder/zrgpcext64.bundle"; }
+
+  // The hosts that were started and have not ended within `seconds`.
+  std::vector<pid_t> HostsRunning(int seconds) const {
+    std::vector<pid_t> running;
+    for (int tenth = 0; tenth <= seconds * 10; ++tenth) {
+      running.clear();
+      std::istringstream pids(gpctest::ReadFile(HostPids()));
+      for (pid_t pid; pids >> pid;)
+        if (IsRunning(pid)) running.push_back(pid);
+      if (running.empty()) break;
+      usleep(100 * 1000);
+    }
+    return running;
+  }
 
  private:
   gpctest::TempFolder folder_;
 };
+
+
+// Files under /tmp holding a piece of `package` (a download never finished or never removed).
+std::vector<std::string> PackagePiecesInTmp(const std::string& package) {
+  std::vector<std::string> pieces;
+  DIR* dir = opendir("/tmp");
+  if (dir == nullptr) return pieces;
+  while (dirent* entry = readdir(dir)) {
+    const std::string path = std::string("/tmp/") + entry->d_name;
+    if (std::string(entry->d_name).rfind("gpc_tmp_", 0) != 0) continue;
+    const std::string content = gpctest::ReadFile(path);
+    if (!content.empty() && package.compare(0, content.size(), content) == 0) pieces.push_back(path);
+  }
+  closedir(dir);
+  return pieces;
+}
 
 // What the driver reported about one page.
 struct BrowserRun {
@@ -139,10 +195,13 @@ struct BrowserRun {
 struct BridgeCase {
   const char* name;
   Markup markup;
+  Package package;
   bool withRoot;      // "GpcUrlRoot" given
   bool withErrorPage; // "GpcErrorPageUrl" given
-  const char* until;  // where the page is expected to end; empty: it stays, showing its status box
+  const char* until;  // where the page is expected to end; empty: it stays until its status box shows `shown`
   const char* shown;  // what that page then shows
+  bool closeTab;      // the tab is closed then, the browser staying open
+  bool installs;      // the extension is installed in the end
 };
 
 void PrintTo(const BridgeCase& c, std::ostream* out) { *out << c.name; }
@@ -151,9 +210,10 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
  protected:
   struct Shared {
     gpctest::TempFolder folder{"bridge"};
-    gpctest::NginxTestServer server;
+    gpctest::NginxTestServer server, slow;
     std::unique_ptr<gpctest::PackageSigner> signer;
     PageParams package;
+    std::string packageBytes, tamperedDigest;
     bool ok = false;
   };
 
@@ -168,8 +228,17 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
     s.ok = s.signer->ok() && s.server.Start() &&
            gpctest::PackExtension(kSampleBundle, "2.0.0.7", s.folder.path(), s.folder.path() + "/unused.7z");
     if (s.ok) s.package = PackWithTheTool(*s.signer, s.folder.path() + "/zrgpcext64.bundle", out);
-    s.ok = s.ok && !s.package.empty() &&
-           s.server.AddFile("client/zrgpcext64.bundle.7z", gpctest::ReadFile(out + "/zrgpcext64.bundle.7z")) &&
+    s.packageBytes = gpctest::ReadFile(out + "/zrgpcext64.bundle.7z");
+    std::string tampered = s.packageBytes;
+    if (!tampered.empty()) tampered[tampered.size() / 2] ^= 0x20;
+    const std::string tamperedPath = s.folder.path() + "/tampered.7z";
+    s.ok = s.ok && !s.package.empty() && gpctest::WriteFile(tamperedPath, tampered);
+    s.tamperedDigest = s.ok ? gpctest::FileDigest(tamperedPath, "sha256") : "";
+    s.slow.SetLimitRate(std::to_string(s.packageBytes.size() / 4 + 1));
+    s.ok = s.ok && !s.tamperedDigest.empty() && s.slow.Start() &&
+           s.slow.AddFile("client/zrgpcext64.bundle.7z", s.packageBytes) &&
+           s.server.AddFile("client/zrgpcext64.bundle.7z", s.packageBytes) &&
+           s.server.AddFile("client/tampered/zrgpcext64.bundle.7z", tampered) &&
            s.server.AddFile("files/readme.txt", "hello") && s.server.AddFile("page/done.html", kDonePage) &&
            s.server.AddFile("page/error.html", kErrorPage);
   }
@@ -185,32 +254,36 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
 
   static std::string Site() { return "https://127.0.0.1:" + std::to_string(shared_->server.https_port()) + "/"; }
 
-  static PageParams Meeting(bool withRoot, bool withErrorPage) {
+  static PageParams Meeting(const BridgeCase& c) {
     const std::string site = Site();
     PageParams params = {{"gpcsitelock", "0"}, {"GpcProductVersion", "3.1.0"}};
-    if (withRoot) params.push_back({"GpcUrlRoot", site + "client/"});
+    const std::string roots[] = {site + "client/", site + "client/tampered/",
+                                 "https://127.0.0.1:" + std::to_string(shared_->slow.https_port()) + "/client/"};
+    if (c.withRoot) params.push_back({"GpcUrlRoot", roots[static_cast<int>(c.package)]});
     params.push_back({"GpcUnpackVersion", "1,0"});
-    params.insert(params.end(), shared_->package.begin(), shared_->package.end());
+    for (auto [name, value] : shared_->package) {
+      if (name == "GpcExtHash" && c.package == Package::kTampered) value = shared_->tamperedDigest;
+      params.push_back({name, value});
+    }
+    const bool withErrorPage = c.withErrorPage;
     if (withErrorPage) params.push_back({"GpcErrorPageUrl", site + "page/error.html"});
     params.insert(params.end(), {{"GpcSampleFiles", site + "files/readme.txt"},
                                  {"GpcSampleDoneUrl", site + "page/done.html"}});
     return params;
   }
 
-  // Opens `page` (put at /page/<name>.html) in a fresh profile until the top frame reaches a URL
-  // containing `until` (or, when that is empty, until its status box shows); saves the page as it
-  // ends to `screenshot`.
-  BrowserRun Open(const std::string& name, const std::string& page, const std::string& until,
+  // Opens `page` (put at /page/<name>.html) in `profile` until the top frame reaches a URL
+  // containing c.until (or, when that is empty, until its status box shows c.shown); saves the
+  // page as it ends to `screenshot`.
+  BrowserRun Open(const BridgeCase& c, const std::string& page, const BrowserProfile& profile,
                   const std::string& screenshot) {
+    const std::string name = c.name;
     EXPECT_TRUE(shared_->server.AddFile("page/" + name + ".html", page));
-    BrowserProfile profile;
     BrowserRun run;
-    if (!profile.Make()) {
-      ADD_FAILURE() << "cannot make the browser profile";
-      return run;
-    }
     // Chromium keeps its certificate store and caches under HOME: the profile's folder, not ours.
     ScopedEnv home("HOME", profile.Home());
+    ScopedEnv data("XDG_DATA_HOME", profile.Data());
+    const std::string pids = profile.HostPids();
     const std::string url = Site() + "page/" + name + ".html";
     const std::string profileDir = profile.Dir();
     const std::string log = profile.Home() + "/driver.log";
@@ -219,8 +292,9 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
                                      "--chromium", kChromium.c_str(), "--user-data-dir", profileDir.c_str(),
                                      "--extension", kExtension.c_str(), "--timeout", "20",
                                      "--screenshot", screenshot.c_str(), "--browser-log", browserLog.c_str()};
-    if (until.empty()) argv.insert(argv.end(), {"--until-status", "Starting"});
-    else argv.insert(argv.end(), {"--until", until.c_str()});
+    if (std::string(c.until).empty()) argv.insert(argv.end(), {"--until-status", c.shown});
+    else argv.insert(argv.end(), {"--until", c.until});
+    if (c.closeTab) argv.insert(argv.end(), {"--close-tab", pids.c_str()});
     argv.push_back(nullptr);
     run.exit_code = gpctest::RunCommand(argv.data(), log);
     const std::string report = gpctest::ReadFile(log);
@@ -243,12 +317,14 @@ TEST_P(ChromiumBridge, PageEndsWhereTheModuleSendsIt) {
   const std::string screenshot = std::string(home != nullptr ? home : "/tmp") + "/chromium-" + c.name + ".png";
   std::remove(screenshot.c_str());
 
-  const PageParams params = Meeting(c.withRoot, c.withErrorPage);
+  const PageParams params = Meeting(c);
   if (c.markup == Markup::kInFrame) {
     ASSERT_TRUE(shared_->server.AddFile(std::string("page/") + c.name + "-inner.html",
                                         MeetingPage(params, Markup::kEmbed, c.name)));
   }
-  BrowserRun run = Open(c.name, MeetingPage(params, c.markup, c.name), c.until, screenshot);
+  BrowserProfile profile;
+  ASSERT_TRUE(profile.Make());
+  BrowserRun run = Open(c, MeetingPage(params, c.markup, c.name), profile, screenshot);
 
   ASSERT_EQ(run.exit_code, 0) << run.output;
   EXPECT_NE(run.FinalText().find(c.shown), std::string::npos) << run.output;
@@ -263,19 +339,43 @@ TEST_P(ChromiumBridge, PageEndsWhereTheModuleSendsIt) {
   if (std::string(c.until).empty()) {
     EXPECT_NE(run.FinalUrl().find(std::string(c.name) + ".html"), std::string::npos) << run.output;
   }
+  // A closed tab ends its host while the browser goes on; a closed browser ends every host.
+  if (c.closeTab) {
+    ASSERT_NE(run.Last("host"), nullptr) << run.output;
+    EXPECT_NE(run.Last("host")->line.find("\"running\":false"), std::string::npos) << run.output;
+  }
+  std::vector<pid_t> left = profile.HostsRunning(10);
+  for (pid_t pid : left) kill(pid, SIGKILL);
+  EXPECT_TRUE(left.empty()) << "a native host outlived the browser\n" << run.output;
+  EXPECT_FALSE(gpctest::ReadFile(profile.HostPids()).empty()) << run.output;
+  // Nothing half-written: the extension is there whole, or not at all, and no piece of the
+  // package is left behind.
+  struct stat installed;
+  const std::string info = gpctest::ReadFile(profile.Installed() + "/Contents/Info.plist");
+  if (c.installs) EXPECT_NE(info.find("2.0.0.7"), std::string::npos) << run.output;
+  else EXPECT_NE(stat(profile.Installed().c_str(), &installed), 0) << profile.Installed();
+  EXPECT_EQ(PackagePiecesInTmp(shared_->packageBytes), std::vector<std::string>());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Chromium, ChromiumBridge,
     ::testing::Values(
-        BridgeCase{"MeetingPage", Markup::kEmbed, true, true, kDonePath, "The extension ran: fetched=1&failed=0"},
-        BridgeCase{"ObjectAddedLater", Markup::kLateObject, true, true, kDonePath,
-                   "The extension ran: fetched=1&failed=0"},
+        BridgeCase{"MeetingPage", Markup::kEmbed, Package::kGood, true, true, kDonePath,
+                   "The extension ran: fetched=1&failed=0", false, true},
+        BridgeCase{"ObjectAddedLater", Markup::kLateObject, Package::kGood, true, true, kDonePath,
+                   "The extension ran: fetched=1&failed=0", false, true},
         // The module sends the whole tab (_top) on from inside the frame.
-        BridgeCase{"InFrame", Markup::kInFrame, true, true, kDonePath, "The extension ran: fetched=1&failed=0"},
-        BridgeCase{"NoUrlRoot", Markup::kEmbed, false, true, kErrorPath, "Error [100]"},
+        BridgeCase{"InFrame", Markup::kInFrame, Package::kGood, true, true, kDonePath,
+                   "The extension ran: fetched=1&failed=0", false, true},
+        BridgeCase{"TwoEmbeds", Markup::kTwoEmbeds, Package::kGood, true, true, kDonePath,
+                   "The extension ran: fetched=1&failed=0", false, true},
+        BridgeCase{"NoUrlRoot", Markup::kEmbed, Package::kGood, false, true, kErrorPath, "Error [100]", false, false},
+        BridgeCase{"TamperedPackage", Markup::kEmbed, Package::kTampered, true, true, kErrorPath, "Error [103]",
+                   false, false},
         // Nowhere to send the page: it keeps the embed's status box (the screenshot shows it).
-        BridgeCase{"StatusBox", Markup::kEmbed, false, false, "", "Starting…"}),
+        BridgeCase{"StatusBox", Markup::kEmbed, Package::kGood, false, false, "", "Starting…", false, false},
+        BridgeCase{"TabClosedMidDownload", Markup::kEmbed, Package::kSlow, true, true, "", "Downloading…", true,
+                   false}),
     [](const ::testing::TestParamInfo<BridgeCase>& info) { return info.param.name; });
 
 }  // namespace

@@ -8,6 +8,7 @@ so no port and no websocket library are needed. Prints one JSON object per line:
   {"t":"screenshot","path":...}           a PNG of the page as the run ends
   {"t":"navigated","url":...}             the top frame loaded a new document
   {"t":"end","url":...,"text":...}        the last URL and the page's visible text
+  {"t":"host","running":...}              with --close-tab: whether the host outlived the tab
 Exit status: 0 when the top frame reached a URL containing --until (or the status box showed
 --until-status), 3 when it did not in
 --timeout seconds, 2 when the browser or the extension did not come up. Chromium and everything
@@ -160,7 +161,7 @@ def open_page(pipe, url):
                            ("Page.addScriptToEvaluateOnNewDocument", {"source": STATUS_WATCH})):
         pipe.call(method, params, session)
     pipe.call("Page.navigate", {"url": url}, session)
-    return session
+    return page["targetId"], session
 
 
 def current(pipe, session, expression):
@@ -206,6 +207,30 @@ def watch(pipe, session, args):
     return 0 if reached else 3
 
 
+def process_running(pid):
+    try:
+        with open("/proc/%d/stat" % pid) as stat:
+            return stat.read().rpartition(")")[2].split()[0] != "Z"
+    except OSError:
+        return False
+
+
+def close_tab(pipe, target, pid_file, timeout):
+    """Closes the page's tab and reports whether the native host it used is still running after
+    `timeout` seconds, while the browser itself stays open."""
+    pipe.call("Target.closeTarget", {"targetId": target})
+    try:
+        with open(pid_file) as pids:
+            pid = int(pids.read().split()[-1])
+    except (OSError, ValueError, IndexError):
+        emit("host", running=None)
+        return
+    deadline = time.monotonic() + timeout
+    while process_running(pid) and time.monotonic() < deadline:
+        time.sleep(0.1)
+    emit("host", running=process_running(pid))
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("url")
@@ -217,13 +242,19 @@ def main():
     parser.add_argument("--until-status", default="", help="stop once the status box shows this")
     parser.add_argument("--screenshot", help="PNG of the page as the run ends")
     parser.add_argument("--browser-log")
+    parser.add_argument("--close-tab", metavar="HOST_PID_FILE",
+                        help="at the end close the tab and report whether the host named in this file ends")
     args = parser.parse_args()
     process, pipe = launch(args)
     try:
         if not wait_for_extension(pipe, 15):
             emit("end", url="", text="the extension did not come up")
             return 2
-        return watch(pipe, open_page(pipe, args.url), args)
+        target, session = open_page(pipe, args.url)
+        code = watch(pipe, session, args)
+        if args.close_tab:
+            close_tab(pipe, target, args.close_tab, 10)
+        return code
     except (EOFError, OSError) as error:
         emit("end", url="", text="browser: %s" % error)
         return 2

@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -225,11 +226,11 @@ class NativeMessaging : public ::testing::Test {
     ASSERT_TRUE(host_->running());
   }
 
-  // The "embed" message of a meeting page whose package lies on `server`.
-  std::string Embed(const std::string& id, gpctest::NginxTestServer& server) {
+  // The "embed" message of a meeting page whose package lies on `server` (or under `root`).
+  std::string Embed(const std::string& id, gpctest::NginxTestServer& server, const std::string& root = "") {
     gpctest::PageParams params = {
         {"gpcsitelock", "0"},
-        {"GpcUrlRoot", server.HttpsUrl("client/")},
+        {"GpcUrlRoot", root.empty() ? server.HttpsUrl("client/") : root},
         {"GpcCompressMethod", "7zip"},
         {"GpcUnpackVersion", "1,0"},
         {"GpcExtVersion", "2,0,0,7"},
@@ -245,6 +246,13 @@ class NativeMessaging : public ::testing::Test {
     for (const auto& [name, value] : params) list += (list.empty() ? "[" : ",[") + Quote(name) + "," + Quote(value) + "]";
     return "{\"type\":\"embed\",\"id\":" + Quote(id) + ",\"pageUrl\":\"https://127.0.0.1/meeting\",\"frame\":\"top\","
            "\"params\":[" + list + "]}";
+  }
+
+  // What the host has sent so far and its standard error, for failure messages.
+  std::string Seen() const {
+    std::string text;
+    for (const JsonEvent& m : host_->seen) text += m.line + "\n";
+    return text + gpctest::ReadFile(data_->path() + "/host.err");
   }
 
   // Waits for `id`'s navigation to the done page and answers it.
@@ -303,6 +311,27 @@ TEST_F(NativeMessaging, AnEmbedDestroyedMidDownloadLeavesTheOtherToFinish) {
   ASSERT_TRUE(host_->WaitFor("error", "slow", &error));
   EXPECT_NE(error.Str("message").find("no embed"), std::string::npos);
   ExpectCleanExit();
+}
+
+// A direct download that meets a challenge moves the fetch to the browser, that is to this host, which then
+// tells the page how many bytes of the package have arrived.
+TEST_F(NativeMessaging, ThePackageFetchedByTheHostReportsItsBytes) {
+  gpctest::ScriptedHttpServer packages;
+  ASSERT_TRUE(packages.Start()) << packages.error();
+  const int64_t size = 3000000;
+  host_->Send(Embed("e1", shared_->fast, packages.Url("/client/fails-once/401/" + std::to_string(size) + "/")));
+  JsonEvent last;
+  ASSERT_TRUE(host_->WaitFor([&](const JsonEvent& m) { return m.Str("stage") == "downloading" && m.Int("done") == size; }, &last)) << Seen();
+  EXPECT_EQ(last.Int("total"), size);
+  std::vector<int64_t> done;
+  for (const JsonEvent& m : host_->seen)
+    if (m.Str("stage") == "downloading" && m.line.find("\"done\"") != std::string::npos) done.push_back(m.Int("done"));
+  EXPECT_GE(done.size(), 5u);
+  EXPECT_LE(done.size(), 51u);
+  EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
+  // Pattern bytes are no package: the page is told why.
+  ASSERT_TRUE(host_->WaitFor("navigate", "e1", &last));
+  EXPECT_NE(last.Str("url").find("%5B111%5D"), std::string::npos) << last.line;
 }
 
 TEST_F(NativeMessaging, EveryBadMessageIsAnsweredWithAnErrorAndTheEmbedGoesOn) {

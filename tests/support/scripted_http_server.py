@@ -8,6 +8,7 @@ Paths:
   /once/CODE/KEY        CODE the first time KEY is asked for, then 200 "granted"
   /redirect?to=URL&n=K  302 to URL after K-1 more hops through /redirect
   /client/moved-after/CODE/...  CODE the first time the path is asked for, then 302 to /bytes?n=64
+  /client/fails-once/CODE/N/... CODE the first time the path is asked for, then 200 with N bytes
   /never                reads the request and never answers
   /stall                sends the header and 4096 of 1000000 bytes, then nothing more
   /reset                sends the header and 65536 of 10000000 bytes, then resets the connection
@@ -78,6 +79,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 self.send_body(int(parts[2]), b"challenge", [("WWW-Authenticate", 'Basic realm="test"')])
             else:
                 self.send_body(302, b"", [("Location", "/bytes?n=64")])
+        elif parts[:2] == ["client", "fails-once"] and len(parts) >= 4:
+            if self.server.first_time(url.path):
+                self.send_body(int(parts[2]), b"failed")
+            else:
+                self.send_body(200, pattern(int(parts[3])))
         elif parts[0] == "redirect":
             hops = int(query.get("n", ["1"])[0])
             target = query["to"][0]

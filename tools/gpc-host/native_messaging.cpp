@@ -5,6 +5,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -163,6 +164,19 @@ class Embed : public HostEvents {
     return true;
   }
 
+  // Byte progress of the package when the browser (this host) downloads it; about fifty
+  // messages for a whole package at most.
+  void OnStreamProgress(const std::string& url, int64_t done, int64_t total) override {
+    if (stage_ != Stage::kDownloading || halted_ || !StartsWith(url, package_root_)) return;
+    const int64_t step = std::max<int64_t>(total / 50, 256 * 1024);
+    if (done != total && done - progress_sent_ < step) return;
+    progress_sent_ = done;
+    JsonObjectText message;
+    message.Add("type", "status").Add("id", id_).Add("stage", StageName(stage_)).Add("done", done);
+    if (total >= 0) message.Add("total", total);
+    outbox_->Send(message.Finish(), id_);
+  }
+
  private:
   void Send(Stage stage) {
     stage_ = stage;
@@ -191,6 +205,7 @@ class Embed : public HostEvents {
   Outbox* outbox_;
   Stage stage_ = Stage::kStarted;
   bool halted_ = false;
+  int64_t progress_sent_ = 0;  // bytes of the package the last progress message told of
   std::vector<int> refused_;
   guint refuse_source_ = 0;
   PluginHost host_;  // last: destroyed first, while the state above still stands

@@ -577,6 +577,7 @@ bool PluginHost::Deliver(Request* request) {
     if (request->file != nullptr) std::fwrite(data.data(), 1, data.size(), request->file);
     request->bytes += static_cast<int64_t>(data.size());
     data.clear();
+    ReportProgress(request, transfer);
     return true;
   }
   while (!data.empty()) {
@@ -593,12 +594,17 @@ bool PluginHost::Deliver(Request* request) {
     data.erase(0, static_cast<size_t>(written));
     request->offset += written;
     request->bytes += written;
+    ReportProgress(request, transfer);
     if (written == 0) {
       SchedulePump(kWriteRetryMs);
       return true;
     }
   }
   return true;
+}
+
+void PluginHost::ReportProgress(const Request* request, const Transfer* transfer) {
+  if (events_ != nullptr) events_->OnStreamProgress(request->url, request->bytes, transfer->content_length);
 }
 
 void PluginHost::EndRequest(Request* request, NPReason reason) {

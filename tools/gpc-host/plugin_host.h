@@ -18,6 +18,8 @@ class HostEvents {
   // A request into a frame (request numbers count per instance from 1). Returning true keeps it
   // open until AnswerNavigation; false lets the host answer it as done at once, as without events.
   virtual bool OnNavigate(int request, const std::string& url, const std::string& target) = 0;
+  // Bytes of a stream handed to the plug-in so far, of `total` (-1 when the server gave no length).
+  virtual void OnStreamProgress(const std::string& /*url*/, int64_t /*done*/, int64_t /*total*/) {}
 };
 
 class PluginHost {
@@ -67,6 +69,7 @@ class PluginHost {
   bool Advance(Request* request);
   bool OpenStream(Request* request, const std::string& mime);
   bool Deliver(Request* request);  // false when the plug-in asked to stop the stream
+  void ReportProgress(const Request* request, const Transfer* transfer);
   void EndRequest(Request* request, NPReason reason);
   void NotifyLater(Request* request);
   static gboolean OnNotify(gpointer self);
