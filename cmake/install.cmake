@@ -4,6 +4,9 @@
 #     <prefix>/lib/talvo-gpc/talvo-gpc64.plugin/   the whole bundle, layout kept
 #     <prefix>/bin/gpc-host, <prefix>/bin/tlvtracer, <prefix>/bin/gpc-pack
 #     <plug-in folder>/libnpgpc.so                  a symbolic link to the installed module
+#     <prefix>/share/talvo-gpc/extension/, talvo-gpc-bridge.zip   the browser bridge extension
+#     <prefix>/libexec/talvo-gpc/gpc-native-host    runs gpc-host --native-messaging for a browser
+#     the native-messaging host manifests naming it, for Chromium, Google Chrome and Firefox
 #   cmake --build build --target uninstall   (or: cmake -P build/cmake_uninstall.cmake)
 #     removes what the last install put there, and the folders it had to create once empty.
 #
@@ -11,8 +14,12 @@
 # unpacking library and its local extension stay beside it. The plug-in folder is
 # ~/.mozilla/plugins of the user who installs (GPC_INSTALL_SCOPE=user) or
 # /usr/lib/mozilla/plugins (GPC_INSTALL_SCOPE=system); GPC_BROWSER_PLUGIN_DIR names another.
-# GPC_INSTALL_SCOPE, GPC_BROWSER_PLUGIN_DIR and the prefix can also be given when the install
-# script runs:
+# The host manifests go where each browser looks for the user (~/.config/chromium/NativeMessagingHosts,
+# ~/.config/google-chrome/NativeMessagingHosts, ~/.mozilla/native-messaging-hosts) or for the system
+# (/etc/chromium/native-messaging-hosts, /etc/opt/chrome/native-messaging-hosts,
+# /usr/lib/mozilla/native-messaging-hosts, all below GPC_NATIVE_HOST_ROOT when set).
+# GPC_INSTALL_SCOPE, GPC_BROWSER_PLUGIN_DIR, GPC_NATIVE_HOST_ROOT and the prefix can also be given
+# when the install script runs:
 #   cmake -DGPC_INSTALL_SCOPE=system -DCMAKE_INSTALL_PREFIX=/usr -P build/cmake_install.cmake
 
 set(GPC_INSTALL_SCOPE "user" CACHE STRING "Where the browsers' link to the module goes: user or system")
@@ -20,6 +27,10 @@ set_property(CACHE GPC_INSTALL_SCOPE PROPERTY STRINGS user system)
 set(GPC_BROWSER_PLUGIN_DIR "" CACHE PATH
   "Folder of the browsers' link to the module; empty: ~/.mozilla/plugins or /usr/lib/mozilla/plugins by scope")
 set(GPC_INSTALL_BUNDLE_DIR "lib/talvo-gpc" CACHE STRING "Folder of the installed bundle, below the prefix")
+set(GPC_NATIVE_HOST_ROOT "" CACHE PATH "Root below which the system scope's host manifests go; empty: /")
+set(GPC_BRIDGE_HOST_NAME "com.vantrel.talvo.gpc")
+set(GPC_BRIDGE_CHROMIUM_ORIGIN "chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/")
+set(GPC_BRIDGE_FIREFOX_ID "gpc-bridge@talvo.example")
 if(NOT GPC_INSTALL_SCOPE MATCHES "^(user|system)$")
   message(FATAL_ERROR "GPC_INSTALL_SCOPE must be user or system, not \"${GPC_INSTALL_SCOPE}\"")
 endif()
@@ -38,6 +49,9 @@ if(NOT DEFINED GPC_INSTALL_SCOPE)
 endif()
 if(NOT DEFINED GPC_BROWSER_PLUGIN_DIR)
   set(GPC_BROWSER_PLUGIN_DIR "@GPC_BROWSER_PLUGIN_DIR@")
+endif()
+if(NOT DEFINED GPC_NATIVE_HOST_ROOT)
+  set(GPC_NATIVE_HOST_ROOT "@GPC_NATIVE_HOST_ROOT@")
 endif()
 set(_gpc_prefix "${CMAKE_INSTALL_PREFIX}")
 get_filename_component(_gpc_prefix "${_gpc_prefix}" ABSOLUTE)
@@ -59,6 +73,31 @@ if(_gpc_link_dir STREQUAL "")
   endif()
 endif()
 
+# The native-messaging host: a wrapper (a manifest's "path" takes no arguments, and the browsers
+# add their own, which gpc-host would refuse) and one manifest per browser folder. Folders as the
+# browsers see them; none for a user when HOME is unknown or DESTDIR stages a package.
+set(_gpc_host_name "@GPC_BRIDGE_HOST_NAME@")
+set(_gpc_native_host "${_gpc_prefix}/libexec/talvo-gpc/gpc-native-host")
+set(_gpc_chromium_hosts "")
+set(_gpc_firefox_hosts "")
+if(GPC_INSTALL_SCOPE STREQUAL "system")
+  set(_gpc_chromium_hosts "${GPC_NATIVE_HOST_ROOT}/etc/chromium/native-messaging-hosts"
+                          "${GPC_NATIVE_HOST_ROOT}/etc/opt/chrome/native-messaging-hosts")
+  set(_gpc_firefox_hosts "${GPC_NATIVE_HOST_ROOT}/usr/lib/mozilla/native-messaging-hosts")
+elseif("$ENV{DESTDIR}" STREQUAL "" AND IS_ABSOLUTE "$ENV{HOME}")
+  set(_gpc_config "$ENV{XDG_CONFIG_HOME}")
+  if(NOT IS_ABSOLUTE "${_gpc_config}")
+    set(_gpc_config "$ENV{HOME}/.config")
+  endif()
+  set(_gpc_chromium_hosts "${_gpc_config}/chromium/NativeMessagingHosts"
+                          "${_gpc_config}/google-chrome/NativeMessagingHosts")
+  set(_gpc_firefox_hosts "$ENV{HOME}/.mozilla/native-messaging-hosts")
+endif()
+set(_gpc_host_manifests "")
+foreach(_gpc_dir IN LISTS _gpc_chromium_hosts _gpc_firefox_hosts)
+  list(APPEND _gpc_host_manifests "$ENV{DESTDIR}${_gpc_dir}/${_gpc_host_name}.json")
+endforeach()
+
 if(GPC_INSTALL_STEP STREQUAL "begin")
   if(NOT IS_DIRECTORY "${_gpc_bundle_source}/Contents/MacOS")
     message(FATAL_ERROR "No built bundle at ${_gpc_bundle_source}: build the project first")
@@ -76,7 +115,8 @@ if(GPC_INSTALL_STEP STREQUAL "begin")
     endif()
   endforeach()
   file(GLOB_RECURSE _gpc_files LIST_DIRECTORIES false RELATIVE "${_gpc_bundle_source}" "${_gpc_bundle_source}/*")
-  set(_gpc_targets "$ENV{DESTDIR}${_gpc_prefix}/bin/gpc-host")
+  set(_gpc_targets "$ENV{DESTDIR}${_gpc_prefix}/bin/gpc-host" "$ENV{DESTDIR}${_gpc_native_host}"
+                   "$ENV{DESTDIR}${_gpc_prefix}/share/talvo-gpc/extension/manifest.json" ${_gpc_host_manifests})
   foreach(_gpc_file IN LISTS _gpc_files)
     list(APPEND _gpc_targets "$ENV{DESTDIR}${_gpc_bundle}/${_gpc_file}")
   endforeach()
@@ -116,6 +156,27 @@ elseif(GPC_INSTALL_STEP STREQUAL "end")
       list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${_gpc_link}")
     endif()
   endif()
+  # The wrapper and the manifests are written here, so they name the prefix of this install.
+  set(_gpc_wrapper "$ENV{DESTDIR}${_gpc_native_host}")
+  message(STATUS "Installing: ${_gpc_wrapper}")
+  file(WRITE "${_gpc_wrapper}"
+    "#!/bin/sh\n# Started by a browser for its bridge extension; the browser's arguments are not gpc-host's.\n"
+    "exec \"${_gpc_prefix}/bin/gpc-host\" --native-messaging\n")
+  file(CHMOD "${_gpc_wrapper}" FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
+       GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${_gpc_wrapper}")
+  set(_gpc_common "\"name\": \"${_gpc_host_name}\", \"description\": \"Talvo GPC plug-in host\", \"type\": \"stdio\",\n  \"path\": \"${_gpc_native_host}\"")
+  set(_gpc_chromium_allowed "\"allowed_origins\": [\"@GPC_BRIDGE_CHROMIUM_ORIGIN@\"]")
+  set(_gpc_firefox_allowed "\"allowed_extensions\": [\"@GPC_BRIDGE_FIREFOX_ID@\"]")
+  foreach(_gpc_browser chromium firefox)
+    foreach(_gpc_dir IN LISTS _gpc_${_gpc_browser}_hosts)
+      set(_gpc_manifest "$ENV{DESTDIR}${_gpc_dir}/${_gpc_host_name}.json")
+      message(STATUS "Installing: ${_gpc_manifest}")
+      file(WRITE "${_gpc_manifest}" "{\n  ${_gpc_common},\n  ${_gpc_${_gpc_browser}_allowed}\n}\n")
+      list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${_gpc_manifest}")
+    endforeach()
+  endforeach()
+
   file(WRITE "@GPC_INSTALL_RECORD@"
     "# What the last `cmake --install` of this build made besides its manifest's files.\n"
     "set(GPC_CREATED_FOLDERS \"${GPC_PENDING_FOLDERS}\")\n"
@@ -127,6 +188,18 @@ endif()
 install(CODE "set(GPC_INSTALL_STEP begin)\ninclude(\"${GPC_INSTALL_STEPS}\")")
 install(DIRECTORY ${GPC_BUNDLE} DESTINATION ${GPC_INSTALL_BUNDLE_DIR} USE_SOURCE_PERMISSIONS)
 install(PROGRAMS $<TARGET_FILE:gpc-host> $<TARGET_FILE:tlvtracer> $<TARGET_FILE:gpc-pack> DESTINATION bin)
+# The bridge extension, as a folder a user loads and as a zip for a store.
+set(GPC_BRIDGE_FILES manifest.json background.js content.js)
+set(GPC_BRIDGE_ZIP ${CMAKE_BINARY_DIR}/talvo-gpc-bridge.zip)
+list(TRANSFORM GPC_BRIDGE_FILES PREPEND ${PROJECT_SOURCE_DIR}/extension/ OUTPUT_VARIABLE GPC_BRIDGE_SOURCES)
+add_custom_command(OUTPUT ${GPC_BRIDGE_ZIP}
+  COMMAND ${CMAKE_COMMAND} -E rm -f ${GPC_BRIDGE_ZIP}
+  COMMAND ${CMAKE_COMMAND} -E tar cf ${GPC_BRIDGE_ZIP} --format=zip ${GPC_BRIDGE_FILES}
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/extension DEPENDS ${GPC_BRIDGE_SOURCES}
+  COMMENT "Zipping the bridge extension" VERBATIM)
+add_custom_target(bridge_zip ALL DEPENDS ${GPC_BRIDGE_ZIP})
+install(FILES ${GPC_BRIDGE_SOURCES} DESTINATION share/talvo-gpc/extension)
+install(FILES ${GPC_BRIDGE_ZIP} DESTINATION share/talvo-gpc)
 install(CODE "set(GPC_INSTALL_STEP end)\ninclude(\"${GPC_INSTALL_STEPS}\")")
 
 # Uninstalling: the manifest's files, the link only while it is still ours, then the folders the

@@ -149,6 +149,40 @@ struct InstallCase {
 
 class Install : public ::testing::TestWithParam<InstallCase> {};
 
+// Each browser's host manifest names the installed wrapper and lets only the bridge extension in;
+// the wrapper runs the installed gpc-host as a native-messaging host whatever arguments the browser
+// adds; the extension is there as a folder and as a zip.
+void ExpectTheBridge(const std::string& root, bool system_scope, const std::string& scratch) {
+  const std::string wrapper = root + "/prefix/libexec/talvo-gpc/gpc-native-host";
+  const std::string chromium = "\"allowed_origins\": [\"chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/\"]";
+  const std::string firefox = "\"allowed_extensions\": [\"gpc-bridge@talvo.example\"]";
+  const std::vector<std::pair<std::string, std::string>> manifests =
+      system_scope ? std::vector<std::pair<std::string, std::string>>{
+                         {"system/etc/chromium/native-messaging-hosts", chromium},
+                         {"system/etc/opt/chrome/native-messaging-hosts", chromium},
+                         {"system/usr/lib/mozilla/native-messaging-hosts", firefox}}
+                   : std::vector<std::pair<std::string, std::string>>{
+                         {"home/.config/chromium/NativeMessagingHosts", chromium},
+                         {"home/.config/google-chrome/NativeMessagingHosts", chromium},
+                         {"home/.mozilla/native-messaging-hosts", firefox}};
+  for (const auto& [folder, allowed] : manifests) {
+    const std::string manifest = gpchost::ReadWholeFile(root + "/" + folder + "/com.vantrel.talvo.gpc.json");
+    EXPECT_NE(manifest.find("\"path\": \"" + wrapper + "\""), std::string::npos) << folder << ": " << manifest;
+    EXPECT_NE(manifest.find(allowed), std::string::npos) << folder << ": " << manifest;
+  }
+  for (const char* file : {"extension/manifest.json", "extension/background.js", "extension/content.js"}) {
+    EXPECT_EQ(access((root + "/prefix/share/talvo-gpc/" + file).c_str(), R_OK), 0) << file;
+  }
+  EXPECT_EQ(gpchost::ReadWholeFile(root + "/prefix/share/talvo-gpc/talvo-gpc-bridge.zip").substr(0, 2), "PK");
+  // One message of an unknown type, then the end of input: an error back, and exit 0.
+  Command host = RunCommand({"/bin/sh", "-c",
+                             "printf '\\031\\000\\000\\000{\"type\":\"hello\",\"id\":\"x\"}' | '" + wrapper +
+                                 "' chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/"},
+                            scratch);
+  EXPECT_EQ(host.exit_code, 0) << host.output;
+  EXPECT_NE(host.output.find("unknown message type"), std::string::npos) << host.output;
+}
+
 TEST_P(Install, PutsTheBundleAndItsLinkInPlaceAndUninstallLeavesNothingBehind) {
   const InstallCase& test = GetParam();
   const std::string root = gpchost::MakeTempFolder("install");
@@ -168,6 +202,7 @@ TEST_P(Install, PutsTheBundleAndItsLinkInPlaceAndUninstallLeavesNothingBehind) {
       test.system_scope
           ? std::vector<std::string>{cmake, "-DGPC_INSTALL_SCOPE=system",
                                      "-DGPC_BROWSER_PLUGIN_DIR=" + root + "/system/plugins",
+                                     "-DGPC_NATIVE_HOST_ROOT=" + root + "/system",
                                      "-DCMAKE_INSTALL_PREFIX=" + root + "/prefix", "-P",
                                      kBinaryDir + "/cmake_install.cmake"}
           : std::vector<std::string>{cmake, "--install", kBinaryDir, "--prefix", root + "/prefix"};
@@ -196,6 +231,7 @@ TEST_P(Install, PutsTheBundleAndItsLinkInPlaceAndUninstallLeavesNothingBehind) {
   if (test.system_scope) {
     EXPECT_NE(access((root + "/home/.mozilla").c_str(), F_OK), 0) << "a system install links nothing per user";
   }
+  ExpectTheBridge(root, test.system_scope, scratch);
 
   // Loaded through the link, the module finds its bundle: the page's language (9, German)
   // comes from the bundle's message tables.
