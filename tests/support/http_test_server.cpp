@@ -184,18 +184,27 @@ NginxTestServer::NginxTestServer() : folder_("nginx") {}
 
 NginxTestServer::~NginxTestServer() { process_.Stop(); }
 
+// A certificate authority of its own and a server certificate it signs (browsers that check
+// certificates trust the authority, never a self-signed server certificate); nginx sends both.
 bool NginxTestServer::MakeCertificate() {
-  std::string key = folder_.path() + "/key.pem";
-  std::string cert = folder_.path() + "/cert.pem";
+  const std::string dir = folder_.path();
+  const std::string key = dir + "/key.pem", leaf = dir + "/leaf.pem", caKey = dir + "/ca.key", ca = AuthorityPath();
   // Valid for the loopback address and for the names tests reach through a proxy that sends
   // every host here: the approved domains and one that is not.
   const char* names =
       "subjectAltName=IP:127.0.0.1,DNS:localhost,DNS:talvo.us,DNS:*.talvo.us,DNS:talvo.com,DNS:*.talvo.com,"
       "DNS:vantrel.com,DNS:*.vantrel.com,DNS:example.org,DNS:*.example.org";
-  const char* argv[] = {"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                        "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key.c_str(),
-                        "-out", cert.c_str(), "-days", "2", "-subj", "/CN=127.0.0.1", "-addext", names, nullptr};
-  return RunCommand(argv, folder_.path() + "/openssl.log") == 0;
+  const char* authority[] = {"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                             "-nodes", "-keyout", caKey.c_str(), "-out", ca.c_str(), "-days", "2",
+                             "-subj", "/CN=Test Server Authority", nullptr};
+  const char* server[] = {"openssl", "req", "-x509", "-CA", ca.c_str(), "-CAkey", caKey.c_str(), "-newkey", "ec",
+                          "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key.c_str(),
+                          "-out", leaf.c_str(), "-days", "2", "-subj", "/CN=127.0.0.1", "-addext", names,
+                          "-addext", "basicConstraints=critical,CA:FALSE", "-addext",
+                          "extendedKeyUsage=serverAuth", nullptr};
+  const std::string log = dir + "/openssl.log";
+  return RunCommand(authority, log) == 0 && RunCommand(server, log) == 0 &&
+         WriteFile(dir + "/cert.pem", ReadFile(leaf) + ReadFile(ca));
 }
 
 bool NginxTestServer::WriteConfig() {
@@ -208,7 +217,7 @@ bool NginxTestServer::WriteConfig() {
        << "error_log " << dir << "/error.log;\n"
        << "events { worker_connections 256; }\n"
        << "http {\n"
-       << "  access_log off;\n"
+       << "  access_log " << dir << "/access.log;\n"
        << "  client_body_temp_path " << dir << "/temp/body;\n"
        << "  proxy_temp_path " << dir << "/temp/proxy;\n"
        << "  fastcgi_temp_path " << dir << "/temp/fastcgi;\n"

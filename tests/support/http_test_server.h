@@ -71,6 +71,11 @@ class NginxTestServer {
   int http_port() const { return httpPort_; }
   int https_port() const { return httpsPort_; }
   const std::string& error() const { return error_; }
+  // The authority that signed the server's certificate, PEM (after Start).
+  std::string AuthorityPath() const { return folder_.path() + "/ca.pem"; }
+  // The file nginx appends each answered request to, a line each ("GET /path?query HTTP/1.1"
+  // among its fields).
+  std::string AccessLogPath() const { return folder_.path() + "/access.log"; }
 
  private:
   bool MakeCertificate();

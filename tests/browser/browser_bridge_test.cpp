@@ -1,8 +1,9 @@
-// The plug-in in today's Chromium, through the bridge: headless Chromium with the extension in
+// The plug-in in today's browsers, through the bridge: headless Chromium with the extension in
 // extension/ loaded unpacked, a fresh profile whose NativeMessagingHosts folder names our native
 // host, and meeting pages served over https by nginx on 127.0.0.1. tests/browser/chromium_page.py
 // drives the browser over its DevTools pipe and reports the status box and the pages it reaches.
-// The native host is the built `gpc-host --native-messaging`, loading the built module.
+// The native host is the built `gpc-host --native-messaging`, loading the built module. Firefox
+// ESR runs the same extension (tests/browser/firefox_page.py).
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -36,6 +37,9 @@ const std::string kSampleBundle = std::string(GPC_BUNDLE_DIR) + "/Contents/Frame
 // Derived from the public key in extension/manifest.json (see extension/README.md).
 const char kExtensionOrigin[] = "chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/";
 const char kHostName[] = "com.vantrel.talvo.gpc";
+const char kFirefoxAddon[] = "gpc-bridge@talvo.example";  // extension/manifest.json
+const std::string kFirefox = "/usr/bin/firefox-esr";
+const std::string kFirefoxDriver = std::string(GPC_SOURCE_DIR) + "/tests/browser/firefox_page.py";
 using browsertest::HtmlEscaped;
 using browsertest::kDonePage;
 using browsertest::kDonePath;
@@ -110,10 +114,13 @@ bool IsRunning(pid_t pid) {
 // arguments, so it names a wrapper script (Chromium adds the caller's origin as its argument).
 class BrowserProfile {
  public:
-  BrowserProfile() : folder_("chromium") {}
+  BrowserProfile() : folder_("browser") {}
 
-  bool Make() {
-    const std::string hosts = Dir() + "/NativeMessagingHosts";
+  // Chromium reads host manifests from the profile, Firefox from ~/.mozilla (HOME is ours).
+  bool Make(bool firefox = false) {
+    const std::string hosts = firefox ? Home() + "/.mozilla/native-messaging-hosts" : Dir() + "/NativeMessagingHosts";
+    const std::string allowed = firefox ? std::string("\"allowed_extensions\": [\"") + kFirefoxAddon + "\"]"
+                                        : std::string("\"allowed_origins\": [\"") + kExtensionOrigin + "\"]";
     const std::string wrapper = folder_.path() + "/gpc-native-host";
     // gpc-host takes no origin argument: the browser's are dropped here. Each host started
     // leaves its process id behind.
@@ -122,7 +129,8 @@ class BrowserProfile {
                                 gpctest::ShellQuote(HostLog()) + "\n";
     const std::string manifest = std::string("{\"name\": \"") + kHostName +
                                  "\", \"description\": \"GPC plug-in host\", \"path\": \"" + wrapper +
-                                 "\", \"type\": \"stdio\", \"allowed_origins\": [\"" + kExtensionOrigin + "\"]}\n";
+                                 "\", \"type\": \"stdio\", " + allowed + "}\n";
+    if (firefox) mkdir((Home() + "/.mozilla").c_str(), 0700);
     return mkdir(Dir().c_str(), 0700) == 0 && mkdir(hosts.c_str(), 0700) == 0 && mkdir(Data().c_str(), 0700) == 0 &&
            gpctest::WriteFile(wrapper, "#!/bin/sh\n" + command) && chmod(wrapper.c_str(), 0755) == 0 &&
            gpctest::WriteFile(hosts + "/" + kHostName + ".json", manifest);
@@ -218,7 +226,6 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
   };
 
   static void SetUpTestSuite() {
-    if (access(kChromium.c_str(), X_OK) != 0) return;
     shared_ = new Shared();
     Shared& s = *shared_;
     mkdir((s.folder.path() + "/pki").c_str(), 0700);
@@ -248,8 +255,22 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
   }
 
   void SetUp() override {
-    if (shared_ == nullptr) GTEST_SKIP() << kChromium << " is not installed (Debian package chromium)";
+    if (access(kChromium.c_str(), X_OK) != 0) GTEST_SKIP() << kChromium << " is not installed (Debian package chromium)";
     ASSERT_TRUE(shared_->ok) << shared_->server.error();
+  }
+
+  // After the browser has gone: no native host left running, the extension installed whole (when
+  // `installs`) or not at all, and no piece of the package left under /tmp.
+  static void ExpectNothingLeft(const BrowserProfile& profile, bool installs, const std::string& output) {
+    std::vector<pid_t> left = profile.HostsRunning(10);
+    for (pid_t pid : left) kill(pid, SIGKILL);
+    EXPECT_TRUE(left.empty()) << "a native host outlived the browser\n" << output;
+    EXPECT_FALSE(gpctest::ReadFile(profile.HostPids()).empty()) << "no native host was started\n" << output;
+    struct stat installed;
+    const std::string info = gpctest::ReadFile(profile.Installed() + "/Contents/Info.plist");
+    if (installs) EXPECT_NE(info.find("2.0.0.7"), std::string::npos) << output;
+    else EXPECT_NE(stat(profile.Installed().c_str(), &installed), 0) << profile.Installed();
+    EXPECT_EQ(PackagePiecesInTmp(shared_->packageBytes), std::vector<std::string>());
   }
 
   static std::string Site() { return "https://127.0.0.1:" + std::to_string(shared_->server.https_port()) + "/"; }
@@ -344,17 +365,7 @@ TEST_P(ChromiumBridge, PageEndsWhereTheModuleSendsIt) {
     ASSERT_NE(run.Last("host"), nullptr) << run.output;
     EXPECT_NE(run.Last("host")->line.find("\"running\":false"), std::string::npos) << run.output;
   }
-  std::vector<pid_t> left = profile.HostsRunning(10);
-  for (pid_t pid : left) kill(pid, SIGKILL);
-  EXPECT_TRUE(left.empty()) << "a native host outlived the browser\n" << run.output;
-  EXPECT_FALSE(gpctest::ReadFile(profile.HostPids()).empty()) << run.output;
-  // Nothing half-written: the extension is there whole, or not at all, and no piece of the
-  // package is left behind.
-  struct stat installed;
-  const std::string info = gpctest::ReadFile(profile.Installed() + "/Contents/Info.plist");
-  if (c.installs) EXPECT_NE(info.find("2.0.0.7"), std::string::npos) << run.output;
-  else EXPECT_NE(stat(profile.Installed().c_str(), &installed), 0) << profile.Installed();
-  EXPECT_EQ(PackagePiecesInTmp(shared_->packageBytes), std::vector<std::string>());
+  ExpectNothingLeft(profile, c.installs, run.output);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -376,6 +387,60 @@ INSTANTIATE_TEST_SUITE_P(
         BridgeCase{"StatusBox", Markup::kEmbed, Package::kGood, false, false, "", "Starting…", false, false},
         BridgeCase{"TabClosedMidDownload", Markup::kEmbed, Package::kSlow, true, true, "", "Downloading…", true,
                    false}),
+    [](const ::testing::TestParamInfo<BridgeCase>& info) { return info.param.name; });
+
+// The same bridge in Firefox ESR, headless, with the extension installed into a fresh profile.
+// The driver sees no page: a case ends when the server is asked for the page the module sends
+// the tab to, and `shown` is then looked for in that request.
+class FirefoxBridge : public ChromiumBridge {
+ protected:
+  void SetUp() override {
+    if (access(kFirefox.c_str(), X_OK) != 0 || system("command -v certutil >/dev/null") != 0)
+      GTEST_SKIP() << kFirefox << " or certutil is not installed (Debian packages firefox-esr, libnss3-tools)";
+    ASSERT_TRUE(shared_->ok) << shared_->server.error();
+  }
+
+  BrowserRun Open(const BridgeCase& c, const std::string& page, const BrowserProfile& profile) {
+    EXPECT_TRUE(shared_->server.AddFile(std::string("page/") + c.name + ".html", page));
+    ScopedEnv home("HOME", profile.Home());
+    ScopedEnv data("XDG_DATA_HOME", profile.Data());
+    const std::string url = Site() + "page/" + c.name + ".html";
+    const std::string profileDir = profile.Dir(), authority = shared_->server.AuthorityPath();
+    const std::string accessLog = shared_->server.AccessLogPath();
+    const std::string log = profile.Home() + "/driver.log", browserLog = profile.Home() + "/browser.log";
+    const char* argv[] = {"timeout", "-k", "3", "60", "python3", kFirefoxDriver.c_str(), url.c_str(),
+                          "--firefox", kFirefox.c_str(), "--profile", profileDir.c_str(),
+                          "--extension", kExtension.c_str(), "--authority", authority.c_str(),
+                          "--access-log", accessLog.c_str(), "--until", c.until, "--timeout", "40",
+                          "--browser-log", browserLog.c_str(), nullptr};
+    BrowserRun run;
+    run.exit_code = gpctest::RunCommand(argv, log);
+    const std::string report = gpctest::ReadFile(log);
+    run.events = gpchost::ParseJsonLines(report);
+    const std::string browser = gpctest::ReadFile(browserLog);
+    run.output = report + "\n--- gpc-host ---\n" + gpctest::ReadFile(profile.HostLog()) + "\n--- browser ---\n" +
+                 browser.substr(browser.size() > 3000 ? browser.size() - 3000 : 0);
+    return run;
+  }
+};
+
+TEST_P(FirefoxBridge, PageEndsWhereTheModuleSendsIt) {
+  const BridgeCase& c = GetParam();
+  BrowserProfile profile;
+  ASSERT_TRUE(profile.Make(true));
+  BrowserRun run = Open(c, MeetingPage(Meeting(c), c.markup, c.name), profile);
+  ASSERT_EQ(run.exit_code, 0) << run.output;
+  EXPECT_NE(run.FinalUrl().find(c.shown), std::string::npos) << run.output;
+  EXPECT_EQ(run.Last("leftover"), nullptr) << run.output;
+  ExpectNothingLeft(profile, c.installs, run.output);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Firefox, FirefoxBridge,
+    ::testing::Values(BridgeCase{"FirefoxMeetingPage", Markup::kEmbed, Package::kGood, true, true, kDonePath,
+                                 "fetched=1&failed=0", false, true},
+                      BridgeCase{"FirefoxTamperedPackage", Markup::kEmbed, Package::kTampered, true, true,
+                                 kErrorPath, "Error%20%5B103%5D", false, false}),
     [](const ::testing::TestParamInfo<BridgeCase>& info) { return info.param.name; });
 
 }  // namespace
