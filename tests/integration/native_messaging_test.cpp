@@ -332,6 +332,31 @@ TEST_F(NativeMessaging, ThePackageFetchedByTheHostReportsItsBytes) {
   // Pattern bytes are no package: the page is told why.
   ASSERT_TRUE(host_->WaitFor("navigate", "e1", &last));
   EXPECT_NE(last.Str("url").find("%5B111%5D"), std::string::npos) << last.line;
+  ExpectCleanExit();
+}
+
+// An embed destroyed as it reaches each stage of the job: the host goes on serving, ends cleanly
+// with its input, and the extension is installed whole or not at all.
+TEST_F(NativeMessaging, AnEmbedDestroyedAtEveryStageLeavesNothingHalfDone) {
+  int n = 0;
+  for (const char* stage : {"checking", "downloading", "verified", "unpacked", "running"}) {
+    SCOPED_TRACE(stage);
+    const std::string id = "e" + std::to_string(++n);
+    gpchost::RemoveTree(data_->path() + "/Talvo Folder");
+    const bool early = std::string(stage) == "checking" || std::string(stage) == "downloading";
+    host_->Send(Embed(id, early ? shared_->slow : shared_->fast));
+    ASSERT_TRUE(host_->WaitForStage(id, stage)) << Seen();
+    host_->Send("{\"type\":\"destroy\",\"id\":\"" + id + "\"}");
+    // Still serving: an unknown message is answered.
+    host_->Send("{\"type\":\"ping\",\"id\":\"" + id + "\"}");
+    ASSERT_TRUE(host_->WaitFor("error", id)) << Seen();
+    const std::string bundle = data_->path() + "/Talvo Folder/zrgpcext64.bundle";
+    struct stat st;
+    if (stat(bundle.c_str(), &st) == 0) {
+      EXPECT_NE(gpctest::ReadFile(bundle + "/Contents/Info.plist").find("2.0.0.7"), std::string::npos);
+    }
+  }
+  ExpectCleanExit();
 }
 
 TEST_F(NativeMessaging, EveryBadMessageIsAnsweredWithAnErrorAndTheEmbedGoesOn) {

@@ -13,6 +13,10 @@ Paths:
   /stall                sends the header and 4096 of 1000000 bytes, then nothing more
   /reset                sends the header and 65536 of 10000000 bytes, then resets the connection
 
+Under /client/fault/ (a path a page may name as its package folder) the same answers follow
+/client/fault/VERB/..., with the verbs bytes/N, status/CODE, stall, reset, redirect (back to the
+same path, for ever) and overlong (a body 4096 bytes longer than its Content-Length of 65536).
+
 Every request's path (without query) is appended to --request-log before it is answered.
 The chosen port is written to --port-file once the server listens.
 """
@@ -63,7 +67,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
         query = urllib.parse.parse_qs(url.query)
         self.server.record(url.path)
         parts = url.path.strip("/").split("/")
-        if parts[0] == "bytes":
+        if parts[:2] == ["client", "fault"] and len(parts) > 3:
+            self.fault(parts[2:], url.path)
+        elif parts[0] == "bytes":
             self.send_body(200, pattern(int(query.get("n", ["0"])[0])))
         elif parts[0] == "headers":
             self.send_body(200, str(self.headers).encode())
@@ -96,12 +102,33 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.start_partial(1000000, 4096)
             self.server.stopping.wait()
         elif parts[0] == "reset":
-            self.start_partial(10000000, 65536)
-            self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-            self.connection.close()
-            self.close_connection = True
+            self.reset_after(10000000, 65536)
         else:
             self.send_body(404, b"not found")
+
+    def fault(self, parts, path):
+        verb = parts[0]
+        if verb == "status":
+            self.send_body(int(parts[1]), b"refused", [("WWW-Authenticate", 'Basic realm="test"')])
+        elif verb == "stall":
+            self.start_partial(1000000, 4096)
+            self.server.stopping.wait()
+        elif verb == "reset":
+            self.reset_after(10000000, 65536)
+        elif verb == "redirect":
+            self.send_body(302, b"", [("Location", path)])
+        elif verb == "bytes":
+            self.send_body(200, pattern(int(parts[1])))
+        elif verb == "overlong":
+            self.start_partial(65536, 65536 + 4096)
+        else:
+            self.send_body(404, b"not found")
+
+    def reset_after(self, total, sent):
+        self.start_partial(total, sent)
+        self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self.connection.close()
+        self.close_connection = True
 
 
 class Server(http.server.ThreadingHTTPServer):
