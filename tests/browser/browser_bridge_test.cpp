@@ -33,7 +33,6 @@ const std::string kChromium = "/usr/bin/chromium";
 const std::string kDriver = std::string(GPC_SOURCE_DIR) + "/tests/browser/chromium_page.py";
 const std::string kExtension = std::string(GPC_SOURCE_DIR) + "/extension";
 const std::string kGpcHost = std::string(GPC_BIN_DIR) + "/gpc-host";
-const std::string kSampleBundle = std::string(GPC_BUNDLE_DIR) + "/Contents/Frameworks/zrgpcext64.bundle";
 // Derived from the public key in extension/manifest.json (see extension/README.md).
 const char kExtensionOrigin[] = "chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/";
 const char kHostName[] = "com.vantrel.talvo.gpc";
@@ -82,26 +81,6 @@ std::string MeetingPage(const PageParams& params, Markup markup, const std::stri
   return html + "</object></template><script>setTimeout(function () {"
                 "document.body.appendChild(document.getElementById('later').content.cloneNode(true));"
                 "}, 300);</script></body></html>";
-}
-
-// Packs the bundle `bundle` with gpc-pack, signed by `signer`'s vendor certificate and its root,
-// into `out`; returns the embed parameters it printed (none on failure).
-PageParams PackWithTheTool(const gpctest::PackageSigner& signer, const std::string& bundle, const std::string& out) {
-  bool ok = false;
-  const std::string printed = gpctest::ShellOutput(
-      std::string(GPC_BIN_DIR) + "/gpc-pack pack --format json --key " + gpctest::ShellQuote(signer.Path("vendor.key")) +
-          " --cert " + gpctest::ShellQuote(signer.Path("vendor.pem")) + " --chain " +
-          gpctest::ShellQuote(signer.Path("root.pem")) + " --out " + gpctest::ShellQuote(out) + " " +
-          gpctest::ShellQuote(bundle),
-      &ok);
-  const std::vector<JsonEvent> lines = gpchost::ParseJsonLines(printed);
-  if (!ok || lines.empty()) return {};
-  PageParams params;
-  for (const char* name : {"GpcExtName", "GpcExtVersion", "GpcCompressMethod", "GpcHashMethod", "GpcExtHash",
-                           "GpcExtSignature", "GpcCertification"}) {
-    params.push_back({name, lines.back().Str(name)});
-  }
-  return params;
 }
 
 bool IsRunning(pid_t pid) {
@@ -219,32 +198,24 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
   struct Shared {
     gpctest::TempFolder folder{"bridge"};
     gpctest::NginxTestServer server, slow;
-    std::unique_ptr<gpctest::PackageSigner> signer;
-    PageParams package;
-    std::string packageBytes, tamperedDigest;
+    browsertest::SignedSample sample;
+    std::string tamperedDigest;
     bool ok = false;
   };
 
   static void SetUpTestSuite() {
     shared_ = new Shared();
     Shared& s = *shared_;
-    mkdir((s.folder.path() + "/pki").c_str(), 0700);
-    s.signer = std::make_unique<gpctest::PackageSigner>(s.folder.path() + "/pki");
-    const std::string out = s.folder.path() + "/out";
-    mkdir(out.c_str(), 0700);
-    s.ok = s.signer->ok() && s.server.Start() &&
-           gpctest::PackExtension(kSampleBundle, "2.0.0.7", s.folder.path(), s.folder.path() + "/unused.7z");
-    if (s.ok) s.package = PackWithTheTool(*s.signer, s.folder.path() + "/zrgpcext64.bundle", out);
-    s.packageBytes = gpctest::ReadFile(out + "/zrgpcext64.bundle.7z");
-    std::string tampered = s.packageBytes;
+    s.ok = s.sample.Make(s.folder.path()) && s.server.Start();
+    std::string tampered = s.sample.package;
     if (!tampered.empty()) tampered[tampered.size() / 2] ^= 0x20;
     const std::string tamperedPath = s.folder.path() + "/tampered.7z";
-    s.ok = s.ok && !s.package.empty() && gpctest::WriteFile(tamperedPath, tampered);
+    s.ok = s.ok && gpctest::WriteFile(tamperedPath, tampered);
     s.tamperedDigest = s.ok ? gpctest::FileDigest(tamperedPath, "sha256") : "";
-    s.slow.SetLimitRate(std::to_string(s.packageBytes.size() / 4 + 1));
+    s.slow.SetLimitRate(std::to_string(s.sample.package.size() / 4 + 1));
     s.ok = s.ok && !s.tamperedDigest.empty() && s.slow.Start() &&
-           s.slow.AddFile("client/zrgpcext64.bundle.7z", s.packageBytes) &&
-           s.server.AddFile("client/zrgpcext64.bundle.7z", s.packageBytes) &&
+           s.slow.AddFile("client/zrgpcext64.bundle.7z", s.sample.package) &&
+           s.server.AddFile("client/zrgpcext64.bundle.7z", s.sample.package) &&
            s.server.AddFile("client/tampered/zrgpcext64.bundle.7z", tampered) &&
            s.server.AddFile("files/readme.txt", "hello") && s.server.AddFile("page/done.html", kDonePage) &&
            s.server.AddFile("page/error.html", kErrorPage);
@@ -270,7 +241,7 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
     const std::string info = gpctest::ReadFile(profile.Installed() + "/Contents/Info.plist");
     if (installs) EXPECT_NE(info.find("2.0.0.7"), std::string::npos) << output;
     else EXPECT_NE(stat(profile.Installed().c_str(), &installed), 0) << profile.Installed();
-    EXPECT_EQ(PackagePiecesInTmp(shared_->packageBytes), std::vector<std::string>());
+    EXPECT_EQ(PackagePiecesInTmp(shared_->sample.package), std::vector<std::string>());
   }
 
   static std::string Site() { return "https://127.0.0.1:" + std::to_string(shared_->server.https_port()) + "/"; }
@@ -282,7 +253,7 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
                                  "https://127.0.0.1:" + std::to_string(shared_->slow.https_port()) + "/client/"};
     if (c.withRoot) params.push_back({"GpcUrlRoot", roots[static_cast<int>(c.package)]});
     params.push_back({"GpcUnpackVersion", "1,0"});
-    for (auto [name, value] : shared_->package) {
+    for (auto [name, value] : shared_->sample.params) {
       if (name == "GpcExtHash" && c.package == Package::kTampered) value = shared_->tamperedDigest;
       params.push_back({name, value});
     }

@@ -26,7 +26,6 @@ using gpctest::PageParams;
 const std::string kDriver = std::string(GPC_SOURCE_DIR) + "/tests/browser/qtwebkit_page.py";
 const std::string kProxyScript = std::string(GPC_SOURCE_DIR) + "/tests/support/loopback_connect_proxy.py";
 const std::string kPluginDir = std::string(GPC_BUNDLE_DIR) + "/Contents/MacOS";
-const std::string kSampleBundle = std::string(GPC_BUNDLE_DIR) + "/Contents/Frameworks/zrgpcext64.bundle";
 using browsertest::HtmlEscaped;
 using browsertest::kDonePage;
 using browsertest::kDonePath;
@@ -107,33 +106,12 @@ class LoopbackProxy {
   std::string url_;
 };
 
-// Packs the bundle `bundle` with the vendor's tool, signed by `signer`'s vendor certificate and
-// its root, into `out`; returns the embed parameters it printed (none on failure).
-PageParams PackWithTheTool(const gpctest::PackageSigner& signer, const std::string& bundle, const std::string& out) {
-  bool ok = false;
-  const std::string printed = gpctest::ShellOutput(
-      std::string(GPC_BIN_DIR) + "/gpc-pack pack --format json --key " + gpctest::ShellQuote(signer.Path("vendor.key")) +
-          " --cert " + gpctest::ShellQuote(signer.Path("vendor.pem")) + " --chain " +
-          gpctest::ShellQuote(signer.Path("root.pem")) + " --out " + gpctest::ShellQuote(out) + " " +
-          gpctest::ShellQuote(bundle),
-      &ok);
-  const std::vector<JsonEvent> lines = gpchost::ParseJsonLines(printed);
-  if (!ok || lines.empty()) return {};
-  PageParams params;
-  for (const char* name : {"GpcExtName", "GpcExtVersion", "GpcCompressMethod", "GpcHashMethod", "GpcExtHash",
-                           "GpcExtSignature", "GpcCertification"}) {
-    params.push_back({name, lines.back().Str(name)});
-  }
-  return params;
-}
-
 class BrowserJob : public ::testing::Test {
  protected:
   struct Shared {
     gpctest::TempFolder folder{"browser"};
     gpctest::NginxTestServer server;
-    std::unique_ptr<gpctest::PackageSigner> signer;
-    PageParams package;
+    browsertest::SignedSample sample;
     LoopbackProxy proxy;
     bool ok = false;
   };
@@ -142,17 +120,8 @@ class BrowserJob : public ::testing::Test {
     if (kSanitized) return;
     shared_ = new Shared();
     Shared& s = *shared_;
-    mkdir((s.folder.path() + "/pki").c_str(), 0700);
-    s.signer = std::make_unique<gpctest::PackageSigner>(s.folder.path() + "/pki");
-    // The sample as version 2.0.0.7 (PackExtension leaves that copy of the bundle beside its
-    // archive), packed and signed by gpc-pack as a vendor would.
-    const std::string out = s.folder.path() + "/out";
-    mkdir(out.c_str(), 0700);
-    s.ok = s.signer->ok() && s.server.Start() &&
-           gpctest::PackExtension(kSampleBundle, "2.0.0.7", s.folder.path(), s.folder.path() + "/unused.7z");
-    if (s.ok) s.package = PackWithTheTool(*s.signer, s.folder.path() + "/zrgpcext64.bundle", out);
-    s.ok = s.ok && !s.package.empty() &&
-           s.server.AddFile("client/zrgpcext64.bundle.7z", gpctest::ReadFile(out + "/zrgpcext64.bundle.7z")) &&
+    s.ok = s.sample.Make(s.folder.path()) && s.server.Start() &&
+           s.server.AddFile("client/zrgpcext64.bundle.7z", s.sample.package) &&
            s.server.AddFile("files/readme.txt", "hello") && s.server.AddFile("page/done.html", kDonePage) &&
            s.server.AddFile("page/error.html", kErrorPage) && s.proxy.Start(s.server.https_port());
   }
@@ -176,7 +145,7 @@ class BrowserJob : public ::testing::Test {
     params.push_back({"GpcProductVersion", "3.1.0"});
     if (!root.empty()) params.push_back({"GpcUrlRoot", root});
     params.push_back({"GpcUnpackVersion", "1,0"});
-    params.insert(params.end(), shared_->package.begin(), shared_->package.end());
+    params.insert(params.end(), shared_->sample.params.begin(), shared_->sample.params.end());
     params.insert(params.end(), {{"GpcErrorPageUrl", site + "page/error.html"},
                                  {"GpcSampleFiles", site + "files/readme.txt"},
                                  {"GpcSampleDoneUrl", site + "page/done.html"}});
@@ -270,7 +239,7 @@ TEST_P(BrowserErrorPage, ShowsTheMessage) {
     // A signature the certificates vouch for, over the digest of another file.
     const std::string other = gpctest::FileDigest(shared_->server.FilePath("files/readme.txt"), "sha256");
     for (auto& [name, value] : params) {
-      if (name == "GpcExtSignature") value = shared_->signer->Sign(other);
+      if (name == "GpcExtSignature") value = shared_->sample.signer->Sign(other);
     }
   }
   std::string trace;

@@ -1,5 +1,7 @@
 #include "extension_package.h"
 
+#include "gpc_host_run.h"
+
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -167,6 +169,24 @@ bool PackExtension(const std::string& bundle, const std::string& version, const 
       ShellQuote(plist) + " && rm -f " + ShellQuote(archive) + " && cd " + ShellQuote(work) + " && 7z a " +
       sevenZipOptions + " " + ShellQuote(archive) + " " + ShellQuote(name + ".bundle") + " >/dev/null";
   return std::system(command.c_str()) == 0;
+}
+
+PageParams PackWithTheTool(const PackageSigner& signer, const std::string& bundle, const std::string& out) {
+  bool ok = false;
+  const std::string printed = ShellOutput(std::string(GPC_BIN_DIR) + "/gpc-pack pack --format json --key " +
+                                              ShellQuote(signer.Path("vendor.key")) + " --cert " +
+                                              ShellQuote(signer.Path("vendor.pem")) + " --chain " +
+                                              ShellQuote(signer.Path("root.pem")) + " --out " + ShellQuote(out) + " " +
+                                              ShellQuote(bundle),
+                                          &ok);
+  const std::vector<gpchost::JsonEvent> lines = gpchost::ParseJsonLines(printed);
+  if (!ok || lines.empty()) return {};
+  PageParams params;
+  for (const char* name : {"GpcExtName", "GpcExtVersion", "GpcCompressMethod", "GpcHashMethod", "GpcExtHash",
+                           "GpcExtSignature", "GpcCertification"}) {
+    params.push_back({name, lines.back().Str(name)});
+  }
+  return params;
 }
 
 }  // namespace gpctest

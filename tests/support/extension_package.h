@@ -51,6 +51,10 @@ bool PackExtension(const std::string& bundle, const std::string& version, const 
                    const std::string& archive, const std::string& name = "zrgpcext64",
                    const std::string& sevenZipOptions = "-mx=1");
 
+// Packs the bundle folder `bundle` with gpc-pack, signed by `signer`'s vendor certificate and its
+// root, into the folder `out`; returns the embed parameters the tool printed (none on failure).
+PageParams PackWithTheTool(const PackageSigner& signer, const std::string& bundle, const std::string& out);
+
 // The lower-case hex SHA-1 or SHA-256 of a file, by the openssl tool; empty on failure.
 std::string FileDigest(const std::string& path, const std::string& method);
 
