@@ -9,10 +9,11 @@
 # starting with # and blank lines are skipped. Each fault is planted in the copy of the
 # source in --tree (default: a copy of this working tree made in ../gpc-mutate, refreshed on each
 # run, so the working tree itself is never touched), built in --build (default <tree>/build-mutate),
-# and the tests matching --tests (a ctest -R regex; default: the unit and integration labels) run
-# against it. One line per fault: "caught", "MISSED", "not applied" (the substitution matched
-# nothing) or "no build" (the fault does not compile). Exit status: the number of missed faults
-# (at most 100).
+# and the tests matching the line's regex (else --tests; else the unit and integration labels)
+# run against it; only the test programs a regex selects are rebuilt. First the unchanged tree
+# must build and pass those tests. One line per fault: "caught", "MISSED", "not applied" (the
+# substitution matched nothing), "no build" (the fault does not compile), "no file", "no tests"
+# (the regex selects no test) or "bad substitution". Exit status: missed faults (at most 100).
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 tree="" build="" tests=""
@@ -29,11 +30,58 @@ mutants=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 if [ -z "$tree" ]; then
   tree=$(dirname "$root")/gpc-mutate
   mkdir -p "$tree"
-  rsync -a --delete --exclude '/build*' --exclude '/.git' "$root/" "$tree/"
+  if command -v rsync >/dev/null; then
+    rsync -a --delete --exclude '/build*' --exclude '/.git' "$root/" "$tree/"
+  else
+    # Same copy without rsync: everything but build folders and .git, stale files dropped.
+    find "$tree" -mindepth 1 -maxdepth 1 ! -name 'build*' -exec rm -rf {} +
+    (cd "$root" && tar -cf - --exclude='./build*' --exclude='./.git' .) | (cd "$tree" && tar -xf -)
+  fi
 fi
 build=${build:-$tree/build-mutate}
 select=(-L 'unit|integration')
 [ -n "$tests" ] && select=(-R "$tests")
+
+# The mutants file on descriptor 3, so that nothing run for a fault (cmake, ctest, the tests)
+# can read its lines from standard input.
+exec 3<"$mutants"
+# When every fault names its own tests, the unchanged tree is checked against those only.
+if [ -z "$tests" ]; then
+  union=$(awk -F '\t' '!/^(#|$)/ { if ($3 == "") { all = 1 } else { r = r (r == "" ? "" : "|") $3 } }
+                        END { if (!all) print r }' "$mutants")
+  [ -n "$union" ] && select=(-R "$union")
+fi
+
+# The test programs a ctest -R regex selects (test names are target names), for building only
+# those; empty when none match.
+targets_of() {
+  (cd "$build" && ctest -N -R "$1" 2>/dev/null) | sed -n 's/^ *Test *#[0-9]*: //p'
+}
+
+# Builds what the tests of `$1` (a regex; empty for all) need.
+build_for() {
+  local targets=()
+  [ -n "$1" ] && mapfile -t targets < <(targets_of "$1")
+  if [ ${#targets[@]} -gt 0 ]; then
+    cmake --build "$build" -j2 --target "${targets[@]}"
+  else
+    cmake --build "$build" -j2
+  fi
+}
+
+# Puts the unchanged file back. Its time stamp must be newer than the objects built from the
+# fault, or the next build would keep them (make and ninja only rebuild what is older than its
+# sources).
+target=""
+restore() {
+  if [ -n "$target" ] && [ -f "$target.unmutated" ]; then
+    mv "$target.unmutated" "$target"
+    touch "$target"
+  fi
+  target=""
+}
+trap 'restore; exit 130' INT TERM
+trap restore EXIT
 
 cmake -S "$tree" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGPC_BUILD_BENCH=OFF >/dev/null ||
   { echo "configure failed" >&2; exit 2; }
@@ -42,26 +90,36 @@ cmake --build "$build" -j2 >"$build/mutate-build.log" 2>&1 || { echo "the unchan
   { echo "the tests fail on the unchanged tree: $build/mutate-test.log" >&2; exit 2; }
 
 missed=0 number=0
-while IFS=$'\t' read -r file substitution only; do
+while IFS=$'\t' read -r -u 3 file substitution only || [ -n "$file" ]; do
   case "$file" in '' | '#'*) continue ;; esac
   number=$((number + 1))
-  target="$tree/$file"
-  cp "$target" "$target.unmutated"
-  perl -0777 -pi -e "$substitution" "$target"
-  if cmp -s "$target" "$target.unmutated"; then
-    verdict="not applied"
-  elif ! cmake --build "$build" -j2 >"$build/mutate-build.log" 2>&1; then
-    verdict="no build"
-  elif (cd "$build" && if [ -n "${only:-}" ]; then ctest -j2 -R "$only" --timeout 300; else ctest -j2 "${select[@]}" --timeout 300; fi \
-      >"$build/mutate-test.log" 2>&1); then
-    verdict="MISSED"
-    missed=$((missed + 1))
+  regex=${only:-}
+  if [ ! -f "$tree/$file" ]; then
+    verdict="no file"
+  elif [ -n "$regex" ] && [ -z "$(targets_of "$regex")" ]; then
+    # ctest runs nothing for a regex that matches no test, and succeeds: that is no verdict.
+    verdict="no tests"
   else
-    verdict="caught ($(grep -oE '[0-9]+ tests failed' "$build/mutate-test.log" | head -n 1))"
+    target="$tree/$file"
+    cp -p "$target" "$target.unmutated"
+    if ! perl -0777 -pi -e "$substitution" "$target" 2>"$build/mutate-perl.log"; then
+      verdict="bad substitution"
+    elif cmp -s "$target" "$target.unmutated"; then
+      verdict="not applied"
+    elif ! build_for "${regex:-$tests}" >"$build/mutate-build.log" 2>&1; then
+      verdict="no build"
+    elif (cd "$build" && if [ -n "$regex" ]; then ctest -j2 -R "$regex" --no-tests=error --timeout 300; else ctest -j2 "${select[@]}" --timeout 300; fi \
+        >"$build/mutate-test.log" 2>&1); then
+      verdict="MISSED"
+      missed=$((missed + 1))
+    else
+      verdict="caught ($(grep -oE '[0-9]+ tests failed' "$build/mutate-test.log" | head -n 1))"
+    fi
+    restore
   fi
-  mv "$target.unmutated" "$target"
   printf '%3d %-12s %s\t%s\n' "$number" "$verdict" "$file" "$substitution"
-done <"$mutants"
+done
+exec 3<&-
 cmake --build "$build" -j2 >/dev/null 2>&1
 echo "$missed of $number missed"
 exit $((missed > 100 ? 100 : missed))
