@@ -13,8 +13,7 @@
 
 #include "gpcdownloadtask.h"
 
-// The loopback server launcher of the tests, built into this program.
-#include "../tests/support/http_test_server.cpp"
+#include "http_test_server.h"
 
 namespace {
 

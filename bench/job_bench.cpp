@@ -22,8 +22,8 @@
 #include <string>
 #include <vector>
 
-#include "../tests/support/extension_package.cpp"
-#include "../tests/support/http_test_server.cpp"
+#include "extension_package.h"
+#include "http_test_server.h"
 
 namespace {
 

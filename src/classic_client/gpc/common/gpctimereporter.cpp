@@ -21,7 +21,6 @@ namespace {
 
 constexpr char kRootKey[] = "JMTRoot";
 constexpr char kMeetingIdKey[] = "meetingid";
-constexpr char kFolderName[] = "Talvo Folder";
 constexpr char kPlistFileName[] = "Info.plist";
 constexpr char kParameterFileName[] = "talvoparameters.txt";
 
@@ -46,10 +45,9 @@ class PlistHolder {
 
 std::string VersionFolderFile(const char* version, const char* fileName) {
   if (version == nullptr) return std::string();
-  std::string path = platform::UserApplicationSupportDir();
+  // The version carries its own separator: "Talvo Folder3,1,0,7Info.plist" is one name.
+  std::string path = platform::TalvoFolderPath();
   if (path.empty()) return std::string();
-  if (path.back() != '/') path += '/';
-  path += kFolderName;
   path += version;
   path += fileName;
   return path;

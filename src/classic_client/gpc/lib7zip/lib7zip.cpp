@@ -25,6 +25,8 @@
 // what it had written so far.
 #include "lib7zip.h"
 
+#include "platform/folders.h"
+
 #include <archive.h>
 #include <archive_entry.h>
 #include <limits.h>
@@ -317,22 +319,9 @@ int32_t CheckLinks(const std::vector<Entry>& plan, const std::string& destinatio
   return kGpc7zSuccess;
 }
 
-// Creates `path` and the folders above it that are missing.
-bool MakeFolders(const std::string& path) {
-  struct stat info;
-  for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-    const std::string prefix = path.substr(0, slash);
-    if (stat(prefix.c_str(), &info) != 0 && mkdir(prefix.c_str(), 0777) != 0 && errno != EEXIST) {
-      return false;
-    }
-    if (slash == std::string::npos) break;
-  }
-  return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
 // The destination folder, created when missing, as an absolute path without links.
 int32_t PrepareDestination(const std::string& folder, std::string* destination) {
-  if (!MakeFolders(folder)) return kGpc7zWriteFailed;
+  if (platform::MakeFolders(folder, 0777) != 0) return kGpc7zWriteFailed;
   char* real = realpath(folder.c_str(), nullptr);
   if (real == nullptr) return kGpc7zWriteFailed;
   *destination = real;

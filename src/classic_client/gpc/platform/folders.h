@@ -1,5 +1,6 @@
 // Per-user and temporary folders.
 #pragma once
+#include <cstddef>
 #include <string>
 
 namespace platform {
@@ -13,7 +14,22 @@ std::string UserApplicationSupportDir();
 // folder, else "/tmp/". Returns an empty string when neither exists.
 std::string TempDir();
 
-// Creates `path` and any missing parents with the given mode. True when the folder exists after.
+// Creates the folder `path` (its parent must exist) with the given mode. Returns 0 when it is a
+// folder afterwards, else the failure as a negated errno value (-ENOTDIR when a file has the name).
+int MakeFolder(const std::string& path, unsigned mode);
+// MakeFolder for `path` and any missing parents.
+int MakeFolders(const std::string& path, unsigned mode);
+// MakeFolders as a yes or no.
 bool MakeDirectories(const std::string& path, unsigned mode);
+
+// The plug-in's own folder of the user, below the application-support folder.
+constexpr char kTalvoFolderName[] = "Talvo Folder";
+// The longest application-support folder path the plug-in works below.
+constexpr size_t kLongestSupportPath = 1023;
+
+// "<application support>/Talvo Folder", not created. Empty when there is no application-support
+// folder; `tooLong` (when given) tells whether that folder's path is longer than
+// kLongestSupportPath, in which case the callers refuse it.
+std::string TalvoFolderPath(bool* tooLong = nullptr);
 
 }  // namespace platform

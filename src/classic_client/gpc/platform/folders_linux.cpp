@@ -22,12 +22,33 @@ std::string HomeDir() {
 }
 }  // namespace
 
-bool MakeDirectories(const std::string& path, unsigned mode) {
-  if (path.empty()) return false;
-  if (IsFolder(path)) return true;
+int MakeFolder(const std::string& path, unsigned mode) {
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0) return S_ISDIR(info.st_mode) ? 0 : -ENOTDIR;
+  if (errno != ENOENT) return -errno;
+  if (mkdir(path.c_str(), mode) == 0) return 0;
+  const int failure = errno;
+  return failure == EEXIST && IsFolder(path) ? 0 : -failure;
+}
+
+int MakeFolders(const std::string& path, unsigned mode) {
+  if (path.empty()) return -ENOENT;
+  if (IsFolder(path)) return 0;
   std::string::size_type slash = path.find_last_of('/', path.size() > 1 ? path.size() - 2 : 0);
-  if (slash != std::string::npos && slash > 0 && !MakeDirectories(path.substr(0, slash), mode)) return false;
-  return mkdir(path.c_str(), mode) == 0 || (errno == EEXIST && IsFolder(path));
+  if (slash != std::string::npos && slash > 0) {
+    if (int parent = MakeFolders(path.substr(0, slash), mode); parent != 0) return parent;
+  }
+  return MakeFolder(path, mode);
+}
+
+bool MakeDirectories(const std::string& path, unsigned mode) { return MakeFolders(path, mode) == 0; }
+
+std::string TalvoFolderPath(bool* tooLong) {
+  std::string path = UserApplicationSupportDir();
+  if (tooLong != nullptr) *tooLong = path.size() > kLongestSupportPath;
+  if (path.empty()) return path;
+  if (path.back() != '/') path += '/';
+  return path + kTalvoFolderName;
 }
 
 std::string UserApplicationSupportDir() {

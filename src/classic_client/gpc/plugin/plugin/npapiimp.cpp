@@ -575,18 +575,17 @@ unsigned GpcGetPluginDir(char* buffer, unsigned size) try {
   // Codes of the folder lookup as the logs report them.
   constexpr int kFolderNotFound = -43;
   constexpr int kPathTooLong = -2110;
-  constexpr size_t kMaxFolderPath = 1023;
 
-  std::string path = platform::UserApplicationSupportDir();
+  bool tooLong = false;
+  std::string path = platform::TalvoFolderPath(&tooLong);
   if (path.empty()) {
     MacErrorTrace("GpcGetPluginDir,call FSFindFolder result code =%d", kFolderNotFound);
     return 0;
   }
-  if (path.size() > kMaxFolderPath) {
+  if (tooLong) {
     MacErrorTrace("GpcGetPluginDir,call FSRefMakePath result code =%d", kPathTooLong);
     return 0;
   }
-  path += (path.back() == '/') ? "Talvo Folder" : "/Talvo Folder";
 
   // Callers receive at most a pointer's size of it, terminator included (kept as it always was).
   if (buffer == nullptr || size == 0) return 0;

@@ -22,7 +22,6 @@ namespace {
 const char kDefaultExtensionName[] = "zrgpcext64";
 const char kBundleSuffix[] = ".bundle";
 const char kLocalExtensionBundle[] = "zrgpcext64.bundle";
-const char kTalvoFolder[] = "Talvo Folder";
 const size_t kLongestPath = 1023;
 const size_t kLongestExtensionName = 64;
 const size_t kLongestUrlRoot = 949;
@@ -149,17 +148,16 @@ std::string CGpcExtMgr::GetExtensionDir(bool local) {
     dir += "Contents/Frameworks";
     return dir;
   }
-  dir = platform::UserApplicationSupportDir();
+  bool tooLong = false;
+  dir = platform::TalvoFolderPath(&tooLong);
   if (dir.empty()) {
     MacErrorTrace("CGpcExtMgr::GetExtensionDir,call FSFindFolder result code =%d", kFolderNotFound);
     return std::string();
   }
-  if (dir.size() > kLongestPath) {
+  if (tooLong) {
     MacErrorTrace("CGpcExtMgr::GetExtensionDir,call FSRefMakePath result code =%d", -ENAMETOOLONG);
     return std::string();
   }
-  AppendSlash(&dir);
-  dir += kTalvoFolder;
   return dir;
 }
 

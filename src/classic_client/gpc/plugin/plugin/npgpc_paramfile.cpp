@@ -17,27 +17,10 @@
 
 namespace {
 
-const char kTalvoFolder[] = "Talvo Folder";
 const char kParameterFileName[] = "talvoparameters.txt";
-const size_t kLongestPath = 1023;
 
 // The file-not-found result the folder lookups report.
 const int kFileNotFound = -43;
-
-// Makes `path` a folder if it is not one yet. Returns 0, or the lookup's or creation's failure
-// code (a negated errno value).
-int EnsureFolder(const std::string& path) {
-  struct stat info;
-  if (stat(path.c_str(), &info) == 0) return S_ISDIR(info.st_mode) ? 0 : -ENOTDIR;
-  if (errno != ENOENT) return -errno;
-  if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return -errno;
-  return 0;
-}
-
-void AppendComponent(std::string* path, const char* name) {
-  if (path->empty() || path->back() != '/') path->push_back('/');
-  path->append(name);
-}
 
 const char* ProductVersionOf(int argc, char** argn, char** argv) {
   for (int i = 0; i < argc; ++i) {
@@ -61,17 +44,17 @@ std::string StartTimeText() {
 }  // namespace
 
 bool SaveParameters(int argc, char** argn, char** argv) {
-  std::string path = platform::UserApplicationSupportDir();
+  bool tooLong = false;
+  std::string path = platform::TalvoFolderPath(&tooLong);
   if (path.empty()) {
     MacErrorTrace("SaveParameters,call FSFindFolder result code =%d", kFileNotFound);
     return false;
   }
-  if (path.size() > kLongestPath) {
+  if (tooLong) {
     MacErrorTrace("SaveParameters,call FSRefMakePath result code =%d", -ENAMETOOLONG);
     return false;
   }
-  AppendComponent(&path, kTalvoFolder);
-  if (int result = EnsureFolder(path); result != 0) {
+  if (int result = platform::MakeFolder(path, 0755); result != 0) {
     MacErrorTrace("SaveParameters,talvo folder,call FSPathMakeRef result code =%d", result);
     return false;
   }
@@ -83,7 +66,7 @@ bool SaveParameters(int argc, char** argn, char** argv) {
   }
   path.push_back('/');
   path.append(version);
-  if (int result = EnsureFolder(path); result != 0) {
+  if (int result = platform::MakeFolder(path, 0755); result != 0) {
     MacErrorTrace("SaveParameters,%s,call FSPathMakeRef result code =%d", version, result);
     return false;
   }
