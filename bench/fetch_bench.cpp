@@ -23,8 +23,8 @@
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
 
-// The loopback server launcher of the tests, built into this program.
-#include "../tests/support/http_test_server.cpp"
+#include "fake_browser.h"
+#include "http_test_server.h"
 
 namespace {
 
@@ -45,19 +45,10 @@ double Best(double best, double sample) {
   return best < 0 || sample < best ? sample : best;
 }
 
-// The browser table the instance needs: URL requests are refused, memory is the C heap.
-NPError RefuseURLNotify(NPP, const char*, const char*, void*) { return NPERR_GENERIC_ERROR; }
-void* MemAlloc(uint32_t size) { return std::calloc(1, size); }
-void MemFree(void* pointer) { std::free(pointer); }
-
+// The browser the instance needs: URL requests are refused, memory is the C heap.
 void InstallBrowserTable() {
-  gNetscapeFuncs = NPNetscapeFuncs();
-  gNetscapeFuncs.size = sizeof(NPNetscapeFuncs);
-  gNetscapeFuncs.version = 27;
-  gNetscapeFuncs.geturlnotify = RefuseURLNotify;
-  gNetscapeFuncs.memalloc = MemAlloc;
-  gNetscapeFuncs.memfree = MemFree;
-  navMinorVers = 27;
+  gpctest::InstallFakeBrowser();
+  gpctest::Browser().otherwise = NPERR_GENERIC_ERROR;
 }
 
 struct Batch {

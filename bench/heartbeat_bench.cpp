@@ -20,24 +20,12 @@
 #include <string>
 #include <vector>
 
-#include "plugin/plugin/npapi.h"
+#include "fake_browser.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 std::vector<Clock::time_point> g_requests;
-
-NPError RefuseURLNotify(NPP, const char*, const char*, void*) {
-  g_requests.push_back(Clock::now());
-  return NPERR_GENERIC_ERROR;
-}
-void* MemAlloc(uint32_t size) { return std::calloc(1, size); }
-void MemFree(void* ptr) { std::free(ptr); }
-NPError GetValue(NPP, NPNVariable, void* value) {
-  *static_cast<NPBool*>(value) = false;
-  return NPERR_NO_ERROR;
-}
-NPError SetValue(NPP, NPPVariable, void*) { return NPERR_NO_ERROR; }
 
 void RemoveTree(const char* path) {
   nftw(path, [](const char* name, const struct stat*, int, struct FTW*) { return remove(name); }, 16,
@@ -65,15 +53,10 @@ int main(int argc, char** argv) {
   }
   auto initialize = reinterpret_cast<NP_InitializeFunc>(dlsym(module, "NP_Initialize"));
   auto shutdown = reinterpret_cast<NP_ShutdownFunc>(dlsym(module, "NP_Shutdown"));
-  NPNetscapeFuncs browser;
-  std::memset(&browser, 0, sizeof browser);
-  browser.size = sizeof browser;
-  browser.version = 0x0013;
-  browser.geturlnotify = RefuseURLNotify;
-  browser.memalloc = MemAlloc;
-  browser.memfree = MemFree;
-  browser.getvalue = GetValue;
-  browser.setvalue = SetValue;
+  // This browser refuses every URL request, noting when it was asked.
+  NPNetscapeFuncs browser = gpctest::BrowserTable(0x0013);
+  gpctest::Browser().otherwise = NPERR_GENERIC_ERROR;
+  gpctest::Browser().onRequest = [] { g_requests.push_back(Clock::now()); };
   NPPluginFuncs funcs;
   std::memset(&funcs, 0, sizeof funcs);
   funcs.size = sizeof funcs;

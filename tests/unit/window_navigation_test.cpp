@@ -1,158 +1,123 @@
-// The queue of navigations of the hosting page.
+// The queue of navigations of the hosting page, as the browser is asked for them.
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <string>
+#include <vector>
 
-#include "window_fake_browser.h"
-
-using namespace window_test;
+#include "fake_browser.h"
+#include "plugin/plugin/npgpcimp.h"
 
 namespace {
 
+using gpctest::Browser;
+
 class WindowNavigationTest : public ::testing::Test {
  protected:
-  void SetUp() override { window = std::make_unique<CGpcWindow>(&npp); }
+  // The URLs the browser was asked for, in order.
+  std::vector<std::string> Asked() {
+    std::vector<std::string> urls;
+    for (const gpctest::UrlRequest& request : Browser().requests) urls.push_back(request.url);
+    return urls;
+  }
+  CFrameTarget* Head() { return window.GetNextFrameTargetLocation(); }
 
-  Environment env;
+  gpctest::BrowserEnvironment env;
   NPP_t npp{};
-  std::unique_ptr<CGpcWindow> window;
+  CGpcWindow window{&npp};
 };
 
 TEST_F(WindowNavigationTest, OneRequestAtATimeInOrder) {
-  window->ChangeLocation(nullptr, "https://a.example/1");
-  window->ChangeLocation("", "https://a.example/2");
-  window->CheckLocationChanging();
-  window->CheckLocationChanging();
-  ASSERT_EQ(Browser().requests.size(), 1u);
-  EXPECT_EQ(Browser().requests[0].url, "https://a.example/1");
-  EXPECT_EQ(Browser().requests[0].notifyData, window->GetNextFrameTargetLocation());
-
-  window->OnGetUrlNotify("https://a.example/1", NPRES_DONE);
-  window->CheckLocationChanging();
-  ASSERT_EQ(Browser().requests.size(), 2u);
-  EXPECT_EQ(Browser().requests[1].url, "https://a.example/2");
-  // An empty target goes to the browser as none.
-  EXPECT_EQ(Browser().requests[1].target, "(null)");
+  EXPECT_TRUE(window.ChangeLocation("_top", nullptr));  // never queued
+  window.ChangeLocation(nullptr, "https://a.example/1");
+  window.ChangeLocation("", "https://a.example/2");
+  window.CheckLocationChanging();
+  window.CheckLocationChanging();
+  ASSERT_EQ(Asked(), std::vector<std::string>{"https://a.example/1"});
+  EXPECT_EQ(Browser().requests[0].notifyData, Head());
+  window.OnGetUrlNotify("https://A.EXAMPLE/1", NPRES_DONE);  // letter case does not matter
+  window.CheckLocationChanging();
+  EXPECT_EQ(Asked(), (std::vector<std::string>{"https://a.example/1", "https://a.example/2"}));
+  EXPECT_EQ(Browser().requests[1].target, "(null)");  // an empty target goes as none
+  window.OnGetUrlNotify("https://a.example/2", NPRES_DONE);
+  EXPECT_EQ(Head(), nullptr);
+  window.RemoveNextFrameTargetLocation();  // an empty queue is left alone
 }
 
-TEST_F(WindowNavigationTest, NullUrlIsNeverQueued) {
-  LogCapture log;
-  EXPECT_TRUE(window->ChangeLocation("_top", nullptr));
-  EXPECT_EQ(window->GetNextFrameTargetLocation(), nullptr);
-  EXPECT_TRUE(log.Contains("CGpcWindow::AddFrameTargetLocation,url is nil!"));
-  window->RemoveNextFrameTargetLocation();  // an empty queue is left alone
-}
-
-TEST_F(WindowNavigationTest, RefusedRequestIsAskedAgainWithoutLimit) {
-  window->ChangeLocation(nullptr, "https://a.example/1");
+// A request the browser refuses is asked again on every heartbeat; a failed load is tried four
+// times in all before the next navigation goes.
+TEST_F(WindowNavigationTest, RefusalsAreRetriedForeverFailedLoadsFourTimes) {
+  window.ChangeLocation(nullptr, "https://a.example/1");
+  window.ChangeLocation(nullptr, "https://a.example/2");
   Browser().answers = {NPERR_INCOMPATIBLE_VERSION_ERROR, NPERR_GENERIC_ERROR, NPERR_GENERIC_ERROR};
-  for (int i = 0; i < 4; ++i) window->CheckLocationChanging();
-  EXPECT_EQ(Browser().requests.size(), 4u);
-  EXPECT_TRUE(window->GetNextFrameTargetLocation()->m_bRequested);
-  EXPECT_EQ(window->GetNextFrameTargetLocation()->m_nRetries, 0);
-}
-
-TEST_F(WindowNavigationTest, ThirdFailureKeepsTheHeadAndTheFourthRemovesIt) {
-  window->ChangeLocation(nullptr, "https://a.example/1");
-  window->ChangeLocation(nullptr, "https://a.example/2");
-  LogCapture log;
-  for (int failure = 1; failure <= 3; ++failure) {
-    window->CheckLocationChanging();
-    window->OnGetUrlNotify("https://a.example/1", NPRES_NETWORK_ERR);
-    ASSERT_EQ(window->GetNextFrameTargetLocation()->m_strUrl, "https://a.example/1");
-    EXPECT_EQ(window->GetNextFrameTargetLocation()->m_nRetries, failure);
-    EXPECT_FALSE(window->GetNextFrameTargetLocation()->m_bRequested);
+  for (int i = 0; i < 4; ++i) window.CheckLocationChanging();
+  EXPECT_EQ(Asked().size(), 4u);
+  for (NPReason reason : {NPRES_NETWORK_ERR, NPRES_NETWORK_ERR, NPRES_NETWORK_ERR}) {
+    window.OnGetUrlNotify("https://a.example/1", reason);
+    window.CheckLocationChanging();
   }
-  window->CheckLocationChanging();
-  window->OnGetUrlNotify("https://a.example/1", NPRES_USER_BREAK);
-  EXPECT_EQ(window->GetNextFrameTargetLocation()->m_strUrl, "https://a.example/2");
-  EXPECT_TRUE(log.Contains("CGpcWindow::OnGetUrlNotify,url[https://a.example/1] failed after 3 times retry,remove this target!"));
-  EXPECT_EQ(Browser().requests.size(), 4u);
+  EXPECT_EQ(Asked().size(), 7u);
+  EXPECT_EQ(Asked().back(), "https://a.example/1");
+  window.OnGetUrlNotify("https://a.example/other", NPRES_DONE);  // another URL changes nothing
+  window.OnGetUrlNotify(nullptr, NPRES_DONE);
+  window.OnGetUrlNotify("https://a.example/1", NPRES_USER_BREAK);
+  window.CheckLocationChanging();
+  EXPECT_EQ(Asked().back(), "https://a.example/2");
+  EXPECT_EQ(Asked().size(), 8u);
 }
 
-TEST_F(WindowNavigationTest, NotificationComparesUrlsWithoutRegardToCase) {
-  window->ChangeLocation(nullptr, "https://a.example/Path");
-  window->CheckLocationChanging();
-  window->OnGetUrlNotify("HTTPS://A.EXAMPLE/path", NPRES_DONE);
-  EXPECT_EQ(window->GetNextFrameTargetLocation(), nullptr);
-}
-
-TEST_F(WindowNavigationTest, NotificationForAnotherUrlChangesNothing) {
-  window->ChangeLocation(nullptr, "https://a.example/1");
-  window->CheckLocationChanging();
-  LogCapture log;
-  window->OnGetUrlNotify("https://a.example/other", NPRES_DONE);
-  window->OnGetUrlNotify(nullptr, NPRES_DONE);
-  ASSERT_NE(window->GetNextFrameTargetLocation(), nullptr);
-  EXPECT_TRUE(window->GetNextFrameTargetLocation()->m_bRequested);
-  EXPECT_TRUE(log.Contains("current need request url vector count is 1."));
-}
-
-TEST_F(WindowNavigationTest, DestroyedStreamComparesUrlsWithCaseOrMatchesByDatum) {
-  window->ChangeLocation(nullptr, "https://a.example/Path");
-  window->CheckLocationChanging();
-  CFrameTarget* head = window->GetNextFrameTargetLocation();
-
+// A finished stream ends the head when its URL is the head's exactly, or when it carries the head.
+TEST_F(WindowNavigationTest, DestroyedStreamMatchesByExactUrlOrByDatum) {
+  window.ChangeLocation(nullptr, "https://a.example/Path");
+  window.CheckLocationChanging();
+  CFrameTarget* head = Head();
   NPStream stream{};
   stream.url = "https://a.example/path";
-  EXPECT_EQ(window->OnNppDestroyStream(&stream, NPRES_DONE), NPERR_NO_ERROR);
-  EXPECT_EQ(window->GetNextFrameTargetLocation(), head);
-  EXPECT_TRUE(head->m_bRequested);
-
-  // The same stream recognised by its datum, but not finished: back to unrequested.
-  stream.notifyData = head;
-  EXPECT_EQ(window->OnNppDestroyStream(&stream, NPRES_NETWORK_ERR), NPERR_NO_ERROR);
-  EXPECT_EQ(window->GetNextFrameTargetLocation(), head);
-  EXPECT_FALSE(head->m_bRequested);
-
+  EXPECT_EQ(window.OnNppDestroyStream(&stream, NPRES_DONE), NPERR_NO_ERROR);
+  window.CheckLocationChanging();
+  EXPECT_EQ(Asked().size(), 1u) << "still requested";
+  stream.notifyData = head;  // recognised by its datum, but not finished: asked again
+  EXPECT_EQ(window.OnNppDestroyStream(&stream, NPRES_NETWORK_ERR), NPERR_NO_ERROR);
+  window.CheckLocationChanging();
+  EXPECT_EQ(Asked().size(), 2u);
   NPStream exact{};
   exact.url = "https://a.example/Path";
-  EXPECT_EQ(window->OnNppDestroyStream(&exact, NPRES_DONE), NPERR_NO_ERROR);
-  EXPECT_EQ(window->GetNextFrameTargetLocation(), nullptr);
-
-  EXPECT_EQ(window->OnNppDestroyStream(nullptr, NPRES_DONE), NPERR_NO_DATA);
+  EXPECT_EQ(window.OnNppDestroyStream(&exact, NPRES_DONE), NPERR_NO_ERROR);
+  EXPECT_EQ(Head(), nullptr);
+  EXPECT_EQ(window.OnNppDestroyStream(nullptr, NPRES_DONE), NPERR_NO_DATA);
   NPStream noUrl{};
-  EXPECT_EQ(window->OnNppDestroyStream(&noUrl, NPRES_DONE), NPERR_NO_DATA);
+  EXPECT_EQ(window.OnNppDestroyStream(&noUrl, NPRES_DONE), NPERR_NO_DATA);
 }
 
 TEST_F(WindowNavigationTest, TargetedHeadIsPassedOnAndBlocksLaterNavigations) {
-  window->ChangeLocation("_top", "https://a.example/error");
-  window->ChangeLocation(nullptr, "https://a.example/later");
-  for (int i = 0; i < 5; ++i) window->CheckLocationChanging();
-  ASSERT_EQ(Browser().requests.size(), 1u);
+  window.ChangeLocation("_top", "https://a.example/error");
+  window.ChangeLocation(nullptr, "https://a.example/later");
+  for (int i = 0; i < 5; ++i) window.CheckLocationChanging();
+  ASSERT_EQ(Asked(), std::vector<std::string>{"https://a.example/error"});
   EXPECT_EQ(Browser().requests[0].target, "_top");
-  // The browser answers such a request only with a notification that carries the item, which
-  // goes to the stream provider: the head stays requested for good.
-  EXPECT_EQ(window->GetNextFrameTargetLocation()->m_strUrl, "https://a.example/error");
 }
 
 TEST_F(WindowNavigationTest, HeadRemovedDuringItsOwnRequestIsNotTouched) {
-  window->ChangeLocation(nullptr, "https://a.example/1");
-  window->ChangeLocation(nullptr, "https://a.example/2");
+  window.ChangeLocation(nullptr, "https://a.example/1");
+  window.ChangeLocation(nullptr, "https://a.example/2");
   Browser().onRequest = [&] {
-    if (Browser().requests.size() == 1) window->OnGetUrlNotify("https://a.example/1", NPRES_DONE);
+    if (Browser().requests.size() == 1) window.OnGetUrlNotify("https://a.example/1", NPRES_DONE);
   };
-  window->CheckLocationChanging();
-  ASSERT_NE(window->GetNextFrameTargetLocation(), nullptr);
-  EXPECT_FALSE(window->GetNextFrameTargetLocation()->m_bRequested);
-  window->CheckLocationChanging();
-  EXPECT_EQ(Browser().requests.back().url, "https://a.example/2");
+  window.CheckLocationChanging();
+  window.CheckLocationChanging();
+  EXPECT_EQ(Asked().back(), "https://a.example/2");
 }
 
-TEST_F(WindowNavigationTest, NoBrowserInstanceRequestsNothing) {
+TEST_F(WindowNavigationTest, NoInstanceOrNoNotificationsAsksNothing) {
   CGpcWindow orphan(nullptr);
   orphan.ChangeLocation(nullptr, "https://a.example/1");
   orphan.CheckLocationChanging();
-  EXPECT_TRUE(Browser().requests.empty());
-}
-
-TEST_F(WindowNavigationTest, OldBrowserWithoutNotificationsIsAskedOnEveryHeartbeat) {
-  gNetscapeFuncs.version = 8;
-  window->ChangeLocation(nullptr, "https://a.example/1");
-  window->CheckLocationChanging();
-  window->CheckLocationChanging();
-  EXPECT_TRUE(Browser().requests.empty());
-  EXPECT_FALSE(window->GetNextFrameTargetLocation()->m_bRequested);
+  gNetscapeFuncs.version = 8;  // a browser without notifications is asked on every heartbeat
+  window.ChangeLocation(nullptr, "https://a.example/1");
+  window.CheckLocationChanging();
+  EXPECT_TRUE(Asked().empty());
+  gNetscapeFuncs.version = 27;
+  window.CheckLocationChanging();
+  EXPECT_EQ(Asked().size(), 1u);
 }
 
 }  // namespace
