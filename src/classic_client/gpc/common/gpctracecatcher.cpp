@@ -1,5 +1,7 @@
 #include "gpctracecatcher.h"
 
+#include <glib.h>
+
 #include <climits>
 #include <cmath>
 
@@ -57,40 +59,8 @@ std::string traceContent(const GPCUserInfo& entry) {
 }
 
 bool IsValidUtf8(std::string_view text) {
-  size_t i = 0;
-  const size_t n = text.size();
-  while (i < n) {
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c < 0x80) {
-      ++i;
-      continue;
-    }
-    size_t extra;
-    unsigned char low = 0x80;
-    unsigned char high = 0xBF;
-    if (c >= 0xC2 && c <= 0xDF) {
-      extra = 1;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      extra = 2;
-      if (c == 0xE0) low = 0xA0;   // no overlong forms
-      if (c == 0xED) high = 0x9F;  // no surrogates
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      extra = 3;
-      if (c == 0xF0) low = 0x90;
-      if (c == 0xF4) high = 0x8F;  // nothing past U+10FFFF
-    } else {
-      return false;
-    }
-    if (n - i <= extra) return false;
-    for (size_t k = 1; k <= extra; ++k) {
-      const unsigned char next = static_cast<unsigned char>(text[i + k]);
-      const unsigned char min = k == 1 ? low : 0x80;
-      const unsigned char max = k == 1 ? high : 0xBF;
-      if (next < min || next > max) return false;
-    }
-    i += extra + 1;
-  }
-  return true;
+  // GLib's check: no overlong forms, surrogates, code points past U+10FFFF, nor NUL bytes.
+  return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
 }
 
 GPCTraceCatcher* GPCTraceCatcher::sharedInstance() {

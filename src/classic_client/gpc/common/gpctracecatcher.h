@@ -20,8 +20,9 @@ namespace gpc {
 int traceLevel(const GPCUserInfo& entry);
 std::string traceContent(const GPCUserInfo& entry);
 
-// True when `text` is well-formed UTF-8 (no overlong forms, surrogates or code points past
-// U+10FFFF): the texts a trace entry may carry.
+// True when `text` is well-formed UTF-8 without NUL bytes (no overlong forms, surrogates or code
+// points past U+10FFFF): the texts a trace entry may carry, and paths the utilities accept. The
+// plug-in's one UTF-8 check.
 bool IsValidUtf8(std::string_view text);
 
 class GPCTraceCatcher {

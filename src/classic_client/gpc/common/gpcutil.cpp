@@ -1,5 +1,7 @@
 #include "gpcutil.h"
 
+#include "gpctracecatcher.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -77,8 +79,6 @@ bool IsLibraryPath(const std::string& path) {
          (path.size() >= kSharedObject.size() &&
           path.compare(path.size() - kSharedObject.size(), kSharedObject.size(), kSharedObject) == 0);
 }
-
-bool IsValidUtf8(const std::string& text) { return g_utf8_validate(text.data(), text.size(), nullptr); }
 
 // Removes `path` the way a file manager does: a folder with all its contents, depth first.
 bool RemoveRecursively(const std::string& path) {
@@ -237,7 +237,7 @@ uint32_t CalcSequenceDistance(uint32_t a, uint32_t b) { return b - a; }
 std::string GetApplicationSupportDirectory() {
   std::string path = platform::UserApplicationSupportDir();
   if (!GPCUTIL_ASSERT_TEXT(!path.empty(), "path")) return std::string();
-  if (!GPCUTIL_ASSERT_TEXT(IsValidUtf8(path), "[path UTF8String]")) return std::string();
+  if (!GPCUTIL_ASSERT_TEXT(gpc::IsValidUtf8(path), "[path UTF8String]")) return std::string();
   return path;
 }
 
@@ -249,7 +249,7 @@ bool MakeDirectory(const char* path) {
 std::string GetTempPath() {
   std::string path = platform::TempDir();
   if (!GPCUTIL_ASSERT_TEXT(!path.empty(), "path")) return std::string();
-  if (!GPCUTIL_ASSERT_TEXT(IsValidUtf8(path), "[path UTF8String]")) return std::string();
+  if (!GPCUTIL_ASSERT_TEXT(gpc::IsValidUtf8(path), "[path UTF8String]")) return std::string();
   return path;
 }
 
