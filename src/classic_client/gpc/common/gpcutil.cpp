@@ -2,6 +2,7 @@
 
 #include "gpctracecatcher.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -31,14 +32,6 @@ bool IsTrimCharacter(char c) { return c != '\0' && std::strchr(kTrimCharacters, 
 bool SameTextIgnoringCase(const char* a, const char* b) {
   int indicator = 1;
   return strcasecmp_s(a, kTextMax, b, &indicator) == EOK && indicator == 0;
-}
-
-// Copies at most size - 1 bytes of `src` and terminates; nothing when `size` is 0.
-void CopyBounded(char* dest, size_t size, const char* src) {
-  if (dest == nullptr || size == 0) return;
-  size_t len = strnlen_s(src, size - 1);
-  if (len != 0) std::memcpy(dest, src, len);
-  dest[len] = '\0';
 }
 
 // The text between `begin` and `end`, trimmed at both ends.
@@ -386,4 +379,17 @@ FSListStatus FSGetDirectoryItems(const std::string& folder, std::vector<FSDirect
   }
   closedir(dir);
   return FSListStatus::kListed;
+}
+
+size_t CopyBounded(char* dest, size_t size, std::string_view text) {
+  if (dest == nullptr || size == 0) return 0;
+  const size_t len = std::min(text.size(), size - 1);
+  if (len != 0) std::memcpy(dest, text.data(), len);
+  dest[len] = '\0';
+  return len;
+}
+
+size_t CopyBounded(char* dest, size_t size, const char* text) {
+  if (size == 0) return 0;
+  return CopyBounded(dest, size, std::string_view(text, text != nullptr ? strnlen_s(text, size - 1) : 0));
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
@@ -23,6 +24,14 @@
 // The source path that the utilities' own assertion logs name.
 #define GPC_UTIL_SOURCE_PATH "src/classic_client/gpc/common/gpcutil"
 #define GPCUTIL_ASSERT_TEXT(cond, text) GPC_ASSERT_TEXT(cond, text, GPC_UTIL_SOURCE_PATH)
+
+// ---- Bounded copies ----
+
+// Copies at most size - 1 bytes of `text` into `dest` and terminates it; nothing when `dest` is
+// null or `size` is 0. Returns the bytes copied. The plug-in's one copy into a caller's buffer.
+size_t CopyBounded(char* dest, size_t size, std::string_view text);
+// As above for a C text, read no further than size - 1 bytes.
+size_t CopyBounded(char* dest, size_t size, const char* text);
 
 // ---- Profile files: sections of key=value lines ----
 

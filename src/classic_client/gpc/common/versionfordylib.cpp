@@ -37,13 +37,6 @@ std::string DotsToCommas(std::string text) {
   return text;
 }
 
-void CopyBounded(char* dest, size_t size, const std::string& text) {
-  if (size == 0) return;
-  size_t len = text.size() < size - 1 ? text.size() : size - 1;
-  std::memcpy(dest, text.data(), len);
-  dest[len] = '\0';
-}
-
 std::string LastComponent(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   std::string::size_type slash = path.rfind('/');

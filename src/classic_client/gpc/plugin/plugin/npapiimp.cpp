@@ -9,6 +9,7 @@
 #include <new>
 
 #include "boundary.h"
+#include "gpcutil.h"
 #include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
@@ -588,12 +589,7 @@ unsigned GpcGetPluginDir(char* buffer, unsigned size) try {
   }
 
   // Callers receive at most a pointer's size of it, terminator included (kept as it always was).
-  if (buffer == nullptr || size == 0) return 0;
-  size_t limit = std::min<size_t>(size, sizeof(void*));
-  size_t copied = std::min(path.size(), limit - 1);
-  memcpy(buffer, path.data(), copied);
-  buffer[copied] = '\0';
-  return static_cast<unsigned>(copied);
+  return static_cast<unsigned>(CopyBounded(buffer, std::min<size_t>(size, sizeof(void*)), path));
 }
 GPC_BOUNDARY_CATCH(0)
 
