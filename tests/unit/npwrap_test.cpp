@@ -2,6 +2,7 @@
 // calls to the instance or to its stream provider.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -16,9 +17,10 @@ using gpctest::Browser;
 void* const kHostSiteDatum = reinterpret_cast<void*>(static_cast<uintptr_t>(NOTIFICATION_GET_HOSTSITE));
 const char kPageUrl[] = "https://www.talvo.us/meeting";
 
-std::vector<int>* g_messages = nullptr;
+std::vector<int>* g_messages = nullptr;  // the type of each message, and the length of each block
 int RecordMessage(GPCMessage* message) {
   g_messages->push_back(message->type);
+  if (message->type == GPC_STREAM_DATA) g_messages->push_back(message->payload.data.length);
   return 0;
 }
 int32_t ExtHandlesEverything(void*, void*, bool, void*) { return 1; }
@@ -116,6 +118,34 @@ TEST_F(NpwrapTest, HostSiteStreamNeverReachesTheProvider) {
   stream.notifyData = providerStream;
   EXPECT_EQ(NPP_WriteReady(&npp, &stream), 0x0FFFFFFF);
   EXPECT_EQ(messages, std::vector<int>{GPC_STREAM_READY});
+}
+
+// A block with a negative length, or none behind a positive one, is refused: never read, never
+// passed on, never judged as the host page's URL.
+TEST_F(NpwrapTest, BadBlocksAreRefusedUnread) {
+  Create(GoodPage());
+  Window()->CleanupFrameTargets();
+  CGpcProvider& provider = Window()->m_provider;
+  void* request = nullptr;
+  ASSERT_EQ(provider.StreamGet(provider.RegisterSap(RecordMessage, nullptr), "http://127.0.0.1/data", 0, &request), 0u);
+  NPStream data{};
+  data.url = "http://127.0.0.1/data";
+  data.notifyData = request;
+  NPStream hostSite{};
+  hostSite.notifyData = kHostSiteDatum;
+  uint16_t stype = 0;
+  ASSERT_EQ(NPP_NewStream(&npp, nullptr, &data, false, &stype), NPERR_NO_ERROR);
+  messages.clear();
+  char block[8] = "abcdefg";
+  for (NPStream* stream : {&data, &hostSite}) {
+    EXPECT_LT(NPP_Write(&npp, stream, 0, -5, block), 0);
+    EXPECT_LT(NPP_Write(&npp, stream, 0, INT32_MIN, block), 0);
+    EXPECT_LT(NPP_Write(&npp, stream, 0, 8, nullptr), 0);
+  }
+  EXPECT_TRUE(messages.empty());
+  EXPECT_TRUE(gpctest::RunNavigations(*Window()).empty()) << "no error page for a block never read";
+  EXPECT_EQ(NPP_Write(&npp, &data, 0, 7, block), 7);
+  EXPECT_EQ(messages, (std::vector<int>{GPC_STREAM_DATA, 7}));
 }
 
 TEST_F(NpwrapTest, ApprovedHostPageLiftsTheHaltEvenAfterParametersFailed) {

