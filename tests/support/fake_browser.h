@@ -1,9 +1,11 @@
-// The browser as the plug-in sees it in unit tests and benches: one NPNetscapeFuncs table whose
-// functions record what the plug-in asks for (URL requests, streams, status, values, settings)
-// and answer as the test says. Free of GoogleTest, so the benches can use it too.
+// The browser as the plug-in sees it in tests, benches and fuzzers: one NPNetscapeFuncs table
+// whose functions record what the plug-in asks for (URL requests, streams, status, values,
+// settings) and answer as the test says. The table itself is header-only and free of GoogleTest,
+// so programs that do not link the test support library can use it too.
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <initializer_list>
@@ -46,11 +48,134 @@ struct FakeBrowser {
 };
 
 // The one fake browser of the process.
-FakeBrowser& Browser();
+inline FakeBrowser& Browser() {
+  static FakeBrowser browser;
+  return browser;
+}
+
+// The browser's functions. The browser is C as far as the plug-in can tell: a record it cannot
+// make (memory ran out) is dropped, never thrown at the plug-in.
+namespace calls {
+template <typename Record>
+void Note(Record record) noexcept {
+  try {
+    record();
+  } catch (...) {
+  }
+}
+inline NPError Request(const char* url, const char* target, void* data, bool post, const char* buf, uint32_t len,
+                       bool file) {
+  FakeBrowser& browser = Browser();
+  Note([&] {
+    browser.requests.push_back(
+        {url ? url : "", target ? target : "(null)", data, post, std::string(buf ? buf : "", buf ? len : 0), file});
+  });
+  if (browser.onRequest) browser.onRequest();
+  if (browser.answers.empty()) return browser.otherwise;
+  const NPError answer = browser.answers.front();
+  browser.answers.pop_front();
+  return answer;
+}
+inline NPError GetURL(NPP, const char* url, const char* target) {
+  return Request(url, target, nullptr, false, nullptr, 0, false);
+}
+inline NPError GetURLNotify(NPP, const char* url, const char* target, void* data) {
+  return Request(url, target, data, false, nullptr, 0, false);
+}
+inline NPError PostURL(NPP, const char* url, const char* target, uint32_t len, const char* buf, NPBool file) {
+  return Request(url, target, nullptr, true, buf, len, file);
+}
+inline NPError PostURLNotify(NPP, const char* url, const char* target, uint32_t len, const char* buf, NPBool file,
+                             void* data) {
+  return Request(url, target, data, true, buf, len, file);
+}
+inline void Call(const std::string& name) {
+  Note([&] { Browser().calls.push_back(name); });
+}
+inline NPError NewStream(NPP, NPMIMEType, const char*, NPStream**) { return Call("newstream"), NPERR_NO_ERROR; }
+inline int32_t Write(NPP, NPStream*, int32_t len, void*) { return Call("write"), len; }
+inline NPError DestroyStream(NPP, NPStream*, NPReason) { return Call("destroystream"), NPERR_NO_ERROR; }
+inline void Status(NPP, const char* message) { Call(std::string("status ") + (message ? message : "")); }
+inline void* MemAlloc(uint32_t size) {
+  if (Browser().failMemAlloc) return nullptr;
+  ++Browser().liveAllocations;
+  return std::calloc(1, size);
+}
+inline void MemFree(void* pointer) {
+  if (pointer != nullptr) --Browser().liveAllocations;
+  std::free(pointer);
+}
+inline NPError GetValue(NPP, NPNVariable variable, void* value) {
+  FakeBrowser& browser = Browser();
+  Note([&] { browser.valuesAsked.push_back(variable); });
+  if (browser.getValueResult != NPERR_NO_ERROR) return browser.getValueResult;
+  const auto found = browser.supports.find(variable);
+  *static_cast<NPBool*>(value) = found != browser.supports.end() && found->second;
+  return NPERR_NO_ERROR;
+}
+inline NPError SetValue(NPP, NPPVariable variable, void* value) {
+  Note([&] { Browser().valuesSet.emplace_back(variable, reinterpret_cast<intptr_t>(value)); });
+  return Browser().setValueResult;
+}
+}  // namespace calls
+
 // A full table of NPAPI version `version` calling into Browser(); forgets earlier calls.
-NPNetscapeFuncs BrowserTable(uint16_t version = 27);
+inline NPNetscapeFuncs BrowserTable(uint16_t version = 27) {
+  Browser() = FakeBrowser();
+  NPNetscapeFuncs table = {};
+  table.size = sizeof table;
+  table.version = version;
+  table.geturl = calls::GetURL;
+  table.posturl = calls::PostURL;
+  table.newstream = calls::NewStream;
+  table.write = calls::Write;
+  table.destroystream = calls::DestroyStream;
+  table.status = calls::Status;
+  table.memalloc = calls::MemAlloc;
+  table.memfree = calls::MemFree;
+  table.geturlnotify = calls::GetURLNotify;
+  table.posturlnotify = calls::PostURLNotify;
+  table.getvalue = calls::GetValue;
+  table.setvalue = calls::SetValue;
+  return table;
+}
+
 // Puts that table into the plug-in's copy, as NP_Initialize would.
-void InstallFakeBrowser(uint16_t version = 27);
+inline void InstallFakeBrowser(uint16_t version = 27) {
+  gNetscapeFuncs = BrowserTable(version);
+  navMinorVers = version & 0xff;
+}
+
+// Embed parameters as the browser hands them to NPP_New (a null value stays null).
+class EmbedArgs {
+ public:
+  EmbedArgs(std::initializer_list<std::pair<const char*, const char*>> pairs) {
+    for (const auto& pair : pairs) Add(pair.first, pair.second);
+  }
+  void Add(const char* name, const char* value) {
+    m_names.emplace_back(name);
+    m_values.emplace_back(value ? value : "");
+    m_null.push_back(value == nullptr);
+  }
+  int16_t argc() const { return static_cast<int16_t>(m_names.size()); }
+  char** argn() {
+    m_argn.clear();
+    for (std::string& name : m_names) m_argn.push_back(&name[0]);
+    return m_argn.data();
+  }
+  char** argv() {
+    m_argv.clear();
+    for (size_t i = 0; i < m_values.size(); ++i) m_argv.push_back(m_null[i] ? nullptr : &m_values[i][0]);
+    return m_argv.data();
+  }
+
+ private:
+  std::vector<std::string> m_names, m_values;
+  std::vector<bool> m_null;
+  std::vector<char*> m_argn, m_argv;
+};
+
+// ---- In the test support library ------------------------------------------------------------
 
 // Lets the instance ask for each navigation it has queued, the browser finishing each at once;
 // answers what the browser was asked, as "<target> <url>" ("(null)" for no target).
@@ -66,21 +191,6 @@ class BrowserEnvironment {
 
  private:
   std::string m_dir;
-};
-
-// Embed parameters as the browser hands them to NPP_New (a null value stays null).
-class EmbedArgs {
- public:
-  EmbedArgs(std::initializer_list<std::pair<const char*, const char*>> pairs);
-  void Add(const char* name, const char* value);
-  int16_t argc() const { return static_cast<int16_t>(m_names.size()); }
-  char** argn();
-  char** argv();
-
- private:
-  std::vector<std::string> m_names, m_values;
-  std::vector<bool> m_null;
-  std::vector<char*> m_argn, m_argv;
 };
 
 // How many log lines posted since the last ClearCapturedTraces() hold `fragment`.
