@@ -9,10 +9,10 @@
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <regex>
 #include <string>
 
 #include "extension_package.h"
@@ -133,11 +133,11 @@ class WindowExtensionTest : public ::testing::Test {
   // The codes of the messages shown: each error page queued for the whole page.
   std::vector<int> ShownMessages() {
     std::vector<int> codes;
-    const std::regex code("ErrorMsg=.*%5B([0-9]+)%5D");
     for (const CFrameTarget* target : window->m_vectorFrameTarget) {
-      std::smatch match;
-      if (target->m_strTarget == "_top" && std::regex_search(target->m_strUrl, match, code))
-        codes.push_back(std::stoi(match[1]));
+      const std::string& url = target->m_strUrl;
+      const size_t open = url.rfind("%5B");
+      if (target->m_strTarget == "_top" && url.find("ErrorMsg=") < open && open != std::string::npos)
+        codes.push_back(std::atoi(url.c_str() + open + 3));
     }
     return codes;
   }
