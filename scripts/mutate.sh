@@ -69,6 +69,23 @@ build_for() {
   fi
 }
 
+# Runs ctest in `$1` with the remaining arguments. The code and the tests write fixed names in
+# /tmp ("/tmp/gpc_tmp_N", "/tmp/talvo"), so a fault that leaves files there would change the
+# verdicts of later faults, and other developers' runs would change ours: each run gets an empty
+# /tmp of its own (a private mount namespace) where the machine allows one.
+private_tmp=no
+unshare -m --propagation private sh -c 'mount -t tmpfs -o mode=1777 tmpfs /tmp' 2>/dev/null && private_tmp=yes
+run_ctest() {
+  local dir=$1
+  shift
+  if [ "$private_tmp" = yes ]; then
+    unshare -m --propagation private sh -c 'mount -t tmpfs -o mode=1777 tmpfs /tmp && cd "$0" && exec ctest "$@"' \
+      "$dir" "$@"
+  else
+    (cd "$dir" && ctest "$@")
+  fi
+}
+
 # Puts the unchanged file back. Its time stamp must be newer than the objects built from the
 # fault, or the next build would keep them (make and ninja only rebuild what is older than its
 # sources).
@@ -86,7 +103,7 @@ trap restore EXIT
 cmake -S "$tree" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGPC_BUILD_BENCH=OFF >/dev/null ||
   { echo "configure failed" >&2; exit 2; }
 cmake --build "$build" -j2 >"$build/mutate-build.log" 2>&1 || { echo "the unchanged tree does not build" >&2; exit 2; }
-(cd "$build" && ctest -j2 "${select[@]}" >"$build/mutate-test.log" 2>&1) ||
+run_ctest "$build" -j2 "${select[@]}" >"$build/mutate-test.log" 2>&1 ||
   { echo "the tests fail on the unchanged tree: $build/mutate-test.log" >&2; exit 2; }
 
 missed=0 number=0
@@ -108,8 +125,8 @@ while IFS=$'\t' read -r -u 3 file substitution only || [ -n "$file" ]; do
       verdict="not applied"
     elif ! build_for "${regex:-$tests}" >"$build/mutate-build.log" 2>&1; then
       verdict="no build"
-    elif (cd "$build" && if [ -n "$regex" ]; then ctest -j2 -R "$regex" --no-tests=error --timeout 300; else ctest -j2 "${select[@]}" --timeout 300; fi \
-        >"$build/mutate-test.log" 2>&1); then
+    elif if [ -n "$regex" ]; then run_ctest "$build" -j2 -R "$regex" --timeout 300; else run_ctest "$build" -j2 "${select[@]}" --timeout 300; fi \
+        >"$build/mutate-test.log" 2>&1; then
       verdict="MISSED"
       missed=$((missed + 1))
     else
