@@ -359,6 +359,7 @@ TEST_F(EntryPoints, NoExceptionLeavesAnEntryPointWhenMemoryRunsOut) {
   const char* text = nullptr;
   char folder[64];
   char answer[64];
+  void* out = nullptr;
   const long kOk = NPERR_NO_ERROR, kNoMemory = NPERR_OUT_OF_MEMORY_ERROR;
   const long kServiceOk = GPC_RESULT_OK, kServiceNoMemory = kGpcServiceOutOfMemory;
   const std::vector<BoundaryCall> calls = {
@@ -383,17 +384,9 @@ TEST_F(EntryPoints, NoExceptionLeavesAnEntryPointWhenMemoryRunsOut) {
        {}, ensure},
       {"NPP_Print", [&] { return plugin_.print(&npp_, &print), 0L; }, {}, ensure},
       {"NPP_Destroy", [&] { return long(plugin_.destroy(&npp_, nullptr)); }, {kOk, kNoMemory}, ensure},
-      {"GpcRegisterStreamSap",
-       [&] {
-         void* sap = nullptr;
-         return long(GpcRegisterStreamSap(&IgnoreMessage, nullptr, window(), &sap));
-       },
+      {"GpcRegisterStreamSap", [&] { return long(GpcRegisterStreamSap(&IgnoreMessage, nullptr, window(), &out)); },
        {kServiceOk, kServiceNoMemory}, ensure},
-      {"GpcGetStream",
-       [&] {
-         void* stream = nullptr;
-         return long(GpcGetStream(window()->m_streamSap, "https://www.talvo.us/f", 0, &stream));
-       },
+      {"GpcGetStream", [&] { return long(GpcGetStream(window()->m_streamSap, "https://www.talvo.us/f", 0, &out)); },
        {kServiceOk, GPC_ERR_REQUEST_PENDING, kServiceNoMemory}, ensure},
       {"GpcSetParam", [&] { return long(GpcSetParam(window(), "Name", "value")); }, {kServiceOk, kServiceNoMemory},
        ensure},

@@ -25,12 +25,6 @@ int RecordMessage(GPCMessage* message) {
 }
 int32_t ExtHandlesEverything(void*, void*, bool, void*) { return 1; }
 
-bool AnyContains(const std::vector<std::string>& lines, const std::string& text) {
-  for (const std::string& line : lines)
-    if (line.find(text) != std::string::npos) return true;
-  return false;
-}
-
 class NpwrapTest : public ::testing::Test {
  protected:
   void SetUp() override { g_messages = &messages; }
@@ -148,24 +142,35 @@ TEST_F(NpwrapTest, BadBlocksAreRefusedUnread) {
   EXPECT_EQ(messages, (std::vector<int>{GPC_STREAM_DATA, 7}));
 }
 
-TEST_F(NpwrapTest, ApprovedHostPageLiftsTheHaltEvenAfterParametersFailed) {
-  Create({{"NoVersion", "x"}});
-  ASSERT_EQ(Window()->m_bHalted, 1);
-  WriteHostSite(kPageUrl);
-  EXPECT_EQ(Window()->m_bHalted, 0);
-}
-
-TEST_F(NpwrapTest, RefusedHostPageShowsError111AndStaysHalted) {
-  Create(GoodPage());
-  Window()->m_bHalted = 1;
-  Window()->CleanupFrameTargets();
-  WriteHostSite("https://evil.example/talvo.us");
-  EXPECT_EQ(Window()->m_bHalted, 1);
-  const std::vector<std::string> asked = gpctest::RunNavigations(*Window());
-  ASSERT_EQ(asked.size(), 2u);
-  EXPECT_TRUE(AnyContains({asked[0]}, "ErrorCode=111"));
-  EXPECT_TRUE(AnyContains({asked[1]}, "_top https://e.example/err?ErrorType=1&ErrorMsg="));
-  EXPECT_TRUE(AnyContains({asked[1]}, "Error%20%5B111%5D"));
+// The site lock judges the host page's URL: approval lifts the halt (even after the parameters
+// failed, or for any page when the page switches the lock off); refusal shows error 111.
+TEST_F(NpwrapTest, HostPageIsJudgedByTheSiteLock) {
+  const struct {
+    bool goodPage;
+    const char* siteLock;
+    const char* hostPage;
+    bool halted;
+  } cases[] = {{false, nullptr, kPageUrl, false},
+               {true, "0", "https://evil.example/talvo.us", false},
+               {true, nullptr, "https://evil.example/talvo.us", true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.hostPage);
+    gpctest::EmbedArgs page = c.goodPage ? GoodPage() : gpctest::EmbedArgs{{"NoVersion", "x"}};
+    if (c.siteLock) page.Add("gpcsitelock", c.siteLock);
+    Create(page);
+    Window()->m_bHalted = 1;
+    Window()->CleanupFrameTargets();
+    WriteHostSite(c.hostPage);
+    EXPECT_EQ(Window()->m_bHalted, c.halted ? 1 : 0);
+    const std::vector<std::string> asked = gpctest::RunNavigations(*Window());
+    ASSERT_EQ(asked.size(), c.halted ? 2u : 0u);
+    if (c.halted) {
+      EXPECT_NE(asked[0].find("ErrorCode=111"), std::string::npos);
+      EXPECT_EQ(asked[1].rfind("_top https://e.example/err?ErrorType=1&ErrorMsg=", 0), 0u);
+      EXPECT_NE(asked[1].find("Error%20%5B111%5D"), std::string::npos);
+    }
+    NPP_Destroy(&npp, nullptr);
+  }
 }
 
 TEST_F(NpwrapTest, DisownedFinishedStreamIsFinishedByTheWindow) {
