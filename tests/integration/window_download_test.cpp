@@ -283,7 +283,8 @@ TEST_F(WindowDownloadTest, TeardownInTheMiddleOfDownloadsFreesTasksAndFiles) {
   server.SetLimitRate("256k");
   ASSERT_TRUE(server.Start()) << server.error();
   std::vector<std::string> urls;
-  const std::string content = gpctest::PatternBytes(4 * 1024 * 1024, 4242);
+  // Content of this run alone: pieces left in /tmp by earlier runs cannot be taken for ours.
+  const std::string content = gpctest::PatternBytes(4 * 1024 * 1024, static_cast<unsigned>(getpid()));
   for (int i = 0; i < 6; ++i) {
     ASSERT_TRUE(server.AddFile("t" + std::to_string(i), content));
     urls.push_back(server.HttpsUrl("t" + std::to_string(i)));
