@@ -114,6 +114,8 @@ TEST_F(SafeString, SubstringAndFirstCharSearchWithinBounds) {
   EXPECT_EQ(at, text + 8);
   EXPECT_EQ(strstr_s(text, kUnknown, ".so", 2, &at), EOK);  // needle cut to ".s"
   EXPECT_EQ(at, text + 12);
+  EXPECT_EQ(strstr_s(text, kUnknown, ".so", kUnknown, &at), EOK);  // the text's very end
+  EXPECT_EQ(at, text + 12);
   EXPECT_EQ(strstr_s(text, 8, "-2", kUnknown, &at), ESNOTFND);  // beyond dest's bound
   EXPECT_EQ(at, nullptr);
   EXPECT_EQ(strstr_s(text, kUnknown, "", kUnknown, &at), EOK);

@@ -46,7 +46,7 @@ struct Fixtures {
     mkdir(pki.c_str(), 0700);
     signer = std::make_unique<gpctest::PackageSigner>(pki);
     package = folder.path() + "/zrgpcext64.bundle.7z";
-    ok = signer->ok() && signer->AddSigner("stranger", "/CN=gpc.signer.example.com") &&
+    ok = signer->ok() && signer->AddSigner("stranger", "/CN=gpc.signer.talvo.us.example.com") &&
          signer->AddSigner("llc", "/CN=Vantrel Talvo LLC") &&
          signer->AddSigner("evilllc", "/CN=Evil Vantrel Talvo LLC") &&
          gpctest::PackExtension(kSampleBundle, kPackageVersion, folder.path(), package);
@@ -181,7 +181,12 @@ const VerificationCase kVerificationCases[] = {
        Set(p, "GpcExtHash", "not the digest");
        Set(p, "GpcCertification", "x");
      }, 0},
-    {"DigestMismatch", [](auto& p, auto&) { Set(p, "GpcExtHash", std::string(64, 'a')); }, 111},
+    // The page's digest differs from the package's in its last character only.
+    {"DigestMismatch",
+     [](auto& p, auto&) {
+       for (auto& [name, value] : p)
+         if (name == "GpcExtHash") value.back() = value.back() == '0' ? '1' : '0';
+     }, 111},
     {"UpperCaseMethod", [](auto& p, auto&) { Set(p, "GpcHashMethod", "SHA1"); }, 111},
     {"NoDigest", [](auto& p, auto&) { Set(p, "GpcExtHash", ""); }, 111},
     {"CertificationNull", [](auto& p, auto&) { Set(p, "GpcCertification", "null"); }, 111},
@@ -194,6 +199,7 @@ const VerificationCase kVerificationCases[] = {
     {"CertificationOfTenCharacters", [](auto& p, auto&) { Set(p, "GpcCertification", "MIIBCgKCAQ"); }, 103},
     {"LeafThatDoesNotDecode", [](auto& p, auto&) { Set(p, "GpcCertification", "MIIBCgKCAQEAu|bm90IGEgY2VydA=="); }, 103},
     {"UntrustedChain", [](auto& p, auto&) { Set(p, "GpcCertification", g_fixtures->signer->Chain("vendor", false)); }, 103},
+    // "gpc.signer.talvo.us.example.com": the vendor's suffix inside the name is not its end.
     {"WrongCommonName",
      [](auto& p, auto&) { p = g_fixtures->signer->PackageParameters(p[4].second, "sha256", "stranger"); }, 103},
     {"NulInCommonName", [](auto& p, auto& pki) { Set(p, "GpcCertification", ChainWithNulInCommonName(pki)); }, 103},
