@@ -2,6 +2,7 @@
 # Builds the fuzz targets in build-fuzz (clang, ASan+UBSan) and runs each for a while.
 # Usage: fuzz/run.sh [seconds-per-target (default 60)] [target...]
 #   targets: params sitelock stream profile version hex cert sevenzip tlv (default: all)
+# An input that runs 30 s counts as a hang (a loaded machine made 10 s give false alarms).
 # Each target works on a copy of its seeds (build-fuzz/fuzz-corpus/<target>/, kept between runs so
 # that later runs start from what earlier ones found; FRESH=1 starts from the seeds alone).
 # One line per target; crash inputs and their logs stay in build-fuzz/crashes/<target>/.
@@ -61,7 +62,7 @@ for target in $targets; do
   log="$work/fuzz.log"
   # Scratch files, the trace file opened at load and the data folder all stay in the work folder.
   TMPDIR="$work/tmp" GPC_TRACE_FILE="$work/tmp/load-trace.tvt" XDG_DATA_HOME="$work/tmp/data" \
-    "$build/fuzz/${target}_fuzz" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
+    "$build/fuzz/${target}_fuzz" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=30 \
     -print_final_stats=1 -artifact_prefix="$crashes/" "$corpus" >"$log" 2>&1
   status=$?
   runs=$(stat_of "$log" number_of_executed_units)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, runs the whole suite, then the unit and integration tests again under
-# AddressSanitizer and UndefinedBehaviorSanitizer, and the end-to-end runs through gpc-host under valgrind.
+# AddressSanitizer and UndefinedBehaviorSanitizer, the end-to-end runs through gpc-host under valgrind,
+# and a short run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -21,3 +22,7 @@ cmake --build build-asan -j "$jobs"
 # definite leak fails the run.
 (cd build && GPC_HOST_WRAPPER="valgrind --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite --quiet" \
   ctest --output-on-failure -j "$jobs" -R "extension_job_test|host_plugin_test" --timeout 600)
+
+# Every fuzz target once more over its seeds (the regression inputs among them) and for a short
+# while beyond (clang, AddressSanitizer and UndefinedBehaviorSanitizer); fuzz/run.sh 600 is the long run.
+fuzz/run.sh 15
