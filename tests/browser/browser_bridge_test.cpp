@@ -6,7 +6,6 @@
 // ESR runs the same extension (tests/browser/firefox_page.py).
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -141,21 +140,6 @@ class BrowserProfile {
 };
 
 
-// Files under /tmp holding a piece of `package` (a download never finished or never removed).
-std::vector<std::string> PackagePiecesInTmp(const std::string& package) {
-  std::vector<std::string> pieces;
-  DIR* dir = opendir("/tmp");
-  if (dir == nullptr) return pieces;
-  while (dirent* entry = readdir(dir)) {
-    const std::string path = std::string("/tmp/") + entry->d_name;
-    if (std::string(entry->d_name).rfind("gpc_tmp_", 0) != 0) continue;
-    const std::string content = gpctest::ReadFile(path);
-    if (!content.empty() && package.compare(0, content.size(), content) == 0) pieces.push_back(path);
-  }
-  closedir(dir);
-  return pieces;
-}
-
 // What the driver reported about one page.
 struct BrowserRun {
   int exit_code = -1;
@@ -241,7 +225,7 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
     const std::string info = gpctest::ReadFile(profile.Installed() + "/Contents/Info.plist");
     if (installs) EXPECT_NE(info.find("2.0.0.7"), std::string::npos) << output;
     else EXPECT_NE(stat(profile.Installed().c_str(), &installed), 0) << profile.Installed();
-    EXPECT_EQ(PackagePiecesInTmp(shared_->sample.package), std::vector<std::string>());
+    EXPECT_EQ(gpctest::PiecesInTmp(shared_->sample.package), std::vector<std::string>());
   }
 
   static std::string Site() { return "https://127.0.0.1:" + std::to_string(shared_->server.https_port()) + "/"; }
@@ -264,30 +248,22 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
     return params;
   }
 
-  // Opens `page` (put at /page/<name>.html) in `profile` until the top frame reaches a URL
-  // containing c.until (or, when that is empty, until its status box shows c.shown); saves the
-  // page as it ends to `screenshot`.
-  BrowserRun Open(const BridgeCase& c, const std::string& page, const BrowserProfile& profile,
-                  const std::string& screenshot) {
-    const std::string name = c.name;
-    EXPECT_TRUE(shared_->server.AddFile("page/" + name + ".html", page));
-    BrowserRun run;
-    // Chromium keeps its certificate store and caches under HOME: the profile's folder, not ours.
+  // Serves `page` as /page/<c.name>.html and runs the browser driver `args` (the page's URL is
+  // added after the program) with HOME and the data folder in `profile`; collects what the
+  // driver reported, and the host's and the browser's logs for failure messages.
+  static BrowserRun Drive(const BridgeCase& c, const std::string& page, const BrowserProfile& profile,
+                          std::vector<std::string> args) {
+    EXPECT_TRUE(shared_->server.AddFile(std::string("page/") + c.name + ".html", page));
+    // Browsers keep their certificate stores and caches under HOME: the profile's folder, not ours.
     ScopedEnv home("HOME", profile.Home());
     ScopedEnv data("XDG_DATA_HOME", profile.Data());
-    const std::string pids = profile.HostPids();
-    const std::string url = Site() + "page/" + name + ".html";
-    const std::string profileDir = profile.Dir();
-    const std::string log = profile.Home() + "/driver.log";
-    const std::string browserLog = profile.Home() + "/browser.log";
-    std::vector<const char*> argv = {"timeout", "-k", "3", "30", "python3", kDriver.c_str(), url.c_str(),
-                                     "--chromium", kChromium.c_str(), "--user-data-dir", profileDir.c_str(),
-                                     "--extension", kExtension.c_str(), "--timeout", "20",
-                                     "--screenshot", screenshot.c_str(), "--browser-log", browserLog.c_str()};
-    if (std::string(c.until).empty()) argv.insert(argv.end(), {"--until-status", c.shown});
-    else argv.insert(argv.end(), {"--until", c.until});
-    if (c.closeTab) argv.insert(argv.end(), {"--close-tab", pids.c_str()});
+    const std::string log = profile.Home() + "/driver.log", browserLog = profile.Home() + "/browser.log";
+    args.insert(args.begin() + 6, Site() + "page/" + c.name + ".html");
+    args.insert(args.end(), {"--extension", kExtension, "--browser-log", browserLog});
+    std::vector<const char*> argv;
+    for (const std::string& arg : args) argv.push_back(arg.c_str());
     argv.push_back(nullptr);
+    BrowserRun run;
     run.exit_code = gpctest::RunCommand(argv.data(), log);
     const std::string report = gpctest::ReadFile(log);
     for (const JsonEvent& event : gpchost::ParseJsonLines(report)) {
@@ -297,6 +273,18 @@ class ChromiumBridge : public ::testing::TestWithParam<BridgeCase> {
     run.output = report + "\n--- gpc-host ---\n" + gpctest::ReadFile(profile.HostLog()) + "\n--- browser ---\n" +
                  browser.substr(browser.size() > 3000 ? browser.size() - 3000 : 0);
     return run;
+  }
+
+  // Opens the page in Chromium until the top frame reaches a URL containing c.until (or, when
+  // that is empty, until its status box shows c.shown); saves the page as it ends to `screenshot`.
+  static BrowserRun Open(const BridgeCase& c, const std::string& page, const BrowserProfile& profile,
+                         const std::string& screenshot) {
+    std::vector<std::string> args = {"timeout", "-k", "3", "30", "python3", kDriver, "--chromium", kChromium,
+                                     "--user-data-dir", profile.Dir(), "--timeout", "20", "--screenshot", screenshot};
+    if (std::string(c.until).empty()) args.insert(args.end(), {"--until-status", c.shown});
+    else args.insert(args.end(), {"--until", c.until});
+    if (c.closeTab) args.insert(args.end(), {"--close-tab", profile.HostPids()});
+    return Drive(c, page, profile, args);
   }
 
   static Shared* shared_;
@@ -371,27 +359,11 @@ class FirefoxBridge : public ChromiumBridge {
     ASSERT_TRUE(shared_->ok) << shared_->server.error();
   }
 
-  BrowserRun Open(const BridgeCase& c, const std::string& page, const BrowserProfile& profile) {
-    EXPECT_TRUE(shared_->server.AddFile(std::string("page/") + c.name + ".html", page));
-    ScopedEnv home("HOME", profile.Home());
-    ScopedEnv data("XDG_DATA_HOME", profile.Data());
-    const std::string url = Site() + "page/" + c.name + ".html";
-    const std::string profileDir = profile.Dir(), authority = shared_->server.AuthorityPath();
-    const std::string accessLog = shared_->server.AccessLogPath();
-    const std::string log = profile.Home() + "/driver.log", browserLog = profile.Home() + "/browser.log";
-    const char* argv[] = {"timeout", "-k", "3", "60", "python3", kFirefoxDriver.c_str(), url.c_str(),
-                          "--firefox", kFirefox.c_str(), "--profile", profileDir.c_str(),
-                          "--extension", kExtension.c_str(), "--authority", authority.c_str(),
-                          "--access-log", accessLog.c_str(), "--until", c.until, "--timeout", "40",
-                          "--browser-log", browserLog.c_str(), nullptr};
-    BrowserRun run;
-    run.exit_code = gpctest::RunCommand(argv, log);
-    const std::string report = gpctest::ReadFile(log);
-    run.events = gpchost::ParseJsonLines(report);
-    const std::string browser = gpctest::ReadFile(browserLog);
-    run.output = report + "\n--- gpc-host ---\n" + gpctest::ReadFile(profile.HostLog()) + "\n--- browser ---\n" +
-                 browser.substr(browser.size() > 3000 ? browser.size() - 3000 : 0);
-    return run;
+  static BrowserRun OpenInFirefox(const BridgeCase& c, const std::string& page, const BrowserProfile& profile) {
+    return Drive(c, page, profile,
+                 {"timeout", "-k", "3", "60", "python3", kFirefoxDriver, "--firefox", kFirefox, "--profile",
+                  profile.Dir(), "--authority", shared_->server.AuthorityPath(), "--access-log",
+                  shared_->server.AccessLogPath(), "--until", c.until, "--timeout", "40"});
   }
 };
 
@@ -399,7 +371,7 @@ TEST_P(FirefoxBridge, PageEndsWhereTheModuleSendsIt) {
   const BridgeCase& c = GetParam();
   BrowserProfile profile;
   ASSERT_TRUE(profile.Make(true));
-  BrowserRun run = Open(c, MeetingPage(Meeting(c), c.markup, c.name), profile);
+  BrowserRun run = OpenInFirefox(c, MeetingPage(Meeting(c), c.markup, c.name), profile);
   ASSERT_EQ(run.exit_code, 0) << run.output;
   EXPECT_NE(run.FinalUrl().find(c.shown), std::string::npos) << run.output;
   EXPECT_EQ(run.Last("leftover"), nullptr) << run.output;

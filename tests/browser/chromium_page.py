@@ -24,6 +24,8 @@ import subprocess
 import sys
 import time
 
+from driver_support import emit, running
+
 # Reports each change of an embed's status box to the driver through the gpcStatus binding.
 STATUS_WATCH = """
 (() => {
@@ -43,10 +45,6 @@ QUIET_FLAGS = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-bac
                "--disable-component-update", "--disable-sync", "--no-first-run", "--disable-quic",
                "--no-default-browser-check", "--disable-default-apps", "--ignore-certificate-errors",
                "--window-size=800,600"]
-
-
-def emit(kind, **fields):
-    print(json.dumps(dict(t=kind, **fields), separators=(",", ":"), ensure_ascii=False), flush=True)
 
 
 class Pipe:
@@ -207,14 +205,6 @@ def watch(pipe, session, args):
     return 0 if reached else 3
 
 
-def process_running(pid):
-    try:
-        with open("/proc/%d/stat" % pid) as stat:
-            return stat.read().rpartition(")")[2].split()[0] != "Z"
-    except OSError:
-        return False
-
-
 def close_tab(pipe, target, pid_file, timeout):
     """Closes the page's tab and reports whether the native host it used is still running after
     `timeout` seconds, while the browser itself stays open."""
@@ -226,9 +216,9 @@ def close_tab(pipe, target, pid_file, timeout):
         emit("host", running=None)
         return
     deadline = time.monotonic() + timeout
-    while process_running(pid) and time.monotonic() < deadline:
+    while running(pid) and time.monotonic() < deadline:
         time.sleep(0.1)
-    emit("host", running=process_running(pid))
+    emit("host", running=running(pid))
 
 
 def main():

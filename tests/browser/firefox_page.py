@@ -23,6 +23,8 @@ import sys
 import time
 import zipfile
 
+from driver_support import emit, stat_fields
+
 PREFS = {
     "xpinstall.signatures.required": False,
     # Add-ons in the profile's own folder are enabled without asking.
@@ -38,10 +40,6 @@ PREFS = {
     "network.trr.mode": 5,
     "dom.security.https_first": False,
 }
-
-
-def emit(kind, **fields):
-    print(json.dumps(dict(t=kind, **fields), separators=(",", ":"), ensure_ascii=False), flush=True)
 
 
 def make_profile(profile, extension, authority):
@@ -90,12 +88,8 @@ def group_members(group):
     for entry in os.listdir("/proc"):
         if not entry.isdigit():
             continue
-        try:
-            with open("/proc/%s/stat" % entry) as stat:
-                fields = stat.read().rpartition(")")[2].split()
-        except OSError:
-            continue
-        if int(fields[2]) == group and fields[0] != "Z":
+        fields = stat_fields(entry)
+        if fields is not None and int(fields[2]) == group and fields[0] != "Z":
             members.append(int(entry))
     return members
 

@@ -5,12 +5,10 @@
 // the test through the NPP_* handlers, as a browser would.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -51,22 +49,6 @@ void Record(void*, void* context, GPCGetFileNotifyMessageType type, void* data) 
 bool Exists(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0;
-}
-
-// The client's temporary files ("/tmp/gpc_tmp_<n>") whose content starts like `content`: those
-// of this test, whatever other processes write meanwhile.
-std::set<std::string> PartialFilesOf(const std::string& content) {
-  std::set<std::string> paths;
-  DIR* dir = opendir("/tmp");
-  if (dir == nullptr) return paths;
-  while (dirent* entry = readdir(dir)) {
-    if (std::string(entry->d_name).compare(0, 8, "gpc_tmp_") != 0) continue;
-    const std::string path = std::string("/tmp/") + entry->d_name;
-    const std::string head = gpctest::ReadFile(path);
-    if (!head.empty() && content.compare(0, head.size(), head) == 0) paths.insert(path);
-  }
-  closedir(dir);
-  return paths;
 }
 
 int IndexOfLine(const LogCapture& log, const std::string& text, int from = 0) {
@@ -300,13 +282,13 @@ TEST_F(WindowDownloadTest, TeardownInTheMiddleOfDownloadsFreesTasksAndFiles) {
       },
       kDeadlineMs));
   EXPECT_EQ(BusySlots(window), 5);
-  const std::set<std::string> partial = PartialFilesOf(content);
+  const std::vector<std::string> partial = gpctest::PiecesInTmp(content);
   EXPECT_EQ(partial.size(), 5u);
 
   NPP_Destroy(&npp, nullptr);
   RunMainLoop(50);
   for (const std::string& path : partial) EXPECT_FALSE(Exists(path)) << path;
-  EXPECT_TRUE(PartialFilesOf(content).empty());
+  EXPECT_TRUE(gpctest::PiecesInTmp(content).empty());
   for (const Requester& requester : requesters) EXPECT_EQ(requester.completions, 0);
 }
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
 #include <ftw.h>
@@ -111,6 +112,20 @@ std::string PatternBytes(size_t size, unsigned seed) {
     bytes[i] = static_cast<char>(state & 0xff);
   }
   return bytes;
+}
+
+std::vector<std::string> PiecesInTmp(const std::string& content) {
+  std::vector<std::string> pieces;
+  DIR* dir = opendir("/tmp");
+  if (dir == nullptr) return pieces;
+  while (dirent* entry = readdir(dir)) {
+    if (std::string(entry->d_name).rfind("gpc_tmp_", 0) != 0) continue;
+    const std::string path = std::string("/tmp/") + entry->d_name;
+    const std::string head = ReadFile(path);
+    if (!head.empty() && content.compare(0, head.size(), head) == 0) pieces.push_back(path);
+  }
+  closedir(dir);
+  return pieces;
 }
 
 bool ChildProcess::Spawn(const char* const argv[], const std::string& logPath) {

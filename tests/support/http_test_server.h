@@ -11,6 +11,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 #include <sys/types.h>
 
 namespace gpctest {
@@ -34,6 +35,10 @@ bool WriteFile(const std::string& path, const std::string& data);
 std::string ReadFile(const std::string& path);
 // Deterministic content of `size` bytes that differs with `seed` (no long runs of equal bytes).
 std::string PatternBytes(size_t size, unsigned seed = 1);
+
+// The download client's temporary files ("/tmp/gpc_tmp_...") holding a non-empty beginning of
+// `content`: pieces of that download, whatever other processes write to /tmp meanwhile.
+std::vector<std::string> PiecesInTmp(const std::string& content);
 // Runs argv[0] (searched in PATH) with output to `logPath`, and waits for it. Returns its exit code,
 // or -1 when it could not run.
 int RunCommand(const char* const argv[], const std::string& logPath);
