@@ -1,82 +1,40 @@
 #include "extension_package.h"
 
-#include "gpc_host_run.h"
-
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
-extern char** environ;
+#include "gpc_host_run.h"
+#include "http_test_server.h"
 
 namespace gpctest {
 
 namespace {
 
-// DigestInfo { sha1WithRSASignature (1.3.14.3.2.29) with NULL parameters, the digest's text }:
-// the text is signed as it stands, not hashed again.
-std::string DigestInfo(const std::string& digest) {
-  static const unsigned char kAlgorithm[] = {0x30, 0x09, 0x06, 0x05, 0x2b, 0x0e, 0x03, 0x02, 0x1d, 0x05, 0x00};
-  std::string body(reinterpret_cast<const char*>(kAlgorithm), sizeof kAlgorithm);
-  body += '\x04';
-  body += static_cast<char>(digest.size());
-  body += digest;
-  std::string info;
-  info += '\x30';
-  info += static_cast<char>(body.size());
-  return info + body;
-}
-
-// An unlinked scratch file for a child's output; -1 on failure.
-int AnonymousFile() {
-  const char* home = getenv("GPC_TEST_HOME");
-  std::string pattern = std::string(home != nullptr && *home != '\0' ? home : "/tmp") + "/toolrunXXXXXX";
-  const int fd = mkstemp(&pattern[0]);
-  if (fd >= 0) unlink(pattern.c_str());
-  return fd;
-}
-
-std::string ReadFromStart(int fd) {
-  std::string text;
+// Runs `command` through the shell; returns its standard output and sets `status` as pclose gives it.
+std::string Shell(const std::string& command, int* status) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
   char chunk[4096];
-  ssize_t got;
-  lseek(fd, 0, SEEK_SET);
-  while ((got = read(fd, chunk, sizeof chunk)) > 0) text.append(chunk, static_cast<size_t>(got));
-  return text;
+  for (size_t got; pipe != nullptr && (got = fread(chunk, 1, sizeof chunk, pipe)) > 0;) output.append(chunk, got);
+  *status = pipe != nullptr ? pclose(pipe) : -1;
+  return output;
 }
 
 }  // namespace
 
 ToolRun RunTool(const std::vector<std::string>& argv) {
   ToolRun run;
-  const int out = AnonymousFile(), err = AnonymousFile();
-  std::vector<char*> args;
-  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
-  pid_t pid = -1;
-  int status = 0;
-  if (out >= 0 && err >= 0 && !argv.empty() &&
-      posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) == 0 && waitpid(pid, &status, 0) == pid &&
-      WIFEXITED(status)) {
-    run.exitCode = WEXITSTATUS(status);
-  }
-  posix_spawn_file_actions_destroy(&actions);
-  if (out >= 0) {
-    run.out = ReadFromStart(out);
-    close(out);
-  }
-  if (err >= 0) {
-    run.err = ReadFromStart(err);
-    close(err);
-  }
+  if (argv.empty()) return run;
+  TempFolder folder("toolrun");
+  std::string command = "exec";
+  for (const std::string& arg : argv) command += " " + ShellQuote(arg);
+  int status = -1;
+  run.out = Shell(command + " 2>" + ShellQuote(folder.path() + "/err"), &status);
+  run.err = ReadFile(folder.path() + "/err");
+  if (status != -1 && WIFEXITED(status)) run.exitCode = WEXITSTATUS(status);
   return run;
 }
 
@@ -87,18 +45,17 @@ std::string ShellQuote(const std::string& text) {
 }
 
 std::string ShellOutput(const std::string& command, bool* ok) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) {
-    if (ok != nullptr) *ok = false;
-    return output;
-  }
-  char chunk[4096];
-  size_t got;
-  while ((got = fread(chunk, 1, sizeof chunk, pipe)) > 0) output.append(chunk, got);
-  const int status = pclose(pipe);
+  int status = -1;
+  const std::string output = Shell(command, &status);
   if (ok != nullptr) *ok = status == 0;
   return output;
+}
+
+std::string DigestInfo(const std::string& digest) {
+  // The text is signed as it stands, not hashed again.
+  const std::string algorithm("\x30\x09\x06\x05\x2b\x0e\x03\x02\x1d\x05\x00", 11);
+  const std::string body = algorithm + '\x04' + static_cast<char>(digest.size()) + digest;
+  return '\x30' + (static_cast<char>(body.size()) + body);
 }
 
 PackageSigner::PackageSigner(const std::string& folder) : folder_(folder) {
@@ -115,8 +72,8 @@ bool PackageSigner::Run(const std::string& command) const {
 bool PackageSigner::AddSigner(const std::string& name, const std::string& subject, bool selfSigned) {
   const std::string key = name + ".key", pem = name + ".pem", quotedSubject = ShellQuote(subject);
   if (selfSigned) {
-    return Run("openssl req -x509 -newkey rsa:2048 -nodes -keyout " + key + " -out " + pem +
-               " -days 3650 -subj " + quotedSubject);
+    return Run("openssl req -x509 -newkey rsa:2048 -nodes -keyout " + key + " -out " + pem + " -days 3650 -subj " +
+               quotedSubject);
   }
   return Run("openssl req -new -newkey rsa:2048 -nodes -keyout " + key + " -out " + name + ".csr -subj " +
              quotedSubject) &&
@@ -126,21 +83,19 @@ bool PackageSigner::AddSigner(const std::string& name, const std::string& subjec
 
 std::string PackageSigner::Chain(const std::string& name, bool withRoot) const {
   auto base64Der = [this](const std::string& pem) {
-    return ShellOutput("cd " + ShellQuote(folder_) + " && openssl x509 -in " + pem +
-                       " -outform DER | openssl base64 -A");
+    return ShellOutput("cd " + ShellQuote(folder_) + " && openssl x509 -in " + pem + " -outform DER | openssl base64 -A");
   };
   const std::string leaf = base64Der(name + ".pem");
   return withRoot ? base64Der("root.pem") + "|" + leaf : leaf;
 }
 
 std::string PackageSigner::Sign(const std::string& digest, const std::string& name) const {
-  const std::string input = folder_ + "/digestinfo.bin";
-  std::ofstream(input, std::ios::binary) << DigestInfo(digest);
+  std::ofstream(folder_ + "/digestinfo.bin", std::ios::binary) << DigestInfo(digest);
   // Type 1 padding over the DigestInfo as it stands (pkeyutl refuses inputs longer than a hash).
   bool ok = false;
-  std::string signature = ShellOutput("cd " + ShellQuote(folder_) + " && openssl rsautl -sign -inkey " + name +
-                                          ".key -in digestinfo.bin 2>/dev/null | openssl base64 -A",
-                                      &ok);
+  const std::string signature = ShellOutput("cd " + ShellQuote(folder_) + " && openssl rsautl -sign -inkey " + name +
+                                                ".key -in digestinfo.bin 2>/dev/null | openssl base64 -A",
+                                            &ok);
   return ok ? signature : std::string();
 }
 
@@ -155,30 +110,28 @@ PageParams PackageSigner::PackageParameters(const std::string& package, const st
 
 std::string FileDigest(const std::string& path, const std::string& method) {
   bool ok = false;
-  std::string out = ShellOutput("openssl dgst -" + method + " -r " + ShellQuote(path), &ok);
+  const std::string out = ShellOutput("openssl dgst -" + method + " -r " + ShellQuote(path), &ok);
   return ok ? out.substr(0, out.find(' ')) : std::string();
 }
 
 bool PackExtension(const std::string& bundle, const std::string& version, const std::string& work,
                    const std::string& archive, const std::string& name, const std::string& sevenZipOptions) {
   const std::string copy = work + "/" + name + ".bundle";
-  const std::string plist = copy + "/Contents/Info.plist";
   const std::string command =
       "rm -rf " + ShellQuote(copy) + " && cp -a " + ShellQuote(bundle) + " " + ShellQuote(copy) +
       " && sed -i '/<key>CFBundleVersion<\\/key>/{n;s|<string>.*</string>|<string>" + version + "</string>|}' " +
-      ShellQuote(plist) + " && rm -f " + ShellQuote(archive) + " && cd " + ShellQuote(work) + " && 7z a " +
-      sevenZipOptions + " " + ShellQuote(archive) + " " + ShellQuote(name + ".bundle") + " >/dev/null";
+      ShellQuote(copy + "/Contents/Info.plist") + " && rm -f " + ShellQuote(archive) + " && cd " + ShellQuote(work) +
+      " && 7z a " + sevenZipOptions + " " + ShellQuote(archive) + " " + ShellQuote(name + ".bundle") + " >/dev/null";
   return std::system(command.c_str()) == 0;
 }
 
 PageParams PackWithTheTool(const PackageSigner& signer, const std::string& bundle, const std::string& out) {
   bool ok = false;
-  const std::string printed = ShellOutput(std::string(GPC_BIN_DIR) + "/gpc-pack pack --format json --key " +
-                                              ShellQuote(signer.Path("vendor.key")) + " --cert " +
-                                              ShellQuote(signer.Path("vendor.pem")) + " --chain " +
-                                              ShellQuote(signer.Path("root.pem")) + " --out " + ShellQuote(out) + " " +
-                                              ShellQuote(bundle),
-                                          &ok);
+  const std::string printed =
+      ShellOutput(std::string(GPC_BIN_DIR) + "/gpc-pack pack --format json --key " + ShellQuote(signer.Path("vendor.key")) +
+                      " --cert " + ShellQuote(signer.Path("vendor.pem")) + " --chain " +
+                      ShellQuote(signer.Path("root.pem")) + " --out " + ShellQuote(out) + " " + ShellQuote(bundle),
+                  &ok);
   const std::vector<gpchost::JsonEvent> lines = gpchost::ParseJsonLines(printed);
   if (!ok || lines.empty()) return {};
   PageParams params;
