@@ -1,16 +1,14 @@
 // Certificates, chains and signatures (CertificateUtil.h) and the package check that decides with
 // them (packagecheck.h), in the default and the hardened behaviour.
-//
-// Input: a first byte of switches (bit 0: page form, bit 1: hardened, bit 2: sha256), then
-//  - raw form: a 16-bit big-endian length and that many DER bytes of a certificate, another
-//    length and the signature's bytes, and the signed data (the rest);
+// Input: a byte of switches (1: page form, 2: hardened, 4: sha256), then
+//  - raw form: a 16-bit big-endian length and that many DER bytes of a certificate, another length
+//    and the signature's bytes, and the signed data (the rest);
 //  - page form: the "GpcCertification" line, the "GpcExtSignature" line and the package's bytes
 //    (the rest), whose digest the page is taken to give correctly.
-// The system anchors are the seeds' root alone (SSL_CERT_FILE), so that every run reads one
-// certificate instead of the machine's whole store.
+// The system anchors are the seeds' root alone (SSL_CERT_FILE), not the machine's whole store.
 #include <syslog.h>
 
-#include <cstdarg>
+#include <algorithm>
 #include <string>
 
 #include "CertificateUtil.h"
@@ -25,62 +23,49 @@ extern "C" void syslog(int, const char*, ...) {}
 
 namespace {
 
-struct State {
-  std::string packagePath;
-  GpcCertificateRef anchor;
-  fuzz::ScratchTrace* trace;
-};
-State* g_state = nullptr;
+std::string g_package;
+GpcCertificateRef g_anchor;
+fuzz::ScratchTrace* g_trace = nullptr;
 
 GpcBytes Take(fuzz::Reader& reader, size_t length) {
   GpcBytes bytes;
-  for (size_t i = 0; i < length && !reader.empty(); ++i) bytes.push_back(reader.Byte());
+  while (bytes.size() < length && !reader.empty()) bytes.push_back(reader.Byte());
   return bytes;
 }
 
-void CheckCertificate(const GpcCertificateRef& cert, const GpcBytes& signature, const GpcBytes& data) {
-  const std::string name = CommonNameOfCert(cert.get());
-  if (name.find('\0') != std::string::npos) fuzz::Fail("a common name holds a NUL");
+void RunRaw(fuzz::Reader& reader) {
+  const GpcBytes der = Take(reader, reader.Word()), signature = Take(reader, reader.Word());
+  const GpcBytes data = Take(reader, SIZE_MAX);
+  if (verifyDataWithSSL(nullptr, data, signature)) fuzz::Fail("a signature verified without a key");
+  const GpcCertificateRef cert = SecFromData(der);
+  if (!cert) return;
+  if (CommonNameOfCert(cert.get()).find('\0') != std::string::npos) fuzz::Fail("a common name holds a NUL");
   (void)cert->DerBytes();
   if (RSA* rsa = RSAFromCertification(cert.get())) {
     (void)verifyDataWithSSL(rsa, data, signature);
     CryptoWrapper::sharedInstance()->RSA_free()(rsa);
   }
   (void)TrustCertification(cert, GpcCertificateList{});
-  (void)ChainIsTrustedBy(cert, GpcCertificateList{}, GpcCertificateList{g_state->anchor});
-}
-
-void RunRaw(fuzz::Reader& reader) {
-  const GpcBytes der = Take(reader, reader.Word());
-  const GpcBytes signature = Take(reader, reader.Word());
-  GpcBytes data;
-  while (!reader.empty()) data.push_back(reader.Byte());
-  if (GpcCertificateRef cert = SecFromData(der)) CheckCertificate(cert, signature, data);
-  // No key verifies anything.
-  if (verifyDataWithSSL(nullptr, data, signature)) fuzz::Fail("a signature verified without a key");
-}
-
-std::string NextLine(const std::string& text, size_t* at) {
-  const size_t end = text.find('\n', *at);
-  const std::string line = text.substr(*at, end == std::string::npos ? std::string::npos : end - *at);
-  *at = end == std::string::npos ? text.size() : end + 1;
-  return line;
+  (void)ChainIsTrustedBy(cert, GpcCertificateList{}, GpcCertificateList{g_anchor});
 }
 
 void RunPage(const std::string& text, bool sha256) {
   size_t at = 0;
+  auto line = [&text, &at] {
+    const size_t end = std::min(text.find('\n', at), text.size());
+    const std::string piece = text.substr(at, end - at);
+    at = std::min(end + 1, text.size());
+    return piece;
+  };
   GpcPackageParameters page;
-  page.certification = NextLine(text, &at);
-  page.signature = NextLine(text, &at);
+  page.certification = line();
+  page.signature = line();
   page.method = sha256 ? "sha256" : "sha1";
-  const std::string package = text.substr(at);
-  fuzz::WriteFile(g_state->packagePath, package.data(), package.size());
-  page.hash = sha256 ? Sha256OfFile(g_state->packagePath.c_str()) : Sha1OfFile(g_state->packagePath.c_str());
-  const GpcPackageVerdict verdict = CheckPackage(g_state->packagePath.c_str(), page, 0x1060);
-  if (verdict.accepted() && verdict.message() != 0) fuzz::Fail("an accepted package shows message %d", verdict.message());
-  if (!verdict.accepted() && verdict.message() != 111 && verdict.message() != 103) {
-    fuzz::Fail("a refused package shows message %d", verdict.message());
-  }
+  fuzz::WriteFile(g_package, text.data() + at, text.size() - at);
+  page.hash = sha256 ? Sha256OfFile(g_package.c_str()) : Sha1OfFile(g_package.c_str());
+  const GpcPackageVerdict verdict = CheckPackage(g_package.c_str(), page, 0x1060);
+  const int message = verdict.message();
+  if (verdict.accepted() ? message != 0 : message != 111 && message != 103) fuzz::Fail("message %d shown", message);
   (void)PackageCheckName(verdict.check);
 }
 
@@ -89,9 +74,10 @@ void RunPage(const std::string& text, bool sha256) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   setenv("SSL_CERT_FILE", GPC_FUZZ_ANCHOR_FILE, 1);
   const std::string folder = fuzz::MakeScratchFolder("cert");
-  g_state = new State{folder + "/package.7z", SecFromFile(GPC_FUZZ_ANCHOR_DER_FILE), nullptr};
-  if (!g_state->anchor) fuzz::Fail("cannot read the anchor %s", GPC_FUZZ_ANCHOR_DER_FILE);
-  g_state->trace = new fuzz::ScratchTrace(folder);
+  g_package = folder + "/package.7z";
+  g_anchor = SecFromFile(GPC_FUZZ_ANCHOR_DER_FILE);
+  if (!g_anchor) fuzz::Fail("cannot read the anchor %s", GPC_FUZZ_ANCHOR_DER_FILE);
+  g_trace = new fuzz::ScratchTrace(folder);
   return 0;
 }
 
@@ -105,6 +91,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     RunPage(size > 0 ? fuzz::AsText(data + 1, size - 1) : std::string(), (switches & 4) != 0);
   }
   gpc::SetHardenedForTesting(-1);
-  g_state->trace->Tick();
+  g_trace->Tick();
   return 0;
 }
