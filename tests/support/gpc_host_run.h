@@ -3,8 +3,9 @@
 // No gtest here: benchmarks compile this file too.
 #pragma once
 #include <string>
-#include <sys/types.h>
 #include <vector>
+
+#include "http_test_server.h"
 
 namespace gpchost {
 
@@ -36,31 +37,18 @@ HostRun RunHost(const std::vector<std::string>& args);
 // Parses JSON lines (blank lines skipped).
 std::vector<JsonEvent> ParseJsonLines(const std::string& text);
 
-// tests/support/recording_http_server.py on 127.0.0.1, stopped by the destructor.
-class RecordingServer {
+// The loopback server answering 200 "ok" to every path it has no file or scripted answer for.
+class RecordingServer : public gpctest::LoopbackServer {
  public:
-  RecordingServer();
-  ~RecordingServer();
-  RecordingServer(const RecordingServer&) = delete;
-  RecordingServer& operator=(const RecordingServer&) = delete;
-
-  // Starts the server with `--fail` rules (SUBSTRING=STATUS[xCOUNT]); false when it does not
-  // come up within a few seconds.
+  // `fail_rules` (SUBSTRING=STATUS[xCOUNT]) answer STATUS to paths holding SUBSTRING, the first
+  // COUNT times (always without COUNT).
   bool Start(const std::vector<std::string>& fail_rules = {});
-  void Stop();
-  std::string Url(const std::string& path) const;
-  // Every request so far: fields method, path, body.
-  std::vector<JsonEvent> Requests() const;
-
- private:
-  std::string folder_;
-  pid_t pid_ = -1;
-  int port_ = 0;
+  // Every request so far: fields method, path (with query), body.
+  std::vector<JsonEvent> Requests() const { return ParseJsonLines(gpctest::ReadFile(AccessLogPath())); }
 };
 
-// A fresh folder under $GPC_TEST_HOME (else /tmp); removed by RemoveTree.
-std::string MakeTempFolder(const std::string& prefix);
-void RemoveTree(const std::string& path);
-std::string ReadWholeFile(const std::string& path);
+using gpctest::MakeTempFolder;
+using gpctest::RemoveTree;
+inline std::string ReadWholeFile(const std::string& path) { return gpctest::ReadFile(path); }
 
 }  // namespace gpchost
