@@ -1,419 +1,229 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include <algorithm>
-#include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "gpcutil.h"
 #include "platform/clock.h"
-#include "util_test_folder.h"
+#include "scoped_env.h"
 #include "trace_capture.h"
+#include "util_test_folder.h"
 
 namespace {
 
-class UtilTest : public ::testing::Test {
- protected:
-  void SetUp() override { ClearCapturedTraces(); }
-  ScratchFolder dir_;
-};
+using V = std::vector<std::string>;
 
-bool AssertLogged(const char* expression) {
-  std::string wanted = std::string("ASSERT ") + expression + " failed at file src/classic_client/gpc/common/gpcutil, line ";
-  return TraceContains(3, wanted);
-}
-
-// ---- Profile files ----
-
-class ProfileTest : public UtilTest {
- protected:
-  std::string Profile(const std::string& text) { return dir_.Write("settings.ini", text); }
-  std::string Read(const char* section, const char* key, const char* def = "none", size_t size = 256) {
+TEST(Profile, ValuesAsTheReaderFindsThem) {
+  const std::string longLines = "[A]\n" + std::string(2047, 'x') + "Key=tail\nBig=" + std::string(3000, 'v') + "\n";
+  struct Case { std::string text; const char *section, *key, *def; size_t size; std::string want; };
+  const Case cases[] = {
+      {"[Main]\nPath = 'x y' \n[Other]\n", "main", "PATH", "d", 256, "x y"},  // names ignore case
+      {"[ Main ]\r\nName=\" a b \"\r\n", "MAIN", "name", "d", 256, "a b"},
+      {"[A]\nOdd='x\"\nOne=\"\n", "A", "Odd", "d", 256, "'x\""},  // quotes that differ are kept
+      {"[A]\nOdd='x\"\nOne=\"\n", "A", "One", "d", 256, "\""},
+      {"Key=early\n[A]\nother=1\n[B]\nKey=late\n", "A", "Key", "d", 256, "d"},
+      {"Key=early\n[A]\nother=1\n[B]\nKey=late\n", "B", "Key", "d", 256, "late"},
+      {"[A]\nlist=[1]\nKey=v\n", "A", "Key", "d", 256, "d"},  // a bracketed value is a section line
+      {"[A]\nlist=[1]\nKey=v\n", "A", "list", "d", 256, "d"},
+      {"[A]\n;Key=commented\n#x = 2\nno equals\n", "A", ";Key", "d", 256, "commented"},  // no comments
+      {"[A]\n;Key=commented\n#x = 2\nno equals\n", "A", "#x", "d", 256, "2"},
+      {"[A]\n;Key=commented\n#x = 2\nno equals\n", "A", "Key", "d", 256, "d"},
+      {longLines, "A", "Key", "d", 256, "tail"},  // 2047 characters make one read
+      {longLines, "A", "Big", "d", 256, std::string(255, 'v')},
+      {"", "A", "Key", "abcdef", 4, "abc"},  // "" stands for a missing file
+      {"", "A", "Key", nullptr, 256, ""},
+      {"[A]\nKey=abcdef\n", "A", "Key", "d", 4, "abc"},
+      {"[A]\nKey=abcdef\n", "A", "Nope", "d", 256, "d"},
+  };
+  ScratchFolder dir;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text.substr(0, 40) + " " + c.key);
+    std::string path = c.text.empty() ? dir / "missing.ini" : dir.Write("p.ini", c.text);
     char dest[256];
-    size_t len = ZRGetPrivateProfileString(section, key, def, dest, size, path_.c_str());
-    EXPECT_EQ(len, std::strlen(dest));
-    return dest;
+    size_t len = ZRGetPrivateProfileString(c.section, c.key, c.def, dest, c.size, path.c_str());
+    EXPECT_EQ(dest, c.want);
+    EXPECT_EQ(len, c.want.size());
   }
-  std::string path_;
-};
+  std::string path = dir.Write("n.ini", "[A]\nn=12abc\nneg=  -7 \nword=abc\nempty=\nhuge=99999999999\n");
+  const std::pair<const char*, int> numbers[] = {{"n", 12},    {"neg", -7},  {"word", 5},
+                                                 {"empty", 5}, {"absent", 5}, {"huge", 2147483647}};
+  for (const auto& [key, want] : numbers) EXPECT_EQ(ZRGetPrivateProfileInt("A", key, 5, path.c_str()), want) << key;
+  EXPECT_EQ(ZRGetPrivateProfileInt("A", "n", 5, (dir / "missing.ini").c_str()), 5);
 
-TEST_F(ProfileTest, QuotedValueIsUnquotedAndTrimmedWithCaseFreeNames) {
-  path_ = Profile("[Main]\nPath = 'x y' \n[Other]\n");
-  EXPECT_EQ(Read("main", "PATH"), "x y");
-  path_ = Profile("[ Main ]\r\nName=\" a b \"\r\nOdd='x\"\r\nOne=\"\r\n");
-  EXPECT_EQ(Read("MAIN", "name"), "a b");
-  EXPECT_EQ(Read("Main", "Odd"), "'x\"");  // quotes differ: kept
-  EXPECT_EQ(Read("Main", "One"), "\"");    // a lone quote is no pair
-}
-
-TEST_F(ProfileTest, SectionBoundariesDecideWhatIsFound) {
-  path_ = Profile("Key=early\n[A]\nother=1\n[B]\nKey=late\n");
-  EXPECT_EQ(Read("A", "Key"), "none");  // only after the next section header
-  EXPECT_EQ(Read("B", "Key"), "late");
-  path_ = Profile("[A]\nlist=[1]\nKey=v\n");
-  EXPECT_EQ(Read("A", "Key"), "none");  // a value with both brackets is a section line
-  EXPECT_EQ(Read("A", "list"), "none");
-  path_ = Profile("[A]\n;Key=commented\n#x = 2\nno equals here\n");
-  EXPECT_EQ(Read("A", ";Key"), "commented");  // no comment syntax
-  EXPECT_EQ(Read("A", "#x"), "2");
-  EXPECT_EQ(Read("A", "Key"), "none");
-}
-
-TEST_F(ProfileTest, ReadingContinuesFromTheFilesPosition) {
-  path_ = Profile("[A]\nk=1\n[A]\nk=2\n");
-  FILE* file = fopen(path_.c_str(), "r");
+  FILE* file = fopen(dir.Write("r.ini", "[A]\nk=1\n[A]\nk=2\n").c_str(), "r");  // reads go on from the position
   ASSERT_NE(file, nullptr);
   char dest[16];
-  ASSERT_TRUE(ZRReadIni(file, "a", "K", dest, sizeof dest));
-  EXPECT_STREQ(dest, "1");
-  ASSERT_TRUE(ZRReadIni(file, "a", "K", dest, sizeof dest));
-  EXPECT_STREQ(dest, "2");
+  for (const char* want : {"1", "2"}) {
+    ASSERT_TRUE(ZRReadIni(file, "a", "K", dest, sizeof dest));
+    EXPECT_STREQ(dest, want);
+  }
   EXPECT_FALSE(ZRReadIni(file, "a", "K", dest, sizeof dest));
   fclose(file);
 }
 
-TEST_F(ProfileTest, LongLinesContinueAsTheNextRead) {
-  // The first 2047 characters form one read without "=", the rest reads as a line of its own.
-  path_ = Profile("[A]\n" + std::string(2047, 'x') + "Key=tail\n" + "Big=" + std::string(3000, 'v') + "\n");
-  EXPECT_EQ(Read("A", "Key"), "tail");
-  std::string big = Read("A", "Big");
-  EXPECT_EQ(big, std::string(255, 'v'));  // bounded by the buffer, always terminated
-}
-
-TEST_F(ProfileTest, DefaultIsBoundedAndUsedForMissingFileOrKey) {
-  path_ = dir_ / "missing.ini";
-  EXPECT_EQ(Read("A", "Key", "abcdef", 4), "abc");
-  EXPECT_EQ(Read("A", "Key", nullptr), "");
-  path_ = Profile("[A]\nKey=abcdef\n");
-  EXPECT_EQ(Read("A", "Key", "d", 4), "abc");
-  EXPECT_EQ(Read("A", "Nope", "d"), "d");
-}
-
-TEST_F(ProfileTest, IntegersParseLeadingNumberOnly) {
-  path_ = Profile("[A]\nn=12abc\nneg=  -7 \nword=abc\nempty=\nhuge=99999999999\n");
-  EXPECT_EQ(ZRGetPrivateProfileInt("A", "n", 5, path_.c_str()), 12);
-  EXPECT_EQ(ZRGetPrivateProfileInt("A", "neg", 5, path_.c_str()), -7);
-  EXPECT_EQ(ZRGetPrivateProfileInt("A", "word", 5, path_.c_str()), 5);
-  EXPECT_EQ(ZRGetPrivateProfileInt("A", "empty", 5, path_.c_str()), 5);
-  EXPECT_EQ(ZRGetPrivateProfileInt("A", "huge", 5, path_.c_str()), 2147483647);
-  EXPECT_EQ(ZRGetPrivateProfileInt("A", "absent", 5, path_.c_str()), 5);
-  EXPECT_EQ(ZRGetPrivateProfileInt("A", "n", 5, (dir_ / "missing.ini").c_str()), 5);
-}
-
-// ---- Text helpers ----
-
-TEST_F(UtilTest, TrimmingCutsBothEndsInPlace) {
+TEST(Text, TrimDivideReplace) {
   char blanks[] = " \t\r\n ";
-  char* trimmed = ZRTrimString(blanks);
-  EXPECT_STREQ(trimmed, "");
-  EXPECT_EQ(blanks[0], '\0');
+  EXPECT_STREQ(ZRTrimString(blanks), "");
   char text[] = "\t a b \r\n";
-  trimmed = ZRTrimStringA(text);
-  EXPECT_STREQ(trimmed, "a b");
-  EXPECT_EQ(trimmed, text + 2);
-  EXPECT_TRUE(CapturedTracesSnapshot().empty());
+  EXPECT_EQ(ZRTrimStringA(text), text + 2);
+  EXPECT_STREQ(text + 2, "a b");
   EXPECT_EQ(ZRTrimString(nullptr), nullptr);
-  EXPECT_TRUE(AssertLogged("lpszString"));
+
+  const std::tuple<const char*, const char*, V> pieces[] = {
+      {"a,,b", ",", {"a", "", "b"}}, {",a", ",", {"", "a"}}, {"a,", ",", {"a"}},  // no trailing empty piece
+      {",,", ",", {"", ""}},         {"1 2\t3", " \t", {"1", "2", "3"}},          {"", ",", {}},
+      {"abc", "", {}},               {"abc", ";", {"abc"}}};
+  for (const auto& [in, seps, want] : pieces) EXPECT_EQ(divideStr(in, seps), want) << in;
+
+  const std::tuple<std::string, const char*, const char*, const char*> replaced[] = {
+      {"aXbX", "X", "XX", "aXXbXX"}, {"aaa", "aa", "b", "ba"}, {"abc", "", "z", "abc"}, {"a.b.c", ".", "", "abc"}};
+  for (auto [in, from, to, want] : replaced) {
+    EXPECT_EQ(&replaceall(in, from, to), &in);
+    EXPECT_EQ(in, want);
+  }
 }
 
-TEST_F(UtilTest, DivideKeepsInnerEmptyPiecesAndDropsTrailingOne) {
-  using V = std::vector<std::string>;
-  EXPECT_EQ(divideStr("a,,b", ","), (V{"a", "", "b"}));
-  EXPECT_EQ(divideStr(",a", ","), (V{"", "a"}));
-  EXPECT_EQ(divideStr("a,", ","), (V{"a"}));
-  EXPECT_EQ(divideStr(",,", ","), (V{"", ""}));
-  EXPECT_EQ(divideStr("1 2\t3", " \t"), (V{"1", "2", "3"}));
-  EXPECT_EQ(divideStr("", ","), V{});
-  EXPECT_EQ(divideStr("abc", ""), V{});
-  EXPECT_EQ(divideStr("abc", ";"), (V{"abc"}));
-}
-
-TEST_F(UtilTest, ReplaceAllDoesNotRescanReplacements) {
-  std::string text = "aXbX";
-  EXPECT_EQ(replaceall(text, "X", "XX"), "aXXbXX");
-  EXPECT_EQ(text, "aXXbXX");
-  text = "aaa";
-  EXPECT_EQ(replaceall(text, "aa", "b"), "ba");
-  text = "abc";
-  EXPECT_EQ(replaceall(text, "", "z"), "abc");
-  text = "a.b.c";
-  EXPECT_EQ(replaceall(text, ".", ""), "abc");
-}
-
-// ---- Clock ----
-
-TEST(Clock, TicksFollowInjectedClockRestartOnBackwardsAndWrap) {
-  int64_t now = 1000000;  // far before any real clock: the first read restarts the count
+TEST(Clock, TicksFollowTheClockRestartOnBackwardsAndWrap) {
+  int64_t now = 0;  // far before any real clock: the first read restarts the count
   platform::SetWallClockOverride([&] { return now; });
-  EXPECT_EQ(GetTickCount(), 0u);
-  now += 1500 * 1000 + 999;  // sub-millisecond parts are dropped
-  EXPECT_EQ(GetTickCount(), 1500u);
-  now = 500000;  // a clock earlier than the start restarts the count at 0
-  EXPECT_EQ(GetTickCount(), 0u);
-  now += 7000;
-  EXPECT_EQ(GetTickCount(), 7u);
-  now += (int64_t(1) << 32) * 1000;  // wraps at 2^32 ms
-  EXPECT_EQ(GetTickCount(), 7u);
+  // Sub-millisecond parts are dropped; an earlier clock restarts at 0; the count wraps at 2^32 ms.
+  const std::pair<int64_t, uint32_t> steps[] = {
+      {1000000, 0}, {2500999, 1500}, {500000, 0}, {507000, 7}, {507000 + (int64_t(1) << 32) * 1000, 7}};
+  for (const auto& [at, ticks] : steps) {
+    now = at;
+    EXPECT_EQ(GetTickCount(), ticks) << now;
+  }
   platform::SetWallClockOverride(nullptr);
-  GetTickCount();  // the real clock is later: counting simply goes on from the old start
-}
-
-TEST(Clock, SequenceDistanceAcrossWrap) {
   EXPECT_EQ(CalcSequenceDistance(0xFFFFFFF0u, 0x10u), 0x20u);
   EXPECT_EQ(CalcSequenceDistance(5u, 3u), 0xFFFFFFFEu);
-  EXPECT_EQ(CalcSequenceDistance(7u, 7u), 0u);
 }
 
-// ---- Folders and files ----
+TEST(Files, FoldersTempNamesAndListings) {
+  EXPECT_TRUE(isDir(GetApplicationSupportDirectory()));
+  EXPECT_EQ(GetTempPath().back(), '/');
+  {
+    ScopedEnv xdg("XDG_DATA_HOME", "/proc/no-such-place/data");
+    EXPECT_EQ(GetApplicationSupportDirectory(), "");
+  }
+  ScratchFolder dir;
+  EXPECT_TRUE(MakeDirectory(dir / "one"));
+  EXPECT_TRUE(isDir(dir / "one"));
+  EXPECT_FALSE(MakeDirectory(dir / "one"));
+  EXPECT_FALSE(MakeDirectory(dir / "two/three"));
 
-TEST_F(UtilTest, FoldersComeFromThePlatform) {
-  std::string support = GetApplicationSupportDirectory();
-  ASSERT_FALSE(support.empty());
-  EXPECT_TRUE(isDir(support.c_str()));
-  std::string temp = GetTempPath();
-  ASSERT_FALSE(temp.empty());
-  EXPECT_EQ(temp.back(), '/');
-
-  const char* old = getenv("XDG_DATA_HOME");
-  std::string saved = old ? old : "";
-  setenv("XDG_DATA_HOME", "/proc/no-such-place/data", 1);
-  EXPECT_EQ(GetApplicationSupportDirectory(), "");
-  EXPECT_TRUE(AssertLogged("path"));
-  if (old != nullptr) setenv("XDG_DATA_HOME", saved.c_str(), 1); else unsetenv("XDG_DATA_HOME");
-}
-
-TEST_F(UtilTest, MakeDirectoryCreatesOneLevel) {
-  EXPECT_TRUE(MakeDirectory(dir_ / "one"));
-  struct stat info;
-  ASSERT_EQ(stat((dir_ / "one").c_str(), &info), 0);
-  EXPECT_TRUE(S_ISDIR(info.st_mode));
-  EXPECT_FALSE(MakeDirectory(dir_ / "one"));  // exists already
-  EXPECT_FALSE(MakeDirectory(dir_ / "two/three"));
-}
-
-TEST_F(UtilTest, TempFileNameStaysUntilTheFileIsMade) {
-  std::string folder = dir_.path() + "/";
-  std::string first, again, next;
+  std::string folder = dir.path() + "/", first, again;
   uint32_t n = GetTempFileName(folder.c_str(), "APK", first);
-  ASSERT_NE(n, 0u);
   EXPECT_EQ(first, folder + "APK" + std::to_string(n) + ".tmp");
-  EXPECT_EQ(GetTempFileName(folder.c_str(), "APK", again), n);
-  EXPECT_EQ(again, first);
-  dir_.Write("APK" + std::to_string(n) + ".tmp");
-  dir_.Write("APK" + std::to_string(n + 1) + ".tmp");
-  EXPECT_EQ(GetTempFileName(folder.c_str(), "APK", next), n + 2);
-  EXPECT_EQ(next, folder + "APK" + std::to_string(n + 2) + ".tmp");
-  EXPECT_EQ(GetTempFileName(nullptr, "APK", next), 0u);
-}
-
-TEST_F(UtilTest, TempFileNameGivesUpAbove9999) {
-  std::string folder = dir_.path() + "/";
-  // In a child process, so the exhausted counter does not outlive this test.
-  EXPECT_EXIT(
+  EXPECT_EQ(GetTempFileName(folder.c_str(), "APK", again), n);  // the name is free until the file is made
+  dir.Write("APK" + std::to_string(n) + ".tmp");
+  dir.Write("APK" + std::to_string(n + 1) + ".tmp");
+  EXPECT_EQ(GetTempFileName(folder.c_str(), "APK", again), n + 2);
+  EXPECT_EQ(GetTempFileName(nullptr, "APK", again), 0u);
+  EXPECT_EXIT(  // a child process, so the exhausted counter does not outlive this test
       {
-        std::string name;
-        uint32_t n = GetTempFileName(folder.c_str(), "T", name);
-        for (uint32_t i = n; i <= 9999; ++i) close(creat((folder + "T" + std::to_string(i) + ".tmp").c_str(), 0644));
-        bool gave_up = GetTempFileName(folder.c_str(), "T", name) == 0;
-        bool stays_given_up = GetTempFileName(folder.c_str(), "other", name) == 0;
-        exit(gave_up && stays_given_up ? 0 : 1);
+        uint32_t i = GetTempFileName(folder.c_str(), "T", again);
+        for (; i <= 9999; ++i) close(creat((folder + "T" + std::to_string(i) + ".tmp").c_str(), 0644));
+        bool gaveUp = GetTempFileName(folder.c_str(), "T", again) == 0;
+        exit(gaveUp && GetTempFileName(folder.c_str(), "U", again) == 0 ? 0 : 1);  // and stays given up
       },
       ::testing::ExitedWithCode(0), "");
-}
 
-TEST_F(UtilTest, LinkAndFolderTestsDoNotFollowLinks) {
-  std::string folder = dir_.Folder("sub");
-  std::string link = dir_.Link("to-sub", folder);
-  std::string file = dir_.Write("file.txt");
-  EXPECT_TRUE(isDir(folder));
-  EXPECT_FALSE(isDir(link));
-  EXPECT_TRUE(isLink(link));
-  EXPECT_FALSE(isLink(file));
-  EXPECT_FALSE(isDir(dir_ / "missing"));
+  ScratchFolder list;
+  list.Lay("f/ a.txt l@f dangling@nowhere");
+  std::string file = list / "a.txt", link = list / "l";
+  EXPECT_TRUE(isDir(list / "f") && !isDir(link) && isLink(link) && !isLink(file) && !isDir(list / "missing"));
   EXPECT_FALSE(isLink(static_cast<const char*>(nullptr)));
-  EXPECT_TRUE(AssertLogged("path"));
-}
-
-TEST_F(UtilTest, FileExistsOnPlainFilesTouchesNothing) {
-  std::string text = dir_.Write("notes.txt");
-  EXPECT_TRUE(FileExists(text));
-  EXPECT_TRUE(FileExists(dir_.path()));
-  EXPECT_FALSE(FileExists(dir_ / "missing.txt"));
-  EXPECT_FALSE(FileExists(""));
-  EXPECT_FALSE(FileExists(static_cast<const char*>(nullptr)));
+  EXPECT_TRUE(FileExists(file) && FileExists(list.path()));
+  EXPECT_FALSE(FileExists(list / "missing") || FileExists("") || FileExists(static_cast<const char*>(nullptr)));
   std::vector<FSDirectoryItem> items;
-  ASSERT_EQ(FSGetDirectoryItems(dir_.path(), items), FSListStatus::kListed);
-  EXPECT_EQ(items.size(), 1u);
-  EXPECT_TRUE(CapturedTracesSnapshot().empty());
-}
-
-TEST_F(UtilTest, DirectoryItemsTellLinksFoldersAndFilesApart) {
-  dir_.Folder("f");
-  dir_.Write("a.txt");
-  dir_.Link("l", "a.txt");
-  dir_.Link("dangling", "nowhere");
-  std::vector<FSDirectoryItem> items;
-  ASSERT_EQ(FSGetDirectoryItems(dir_.path(), items), FSListStatus::kListed);
-  ASSERT_EQ(items.size(), 4u);
+  ASSERT_EQ(FSGetDirectoryItems(list.path(), items), FSListStatus::kListed);
   std::sort(items.begin(), items.end(), [](auto& a, auto& b) { return a.name < b.name; });
-  EXPECT_EQ(items[0].name, "a.txt");
-  EXPECT_FALSE(items[0].isAlias || items[0].isFolder);
-  EXPECT_TRUE(items[1].isAlias);
-  EXPECT_TRUE(items[2].isFolder);
-  EXPECT_TRUE(items[3].isAlias);
-  EXPECT_EQ(FSGetDirectoryItems(dir_ / "a.txt", items), FSListStatus::kFolderNotFound);
+  std::string kinds;
+  for (const auto& item : items) kinds += item.name + (item.isAlias ? "@" : "") + (item.isFolder ? "/" : "") + " ";
+  EXPECT_EQ(kinds, "a.txt dangling@ f/ l@ ");
+  EXPECT_EQ(FSGetDirectoryItems(file, items), FSListStatus::kFolderNotFound);
   EXPECT_TRUE(items.empty());
-  EXPECT_EQ(FSGetDirectoryItems(dir_ / "missing", items), FSListStatus::kFolderNotFound);
 }
 
-TEST_F(UtilTest, DeleteFilesRemovesOnlyMatchingVersionsOfOneLibrary) {
-  dir_.Write("libfoo-1.0.so");
-  dir_.Write("libfoo-2.0.so");
-  dir_.Write("libfoo-2.0.dylib");
-  dir_.Write("libbar-1.0.so");
-  dir_.Write("libfoo.so");
-  dir_.Link("libfoo-3.0.so", "libfoo-2.0.so");
-  dir_.Folder("libfoo-4.0.so");
-  DeleteFiles(dir_.path().c_str(), "libfoo", "so");
-  EXPECT_FALSE(Exists(dir_ / "libfoo-1.0.so"));
-  EXPECT_FALSE(Exists(dir_ / "libfoo-2.0.so"));
-  for (const char* kept : {"libfoo-2.0.dylib", "libbar-1.0.so", "libfoo.so", "libfoo-3.0.so", "libfoo-4.0.so"}) {
-    EXPECT_TRUE(Exists(dir_ / kept)) << kept;
-  }
-  DeleteFiles(dir_.path().c_str(), "", "");  // any name-version file
-  EXPECT_FALSE(Exists(dir_ / "libfoo-2.0.dylib"));
-  EXPECT_FALSE(Exists(dir_ / "libbar-1.0.so"));
-  EXPECT_TRUE(Exists(dir_ / "libfoo.so"));
-  DeleteFiles((dir_ / "missing").c_str(), "libfoo", "so");  // left alone
+TEST(Files, DeleteFilesRemovesOnlyMatchingVersionsOfOneLibrary) {
+  ScratchFolder dir;
+  dir.Lay("libfoo-1.0.so libfoo-2.0.so libfoo-2.0.dylib libbar-1.0.so libfoo.so libfoo-3.0.so@libfoo-2.0.so libfoo-4.0.so/");
+  DeleteFiles(dir.path().c_str(), "libfoo", "so");
+  EXPECT_EQ(dir.Describe(), "libbar-1.0.so libfoo-2.0.dylib libfoo-3.0.so@libfoo-2.0.so libfoo-4.0.so/ libfoo.so");
+  DeleteFiles(dir.path().c_str(), "", "");  // any name-version file
+  EXPECT_EQ(dir.Describe(), "libfoo-3.0.so@libfoo-2.0.so libfoo-4.0.so/ libfoo.so");
+  DeleteFiles((dir / "missing").c_str(), "libfoo", "so");
   DeleteFiles(nullptr, "libfoo", "so");
-  EXPECT_TRUE(AssertLogged("lpszFolder"));
 }
 
-TEST_F(UtilTest, ProcessLookupIgnoresCase) {
-  // Another copy of this program may be running: any match must carry this program's name.
-  auto name_of = [](pid_t pid) {
-    std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+TEST(Files, ProcessLookupIgnoresCase) {
+  auto name_of = [](pid_t pid) {  // another copy of this program may be running
     std::string name;
-    std::getline(comm, name);
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), name);
     return name;
   };
-  EXPECT_EQ(name_of(GetPIDForProcessName("gpcutil_test")), "gpcutil_test");
   EXPECT_EQ(name_of(GetPIDForProcessName("GPCUTIL_TEST")), "gpcutil_test");
   EXPECT_EQ(GetPIDForProcessName("no-such-process"), 0);
   EXPECT_EQ(GetPIDForProcessName(nullptr), 0);
 }
 
-// ---- RemoveFile ----
-
-// Sets or clears the immutable attribute; even root cannot unlink or rename such an entry.
+// Even root cannot unlink or rename an entry with the immutable attribute.
 bool SetImmutable(const std::string& path, bool on) {
   int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
-  if (fd < 0) return false;
   int flags = 0;
-  bool ok = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-  if (ok) {
-    flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-    ok = ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-  }
-  close(fd);
+  bool ok = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+  flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+  ok = ok && ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+  if (fd >= 0) close(fd);
   return ok;
 }
 
-// Keeps an entry immutable for one test and always releases it, so scratch folders can go.
-class ImmutableEntry {
- public:
-  explicit ImmutableEntry(std::string path) : path_(std::move(path)), set_(SetImmutable(path_, true)) {}
-  ~ImmutableEntry() { Release(); }
-  bool set() const { return set_; }
-  void Release() {
-    if (set_) SetImmutable(path_, false);
-    set_ = false;
-  }
-  void Follow(const std::string& moved) { path_ = moved; }
-
- private:
-  std::string path_;
-  bool set_;
-};
-
-TEST_F(UtilTest, RemoveFileOfMissingOrEmptyPathFailsSilently) {
-  EXPECT_FALSE(RemoveFile(dir_ / "missing"));
-  EXPECT_FALSE(RemoveFile(""));
-  EXPECT_FALSE(RemoveFile(static_cast<const char*>(nullptr)));
-  EXPECT_TRUE(CapturedTracesSnapshot().empty());
-}
-
-TEST_F(UtilTest, RemoveFileTakesFolderWithContentsButNotLinkTargets) {
-  ScratchFolder outside;
+TEST(RemoveFile, PlainEntriesGoAndLinkTargetsStay) {
+  ScratchFolder dir, outside;
   std::string kept = outside.Write("keep/me.txt");
-  std::string bundle = dir_.Folder("ext.bundle");
-  dir_.Write("ext.bundle/Contents/MacOS/ext", "elf");
-  dir_.Write("ext.bundle/Contents/Info.plist");
-  dir_.Link("ext.bundle/Contents/outside", outside.path() + "/keep");
+  std::string bundle = dir.Folder("ext.bundle");
+  dir.Write("ext.bundle/Contents/MacOS/ext", "elf");
+  dir.Link("ext.bundle/Contents/outside", outside / "keep");
   EXPECT_TRUE(RemoveFile(bundle));
   EXPECT_FALSE(Exists(bundle));
   EXPECT_TRUE(Exists(kept));
-  EXPECT_TRUE(TraceContains(1, "RemoveFile: remove file[" + bundle + "] success!"));
-
-  std::string file = dir_.Write("APK1.tmp");
-  EXPECT_TRUE(RemoveFile(file));
-  EXPECT_FALSE(Exists(file));
+  EXPECT_TRUE(RemoveFile(dir.Write("APK1.tmp")));
+  EXPECT_FALSE(Exists(dir / "APK1.tmp"));
+  EXPECT_FALSE(RemoveFile(dir / "missing") || RemoveFile("") || RemoveFile(static_cast<const char*>(nullptr)));
 }
 
-TEST_F(UtilTest, RemoveFileMovesAnUndeletableFolderAsideUnderAHiddenName) {
-  std::string folder = dir_.Folder("ext.bundle");
-  std::string stuck = dir_.Write("ext.bundle/stuck");
-  ImmutableEntry guard(stuck);
-  if (!guard.set()) GTEST_SKIP() << "this file system or user cannot set the immutable attribute";
-
-  EXPECT_TRUE(RemoveFile(folder));
-  EXPECT_FALSE(Exists(folder));
-  EXPECT_TRUE(TraceContains(1, "RemoveFile: remove file[" + folder + "] failed!"));
-  std::vector<FSDirectoryItem> items;
-  ASSERT_EQ(FSGetDirectoryItems(dir_.path(), items), FSListStatus::kListed);
-  ASSERT_EQ(items.size(), 1u);
-  EXPECT_EQ(items[0].name.rfind(".ext.bundle.", 0), 0u) << items[0].name;
-  guard.Follow(dir_ / items[0].name + "/stuck");
-}
-
-TEST_F(UtilTest, RemoveFileFallsBackToDeltmpWhenNoHiddenNameCanBeBuilt) {
-  std::string folder = dir_.Folder("pkg");
-  ImmutableEntry guard(dir_.Write("pkg/stuck"));
-  if (!guard.set()) GTEST_SKIP() << "this file system or user cannot set the immutable attribute";
-  char cwd[4096];
-  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-  ASSERT_EQ(chdir(dir_.path().c_str()), 0);
-  bool removed = RemoveFile("pkg");  // a bare name has no parent for the hidden name
-  ASSERT_EQ(chdir(cwd), 0);
-  EXPECT_TRUE(removed);
-  EXPECT_TRUE(TraceContains(3, "RemoveFile: combine new name failed!"));
-  EXPECT_FALSE(Exists(folder));
-  EXPECT_TRUE(Exists(dir_ / "pkg.deltmp/stuck"));
-  guard.Follow(dir_ / "pkg.deltmp/stuck");
-}
-
-TEST_F(UtilTest, RemoveFileReportsAFileThatCannotBeMoved) {
-  std::string file = dir_.Write("locked.bin");
-  ImmutableEntry guard(file);
-  if (!guard.set()) GTEST_SKIP() << "this file system or user cannot set the immutable attribute";
-  EXPECT_FALSE(RemoveFile(file));
-  EXPECT_TRUE(Exists(file));
-  EXPECT_TRUE(TraceContains(3, "RemoveFile: remove file[" + file + "] again, still failed!"));
-}
-
-TEST_F(UtilTest, RemoveFileInReadOnlyFolder) {
-  if (geteuid() == 0) GTEST_SKIP() << "root ignores folder permissions; the immutable-attribute tests cover this";
-  std::string folder = dir_.Folder("ro");
-  std::string file = dir_.Write("ro/file.bin");
-  ASSERT_EQ(chmod(folder.c_str(), 0555), 0);
-  EXPECT_FALSE(RemoveFile(file));
-  EXPECT_TRUE(Exists(file));
-  EXPECT_TRUE(TraceContains(3, "again, still failed!"));
-  chmod(folder.c_str(), 0755);
+TEST(RemoveFile, UndeletableEntriesAreMovedAsideOrReported) {
+  // `stuck` is made immutable; `target` is removed (a bare name, from inside the folder, when
+  // `bare`); afterwards the folder holds one entry whose name starts with `left`.
+  struct Case { const char *stuck, *target; bool bare, removed; const char* left; int level; const char* trace; };
+  const Case cases[] = {
+      {"ext.bundle/stuck", "ext.bundle", false, true, ".ext.bundle.", 1, "ext.bundle] failed!"},
+      {"pkg/stuck", "pkg", true, true, "pkg.deltmp", 3, "RemoveFile: combine new name failed!"},
+      {"locked.bin", "locked.bin", false, false, "locked.bin", 3, "locked.bin] again, still failed!"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.target);
+    ScratchFolder dir;
+    std::string stuck = dir.Write(c.stuck);
+    if (!SetImmutable(stuck, true)) GTEST_SKIP() << "this file system or user cannot set the immutable attribute";
+    ClearCapturedTraces();
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    EXPECT_EQ(chdir(c.bare ? dir.path().c_str() : cwd), 0);
+    EXPECT_EQ(RemoveFile(c.bare ? c.target : (dir / c.target).c_str()), c.removed);
+    EXPECT_EQ(chdir(cwd), 0);
+    EXPECT_TRUE(TraceContains(c.level, c.trace));
+    std::vector<FSDirectoryItem> items;
+    FSGetDirectoryItems(dir.path(), items);
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].name.rfind(c.left, 0), 0u) << items[0].name;
+    std::string inside = std::string(c.stuck).substr(std::string(c.target).size());
+    EXPECT_TRUE(SetImmutable(dir / items[0].name + inside, false));
+  }
 }
 
 }  // namespace

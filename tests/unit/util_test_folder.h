@@ -1,10 +1,12 @@
-// A scratch folder for one test, made under the program's own test home and removed afterwards,
-// with small helpers to lay out files, links and folders in it.
+// A scratch folder for one test under the program's own test home, removed afterwards, with helpers
+// to lay out files, links and folders in it and to describe what it holds.
 #pragma once
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,20 +30,40 @@ class ScratchFolder {
 
   // Writes `text` to `name` (folders along the way are made) and returns its full path.
   std::string Write(const std::string& name, const std::string& text = "x") const {
-    std::string full = *this / name;
-    std::filesystem::create_directories(std::filesystem::path(full).parent_path());
-    std::ofstream(full, std::ios::binary) << text;
-    return full;
+    std::filesystem::create_directories(std::filesystem::path(*this / name).parent_path());
+    std::ofstream(*this / name, std::ios::binary) << text;
+    return *this / name;
   }
   std::string Folder(const std::string& name) const {
-    std::string full = *this / name;
-    std::filesystem::create_directories(full);
-    return full;
+    std::filesystem::create_directories(*this / name);
+    return *this / name;
   }
   std::string Link(const std::string& name, const std::string& target) const {
-    std::string full = *this / name;
-    symlink(target.c_str(), full.c_str());
-    return full;
+    symlink(target.c_str(), (*this / name).c_str());
+    return *this / name;
+  }
+  // Lays out entries named in `spec`, separated by blanks: "a/b" a file, "d/" a folder, "l@t" a link to t.
+  void Lay(const std::string& spec) const {
+    std::istringstream words(spec);
+    for (std::string w; words >> w;) {
+      size_t at = w.find('@');
+      if (at != std::string::npos) Link(w.substr(0, at), w.substr(at + 1));
+      else if (w.back() == '/') Folder(w);
+      else Write(w);
+    }
+  }
+  // Everything inside, sorted, in Lay's notation; a link shows the last name of its target.
+  std::string Describe() const {
+    std::set<std::string> names;
+    for (const auto& e : std::filesystem::recursive_directory_iterator(path_)) {
+      std::string name = e.path().string().substr(path_.size() + 1);
+      if (e.is_symlink()) name += "@" + std::filesystem::read_symlink(e.path()).filename().string();
+      else if (e.is_directory()) name += "/";
+      names.insert(name);
+    }
+    std::string text;
+    for (const std::string& name : names) text += (text.empty() ? "" : " ") + name;
+    return text;
   }
 
  private:
