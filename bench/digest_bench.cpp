@@ -16,7 +16,7 @@
 #include <functional>
 #include <string>
 
-#include "NSString+Hex.h"
+#include "common/NSString+Hex.h"
 
 namespace {
 

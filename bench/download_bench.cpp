@@ -11,7 +11,7 @@
 #include <string>
 #include <sys/stat.h>
 
-#include "gpcdownloadtask.h"
+#include "common/gpcdownloadtask.h"
 
 #include "http_test_server.h"
 

@@ -16,10 +16,10 @@
 #include <unistd.h>
 #include <vector>
 
-#include "gpctracecatcher.h"
-#include "tlvtrace/tlvtrace_testing.h"
-#include "tlvtrace/tlvtraceu.h"
-#include "trace.h"
+#include "common/gpctracecatcher.h"
+#include "common/tlvtrace/tlvtrace_testing.h"
+#include "common/tlvtrace/tlvtraceu.h"
+#include "common/trace.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include <set>
 #include <vector>
 
-#include "versionfordylib.h"
+#include "common/versionfordylib.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "embed_params.h"
 #include "pack_options.h"
-#include "packagecheck.h"
+#include "common/packagecheck.h"
 
 // Exit codes.
 constexpr int kExitOk = 0;

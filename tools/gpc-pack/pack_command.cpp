@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "NSString+Hex.h"
+#include "common/NSString+Hex.h"
 #include "bundle_archive.h"
 #include "commands.h"
 #include "platform/system_version.h"

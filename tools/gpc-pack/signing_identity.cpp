@@ -13,7 +13,7 @@
 #include <cstring>
 #include <memory>
 
-#include "packagecheck.h"
+#include "common/packagecheck.h"
 
 namespace {
 

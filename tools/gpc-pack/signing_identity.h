@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "CertificateUtil.h"
+#include "common/CertificateUtil.h"
 
 struct SigningIdentity {
   std::string keyPath;

@@ -12,7 +12,7 @@
 #include "bundle_archive.h"
 #include "commands.h"
 #include "platform/system_version.h"
-#include "versionfordylib.h"
+#include "common/versionfordylib.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #define OPENSSL_SUPPRESS_DEPRECATED 1
 
-#include "CertificateUtil.h"
+#include "common/CertificateUtil.h"
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -15,11 +15,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "CryptoWrapper.h"
-#include "gpcutil.h"
+#include "common/CryptoWrapper.h"
+#include "common/gpcutil.h"
 #include "platform/clock.h"
 #include "platform/trust_panel.h"
-#include "trace.h"
+#include "common/trace.h"
 
 // A bad argument or a missing crypto function is logged and the function gives its failure
 // value; nothing aborts.

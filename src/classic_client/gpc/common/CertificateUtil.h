@@ -16,7 +16,7 @@
 
 #include <openssl/types.h>
 
-#include "NSString+Hex.h"
+#include "common/NSString+Hex.h"
 
 // A certificate: the parsed form of its DER bytes. Shared by whoever holds it.
 class GpcCertificate {

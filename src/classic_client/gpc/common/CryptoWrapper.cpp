@@ -2,7 +2,7 @@
 // the functions its slots stand for.
 #define OPENSSL_SUPPRESS_DEPRECATED 1
 
-#include "CryptoWrapper.h"
+#include "common/CryptoWrapper.h"
 
 #include <dlfcn.h>
 #include <openssl/crypto.h>

@@ -1,4 +1,4 @@
-#include "NSString+Hex.h"
+#include "common/NSString+Hex.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -6,9 +6,9 @@
 #include <cstring>
 #include <memory>
 
-#include "CryptoWrapper.h"
-#include "gpcutil.h"
-#include "trace.h"
+#include "common/CryptoWrapper.h"
+#include "common/gpcutil.h"
+#include "common/trace.h"
 
 // A bad argument or a missing crypto function is logged and the function gives its failure
 // value; nothing aborts.

@@ -1,8 +1,8 @@
-#include "boundary.h"
+#include "common/boundary.h"
 
 #include <exception>
 
-#include "trace.h"
+#include "common/trace.h"
 
 namespace gpc {
 

@@ -1,4 +1,4 @@
-#include "gpcdownloadtask.h"
+#include "common/gpcdownloadtask.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -6,9 +6,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "gpcutil.h"
+#include "common/gpcutil.h"
 #include "platform/clock.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "gpcnetworkhttp.h"
+#include "common/gpcnetworkhttp.h"
 
 // Told about the progress of download tasks, on the main thread.
 class IGPCDownloadNotify {

@@ -1,4 +1,4 @@
-#include "gpcnetworkhttp.h"
+#include "common/gpcnetworkhttp.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -9,9 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "gpctimerproxy.h"
-#include "gpcutil.h"
-#include "trace.h"
+#include "common/gpctimerproxy.h"
+#include "common/gpcutil.h"
+#include "common/trace.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "net/curl_transfer.h"
+#include "common/net/curl_transfer.h"
 
 class GPCTimerProxy;
 

@@ -1,4 +1,4 @@
-#include "gpcnotification.h"
+#include "common/gpcnotification.h"
 
 #include <algorithm>
 

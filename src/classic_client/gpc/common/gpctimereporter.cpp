@@ -1,6 +1,6 @@
 // Time stamps as XML property lists, written atomically (a temporary file beside the target,
 // then rename), and the text form in the parameter file.
-#include "gpctimereporter.h"
+#include "common/gpctimereporter.h"
 
 #include <plist/plist.h>
 #include <sys/stat.h>
@@ -15,7 +15,7 @@
 
 #include "platform/clock.h"
 #include "platform/folders.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 

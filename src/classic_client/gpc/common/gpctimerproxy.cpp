@@ -1,9 +1,9 @@
-#include "gpctimerproxy.h"
+#include "common/gpctimerproxy.h"
 
 #include <cmath>
 #include <glib.h>
 
-#include "boundary.h"
+#include "common/boundary.h"
 
 // Owns the GLib source. The source repeats until cleanUp removes it (clearing its id and the
 // listener), so a callback that deletes its proxy never reaches it again.

@@ -1,13 +1,13 @@
-#include "gpctracecatcher.h"
+#include "common/gpctracecatcher.h"
 
 #include <glib.h>
 
 #include <climits>
 #include <cmath>
 
-#include "tlvtrace/tlvtraceu.h"
-#include "trace.h"
-#include "urlencode.h"
+#include "common/tlvtrace/tlvtraceu.h"
+#include "common/trace.h"
+#include "common/urlencode.h"
 
 namespace gpc {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "gpc/gpc_trace.h"
-#include "gpcnotification.h"
+#include "common/gpcnotification.h"
 
 namespace gpc {
 

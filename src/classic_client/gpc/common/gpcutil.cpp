@@ -1,6 +1,6 @@
-#include "gpcutil.h"
+#include "common/gpcutil.h"
 
-#include "gpctracecatcher.h"
+#include "common/gpctracecatcher.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,8 +17,8 @@
 #include "platform/clock.h"
 #include "platform/folders.h"
 #include "platform/processes.h"
-#include "safe_lib.h"
-#include "versionfordylib.h"
+#include "safestring/safe_lib.h"
+#include "common/versionfordylib.h"
 
 namespace {
 

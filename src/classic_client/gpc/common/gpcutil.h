@@ -10,7 +10,7 @@
 #include <sys/types.h>
 #include <vector>
 
-#include "trace.h"
+#include "common/trace.h"
 
 // Logs a failed check of an argument or state at error level, in the one form every utility
 // uses, and yields false; yields true when `cond` holds. It never aborts. `text` is the

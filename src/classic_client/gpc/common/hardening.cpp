@@ -1,4 +1,4 @@
-#include "hardening.h"
+#include "common/hardening.h"
 
 #include <atomic>
 

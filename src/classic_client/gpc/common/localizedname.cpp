@@ -1,4 +1,4 @@
-#include "localizedname.h"
+#include "common/localizedname.h"
 
 #include <cstring>
 

@@ -1,14 +1,14 @@
-#include "packagecheck.h"
+#include "common/packagecheck.h"
 
 #include <dirent.h>
 
 #include <cstring>
 #include <vector>
 
-#include "CertificateUtil.h"
-#include "CryptoWrapper.h"
-#include "NSString+Hex.h"
-#include "hardening.h"
+#include "common/CertificateUtil.h"
+#include "common/CryptoWrapper.h"
+#include "common/NSString+Hex.h"
+#include "common/hardening.h"
 #include "platform/bundle.h"
 
 namespace {

@@ -1,17 +1,17 @@
 // Trace routing: every message is formatted, then posted to the notification hub as a trace entry,
 // where the trace catcher keeps it and writes it to the binary trace file. Extensions in the same
 // process reach the same hub through the exported C functions at the end.
-#include "trace.h"
+#include "common/trace.h"
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
-#include "boundary.h"
+#include "common/boundary.h"
 #include "gpc/gpc_trace.h"
-#include "gpcnotification.h"
-#include "gpctracecatcher.h"
-#include "tlvtrace/tlvtraceu.h"
+#include "common/gpcnotification.h"
+#include "common/gpctracecatcher.h"
+#include "common/tlvtrace/tlvtraceu.h"
 
 namespace {
 

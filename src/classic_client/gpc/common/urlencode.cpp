@@ -1,4 +1,4 @@
-#include "urlencode.h"
+#include "common/urlencode.h"
 
 namespace {
 bool IsKeptAsIs(unsigned char c) {

@@ -1,4 +1,4 @@
-#include "versionfordylib.h"
+#include "common/versionfordylib.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -9,8 +9,8 @@
 #include <unistd.h>
 #include <vector>
 
-#include "gpcutil.h"
-#include "safe_lib.h"
+#include "common/gpcutil.h"
+#include "safestring/safe_lib.h"
 
 namespace {
 

@@ -23,7 +23,7 @@
 // the headers declare them, are refused in the first pass, before anything is written. The
 // second pass counts the bytes it really writes and stops at the same limit, leaving behind
 // what it had written so far.
-#include "lib7zip.h"
+#include "lib7zip/lib7zip.h"
 
 #include "platform/folders.h"
 

@@ -1,4 +1,4 @@
-#include "safe_lib.h"
+#include "safestring/safe_lib.h"
 
 #include <atomic>
 #include <cstdint>

@@ -1,6 +1,6 @@
-#include "net/curl_transfer.h"
+#include "common/net/curl_transfer.h"
 
-#include "hardening.h"
+#include "common/hardening.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,7 +12,7 @@
 #include <set>
 #include <vector>
 
-#include "boundary.h"
+#include "common/boundary.h"
 
 namespace gpcnet {
 

@@ -1,7 +1,7 @@
 // The site lock's matching and URL parsing.
-#include "sitelock/sitelock.h"
+#include "common/sitelock/sitelock.h"
 
-#include "hardening.h"
+#include "common/hardening.h"
 
 #include <uriparser/Uri.h>
 
@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "safestring/safe_lib.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace gpcsitelock {
 namespace {

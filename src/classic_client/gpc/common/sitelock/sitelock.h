@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-#include "trace.h"
+#include "common/trace.h"
 
 struct IObjectSafetySiteLock {
   // One entry of a trusted-site table.

@@ -1,4 +1,4 @@
-#include "tlvtrace/tlvtraceu.h"
+#include "common/tlvtrace/tlvtraceu.h"
 
 #include <atomic>
 #include <cstdarg>
@@ -15,7 +15,7 @@
 
 #include "platform/clock.h"
 #include "platform/processes.h"
-#include "tlvtrace/tlvtrace_testing.h"
+#include "common/tlvtrace/tlvtrace_testing.h"
 
 namespace {
 

@@ -8,12 +8,12 @@
 #include <memory>
 #include <new>
 
-#include "boundary.h"
-#include "gpcutil.h"
+#include "common/boundary.h"
+#include "common/gpcutil.h"
 #include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 

@@ -9,13 +9,13 @@
 #include <memory>
 #include <string>
 
-#include "gpctracecatcher.h"
-#include "localizedname.h"
-#include "npgpc_text.h"
+#include "common/gpctracecatcher.h"
+#include "common/localizedname.h"
+#include "plugin/plugin/npgpc_text.h"
 #include "platform/bundle.h"
 #include "plugin/plugin/npgpcimp.h"
-#include "trace.h"
-#include "urlencode.h"
+#include "common/trace.h"
+#include "common/urlencode.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 // ending it with the instance.
 #include <string>
 
-#include "gpctimereporter.h"
+#include "common/gpctimereporter.h"
 #include "platform/dynamic_library.h"
 #include "plugin/plugin/npgpcimp.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 

@@ -6,16 +6,16 @@
 #include <string>
 #include <vector>
 
-#include "gpctimereporter.h"
-#include "hardening.h"
-#include "gpcutil.h"
-#include "npgpc_text.h"
+#include "common/gpctimereporter.h"
+#include "common/hardening.h"
+#include "common/gpcutil.h"
+#include "plugin/plugin/npgpc_text.h"
 #include "platform/bundle.h"
 #include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
-#include "safe_lib.h"
-#include "trace.h"
-#include "versionfordylib.h"
+#include "safestring/safe_lib.h"
+#include "common/trace.h"
+#include "common/versionfordylib.h"
 
 namespace {
 

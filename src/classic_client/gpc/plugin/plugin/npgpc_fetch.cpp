@@ -9,10 +9,10 @@
 #include <memory>
 #include <string>
 
-#include "gpcutil.h"
+#include "common/gpcutil.h"
 #include "plugin/plugin/npgpcimp.h"
-#include "tlvtrace/tlvtraceu.h"  // nlStrCpy
-#include "trace.h"
+#include "common/tlvtrace/tlvtraceu.h"  // nlStrCpy
+#include "common/trace.h"
 
 namespace {
 

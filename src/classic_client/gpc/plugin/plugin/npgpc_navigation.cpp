@@ -1,8 +1,8 @@
 // The queue of navigations of the hosting page: strictly one request at a time, head first.
-#include "npgpc_text.h"
+#include "plugin/plugin/npgpc_text.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 

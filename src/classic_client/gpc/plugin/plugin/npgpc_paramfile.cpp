@@ -9,11 +9,11 @@
 
 #include <glib.h>
 
-#include "npgpc_text.h"
+#include "plugin/plugin/npgpc_text.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "platform/clock.h"
 #include "platform/folders.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 

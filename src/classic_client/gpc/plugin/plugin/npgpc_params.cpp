@@ -1,9 +1,9 @@
 // The instance's parameter store: the page's name and value pairs, in page order.
 #include <cstring>
 
-#include "npgpc_text.h"
+#include "plugin/plugin/npgpc_text.h"
 #include "plugin/plugin/npgpcimp.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 

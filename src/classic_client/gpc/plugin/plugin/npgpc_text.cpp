@@ -1,4 +1,4 @@
-#include "npgpc_text.h"
+#include "plugin/plugin/npgpc_text.h"
 
 #include "safestring/safe_lib.h"
 

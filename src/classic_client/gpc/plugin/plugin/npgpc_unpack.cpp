@@ -9,12 +9,12 @@
 #include <cstring>
 #include <string>
 
-#include "gpcutil.h"
-#include "hardening.h"
+#include "common/gpcutil.h"
+#include "common/hardening.h"
 #include "platform/bundle.h"
 #include "platform/dynamic_library.h"
 #include "plugin/plugin/npgpcimp.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 

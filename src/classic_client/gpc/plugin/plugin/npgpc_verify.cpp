@@ -3,11 +3,11 @@
 // the user on a refusal, and acted on.
 #include <string>
 
-#include "gpctimereporter.h"
-#include "packagecheck.h"
+#include "common/gpctimereporter.h"
+#include "common/packagecheck.h"
 #include "platform/system_version.h"
 #include "plugin/plugin/npgpcimp.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 
 #include <glib.h>
 
-#include "boundary.h"
+#include "common/boundary.h"
 #include "platform/dynamic_library.h"
 #include "platform/system_version.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 

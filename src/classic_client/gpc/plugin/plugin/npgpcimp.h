@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "gpcdownloadtask.h"      // IGPCDownloadNotify, GPCDownloadTask
+#include "common/gpcdownloadtask.h"      // IGPCDownloadNotify, GPCDownloadTask
 #include "plugin/plugin/npapi.h"
 #include "plugin/plugin/npapiimp.h"  // CGpcProvider, the services; through it gpc/gpc_extension.h:
                                      // GPCMessage, GpcServiceTable, the entry-point and fetch types
-#include "sitelock/sitelock.h"    // CSiteCheck<T>, IObjectSafetySiteLock::SiteList
+#include "common/sitelock/sitelock.h"    // CSiteCheck<T>, IObjectSafetySiteLock::SiteList
 
 class CGpcWindow;
 

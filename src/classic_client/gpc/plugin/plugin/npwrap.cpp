@@ -4,10 +4,10 @@
 #include <cstring>
 #include <new>
 
-#include "boundary.h"
+#include "common/boundary.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
-#include "trace.h"
+#include "common/trace.h"
 
 namespace {
 
