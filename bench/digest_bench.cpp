@@ -17,6 +17,7 @@
 #include <string>
 
 #include "common/NSString+Hex.h"
+#include "platform/folders.h"
 
 namespace {
 
@@ -69,8 +70,7 @@ void Report(const char* name, const Timing& ours, const Timing& tool, double meg
 
 int main(int argc, char** argv) {
   const long megabytes = argc > 1 ? atol(argv[1]) : 200;
-  const char* tmp = getenv("TMPDIR");
-  const std::string folder = argc > 2 ? argv[2] : (tmp && *tmp == '/' ? tmp : "/tmp");
+  const std::string folder = argc > 2 ? argv[2] : platform::TempDir();
   const std::string path = folder + "/gpc_digest_bench_" + std::to_string(getpid());
   const std::string make = "head -c " + std::to_string(megabytes * 1048576) + " /dev/urandom > '" +
                            path + "' && cat '" + path + "' > /dev/null";

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "fake_browser.h"
+#include "platform/folders.h"
 
 namespace {
 
@@ -42,9 +43,9 @@ int main(int argc, char** argv) {
     if (std::strcmp(argv[i], "--ms") == 0) run_ms = std::atol(argv[i + 1]);
   }
   // The instance writes its parameter file; keep it out of the user's folders.
-  char data_home[] = "/tmp/gpcheartbeatXXXXXX";
-  if (mkdtemp(data_home) == nullptr) return 1;
-  setenv("XDG_DATA_HOME", data_home, 1);
+  std::string data_home = platform::TempDir() + "gpcheartbeatXXXXXX";
+  if (mkdtemp(data_home.data()) == nullptr) return 1;
+  setenv("XDG_DATA_HOME", data_home.c_str(), 1);
 
   void* module = dlopen(plugin.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (module == nullptr) {
@@ -83,7 +84,7 @@ int main(int argc, char** argv) {
   funcs.destroy(&npp, nullptr);
   shutdown();
   dlclose(module);
-  RemoveTree(data_home);
+  RemoveTree(data_home.c_str());
 
   std::vector<double> periods;
   for (size_t i = 1; i < g_requests.size(); ++i)

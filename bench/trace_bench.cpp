@@ -20,6 +20,7 @@
 #include "common/tlvtrace/tlvtrace_testing.h"
 #include "common/tlvtrace/tlvtraceu.h"
 #include "common/trace.h"
+#include "platform/folders.h"
 
 namespace {
 
@@ -108,8 +109,7 @@ void EnsureOwnTraceFile(char** argv, const std::string& folder) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const char* tmp = getenv("TMPDIR");
-  std::string templ = std::string(tmp != nullptr && tmp[0] == '/' ? tmp : "/tmp") + "/gpctracebenchXXXXXX";
+  std::string templ = platform::TempDir() + "gpctracebenchXXXXXX";
   if (getenv("GPC_TRACE_FILE") == nullptr) {
     if (mkdtemp(templ.data()) == nullptr) return 1;
     EnsureOwnTraceFile(argv, templ);

@@ -12,12 +12,13 @@
 #include <unistd.h>
 #include <vector>
 
+#include "platform/folders.h"
 #include "tvtdecoder.h"
 #include "tvtprinter.h"
 
 namespace {
 
-constexpr char kDefaultPath[] = "/tmp/tlvgpc.tvt";
+const std::string kDefaultPath = std::string(platform::kSharedTempFolder) + "/tlvgpc.tvt";
 constexpr long kPollMillis = 100;
 
 volatile sig_atomic_t g_stop = 0;
@@ -38,7 +39,7 @@ void PrintUsage(FILE* to) {
           "  --json          one JSON object per record\n"
           "  --follow, -f    keep reading as records are appended, until interrupted\n"
           "  --level LEVEL   only records of LEVEL and above\n",
-          kDefaultPath);
+          kDefaultPath.c_str());
 }
 
 std::string DefaultPath() {

@@ -9,11 +9,13 @@
 #include "common/gpcutil.h"
 #include "platform/clock.h"
 #include "common/trace.h"
+#include "platform/folders.h"
 
 namespace {
 
 // Numbers the files saved from memory-mode downloads, process-wide.
-int g_nSaveCounter = 0;
+// "/tmp/gpc_tmp_<n>_<seconds>", numbered from 1 for the whole process.
+TempNameSeries g_savedBodyNames(1);
 
 // Measured on the monotonic clock: a wall clock set back or forward is no stall and hides none.
 bool StalledFor(int64_t lastActivity, uint32_t seconds) {
@@ -109,10 +111,14 @@ void GPCDownloadTask::OnHttpReturn(void*, int size, void* data) {
 
 void GPCDownloadTask::SaveMemoryBody(int size, char* data) {
   data[size] = '\0';
-  ++g_nSaveCounter;
-  char path[1024];
-  snprintf(path, sizeof path, "/tmp/gpc_tmp_%d_%d", g_nSaveCounter,
-           static_cast<int>(platform::WallClockMicros() / 1000000));
+  const int seconds = static_cast<int>(platform::WallClockMicros() / 1000000);
+  std::string name;
+  g_savedBodyNames.Take(
+      [seconds](uint32_t n) {
+        return std::string(platform::kSharedTempFolder) + "/gpc_tmp_" + std::to_string(n) + "_" + std::to_string(seconds);
+      },
+      [](const std::string&) { return false; }, true, name);
+  const char* path = name.c_str();
   // Appends like "a+w", but never through a symbolic link planted at the name.
   int fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0666);
   FILE* file = fd >= 0 ? fdopen(fd, "a+") : nullptr;

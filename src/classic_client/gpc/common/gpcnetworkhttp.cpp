@@ -12,6 +12,7 @@
 #include "common/gpctimerproxy.h"
 #include "common/gpcutil.h"
 #include "common/trace.h"
+#include "platform/folders.h"
 
 namespace {
 
@@ -20,7 +21,8 @@ const size_t kPathSize = 1024;
 const size_t kMinimumUrlLength = 12;
 
 // Numbers the generated temporary files of the whole process; it only ever increases.
-int g_nTempFileCounter = 0;
+// "/tmp/gpc_tmp_<n>", numbered from 1 for the whole process.
+TempNameSeries g_downloadFileNames(1);
 
 // Grows the memory-mode body.
 void* (*g_pfnGrowBuffer)(void*, size_t) = realloc;
@@ -47,11 +49,12 @@ FILE* OpenNoFollow(const char* path, int flags, const char* mode) {
 
 // The shared download folder "/tmp/talvo/", open to every user.
 void EnsureTalvoFolder() {
+  const std::string folder = std::string(platform::kSharedTempFolder) + "/talvo/";
   struct stat info;
-  if (stat("/tmp/talvo", &info) == 0 && S_ISDIR(info.st_mode)) return;
-  if (!MakeDirectory("/tmp/talvo/")) return;
+  if (stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return;
+  if (!MakeDirectory(folder)) return;
   // Change the mode of the folder just made, never of what a link at that name points to.
-  int fd = open("/tmp/talvo/", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return;
   fchmod(fd, 0777);
   close(fd);
@@ -80,7 +83,7 @@ GPCNetworkHttp::~GPCNetworkHttp() {
   }
 }
 
-int GPCNetworkHttp::GetTempFileCounter() { return g_nTempFileCounter; }
+int GPCNetworkHttp::GetTempFileCounter() { return static_cast<int>(g_downloadFileNames.Last()); }
 
 void GPCNetworkHttp::SetBufferGrowthForTesting(void* (*grow)(void*, size_t)) {
   g_pfnGrowBuffer = grow != nullptr ? grow : realloc;
@@ -263,15 +266,17 @@ bool GPCNetworkHttp::WriteFirstFileChunk(const void* data, unsigned long size) {
   if (m_strFileName.empty()) {
     // Another process (a second browser, another user) may take a free name before we open it:
     // then the next free one is tried.
+    const auto name = [](uint32_t n) { return std::string(platform::kSharedTempFolder) + "/gpc_tmp_" + std::to_string(n); };
+    const auto taken = [](const std::string& candidate) { return NameIsTaken(candidate.c_str()); };
+    std::string candidate;
     for (int attempt = 0; attempt < kNameAttempts && m_pFile == nullptr; ++attempt) {
-      do {
-        snprintf(path, sizeof path, "/tmp/gpc_tmp_%d", ++g_nTempFileCounter);
-      } while (NameIsTaken(path));
+      if (g_downloadFileNames.Take(name, taken, true, candidate) == 0) break;
+      CopyBounded(path, sizeof path, candidate);
       m_pFile = OpenNoFollow(path, flags | O_EXCL, "w+");
       if (m_pFile == nullptr && errno != EEXIST) break;
     }
   } else {
-    snprintf(path, sizeof path, "/tmp/%s", m_strFileName.c_str());
+    snprintf(path, sizeof path, "%s/%s", platform::kSharedTempFolder, m_strFileName.c_str());
     m_pFile = OpenNoFollow(path, flags | O_TRUNC, "w+");
   }
   if (!m_pFile) {

@@ -119,9 +119,7 @@ std::mutex g_tick_mutex;
 bool g_tick_started = false;
 int64_t g_tick_start_micros = 0;
 
-std::mutex g_temp_name_mutex;
-uint32_t g_temp_name_counter = 1;
-constexpr uint32_t kTempNameCounterLimit = 9999;
+TempNameSeries g_temp_file_names(1, 9999);
 
 }  // namespace
 
@@ -249,13 +247,29 @@ std::string GetTempPath() {
 uint32_t GetTempFileName(const char* directory, const char* prefix, std::string& result) {
   if (!GPCUTIL_ASSERT_TEXT(directory != nullptr, "lpszPath")) return 0;
   if (!GPCUTIL_ASSERT_TEXT(prefix != nullptr, "lpszPrefix")) return 0;
-  std::lock_guard<std::mutex> lock(g_temp_name_mutex);
-  for (;;) {
-    if (g_temp_name_counter > kTempNameCounterLimit) return 0;
-    result = std::string(directory) + prefix + std::to_string(g_temp_name_counter) + ".tmp";
-    if (!FileExists(result)) return g_temp_name_counter;
-    ++g_temp_name_counter;
+  const std::string folder = directory;
+  const std::string start = prefix;
+  return g_temp_file_names.Take([&](uint32_t n) { return folder + start + std::to_string(n) + ".tmp"; },
+                                [](const std::string& name) { return FileExists(name.c_str()); }, false, result);
+}
+
+uint32_t TempNameSeries::Take(const std::function<std::string(uint32_t)>& name,
+                              const std::function<bool(const std::string&)>& isTaken, bool advance,
+                              std::string& result) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  for (;; ++m_next) {
+    if (m_next > m_limit || m_next == 0) return 0;
+    result = name(m_next);
+    if (!isTaken(result)) break;
   }
+  m_last = m_next;
+  if (advance) ++m_next;
+  return m_last;
+}
+
+uint32_t TempNameSeries::Last() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_last;
 }
 
 FILE* CreateNewFile(const char* path) {

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -85,6 +87,28 @@ inline bool MakeDirectory(const std::string& path) { return MakeDirectory(path.c
 
 // The temporary folder, ending in "/"; an empty string when there is none.
 std::string GetTempPath();
+
+// One family of numbered temporary names ("/tmp/gpc_tmp_<n>", "<folder>APK<n>.tmp", ...): a
+// process-wide counter and the one loop that skips names already taken. Each family keeps its
+// own counter and format.
+class TempNameSeries {
+ public:
+  // Numbers start at `first`; none is handed out above `limit`.
+  explicit TempNameSeries(uint32_t first, uint32_t limit = UINT32_MAX) : m_next(first), m_limit(limit) {}
+  // The first number from the counter on whose name (`name(n)`) `isTaken` refuses, with that name
+  // in `result`; 0 past the limit. With `advance` the counter moves past the number handed out,
+  // else it stays on it (the name is free until somebody creates it).
+  uint32_t Take(const std::function<std::string(uint32_t)>& name,
+                const std::function<bool(const std::string&)>& isTaken, bool advance, std::string& result);
+  // The last number handed out; 0 before the first.
+  uint32_t Last();
+
+ private:
+  std::mutex m_mutex;
+  uint32_t m_next;
+  uint32_t m_limit;
+  uint32_t m_last = 0;
+};
 
 // Builds a free name `directory` + `prefix` + number + ".tmp" into `result` and returns the
 // number, or 0 when none of 1..9999 is free. The process-wide counter starts at 1 and moves

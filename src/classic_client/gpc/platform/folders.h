@@ -14,6 +14,12 @@ std::string UserApplicationSupportDir();
 // folder, else "/tmp/". Returns an empty string when neither exists.
 std::string TempDir();
 
+// The system's shared temporary folder, "/tmp", without a trailing "/". The download client's
+// files ("gpc_tmp_<n>"), the shared download folder ("talvo/") and the trace file ("tlvgpc.tvt")
+// have fixed names there, whatever TMPDIR says: other processes (the local client, tlvtracer, a
+// second browser of another user) look for them by those names.
+constexpr char kSharedTempFolder[] = "/tmp";
+
 // Creates the folder `path` (its parent must exist) with the given mode. Returns 0 when it is a
 // folder afterwards, else the failure as a negated errno value (-ENOTDIR when a file has the name).
 int MakeFolder(const std::string& path, unsigned mode);

@@ -67,7 +67,7 @@ std::string UserApplicationSupportDir() {
 
 std::string TempDir() {
   const char* tmp = std::getenv("TMPDIR");
-  std::string dir = (tmp != nullptr && tmp[0] == '/' && IsFolder(tmp)) ? tmp : "/tmp";
+  std::string dir = (tmp != nullptr && tmp[0] == '/' && IsFolder(tmp)) ? tmp : kSharedTempFolder;
   if (!IsFolder(dir)) return "";
   if (dir.back() != '/') dir += '/';
   return dir;

@@ -16,6 +16,7 @@
 #include "platform/clock.h"
 #include "platform/processes.h"
 #include "common/tlvtrace/tlvtrace_testing.h"
+#include "platform/folders.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ void TraceFilePath(char* path, size_t size) {
   if (wanted != nullptr && wanted[0] == '/' && strlen(wanted) + 2 <= size) {
     nlFormat(path, size, "%s", wanted);
   } else {
-    nlFormat(path, size, "%s", kTlvDefaultPath);
+    nlFormat(path, size, "%s/%s", platform::kSharedTempFolder, kTlvDefaultName);
   }
 }
 

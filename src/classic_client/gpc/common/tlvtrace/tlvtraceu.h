@@ -38,7 +38,8 @@ constexpr size_t kTlvFunctionCap = 128;
 constexpr size_t kTlvTextCap = 2048;
 constexpr size_t kTlvMaxItemSize = (kTlvItemHeadSize + kTlvModuleCap + kTlvFunctionCap + kTlvTextCap + 3) & ~size_t{3};
 constexpr const char kTlvDefaultModule[] = "GPCPlugin";
-constexpr const char kTlvDefaultPath[] = "/tmp/tlvgpc.tvt";
+// The trace file's name in the shared temporary folder ("/tmp/tlvgpc.tvt").
+constexpr const char kTlvDefaultName[] = "tlvgpc.tvt";
 
 #pragma pack(push, 1)
 // File header; every field is little-endian on disk.
