@@ -44,12 +44,14 @@ struct Rate {
 
 class Timer {
  public:
-  Timer() : wall_(Clock::now()), cpu_(ThreadCpuSeconds()) {}
-  Rate RateFor(int count) const { return Rate{count / Seconds(wall_), count / (ThreadCpuSeconds() - cpu_)}; }
+  Timer() : m_wall(Clock::now()), m_cpu(ThreadCpuSeconds()) {}
+  Rate RateFor(int count) const {
+    return Rate{count / Seconds(m_wall), count / (ThreadCpuSeconds() - m_cpu)};
+  }
 
  private:
-  Clock::time_point wall_;
-  double cpu_;
+  Clock::time_point m_wall;
+  double m_cpu;
 };
 
 size_t RecordLength() { return (kTlvItemHeadSize + sizeof kTlvDefaultModule + 0 + sizeof kText + 3) & ~size_t{3}; }

@@ -12,59 +12,59 @@ uint32_t FrameReader::LengthOf(const char* bytes) {
 void FrameReader::StartBody(uint32_t length, std::vector<Item>* out) {
   if (length == 0) {
     out->push_back({false, "empty message (length 0)"});
-    state_ = State::kHeader;
+    m_state = State::kHeader;
     return;
   }
   if (length > kMaxMessage) {
     out->push_back({false, "message of " + std::to_string(length) + " bytes is larger than the limit of " +
                                std::to_string(kMaxMessage) + " bytes; skipped"});
-    state_ = State::kResync;
+    m_state = State::kResync;
     return;
   }
-  length_ = length;
-  body_.clear();
-  state_ = State::kBody;
+  m_length = length;
+  m_body.clear();
+  m_state = State::kBody;
 }
 
 void FrameReader::Feed(const char* data, size_t size, std::vector<Item>* out) {
   size_t pos = 0;
   while (pos < size) {
-    switch (state_) {
+    switch (m_state) {
       case State::kHeader: {
-        size_t take = std::min(size - pos, 4 - header_.size());
-        header_.append(data + pos, take);
+        size_t take = std::min(size - pos, 4 - m_header.size());
+        m_header.append(data + pos, take);
         pos += take;
-        if (header_.size() == 4) {
-          uint32_t length = LengthOf(header_.data());
-          header_.clear();
+        if (m_header.size() == 4) {
+          uint32_t length = LengthOf(m_header.data());
+          m_header.clear();
           StartBody(length, out);
         }
         break;
       }
       case State::kBody: {
-        size_t take = std::min<size_t>(size - pos, length_ - body_.size());
-        body_.append(data + pos, take);
+        size_t take = std::min<size_t>(size - pos, m_length - m_body.size());
+        m_body.append(data + pos, take);
         pos += take;
-        if (body_.size() == length_) {
-          out->push_back({true, std::move(body_)});
-          body_.clear();
-          state_ = State::kHeader;
+        if (m_body.size() == m_length) {
+          out->push_back({true, std::move(m_body)});
+          m_body.clear();
+          m_state = State::kHeader;
         }
         break;
       }
       case State::kResync: {
-        header_ += data[pos++];
-        if (header_.size() > 5) header_.erase(0, 1);
-        if (header_.size() < 5 || header_[4] != '{') break;
-        uint32_t length = LengthOf(header_.data());
+        m_header += data[pos++];
+        if (m_header.size() > 5) m_header.erase(0, 1);
+        if (m_header.size() < 5 || m_header[4] != '{') break;
+        uint32_t length = LengthOf(m_header.data());
         if (length == 0 || length > kMaxMessage) break;
-        header_.clear();
+        m_header.clear();
         StartBody(length, out);
-        body_ = "{";
-        if (length_ == 1) {
-          out->push_back({true, std::move(body_)});
-          body_.clear();
-          state_ = State::kHeader;
+        m_body = "{";
+        if (m_length == 1) {
+          out->push_back({true, std::move(m_body)});
+          m_body.clear();
+          m_state = State::kHeader;
         }
         break;
       }

@@ -23,17 +23,19 @@ class FrameReader {
   // bytes 0-4 a length's top byte has then, so the skipped message cannot fake a frame.
   void Feed(const char* data, size_t size, std::vector<Item>* out);
   // True when the input stopped inside a frame (at end of input, the last frame was cut short).
-  bool InsideFrame() const { return state_ == State::kBody || (state_ == State::kHeader && !header_.empty()); }
+  bool InsideFrame() const {
+    return m_state == State::kBody || (m_state == State::kHeader && !m_header.empty());
+  }
 
  private:
   enum class State { kHeader, kBody, kResync };
   static uint32_t LengthOf(const char* bytes);
   void StartBody(uint32_t length, std::vector<Item>* out);
 
-  State state_ = State::kHeader;
-  std::string header_;  // the bytes of a length read so far; in kResync the last five bytes seen
-  std::string body_;
-  uint32_t length_ = 0;
+  State m_state = State::kHeader;
+  std::string m_header;  // the bytes of a length read so far; in kResync the last five bytes seen
+  std::string m_body;
+  uint32_t m_length = 0;
 };
 
 // One framed message as bytes to write: the length, then `json`.

@@ -8,20 +8,20 @@ FILE* g_output = nullptr;
 
 void JsonLine::SetOutput(FILE* out) { g_output = out; }
 
-JsonLine::JsonLine(const char* event) { text_ = "{\"event\":\"" + Escape(event) + "\""; }
+JsonLine::JsonLine(const char* event) { m_text = "{\"event\":\"" + Escape(event) + "\""; }
 
-void JsonLine::Key(const char* key) { text_ += ",\"" + Escape(key) + "\":"; }
+void JsonLine::Key(const char* key) { m_text += ",\"" + Escape(key) + "\":"; }
 
 JsonLine& JsonLine::Add(const char* key, const std::string& value) {
   Key(key);
-  text_ += "\"" + Escape(value) + "\"";
+  m_text += "\"" + Escape(value) + "\"";
   return *this;
 }
 
 JsonLine& JsonLine::Add(const char* key, const char* value) {
   if (value == nullptr) {
     Key(key);
-    text_ += "null";
+    m_text += "null";
     return *this;
   }
   return Add(key, std::string(value));
@@ -29,20 +29,20 @@ JsonLine& JsonLine::Add(const char* key, const char* value) {
 
 JsonLine& JsonLine::Add(const char* key, int64_t value) {
   Key(key);
-  text_ += std::to_string(value);
+  m_text += std::to_string(value);
   return *this;
 }
 
 JsonLine& JsonLine::AddBool(const char* key, bool value) {
   Key(key);
-  text_ += value ? "true" : "false";
+  m_text += value ? "true" : "false";
   return *this;
 }
 
 void JsonLine::Emit() {
-  text_ += "}\n";
+  m_text += "}\n";
   FILE* out = g_output != nullptr ? g_output : stdout;
-  std::fwrite(text_.data(), 1, text_.size(), out);
+  std::fwrite(m_text.data(), 1, m_text.size(), out);
   std::fflush(out);
 }
 

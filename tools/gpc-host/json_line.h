@@ -22,5 +22,5 @@ class JsonLine {
 
  private:
   void Key(const char* key);
-  std::string text_;
+  std::string m_text;
 };

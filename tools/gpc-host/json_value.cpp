@@ -12,17 +12,17 @@ constexpr int kMaxDepth = 64;
 
 class Parser {
  public:
-  explicit Parser(const std::string& text) : text_(text) {}
+  explicit Parser(const std::string& text) : m_text(text) {}
 
   bool ParseDocument(JsonValue* out, std::string* error) {
     SkipSpace();
     if (!ParseValue(out, 0)) {
-      *error = error_ + " at byte " + std::to_string(pos_);
+      *error = m_error + " at byte " + std::to_string(m_pos);
       return false;
     }
     SkipSpace();
-    if (pos_ != text_.size()) {
-      *error = "text after the value at byte " + std::to_string(pos_);
+    if (m_pos != m_text.size()) {
+      *error = "text after the value at byte " + std::to_string(m_pos);
       return false;
     }
     return true;
@@ -30,18 +30,18 @@ class Parser {
 
  private:
   bool Fail(const char* why) {
-    if (error_.empty()) error_ = why;
+    if (m_error.empty()) m_error = why;
     return false;
   }
-  bool AtEnd() const { return pos_ >= text_.size(); }
-  char Peek() const { return AtEnd() ? '\0' : text_[pos_]; }
+  bool AtEnd() const { return m_pos >= m_text.size(); }
+  char Peek() const { return AtEnd() ? '\0' : m_text[m_pos]; }
   void SkipSpace() {
-    while (!AtEnd() && (Peek() == ' ' || Peek() == '\t' || Peek() == '\n' || Peek() == '\r')) ++pos_;
+    while (!AtEnd() && (Peek() == ' ' || Peek() == '\t' || Peek() == '\n' || Peek() == '\r')) ++m_pos;
   }
   bool Literal(const char* word) {
     size_t length = std::strlen(word);
-    if (text_.compare(pos_, length, word) != 0) return Fail("unexpected character");
-    pos_ += length;
+    if (m_text.compare(m_pos, length, word) != 0) return Fail("unexpected character");
+    m_pos += length;
     return true;
   }
 
@@ -60,9 +60,9 @@ class Parser {
 
   bool ParseObject(JsonValue* out, int depth) {
     out->kind = JsonValue::Kind::kObject;
-    ++pos_;
+    ++m_pos;
     SkipSpace();
-    if (Peek() == '}') return ++pos_, true;
+    if (Peek() == '}') return ++m_pos, true;
     for (;;) {
       SkipSpace();
       if (Peek() != '"') return Fail("expected a member name");
@@ -70,69 +70,69 @@ class Parser {
       if (!ParseString(&key)) return false;
       SkipSpace();
       if (Peek() != ':') return Fail("expected ':'");
-      ++pos_;
+      ++m_pos;
       SkipSpace();
       out->members.emplace_back(std::move(key), JsonValue());
       if (!ParseValue(&out->members.back().second, depth + 1)) return false;
       SkipSpace();
       if (Peek() == ',') {
-        ++pos_;
+        ++m_pos;
         continue;
       }
-      if (Peek() == '}') return ++pos_, true;
+      if (Peek() == '}') return ++m_pos, true;
       return Fail("expected ',' or '}'");
     }
   }
 
   bool ParseArray(JsonValue* out, int depth) {
     out->kind = JsonValue::Kind::kArray;
-    ++pos_;
+    ++m_pos;
     SkipSpace();
-    if (Peek() == ']') return ++pos_, true;
+    if (Peek() == ']') return ++m_pos, true;
     for (;;) {
       SkipSpace();
       out->items.emplace_back();
       if (!ParseValue(&out->items.back(), depth + 1)) return false;
       SkipSpace();
       if (Peek() == ',') {
-        ++pos_;
+        ++m_pos;
         continue;
       }
-      if (Peek() == ']') return ++pos_, true;
+      if (Peek() == ']') return ++m_pos, true;
       return Fail("expected ',' or ']'");
     }
   }
 
   bool ParseNumber(JsonValue* out) {
-    size_t start = pos_;
-    if (Peek() == '-') ++pos_;
+    size_t start = m_pos;
+    if (Peek() == '-') ++m_pos;
     if (!std::isdigit(static_cast<unsigned char>(Peek()))) return Fail("unexpected character");
     if (Peek() == '0') {
-      ++pos_;
+      ++m_pos;
     } else {
-      while (std::isdigit(static_cast<unsigned char>(Peek()))) ++pos_;
+      while (std::isdigit(static_cast<unsigned char>(Peek()))) ++m_pos;
     }
     if (Peek() == '.') {
-      ++pos_;
+      ++m_pos;
       if (!std::isdigit(static_cast<unsigned char>(Peek()))) return Fail("bad number");
-      while (std::isdigit(static_cast<unsigned char>(Peek()))) ++pos_;
+      while (std::isdigit(static_cast<unsigned char>(Peek()))) ++m_pos;
     }
     if (Peek() == 'e' || Peek() == 'E') {
-      ++pos_;
-      if (Peek() == '+' || Peek() == '-') ++pos_;
+      ++m_pos;
+      if (Peek() == '+' || Peek() == '-') ++m_pos;
       if (!std::isdigit(static_cast<unsigned char>(Peek()))) return Fail("bad number");
-      while (std::isdigit(static_cast<unsigned char>(Peek()))) ++pos_;
+      while (std::isdigit(static_cast<unsigned char>(Peek()))) ++m_pos;
     }
     out->kind = JsonValue::Kind::kNumber;
-    out->number = std::strtod(text_.substr(start, pos_ - start).c_str(), nullptr);
+    out->number = std::strtod(m_text.substr(start, m_pos - start).c_str(), nullptr);
     return true;
   }
 
   bool Hex4(unsigned* code) {
-    if (pos_ + 4 > text_.size()) return Fail("short \\u escape");
+    if (m_pos + 4 > m_text.size()) return Fail("short \\u escape");
     *code = 0;
     for (int i = 0; i < 4; ++i) {
-      char c = text_[pos_++];
+      char c = m_text[m_pos++];
       *code <<= 4;
       if (c >= '0' && c <= '9') *code |= static_cast<unsigned>(c - '0');
       else if (c >= 'a' && c <= 'f') *code |= static_cast<unsigned>(c - 'a' + 10);
@@ -161,7 +161,7 @@ class Parser {
   }
 
   bool Escape(std::string* out) {
-    char c = text_[pos_++];
+    char c = m_text[m_pos++];
     switch (c) {
       case '"': *out += '"'; return true;
       case '\\': *out += '\\'; return true;
@@ -179,8 +179,8 @@ class Parser {
     if (code >= 0xDC00 && code <= 0xDFFF) return Fail("lone surrogate");
     if (code >= 0xD800 && code <= 0xDBFF) {
       unsigned low = 0;
-      if (text_.compare(pos_, 2, "\\u") != 0) return Fail("lone surrogate");
-      pos_ += 2;
+      if (m_text.compare(m_pos, 2, "\\u") != 0) return Fail("lone surrogate");
+      m_pos += 2;
       if (!Hex4(&low)) return false;
       if (low < 0xDC00 || low > 0xDFFF) return Fail("lone surrogate");
       code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
@@ -191,32 +191,32 @@ class Parser {
 
   // Copies one UTF-8 sequence, checking its form; returns false on invalid UTF-8.
   bool Utf8(std::string* out) {
-    unsigned char lead = static_cast<unsigned char>(text_[pos_]);
+    unsigned char lead = static_cast<unsigned char>(m_text[m_pos]);
     size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
-    if (length == 0 || pos_ + length > text_.size()) return Fail("invalid UTF-8");
+    if (length == 0 || m_pos + length > m_text.size()) return Fail("invalid UTF-8");
     unsigned code = length == 1 ? lead : length == 2 ? (lead & 0x1F) : length == 3 ? (lead & 0x0F) : (lead & 0x07);
     for (size_t i = 1; i < length; ++i) {
-      unsigned char next = static_cast<unsigned char>(text_[pos_ + i]);
+      unsigned char next = static_cast<unsigned char>(m_text[m_pos + i]);
       if ((next & 0xC0) != 0x80) return Fail("invalid UTF-8");
       code = (code << 6) | (next & 0x3F);
     }
     static const unsigned kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
     if (code < kSmallest[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
       return Fail("invalid UTF-8");
-    out->append(text_, pos_, length);
-    pos_ += length;
+    out->append(m_text, m_pos, length);
+    m_pos += length;
     return true;
   }
 
   bool ParseString(std::string* out) {
-    ++pos_;
+    ++m_pos;
     for (;;) {
       if (AtEnd()) return Fail("unterminated string");
-      unsigned char c = static_cast<unsigned char>(text_[pos_]);
-      if (c == '"') return ++pos_, true;
+      unsigned char c = static_cast<unsigned char>(m_text[m_pos]);
+      if (c == '"') return ++m_pos, true;
       if (c < 0x20) return Fail("control character in a string");
       if (c == '\\') {
-        ++pos_;
+        ++m_pos;
         if (AtEnd()) return Fail("unterminated string");
         if (!Escape(out)) return false;
       } else if (!Utf8(out)) {
@@ -225,9 +225,9 @@ class Parser {
     }
   }
 
-  const std::string& text_;
-  size_t pos_ = 0;
-  std::string error_;
+  const std::string& m_text;
+  size_t m_pos = 0;
+  std::string m_error;
 };
 
 }  // namespace
@@ -273,24 +273,24 @@ std::string ValidUtf8(const std::string& text) {
 }
 
 void JsonObjectText::Key(const char* key) {
-  text_ += text_.empty() ? "{" : ",";
-  text_ += "\"" + JsonLine::Escape(key) + "\":";
+  m_text += m_text.empty() ? "{" : ",";
+  m_text += "\"" + JsonLine::Escape(key) + "\":";
 }
 
 JsonObjectText& JsonObjectText::Add(const char* key, const std::string& value) {
   Key(key);
-  text_ += "\"" + JsonLine::Escape(ValidUtf8(value)) + "\"";
+  m_text += "\"" + JsonLine::Escape(ValidUtf8(value)) + "\"";
   return *this;
 }
 
 JsonObjectText& JsonObjectText::Add(const char* key, int64_t value) {
   Key(key);
-  text_ += std::to_string(value);
+  m_text += std::to_string(value);
   return *this;
 }
 
 JsonObjectText& JsonObjectText::AddBool(const char* key, bool value) {
   Key(key);
-  text_ += value ? "true" : "false";
+  m_text += value ? "true" : "false";
   return *this;
 }

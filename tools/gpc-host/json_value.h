@@ -32,9 +32,9 @@ class JsonObjectText {
   JsonObjectText& Add(const char* key, const std::string& value);
   JsonObjectText& Add(const char* key, int64_t value);
   JsonObjectText& AddBool(const char* key, bool value);
-  std::string Finish() const { return text_.empty() ? "{}" : text_ + "}"; }
+  std::string Finish() const { return m_text.empty() ? "{}" : m_text + "}"; }
 
  private:
   void Key(const char* key);
-  std::string text_;
+  std::string m_text;
 };

@@ -30,7 +30,7 @@ constexpr size_t kMaxIdBytes = 256;
 // Writes framed messages to the browser on a descriptor of its own.
 class Outbox {
  public:
-  explicit Outbox(int fd) : fd_(fd) {}
+  explicit Outbox(int fd) : m_fd(fd) {}
   // Runs once when a write fails: the browser has gone.
   void OnBroken(std::function<void()> broken) { on_broken_ = std::move(broken); }
   // Sends `json`; a message over the browser's limit is replaced by an error. False when the
@@ -56,20 +56,20 @@ class Outbox {
  private:
   bool Write(const std::string& bytes) {
     size_t done = 0;
-    while (!broken_ && done < bytes.size()) {
-      ssize_t wrote = write(fd_, bytes.data() + done, bytes.size() - done);
+    while (!m_broken && done < bytes.size()) {
+      ssize_t wrote = write(m_fd, bytes.data() + done, bytes.size() - done);
       if (wrote < 0 && errno == EINTR) continue;
       if (wrote > 0) {
         done += static_cast<size_t>(wrote);
         continue;
       }
-      broken_ = true;
+      m_broken = true;
       if (on_broken_) on_broken_();
     }
-    return !broken_;
+    return !m_broken;
   }
-  int fd_;
-  bool broken_ = false;
+  int m_fd;
+  bool m_broken = false;
   std::function<void()> on_broken_;
 };
 
@@ -116,50 +116,50 @@ constexpr char kUrlStart[] = "url[";
 class Embed : public HostEvents {
  public:
   Embed(const std::string& id, const HostOptions& options, const PluginHost& module, Outbox* outbox)
-      : id_(id),
+      : m_id(id),
         package_root_(ParamValue(options.params, "GpcUrlRoot")),
         error_page_(ParamValue(options.params, "GpcErrorPageUrl")),
-        outbox_(outbox),
-        host_(options, module) {
-    host_.SetEvents(this);
+        m_outbox(outbox),
+        m_host(options, module) {
+    m_host.SetEvents(this);
   }
   ~Embed() override {
     if (refuse_source_ != 0) g_source_remove(refuse_source_);
-    host_.Unload();
+    m_host.Unload();
   }
 
-  const std::string& id() const { return id_; }
+  const std::string& id() const { return m_id; }
   bool Start() {
-    if (!host_.CreateInstance()) return false;
+    if (!m_host.CreateInstance()) return false;
     Send(Stage::kStarted);
     return true;
   }
-  bool Answer(int request, bool ok) { return host_.AnswerNavigation(request, ok); }
+  bool Answer(int request, bool ok) { return m_host.AnswerNavigation(request, ok); }
 
   // Whether `mark` can be this embed's next milestone; `url` is the one the mark is about.
   bool Awaits(const StageMark& mark, const std::string& url) const {
-    if (halted_) return false;
+    if (m_halted) return false;
     bool from = false;
-    for (Stage stage : mark.from) from = from || stage == stage_;
+    for (Stage stage : mark.from) from = from || stage == m_stage;
     // Only the package is a download of the plug-in's own; later fetches are the extension's.
     return from && (!mark.about_package || StartsWith(url, package_root_));
   }
   void Pass(Stage stage) { Send(stage); }
 
   bool OnNavigate(int request, const std::string& url, const std::string& target) override {
-    if (StartsWith(url, error_page_) && !halted_) {
-      halted_ = true;
+    if (StartsWith(url, error_page_) && !m_halted) {
+      m_halted = true;
       JsonObjectText message;
-      outbox_->Send(message.Add("type", "status").Add("id", id_).Add("stage", "halted").Finish(), id_);
+      m_outbox->Send(message.Add("type", "status").Add("id", m_id).Add("stage", "halted").Finish(), m_id);
     }
     JsonObjectText message;
-    message.Add("type", "navigate").Add("id", id_).Add("request", request).Add("url", url).Add("target", target);
+    message.Add("type", "navigate").Add("id", m_id).Add("request", request).Add("url", url).Add("target", target);
     std::string json = message.Finish();
     if (json.size() > kMaxOutgoing) {
-      outbox_->Error(id_, "navigation " + std::to_string(request) + " is too long to send; it failed");
+      m_outbox->Error(m_id, "navigation " + std::to_string(request) + " is too long to send; it failed");
       RefuseLater(request);
     } else {
-      outbox_->Send(json, id_);
+      m_outbox->Send(json, m_id);
     }
     return true;
   }
@@ -167,68 +167,68 @@ class Embed : public HostEvents {
   // Byte progress of the package when the browser (this host) downloads it; about fifty
   // messages for a whole package at most.
   void OnStreamProgress(const std::string& url, int64_t done, int64_t total) override {
-    if (stage_ != Stage::kDownloading || halted_ || !StartsWith(url, package_root_)) return;
+    if (m_stage != Stage::kDownloading || m_halted || !StartsWith(url, package_root_)) return;
     const int64_t step = std::max<int64_t>(total / 50, 256 * 1024);
     if (done != total && done - progress_sent_ < step) return;
     progress_sent_ = done;
     JsonObjectText message;
-    message.Add("type", "status").Add("id", id_).Add("stage", StageName(stage_)).Add("done", done);
+    message.Add("type", "status").Add("id", m_id).Add("stage", StageName(m_stage)).Add("done", done);
     if (total >= 0) message.Add("total", total);
-    outbox_->Send(message.Finish(), id_);
+    m_outbox->Send(message.Finish(), m_id);
   }
 
  private:
   void Send(Stage stage) {
-    stage_ = stage;
+    m_stage = stage;
     JsonObjectText message;
-    outbox_->Send(message.Add("type", "status").Add("id", id_).Add("stage", StageName(stage)).Finish(), id_);
+    m_outbox->Send(message.Add("type", "status").Add("id", m_id).Add("stage", StageName(stage)).Finish(), m_id);
   }
 
   // A navigation that could not be sent fails, from the main loop rather than inside the
   // plug-in's call that asked for it.
   void RefuseLater(int request) {
-    refused_.push_back(request);
+    m_refused.push_back(request);
     if (refuse_source_ == 0) refuse_source_ = g_idle_add(&Embed::OnRefuse, this);
   }
   static gboolean OnRefuse(gpointer self) {
     auto* embed = static_cast<Embed*>(self);
     embed->refuse_source_ = 0;
     std::vector<int> refused;
-    refused.swap(embed->refused_);
-    for (int request : refused) embed->host_.AnswerNavigation(request, false);
+    refused.swap(embed->m_refused);
+    for (int request : refused) embed->m_host.AnswerNavigation(request, false);
     return G_SOURCE_REMOVE;
   }
 
-  std::string id_;
+  std::string m_id;
   std::string package_root_;
   std::string error_page_;
-  Outbox* outbox_;
-  Stage stage_ = Stage::kStarted;
-  bool halted_ = false;
+  Outbox* m_outbox;
+  Stage m_stage = Stage::kStarted;
+  bool m_halted = false;
   int64_t progress_sent_ = 0;  // bytes of the package the last progress message told of
-  std::vector<int> refused_;
+  std::vector<int> m_refused;
   guint refuse_source_ = 0;
-  PluginHost host_;  // last: destroyed first, while the state above still stands
+  PluginHost m_host;  // last: destroyed first, while the state above still stands
 };
 
 class Bridge {
  public:
   Bridge(const HostOptions& options, const PluginHost& module, Outbox* outbox)
-      : options_(options), module_(module), outbox_(outbox) {}
+      : m_options(options), m_module(module), m_outbox(outbox) {}
 
   int Run() {
-    loop_ = g_main_loop_new(nullptr, FALSE);
-    outbox_->OnBroken([this] { g_main_loop_quit(loop_); });
+    m_loop = g_main_loop_new(nullptr, FALSE);
+    m_outbox->OnBroken([this] { g_main_loop_quit(m_loop); });
     TraceFollower follower([this](const std::string& text) { OnTrace(text); });
     follower.Start();
     guint watch = g_unix_fd_add(STDIN_FILENO, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
                                 &Bridge::OnInput, this);
-    g_main_loop_run(loop_);
+    g_main_loop_run(m_loop);
     if (!input_ended_) g_source_remove(watch);
-    embeds_.clear();  // each ends its instance as a closed page would
-    outbox_->OnBroken(nullptr);
-    g_main_loop_unref(loop_);
-    loop_ = nullptr;
+    m_embeds.clear();  // each ends its instance as a closed page would
+    m_outbox->OnBroken(nullptr);
+    g_main_loop_unref(m_loop);
+    m_loop = nullptr;
     return 0;
   }
 
@@ -243,7 +243,7 @@ class Bridge {
     for (const StageMark& mark : kStageMarks) {
       if (!StartsWith(text, mark.prefix)) continue;
       const std::string url = mark.stage == Stage::kDownloading ? text.substr(std::strlen(mark.prefix)) : handled_url_;
-      for (auto& embed : embeds_) {
+      for (auto& embed : m_embeds) {
         if (!embed->Awaits(mark, url)) continue;
         embed->Pass(mark.stage);
         break;
@@ -253,7 +253,7 @@ class Bridge {
   }
 
   Embed* Find(const std::string& id) {
-    for (auto& embed : embeds_)
+    for (auto& embed : m_embeds)
       if (embed->id() == id) return embed.get();
     return nullptr;
   }
@@ -265,16 +265,16 @@ class Bridge {
     if (got < 0 && (errno == EINTR || errno == EAGAIN)) return G_SOURCE_CONTINUE;
     if (got <= 0) {
       // The port was disconnected: the page is gone with all its embeds.
-      if (bridge->reader_.InsideFrame()) bridge->outbox_->Error("", "the input ended inside a message");
+      if (bridge->m_reader.InsideFrame()) bridge->m_outbox->Error("", "the input ended inside a message");
       bridge->input_ended_ = true;
-      g_main_loop_quit(bridge->loop_);
+      g_main_loop_quit(bridge->m_loop);
       return G_SOURCE_REMOVE;
     }
     std::vector<FrameReader::Item> items;
-    bridge->reader_.Feed(buffer, static_cast<size_t>(got), &items);
+    bridge->m_reader.Feed(buffer, static_cast<size_t>(got), &items);
     for (const FrameReader::Item& item : items) {
       if (item.ok) bridge->Dispatch(item.text);
-      else bridge->outbox_->Error("", item.text);
+      else bridge->m_outbox->Error("", item.text);
     }
     return G_SOURCE_CONTINUE;
   }
@@ -283,22 +283,22 @@ class Bridge {
     JsonValue message;
     std::string error;
     if (!ParseJson(text, &message, &error)) {
-      outbox_->Error("", "invalid JSON: " + error);
+      m_outbox->Error("", "invalid JSON: " + error);
       return;
     }
     if (message.kind != JsonValue::Kind::kObject) {
-      outbox_->Error("", "a message is a JSON object");
+      m_outbox->Error("", "a message is a JSON object");
       return;
     }
     const JsonValue* type = message.Find("type");
     const JsonValue* id = message.Find("id");
     std::string id_text = id != nullptr && id->IsString() ? id->text : std::string();
     if (type == nullptr || !type->IsString()) {
-      outbox_->Error(id_text, "a message needs a \"type\" string");
+      m_outbox->Error(id_text, "a message needs a \"type\" string");
       return;
     }
     if (id == nullptr || !id->IsString() || id->text.empty() || id->text.size() > kMaxIdBytes) {
-      outbox_->Error("", "\"" + type->text + "\" needs an \"id\" string of 1 to " + std::to_string(kMaxIdBytes) + " bytes");
+      m_outbox->Error("", "\"" + type->text + "\" needs an \"id\" string of 1 to " + std::to_string(kMaxIdBytes) + " bytes");
       return;
     }
     if (type->text == "embed") {
@@ -308,63 +308,63 @@ class Bridge {
     } else if (type->text == "destroy") {
       DestroyEmbed(id_text);
     } else {
-      outbox_->Error(id_text, "unknown message type \"" + type->text + "\"");
+      m_outbox->Error(id_text, "unknown message type \"" + type->text + "\"");
     }
   }
 
   void DestroyEmbed(const std::string& id) {
-    for (auto it = embeds_.begin(); it != embeds_.end(); ++it) {
+    for (auto it = m_embeds.begin(); it != m_embeds.end(); ++it) {
       if ((*it)->id() != id) continue;
       std::unique_ptr<Embed> embed = std::move(*it);
-      embeds_.erase(it);
+      m_embeds.erase(it);
       return;  // the instance ends here, with `embed`
     }
-    outbox_->Error(id, "no embed " + id);
+    m_outbox->Error(id, "no embed " + id);
   }
 
   void CreateEmbed(const std::string& id, const JsonValue& message) {
     if (Find(id) != nullptr) {
-      outbox_->Error(id, "an embed " + id + " exists already");
+      m_outbox->Error(id, "an embed " + id + " exists already");
       return;
     }
     const JsonValue* page = message.Find("pageUrl");
     const JsonValue* frame = message.Find("frame");
     const JsonValue* params = message.Find("params");
     if (page == nullptr || !page->IsString() || page->text.empty()) {
-      outbox_->Error(id, "\"embed\" needs a \"pageUrl\" string");
+      m_outbox->Error(id, "\"embed\" needs a \"pageUrl\" string");
       return;
     }
     if (frame != nullptr && !frame->IsString()) {
-      outbox_->Error(id, "\"frame\" is a string");
+      m_outbox->Error(id, "\"frame\" is a string");
       return;
     }
-    HostOptions options = options_;
+    HostOptions options = m_options;
     options.page_url = page->text;
     options.params.clear();
     if (params != nullptr) {
       if (params->kind != JsonValue::Kind::kArray) {
-        outbox_->Error(id, "\"params\" is an array of [name, value] pairs");
+        m_outbox->Error(id, "\"params\" is an array of [name, value] pairs");
         return;
       }
       if (params->items.size() > kMaxParams) {
-        outbox_->Error(id, "an embed takes at most " + std::to_string(kMaxParams) + " parameters, not " +
+        m_outbox->Error(id, "an embed takes at most " + std::to_string(kMaxParams) + " parameters, not " +
                                std::to_string(params->items.size()));
         return;
       }
       for (const JsonValue& pair : params->items) {
         if (pair.kind != JsonValue::Kind::kArray || pair.items.size() != 2 || !pair.items[0].IsString() ||
             !pair.items[1].IsString() || pair.items[0].text.empty()) {
-          outbox_->Error(id, "\"params\" is an array of [name, value] pairs of strings");
+          m_outbox->Error(id, "\"params\" is an array of [name, value] pairs of strings");
           return;
         }
         options.params.emplace_back(pair.items[0].text, pair.items[1].text);
       }
     }
     JsonLine("embed").Add("id", id).Add("page_url", page->text).Add("frame", frame != nullptr ? frame->text : "top").Emit();
-    embeds_.push_back(std::make_unique<Embed>(id, options, module_, outbox_));
-    if (!embeds_.back()->Start()) {
-      embeds_.pop_back();
-      outbox_->Error(id, "the plug-in refused the embed");
+    m_embeds.push_back(std::make_unique<Embed>(id, options, m_module, m_outbox));
+    if (!m_embeds.back()->Start()) {
+      m_embeds.pop_back();
+      m_outbox->Error(id, "the plug-in refused the embed");
     }
   }
 
@@ -373,26 +373,26 @@ class Bridge {
     const JsonValue* ok = message.Find("ok");
     Embed* embed = Find(id);
     if (embed == nullptr) {
-      outbox_->Error(id, "no embed " + id);
+      m_outbox->Error(id, "no embed " + id);
       return;
     }
     if (request == nullptr || request->kind != JsonValue::Kind::kNumber || ok == nullptr ||
         ok->kind != JsonValue::Kind::kBool) {
-      outbox_->Error(id, "\"navigated\" needs a \"request\" number and an \"ok\" boolean");
+      m_outbox->Error(id, "\"navigated\" needs a \"request\" number and an \"ok\" boolean");
       return;
     }
     int number = request->number >= 1 && request->number <= 1e9 ? static_cast<int>(request->number) : 0;
     if (number != request->number || !embed->Answer(number, ok->boolean))
-      outbox_->Error(id, "no navigation " + std::to_string(static_cast<int64_t>(request->number)) + " waits for an answer");
+      m_outbox->Error(id, "no navigation " + std::to_string(static_cast<int64_t>(request->number)) + " waits for an answer");
   }
 
-  const HostOptions& options_;
-  const PluginHost& module_;
-  Outbox* outbox_;
-  FrameReader reader_;
-  std::vector<std::unique_ptr<Embed>> embeds_;  // in the order they were made
+  const HostOptions& m_options;
+  const PluginHost& m_module;
+  Outbox* m_outbox;
+  FrameReader m_reader;
+  std::vector<std::unique_ptr<Embed>> m_embeds;  // in the order they were made
   std::string handled_url_;  // the download the plug-in handles now, as its trace names it
-  GMainLoop* loop_ = nullptr;
+  GMainLoop* m_loop = nullptr;
   bool input_ended_ = false;
 };
 

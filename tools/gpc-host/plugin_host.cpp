@@ -142,7 +142,7 @@ struct BrowserCalls {
     switch (variable) {
       case NPNVsupportsCoreGraphicsBool:
       case NPNVsupportsCocoaBool:
-        *static_cast<NPBool*>(value) = HostOf(npp)->options_.models;
+        *static_cast<NPBool*>(value) = HostOf(npp)->m_options.models;
         break;
       case NPNVSupportsXEmbedBool:
       case NPNVprivateModeBool:
@@ -202,7 +202,7 @@ struct BrowserCalls {
 
 // ---- Life of the module and the instance ---------------------------------------------------------
 
-PluginHost::PluginHost(const HostOptions& options) : options_(options) {
+PluginHost::PluginHost(const HostOptions& options) : m_options(options) {
   g_host = this;
   auto* browser = new FullBrowserFuncs();
   BrowserCalls::Fill(&browser->funcs);
@@ -210,25 +210,25 @@ PluginHost::PluginHost(const HostOptions& options) : options_(options) {
   auto* plugin = new FullPluginFuncs();
   plugin->funcs.size = sizeof(FullPluginFuncs);
   plugin_funcs_ = &plugin->funcs;
-  npp_.ndata = this;
-  loader_ = std::make_unique<UrlLoader>([this] { SchedulePump(); });
+  m_npp.ndata = this;
+  m_loader = std::make_unique<UrlLoader>([this] { SchedulePump(); });
 }
 
 PluginHost::PluginHost(const HostOptions& options, const PluginHost& module)
-    : options_(options),
+    : m_options(options),
       owns_module_(false),
       browser_funcs_(module.browser_funcs_),
       plugin_funcs_(module.plugin_funcs_) {
-  npp_.ndata = this;
-  loader_ = std::make_unique<UrlLoader>([this] { SchedulePump(); });
+  m_npp.ndata = this;
+  m_loader = std::make_unique<UrlLoader>([this] { SchedulePump(); });
 }
 
 PluginHost::~PluginHost() {
   Unload();
-  loader_.reset();
+  m_loader.reset();
   if (pump_source_ != 0) g_source_remove(pump_source_);
   if (notify_source_ != 0) g_source_remove(notify_source_);
-  if (loop_ != nullptr) g_main_loop_unref(loop_);
+  if (m_loop != nullptr) g_main_loop_unref(m_loop);
   if (!owns_module_) return;
   delete reinterpret_cast<FullBrowserFuncs*>(browser_funcs_);
   delete reinterpret_cast<FullPluginFuncs*>(plugin_funcs_);
@@ -236,17 +236,17 @@ PluginHost::~PluginHost() {
 }
 
 bool PluginHost::Load() {
-  module_ = dlopen(options_.plugin.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (module_ == nullptr) {
-    JsonLine("load").Add("plugin", options_.plugin).AddBool("ok", false).Add("error", dlerror()).Emit();
+  m_module = dlopen(m_options.plugin.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (m_module == nullptr) {
+    JsonLine("load").Add("plugin", m_options.plugin).AddBool("ok", false).Add("error", dlerror()).Emit();
     return false;
   }
-  auto mime_description = reinterpret_cast<NP_GetMIMEDescriptionFunc>(dlsym(module_, "NP_GetMIMEDescription"));
-  auto get_value = reinterpret_cast<NP_GetValueFunc>(dlsym(module_, "NP_GetValue"));
-  auto initialize = reinterpret_cast<NP_InitializeFunc>(dlsym(module_, "NP_Initialize"));
-  shutdown_ = reinterpret_cast<NP_ShutdownFunc>(dlsym(module_, "NP_Shutdown"));
-  bool complete = initialize != nullptr && shutdown_ != nullptr;
-  JsonLine("load").Add("plugin", options_.plugin).AddBool("ok", complete).Emit();
+  auto mime_description = reinterpret_cast<NP_GetMIMEDescriptionFunc>(dlsym(m_module, "NP_GetMIMEDescription"));
+  auto get_value = reinterpret_cast<NP_GetValueFunc>(dlsym(m_module, "NP_GetValue"));
+  auto initialize = reinterpret_cast<NP_InitializeFunc>(dlsym(m_module, "NP_Initialize"));
+  m_shutdown = reinterpret_cast<NP_ShutdownFunc>(dlsym(m_module, "NP_Shutdown"));
+  bool complete = initialize != nullptr && m_shutdown != nullptr;
+  JsonLine("load").Add("plugin", m_options.plugin).AddBool("ok", complete).Emit();
   if (!complete) return false;
 
   if (mime_description != nullptr)
@@ -260,7 +260,7 @@ bool PluginHost::Load() {
       .AddBool("urlnotify", plugin_funcs_->urlnotify != nullptr)
       .Emit();
   if (result != NPERR_NO_ERROR) {
-    shutdown_ = nullptr;  // a module that refused to start is not shut down
+    m_shutdown = nullptr;  // a module that refused to start is not shut down
     return false;
   }
   if (get_value != nullptr) {
@@ -280,49 +280,49 @@ bool PluginHost::Load() {
 
 bool PluginHost::CreateInstance() {
   std::vector<char*> names, values;
-  for (auto& param : options_.params) {
+  for (auto& param : m_options.params) {
     names.push_back(const_cast<char*>(param.first.c_str()));
     values.push_back(const_cast<char*>(param.second.c_str()));
   }
   char mime[] = "application/x-talvo-gpc";
-  NPError result = plugin_funcs_->newp(mime, &npp_, NP_EMBED, static_cast<int16_t>(names.size()),
+  NPError result = plugin_funcs_->newp(mime, &m_npp, NP_EMBED, static_cast<int16_t>(names.size()),
                                        names.data(), values.data(), nullptr);
   JsonLine("instance").Add("mime", kPluginMime).Add("params", static_cast<int>(names.size())).Add("result", result).Emit();
   if (result != NPERR_NO_ERROR) return false;
   instance_live_ = true;
 
-  if (!options_.page_url.empty()) DeliverPageUrl();
+  if (!m_options.page_url.empty()) DeliverPageUrl();
 
-  window_.window = nullptr;
-  window_.width = options_.width;
-  window_.height = options_.height;
-  window_.clipRect = {0, 0, static_cast<uint16_t>(options_.height), static_cast<uint16_t>(options_.width)};
-  window_.type = NPWindowTypeDrawable;
-  NPError set = plugin_funcs_->setwindow != nullptr ? plugin_funcs_->setwindow(&npp_, &window_)
+  m_window.window = nullptr;
+  m_window.width = m_options.width;
+  m_window.height = m_options.height;
+  m_window.clipRect = {0, 0, static_cast<uint16_t>(m_options.height), static_cast<uint16_t>(m_options.width)};
+  m_window.type = NPWindowTypeDrawable;
+  NPError set = plugin_funcs_->setwindow != nullptr ? plugin_funcs_->setwindow(&m_npp, &m_window)
                                                       : static_cast<NPError>(NPERR_GENERIC_ERROR);
-  JsonLine("set_window").Add("width", static_cast<int>(window_.width)).Add("height", static_cast<int>(window_.height)).Add("result", set).Emit();
+  JsonLine("set_window").Add("width", static_cast<int>(m_window.width)).Add("height", static_cast<int>(m_window.height)).Add("result", set).Emit();
   return true;
 }
 
 // The page's URL reaches the plug-in as a stream of its own, marked by the datum 100.
 void PluginHost::DeliverPageUrl() {
   NPStream stream = {};
-  stream.url = options_.page_url.c_str();
-  stream.end = static_cast<uint32_t>(options_.page_url.size());
+  stream.url = m_options.page_url.c_str();
+  stream.end = static_cast<uint32_t>(m_options.page_url.size());
   stream.notifyData = kHostPageDatum;
   uint16_t stype = NP_NORMAL;
   char mime[] = "text/plain";
-  NPError opened = plugin_funcs_->newstream(&npp_, mime, &stream, false, &stype);
+  NPError opened = plugin_funcs_->newstream(&m_npp, mime, &stream, false, &stype);
   int32_t ready = 0, written = 0;
   NPError ended = NPERR_GENERIC_ERROR;
   if (opened == NPERR_NO_ERROR) {
-    ready = plugin_funcs_->writeready(&npp_, &stream);
-    std::string body = options_.page_url;
-    written = plugin_funcs_->write(&npp_, &stream, 0, static_cast<int32_t>(body.size()), &body[0]);
-    ended = plugin_funcs_->destroystream(&npp_, &stream, NPRES_DONE);
+    ready = plugin_funcs_->writeready(&m_npp, &stream);
+    std::string body = m_options.page_url;
+    written = plugin_funcs_->write(&m_npp, &stream, 0, static_cast<int32_t>(body.size()), &body[0]);
+    ended = plugin_funcs_->destroystream(&m_npp, &stream, NPRES_DONE);
   }
   JsonLine("page_url")
-      .Add("url", options_.page_url)
+      .Add("url", m_options.page_url)
       .Add("new_stream", opened)
       .Add("write_ready", ready)
       .Add("written", written)
@@ -331,10 +331,10 @@ void PluginHost::DeliverPageUrl() {
 }
 
 void PluginHost::Run() {
-  if (loop_ == nullptr) loop_ = g_main_loop_new(nullptr, FALSE);
+  if (m_loop == nullptr) m_loop = g_main_loop_new(nullptr, FALSE);
   if (!instance_live_) return;
   run_timer_ = g_timeout_add(
-      static_cast<guint>(options_.run_ms),
+      static_cast<guint>(m_options.run_ms),
       [](gpointer self) -> gboolean {
         auto* host = static_cast<PluginHost*>(self);
         host->run_timer_ = 0;
@@ -342,32 +342,32 @@ void PluginHost::Run() {
         return G_SOURCE_REMOVE;
       },
       this);
-  g_main_loop_run(loop_);
+  g_main_loop_run(m_loop);
   if (run_timer_ != 0) g_source_remove(run_timer_);
   run_timer_ = 0;
 }
 
 void PluginHost::Quit(const char* reason) {
   if (exit_reason_.empty()) exit_reason_ = reason;
-  if (loop_ != nullptr) g_main_loop_quit(loop_);
+  if (m_loop != nullptr) g_main_loop_quit(m_loop);
 }
 
 void PluginHost::Unload() {
   if (instance_live_) {
     // Open requests end as the user leaving the page would end them.
     std::vector<int> ids;
-    for (auto& entry : requests_) ids.push_back(entry.first);
+    for (auto& entry : m_requests) ids.push_back(entry.first);
     for (int id : ids) {
-      auto it = requests_.find(id);
-      if (it == requests_.end()) continue;
+      auto it = m_requests.find(id);
+      if (it == m_requests.end()) continue;
       EndRequest(it->second.get(), NPRES_USER_BREAK);
-      loader_->Release(it->second->transfer_id);
-      requests_.erase(id);
+      m_loader->Release(it->second->transfer_id);
+      m_requests.erase(id);
     }
-    notices_.clear();
-    awaiting_.clear();
+    m_notices.clear();
+    m_awaiting.clear();
     NPSavedData* saved = nullptr;
-    NPError result = plugin_funcs_->destroy(&npp_, &saved);
+    NPError result = plugin_funcs_->destroy(&m_npp, &saved);
     JsonLine("destroy").Add("result", result).Add("exit_reason", exit_reason_).Emit();
     if (saved != nullptr) {
       std::free(saved->buf);
@@ -375,14 +375,14 @@ void PluginHost::Unload() {
     }
     instance_live_ = false;
   }
-  if (shutdown_ != nullptr) {
-    NPError result = shutdown_();
+  if (m_shutdown != nullptr) {
+    NPError result = m_shutdown();
     JsonLine("shutdown").Add("result", result).Emit();
-    shutdown_ = nullptr;
+    m_shutdown = nullptr;
   }
-  if (module_ != nullptr) {
-    dlclose(module_);
-    module_ = nullptr;
+  if (m_module != nullptr) {
+    dlclose(m_module);
+    m_module = nullptr;
   }
 }
 
@@ -410,13 +410,13 @@ NPError PluginHost::OnGetURL(const char* call, const char* url, const char* targ
     Navigate(request.release());
     return NPERR_NO_ERROR;
   }
-  Transfer* transfer = loader_->Start(CleanUrl(request->url), post, body, kUserAgent);
+  Transfer* transfer = m_loader->Start(CleanUrl(request->url), post, body, kUserAgent);
   if (transfer == nullptr) {
     JsonLine("fetch_end").Add("id", request->id).Add("url", request->url).Add("error", "refused by curl").Emit();
     return NPERR_GENERIC_ERROR;
   }
   request->transfer_id = transfer->id;
-  requests_[request->id] = std::move(request);
+  m_requests[request->id] = std::move(request);
   return NPERR_NO_ERROR;
 }
 
@@ -430,12 +430,12 @@ void PluginHost::Navigate(Request* raw) {
       .Add("target", request->target)
       .Add("method", request->post ? "POST" : "GET")
       .Emit();
-  if (events_ != nullptr && events_->OnNavigate(request->id, request->url, request->target)) {
-    if (request->notify) awaiting_[request->id] = std::move(request);
+  if (m_events != nullptr && m_events->OnNavigate(request->id, request->url, request->target)) {
+    if (request->notify) m_awaiting[request->id] = std::move(request);
     return;
   }
-  bool matched = !options_.exit_on_navigate.empty() &&
-                 request->url.find(options_.exit_on_navigate) != std::string::npos;
+  bool matched = !m_options.exit_on_navigate.empty() &&
+                 request->url.find(m_options.exit_on_navigate) != std::string::npos;
   if (matched) navigation_matched_ = true;
   if (request->notify) {
     NotifyLater(request.release());
@@ -445,30 +445,30 @@ void PluginHost::Navigate(Request* raw) {
 }
 
 bool PluginHost::AnswerNavigation(int request_id, bool ok) {
-  auto it = awaiting_.find(request_id);
-  if (it == awaiting_.end() || !instance_live_) return false;
+  auto it = m_awaiting.find(request_id);
+  if (it == m_awaiting.end() || !instance_live_) return false;
   std::unique_ptr<Request> request = std::move(it->second);
-  awaiting_.erase(it);
+  m_awaiting.erase(it);
   NPReason reason = ok ? NPRES_DONE : NPRES_NETWORK_ERR;
   if (plugin_funcs_->urlnotify != nullptr)
-    plugin_funcs_->urlnotify(&npp_, request->url.c_str(), reason, request->notify_data);
+    plugin_funcs_->urlnotify(&m_npp, request->url.c_str(), reason, request->notify_data);
   JsonLine("url_notify").Add("id", request->id).Add("url", request->url).Add("reason", reason).Emit();
   return true;
 }
 
 void PluginHost::NotifyLater(Request* request) {
-  notices_[request->id].reset(request);
+  m_notices[request->id].reset(request);
   if (notify_source_ == 0) notify_source_ = g_idle_add(&PluginHost::OnNotify, this);
 }
 
 gboolean PluginHost::OnNotify(gpointer self) {
   auto* host = static_cast<PluginHost*>(self);
   host->notify_source_ = 0;
-  while (!host->notices_.empty() && host->instance_live_) {
-    std::unique_ptr<Request> request = std::move(host->notices_.begin()->second);
-    host->notices_.erase(host->notices_.begin());
+  while (!host->m_notices.empty() && host->instance_live_) {
+    std::unique_ptr<Request> request = std::move(host->m_notices.begin()->second);
+    host->m_notices.erase(host->m_notices.begin());
     if (host->plugin_funcs_->urlnotify != nullptr)
-      host->plugin_funcs_->urlnotify(&host->npp_, request->url.c_str(), NPRES_DONE, request->notify_data);
+      host->plugin_funcs_->urlnotify(&host->m_npp, request->url.c_str(), NPRES_DONE, request->notify_data);
     JsonLine("url_notify").Add("id", request->id).Add("url", request->url).Add("reason", NPRES_DONE).Emit();
   }
   if (host->navigation_matched_) host->Quit("navigate");
@@ -494,18 +494,18 @@ void PluginHost::Pump() {
   if (!instance_live_) return;
   // The plug-in may add requests from inside any call made here.
   std::vector<int> ids;
-  for (auto& entry : requests_) ids.push_back(entry.first);
+  for (auto& entry : m_requests) ids.push_back(entry.first);
   for (int id : ids) {
-    auto it = requests_.find(id);
-    if (it == requests_.end()) continue;
+    auto it = m_requests.find(id);
+    if (it == m_requests.end()) continue;
     if (!Advance(it->second.get())) continue;
-    loader_->Release(it->second->transfer_id);
-    requests_.erase(id);
+    m_loader->Release(it->second->transfer_id);
+    m_requests.erase(id);
   }
 }
 
 bool PluginHost::Advance(Request* request) {
-  Transfer* transfer = loader_->Find(request->transfer_id);
+  Transfer* transfer = m_loader->Find(request->transfer_id);
   if (transfer == nullptr) {
     EndRequest(request, NPRES_NETWORK_ERR);
     return true;
@@ -534,7 +534,7 @@ bool PluginHost::Advance(Request* request) {
 }
 
 bool PluginHost::OpenStream(Request* request, const std::string& mime) {
-  Transfer* transfer = loader_->Find(request->transfer_id);
+  Transfer* transfer = m_loader->Find(request->transfer_id);
   request->headers = transfer->headers;
   request->stream = {};
   request->stream.ndata = this;
@@ -546,7 +546,7 @@ bool PluginHost::OpenStream(Request* request, const std::string& mime) {
   request->stream.headers = request->headers.empty() ? nullptr : request->headers.c_str();
   request->stype = NP_NORMAL;
   std::string type = mime;
-  NPError result = plugin_funcs_->newstream(&npp_, &type[0], &request->stream, false, &request->stype);
+  NPError result = plugin_funcs_->newstream(&m_npp, &type[0], &request->stream, false, &request->stype);
   JsonLine("stream_start")
       .Add("id", request->id)
       .Add("url", request->url)
@@ -571,7 +571,7 @@ bool PluginHost::OpenStream(Request* request, const std::string& mime) {
 }
 
 bool PluginHost::Deliver(Request* request) {
-  Transfer* transfer = loader_->Find(request->transfer_id);
+  Transfer* transfer = m_loader->Find(request->transfer_id);
   std::string& data = transfer->data;
   if (request->stype == NP_ASFILEONLY) {
     if (request->file != nullptr) std::fwrite(data.data(), 1, data.size(), request->file);
@@ -581,13 +581,13 @@ bool PluginHost::Deliver(Request* request) {
     return true;
   }
   while (!data.empty()) {
-    int32_t ready = plugin_funcs_->writeready(&npp_, &request->stream);
+    int32_t ready = plugin_funcs_->writeready(&m_npp, &request->stream);
     if (ready <= 0) {
       SchedulePump(kWriteRetryMs);
       return true;
     }
     int32_t chunk = std::min<int64_t>({ready, static_cast<int64_t>(data.size()), kMaxWriteChunk});
-    int32_t written = plugin_funcs_->write(&npp_, &request->stream, request->offset, chunk, &data[0]);
+    int32_t written = plugin_funcs_->write(&m_npp, &request->stream, request->offset, chunk, &data[0]);
     if (written < 0) return false;
     written = std::min(written, chunk);
     if (request->file != nullptr) std::fwrite(data.data(), 1, static_cast<size_t>(written), request->file);
@@ -604,19 +604,19 @@ bool PluginHost::Deliver(Request* request) {
 }
 
 void PluginHost::ReportProgress(const Request* request, const Transfer* transfer) {
-  if (events_ != nullptr) events_->OnStreamProgress(request->url, request->bytes, transfer->content_length);
+  if (m_events != nullptr) m_events->OnStreamProgress(request->url, request->bytes, transfer->content_length);
 }
 
 void PluginHost::EndRequest(Request* request, NPReason reason) {
-  Transfer* transfer = loader_->Find(request->transfer_id);
+  Transfer* transfer = m_loader->Find(request->transfer_id);
   if (request->stream_open) {
     if (request->file != nullptr) {
       std::fclose(request->file);
       request->file = nullptr;
       if (reason == NPRES_DONE && plugin_funcs_->asfile != nullptr)
-        plugin_funcs_->asfile(&npp_, &request->stream, request->file_path.c_str());
+        plugin_funcs_->asfile(&m_npp, &request->stream, request->file_path.c_str());
     }
-    NPError result = plugin_funcs_->destroystream(&npp_, &request->stream, reason);
+    NPError result = plugin_funcs_->destroystream(&m_npp, &request->stream, reason);
     JsonLine("stream_end")
         .Add("id", request->id)
         .Add("url", request->url)
@@ -635,7 +635,7 @@ void PluginHost::EndRequest(Request* request, NPReason reason) {
       .Add("error", transfer != nullptr && !transfer->error.empty() ? transfer->error.c_str() : nullptr)
       .Emit();
   if (request->notify && plugin_funcs_->urlnotify != nullptr) {
-    plugin_funcs_->urlnotify(&npp_, request->url.c_str(), reason, request->notify_data);
+    plugin_funcs_->urlnotify(&m_npp, request->url.c_str(), reason, request->notify_data);
     JsonLine("url_notify").Add("id", request->id).Add("url", request->url).Add("reason", reason).Emit();
   }
 }

@@ -42,7 +42,7 @@ class PluginHost {
   void Unload();
 
   // Routes this instance's events to `events` (null: none); set before CreateInstance.
-  void SetEvents(HostEvents* events) { events_ = events; }
+  void SetEvents(HostEvents* events) { m_events = events; }
   // Answers a navigation that OnNavigate kept open: NPP_URLNotify with NPRES_DONE when `ok`,
   // else NPRES_NETWORK_ERR. Returns false when no such navigation waits.
   bool AnswerNavigation(int request, bool ok);
@@ -77,26 +77,26 @@ class PluginHost {
   void DeliverPageUrl();
   void Quit(const char* reason);
 
-  HostOptions options_;
+  HostOptions m_options;
   bool owns_module_ = true;
-  HostEvents* events_ = nullptr;
-  std::map<int, std::unique_ptr<Request>> awaiting_;  // navigations left to the events' answer
-  void* module_ = nullptr;
-  NP_ShutdownFunc shutdown_ = nullptr;
+  HostEvents* m_events = nullptr;
+  std::map<int, std::unique_ptr<Request>> m_awaiting;  // navigations left to the events' answer
+  void* m_module = nullptr;
+  NP_ShutdownFunc m_shutdown = nullptr;
   NPNetscapeFuncs* browser_funcs_ = nullptr;
   NPPluginFuncs* plugin_funcs_ = nullptr;
-  NPP_t npp_ = {nullptr, nullptr};
+  NPP_t m_npp = {nullptr, nullptr};
   bool instance_live_ = false;
-  NPWindow window_ = {};
+  NPWindow m_window = {};
 
-  std::unique_ptr<UrlLoader> loader_;
-  std::map<int, std::unique_ptr<Request>> requests_;  // fetches, by request id
-  std::map<int, std::unique_ptr<Request>> notices_;   // navigations waiting for NPP_URLNotify
+  std::unique_ptr<UrlLoader> m_loader;
+  std::map<int, std::unique_ptr<Request>> m_requests;  // fetches, by request id
+  std::map<int, std::unique_ptr<Request>> m_notices;   // navigations waiting for NPP_URLNotify
   int next_request_id_ = 1;
   guint pump_source_ = 0;
   guint notify_source_ = 0;
 
-  GMainLoop* loop_ = nullptr;
+  GMainLoop* m_loop = nullptr;
   guint run_timer_ = 0;
   bool navigation_matched_ = false;
   std::string exit_reason_;

@@ -30,11 +30,11 @@ std::string TracerPath() {
 TraceFollower::TraceFollower(std::function<void(const std::string&)> on_record) : on_record_(std::move(on_record)) {}
 
 TraceFollower::~TraceFollower() {
-  if (watch_ != 0) g_source_remove(watch_);
-  if (output_ >= 0) close(output_);
-  if (child_ > 0) {
-    kill(child_, SIGTERM);
-    while (waitpid(child_, nullptr, 0) < 0 && errno == EINTR) {
+  if (m_watch != 0) g_source_remove(m_watch);
+  if (m_output >= 0) close(m_output);
+  if (m_child > 0) {
+    kill(m_child, SIGTERM);
+    while (waitpid(m_child, nullptr, 0) < 0 && errno == EINTR) {
     }
   }
 }
@@ -48,8 +48,8 @@ bool TraceFollower::Start() {
   int pipe_fds[2];
   if (pipe2(pipe_fds, O_CLOEXEC) != 0) return false;
   const pid_t parent = getpid();
-  child_ = fork();
-  if (child_ == 0) {
+  m_child = fork();
+  if (m_child == 0) {
     // Only async-signal-safe calls until exec. The tracer ends with the host, however it ends.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) _exit(0);
@@ -60,13 +60,13 @@ bool TraceFollower::Start() {
     _exit(127);
   }
   close(pipe_fds[1]);
-  if (child_ < 0) {
+  if (m_child < 0) {
     close(pipe_fds[0]);
     std::fprintf(stderr, "gpc-host: cannot start tlvtracer: %s\n", std::strerror(errno));
     return false;
   }
-  output_ = pipe_fds[0];
-  watch_ = g_unix_fd_add(output_, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), &TraceFollower::OnOutput, this);
+  m_output = pipe_fds[0];
+  m_watch = g_unix_fd_add(m_output, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), &TraceFollower::OnOutput, this);
   return true;
 }
 
@@ -76,14 +76,14 @@ gboolean TraceFollower::OnOutput(gint fd, GIOCondition, gpointer self) {
   ssize_t got = read(fd, buffer, sizeof buffer);
   if (got < 0 && errno == EINTR) return G_SOURCE_CONTINUE;
   if (got <= 0) {
-    follower->watch_ = 0;
+    follower->m_watch = 0;
     return G_SOURCE_REMOVE;
   }
-  follower->pending_.append(buffer, static_cast<size_t>(got));
+  follower->m_pending.append(buffer, static_cast<size_t>(got));
   size_t end;
-  while ((end = follower->pending_.find('\n')) != std::string::npos) {
-    std::string line = follower->pending_.substr(0, end);
-    follower->pending_.erase(0, end + 1);
+  while ((end = follower->m_pending.find('\n')) != std::string::npos) {
+    std::string line = follower->m_pending.substr(0, end);
+    follower->m_pending.erase(0, end + 1);
     follower->TakeLine(line);
   }
   return G_SOURCE_CONTINUE;

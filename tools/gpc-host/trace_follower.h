@@ -26,8 +26,8 @@ class TraceFollower {
   void TakeLine(const std::string& line);
 
   std::function<void(const std::string&)> on_record_;
-  pid_t child_ = -1;
-  int output_ = -1;
-  guint watch_ = 0;
-  std::string pending_;  // an incomplete last line
+  pid_t m_child = -1;
+  int m_output = -1;
+  guint m_watch = 0;
+  std::string m_pending;  // an incomplete last line
 };

@@ -31,19 +31,19 @@ void MarkHeadersDone(Transfer* transfer) {
 
 }  // namespace
 
-UrlLoader::UrlLoader(std::function<void()> changed) : changed_(std::move(changed)) {
+UrlLoader::UrlLoader(std::function<void()> changed) : m_changed(std::move(changed)) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
-  multi_ = curl_multi_init();
-  curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &UrlLoader::OnSocket);
-  curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
-  curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &UrlLoader::OnTimer);
-  curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+  m_multi = curl_multi_init();
+  curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, &UrlLoader::OnSocket);
+  curl_multi_setopt(m_multi, CURLMOPT_SOCKETDATA, this);
+  curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, &UrlLoader::OnTimer);
+  curl_multi_setopt(m_multi, CURLMOPT_TIMERDATA, this);
 }
 
 UrlLoader::~UrlLoader() {
-  while (!transfers_.empty()) Release(transfers_.begin()->first);
+  while (!m_transfers.empty()) Release(m_transfers.begin()->first);
   if (timeout_source_ != 0) g_source_remove(timeout_source_);
-  curl_multi_cleanup(multi_);
+  curl_multi_cleanup(m_multi);
   curl_global_cleanup();
 }
 
@@ -73,27 +73,27 @@ Transfer* UrlLoader::Start(const std::string& url, bool post, const std::string&
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, transfer->post_body.data());
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(transfer->post_body.size()));
   }
-  if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
+  if (curl_multi_add_handle(m_multi, easy) != CURLM_OK) {
     curl_easy_cleanup(easy);
     return nullptr;
   }
   Transfer* raw = transfer.get();
-  transfers_[raw->id] = std::move(transfer);
+  m_transfers[raw->id] = std::move(transfer);
   return raw;
 }
 
 Transfer* UrlLoader::Find(int id) {
-  auto it = transfers_.find(id);
-  return it == transfers_.end() ? nullptr : it->second.get();
+  auto it = m_transfers.find(id);
+  return it == m_transfers.end() ? nullptr : it->second.get();
 }
 
 void UrlLoader::Release(int id) {
-  auto it = transfers_.find(id);
-  if (it == transfers_.end()) return;
+  auto it = m_transfers.find(id);
+  if (it == m_transfers.end()) return;
   // Removing an unfinished handle closes its sockets through OnSocket.
-  curl_multi_remove_handle(multi_, it->second->easy);
+  curl_multi_remove_handle(m_multi, it->second->easy);
   curl_easy_cleanup(it->second->easy);
-  transfers_.erase(it);
+  m_transfers.erase(it);
 }
 
 size_t UrlLoader::OnHeader(char* data, size_t size, size_t count, void* opaque) {
@@ -120,7 +120,7 @@ int UrlLoader::OnSocket(CURL* easy, curl_socket_t fd, int what, void* self, void
   if (what == CURL_POLL_REMOVE) {
     if (socket_watch != nullptr) {
       loader->RemoveWatch(socket_watch);
-      curl_multi_assign(loader->multi_, fd, nullptr);
+      curl_multi_assign(loader->m_multi, fd, nullptr);
     }
   } else {
     loader->SetWatch(fd, what, socket_watch, easy);
@@ -133,7 +133,7 @@ void UrlLoader::SetWatch(curl_socket_t fd, int what, SocketWatch* watch, CURL*) 
     watch = new SocketWatch;
     watch->fd = fd;
     watch->channel = g_io_channel_unix_new(fd);
-    curl_multi_assign(multi_, fd, watch);
+    curl_multi_assign(m_multi, fd, watch);
   } else if (watch->source != 0) {
     g_source_remove(watch->source);
     watch->source = 0;
@@ -177,14 +177,14 @@ gboolean UrlLoader::OnTimeout(gpointer self) {
 
 void UrlLoader::Drive(curl_socket_t fd, int action) {
   int running = 0;
-  curl_multi_socket_action(multi_, fd, action, &running);
+  curl_multi_socket_action(m_multi, fd, action, &running);
   CollectFinished();
-  if (changed_) changed_();
+  if (m_changed) m_changed();
 }
 
 void UrlLoader::CollectFinished() {
   int left = 0;
-  while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+  while (CURLMsg* message = curl_multi_info_read(m_multi, &left)) {
     if (message->msg != CURLMSG_DONE) continue;
     Transfer* transfer = nullptr;
     curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);

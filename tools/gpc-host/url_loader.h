@@ -61,9 +61,9 @@ class UrlLoader {
   void Drive(curl_socket_t fd, int action);
   void CollectFinished();
 
-  CURLM* multi_ = nullptr;
+  CURLM* m_multi = nullptr;
   guint timeout_source_ = 0;
   int next_id_ = 1;
-  std::map<int, std::unique_ptr<Transfer>> transfers_;
-  std::function<void()> changed_;
+  std::map<int, std::unique_ptr<Transfer>> m_transfers;
+  std::function<void()> m_changed;
 };

@@ -116,7 +116,7 @@ bool LinkStaysInside(const std::string& target, int depth) {
 
 class BundleWriter {
  public:
-  BundleWriter(archive* a, std::string* error) : archive_(a), error_(error) {}
+  BundleWriter(archive* a, std::string* error) : m_archive(a), m_error(error) {}
 
   // Adds `diskPath` as `archivePath` and, for a folder, everything below it; `depth` is how far
   // below the top folder the entry's own folder lies.
@@ -124,7 +124,7 @@ class BundleWriter {
     struct stat info;
     // The top folder may be reached through a link; everything inside is taken as it is.
     if ((depth < 0 ? stat(diskPath.c_str(), &info) : lstat(diskPath.c_str(), &info)) != 0) {
-      *error_ = ErrnoText("cannot read", diskPath);
+      *m_error = ErrnoText("cannot read", diskPath);
       return false;
     }
     EntryPtr entry(archive_entry_new());
@@ -141,7 +141,7 @@ class BundleWriter {
       archive_entry_set_size(entry.get(), info.st_size);
       return WriteHeader(entry.get()) && CopyData(diskPath, info.st_size);
     }
-    *error_ = diskPath + " is neither a file, a folder nor a symbolic link";
+    *m_error = diskPath + " is neither a file, a folder nor a symbolic link";
     return false;
   }
 
@@ -150,7 +150,7 @@ class BundleWriter {
     std::vector<std::string> names;
     DIR* folder = opendir(diskPath.c_str());
     if (folder == nullptr) {
-      *error_ = ErrnoText("cannot list", diskPath);
+      *m_error = ErrnoText("cannot list", diskPath);
       return false;
     }
     while (const dirent* item = readdir(folder)) {
@@ -169,13 +169,13 @@ class BundleWriter {
     std::vector<char> target(PATH_MAX + 1);
     const ssize_t length = readlink(diskPath.c_str(), target.data(), PATH_MAX);
     if (length < 0) {
-      *error_ = ErrnoText("cannot read the link", diskPath);
+      *m_error = ErrnoText("cannot read the link", diskPath);
       return false;
     }
     const std::string text(target.data(), static_cast<size_t>(length));
     // The unpacker refuses a whole archive with a link out of its destination.
     if (!LinkStaysInside(text, depth)) {
-      *error_ = "the symbolic link " + diskPath + " -> " + text + " leads out of the bundle";
+      *m_error = "the symbolic link " + diskPath + " -> " + text + " leads out of the bundle";
       return false;
     }
     archive_entry_set_filetype(entry, AE_IFLNK);
@@ -184,15 +184,15 @@ class BundleWriter {
   }
 
   bool WriteHeader(archive_entry* entry) {
-    if (archive_write_header(archive_, entry) == ARCHIVE_OK) return true;
-    *error_ = "cannot add " + std::string(archive_entry_pathname(entry)) + ": " + ArchiveErrorText(archive_);
+    if (archive_write_header(m_archive, entry) == ARCHIVE_OK) return true;
+    *m_error = "cannot add " + std::string(archive_entry_pathname(entry)) + ": " + ArchiveErrorText(m_archive);
     return false;
   }
 
   bool CopyData(const std::string& diskPath, off_t expected) {
     const int fd = open(diskPath.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
-      *error_ = ErrnoText("cannot read", diskPath);
+      *m_error = ErrnoText("cannot read", diskPath);
       return false;
     }
     std::vector<char> buffer(kCopyBufferSize);
@@ -202,13 +202,13 @@ class BundleWriter {
       const ssize_t got = read(fd, buffer.data(), buffer.size());
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) {
-        *error_ = ErrnoText("cannot read", diskPath);
+        *m_error = ErrnoText("cannot read", diskPath);
         ok = false;
         break;
       }
       if (got == 0) break;
-      if (archive_write_data(archive_, buffer.data(), static_cast<size_t>(got)) != got) {
-        *error_ = "cannot write " + diskPath + " into the archive: " + ArchiveErrorText(archive_);
+      if (archive_write_data(m_archive, buffer.data(), static_cast<size_t>(got)) != got) {
+        *m_error = "cannot write " + diskPath + " into the archive: " + ArchiveErrorText(m_archive);
         ok = false;
         break;
       }
@@ -216,14 +216,14 @@ class BundleWriter {
     }
     close(fd);
     if (ok && copied != expected) {
-      *error_ = diskPath + " changed while it was packed";
+      *m_error = diskPath + " changed while it was packed";
       ok = false;
     }
     return ok;
   }
 
-  archive* archive_;
-  std::string* error_;
+  archive* m_archive;
+  std::string* m_error;
 };
 
 // ---- Reading -------------------------------------------------------------------------------

@@ -46,7 +46,7 @@ void AppendUtf8(unsigned long code, std::string* out) {
 // A reader of one flat JSON object whose values are strings.
 class JsonObjectReader {
  public:
-  explicit JsonObjectReader(const std::string& text) : text_(text) {}
+  explicit JsonObjectReader(const std::string& text) : m_text(text) {}
 
   bool Read(EmbedParams* params, std::string* error) {
     if (!Expect('{')) return Fail("a JSON object must start with \"{\"", error);
@@ -67,29 +67,29 @@ class JsonObjectReader {
  private:
   bool Finish(std::string* error) {
     SkipBlanks();
-    return at_ == text_.size() || Fail("text after the JSON object", error);
+    return m_at == m_text.size() || Fail("text after the JSON object", error);
   }
   bool Fail(const std::string& what, std::string* error) {
-    *error = what + " (at byte " + std::to_string(at_) + ")";
+    *error = what + " (at byte " + std::to_string(m_at) + ")";
     return false;
   }
   void SkipBlanks() {
-    while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\t' || text_[at_] == '\n' || text_[at_] == '\r')) {
-      ++at_;
+    while (m_at < m_text.size() && (m_text[m_at] == ' ' || m_text[m_at] == '\t' || m_text[m_at] == '\n' || m_text[m_at] == '\r')) {
+      ++m_at;
     }
   }
-  char Peek() const { return at_ < text_.size() ? text_[at_] : '\0'; }
+  char Peek() const { return m_at < m_text.size() ? m_text[m_at] : '\0'; }
   bool Expect(char c) {
     SkipBlanks();
     if (Peek() != c) return false;
-    ++at_;
+    ++m_at;
     return true;
   }
   bool ReadHex4(unsigned long* code) {
-    if (at_ + 4 > text_.size()) return false;
+    if (m_at + 4 > m_text.size()) return false;
     *code = 0;
     for (int i = 0; i < 4; ++i) {
-      const char c = text_[at_++];
+      const char c = m_text[m_at++];
       const int digit = c >= '0' && c <= '9' ? c - '0' : (c | 0x20) >= 'a' && (c | 0x20) <= 'f' ? (c | 0x20) - 'a' + 10 : -1;
       if (digit < 0) return false;
       *code = *code * 16 + static_cast<unsigned long>(digit);
@@ -97,7 +97,7 @@ class JsonObjectReader {
     return true;
   }
   bool ReadEscape(std::string* out) {
-    const char c = text_[at_++];
+    const char c = m_text[m_at++];
     static const char kPlain[] = "\"\\/bfnrt";
     static const char kMeaning[] = "\"\\/\b\f\n\r\t";
     for (int i = 0; kPlain[i] != '\0'; ++i) {
@@ -110,8 +110,8 @@ class JsonObjectReader {
     if (c != 'u' || !ReadHex4(&code)) return false;
     if (code >= 0xd800 && code < 0xdc00) {
       // A high surrogate must be followed by its low half.
-      if (text_.compare(at_, 2, "\\u") != 0) return false;
-      at_ += 2;
+      if (m_text.compare(m_at, 2, "\\u") != 0) return false;
+      m_at += 2;
       if (!ReadHex4(&low) || low < 0xdc00 || low >= 0xe000) return false;
       code = 0x10000 + ((code - 0xd800) << 10) + (low - 0xdc00);
     } else if (code >= 0xdc00 && code < 0xe000) {
@@ -122,21 +122,21 @@ class JsonObjectReader {
   }
   bool ReadString(std::string* out) {
     if (!Expect('"')) return false;
-    while (at_ < text_.size()) {
-      const unsigned char c = static_cast<unsigned char>(text_[at_++]);
+    while (m_at < m_text.size()) {
+      const unsigned char c = static_cast<unsigned char>(m_text[m_at++]);
       if (c == '"') return true;
       if (c < 0x20) return false;
       if (c != '\\') {
         *out += static_cast<char>(c);
-      } else if (at_ >= text_.size() || !ReadEscape(out)) {
+      } else if (m_at >= m_text.size() || !ReadEscape(out)) {
         return false;
       }
     }
     return false;
   }
 
-  const std::string& text_;
-  size_t at_ = 0;
+  const std::string& m_text;
+  size_t m_at = 0;
 };
 
 }  // namespace

@@ -34,8 +34,8 @@ class PendingPackage {
  public:
   PendingPackage() = default;
   ~PendingPackage() {
-    if (fd_ >= 0) close(fd_);
-    if (!path_.empty()) unlink(path_.c_str());
+    if (m_fd >= 0) close(m_fd);
+    if (!m_path.empty()) unlink(m_path.c_str());
     g_pendingPath[0] = '\0';
   }
   PendingPackage(const PendingPackage&) = delete;
@@ -47,52 +47,52 @@ class PendingPackage {
       *error = "the output path " + pattern + " is too long";
       return false;
     }
-    fd_ = mkstemp(&pattern[0]);
-    if (fd_ < 0) {
+    m_fd = mkstemp(&pattern[0]);
+    if (m_fd < 0) {
       *error = "cannot write in " + folder + ": " + strerror(errno);
       return false;
     }
-    path_ = pattern;
-    memcpy(g_pendingPath, path_.c_str(), path_.size() + 1);
+    m_path = pattern;
+    memcpy(g_pendingPath, m_path.c_str(), m_path.size() + 1);
     for (int number : {SIGINT, SIGTERM, SIGHUP}) signal(number, RemovePendingAndStop);
     return true;
   }
 
-  int fd() const { return fd_; }
-  const std::string& path() const { return path_; }
+  int fd() const { return m_fd; }
+  const std::string& path() const { return m_path; }
 
   // Gives the file the mode of any new file and makes it durable.
   bool Close(std::string* error) {
     const mode_t mask = umask(0);
     umask(mask);
-    const bool ok = fchmod(fd_, 0666 & ~mask) == 0 && fsync(fd_) == 0;
-    const bool closed = close(fd_) == 0;
-    fd_ = -1;
-    if (!ok || !closed) *error = "cannot write " + path_ + ": " + strerror(errno);
+    const bool ok = fchmod(m_fd, 0666 & ~mask) == 0 && fsync(m_fd) == 0;
+    const bool closed = close(m_fd) == 0;
+    m_fd = -1;
+    if (!ok || !closed) *error = "cannot write " + m_path + ": " + strerror(errno);
     return ok && closed;
   }
 
   bool MoveTo(const std::string& target, bool replace, std::string* error) {
-    int moved = replace ? rename(path_.c_str(), target.c_str())
-                        : renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
+    int moved = replace ? rename(m_path.c_str(), target.c_str())
+                        : renameat2(AT_FDCWD, m_path.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
     // A file system without the no-replace flag: look first.
     if (moved != 0 && !replace && errno == EINVAL) {
       struct stat info;
-      moved = lstat(target.c_str(), &info) == 0 ? (errno = EEXIST, -1) : rename(path_.c_str(), target.c_str());
+      moved = lstat(target.c_str(), &info) == 0 ? (errno = EEXIST, -1) : rename(m_path.c_str(), target.c_str());
     }
     if (moved != 0) {
       *error = errno == EEXIST ? target + " exists; use --force to replace it"
                                : "cannot move the package to " + target + ": " + strerror(errno);
       return false;
     }
-    path_.clear();
+    m_path.clear();
     g_pendingPath[0] = '\0';
     return true;
   }
 
  private:
-  int fd_ = -1;
-  std::string path_;
+  int m_fd = -1;
+  std::string m_path;
 };
 
 bool Exists(const std::string& path) {

@@ -97,29 +97,29 @@ void Pause() {
 // Reads a trace file from its start, printing each record as soon as it is whole.
 class TraceReader {
  public:
-  explicit TraceReader(const Options& options) : options_(options) {}
+  explicit TraceReader(const Options& options) : m_options(options) {}
   ~TraceReader() { Close(); }
 
   bool Open() {
-    fd_ = open(options_.path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd_ < 0) return false;
+    m_fd = open(m_options.path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_fd < 0) return false;
     struct stat info;
-    inode_ = fstat(fd_, &info) == 0 ? info.st_ino : 0;
+    m_inode = fstat(m_fd, &info) == 0 ? info.st_ino : 0;
     return true;
   }
-  bool IsOpen() const { return fd_ >= 0; }
+  bool IsOpen() const { return m_fd >= 0; }
 
   // Appends whatever the file holds beyond what was read. False on a read error.
   bool ReadAvailable() {
     unsigned char chunk[65536];
     for (;;) {
-      const ssize_t got = read(fd_, chunk, sizeof chunk);
+      const ssize_t got = read(m_fd, chunk, sizeof chunk);
       if (got == 0) return true;
       if (got < 0) {
         if (errno == EINTR) continue;
         return false;
       }
-      pending_.insert(pending_.end(), chunk, chunk + got);
+      m_pending.insert(m_pending.end(), chunk, chunk + got);
       read_end_ += static_cast<uint64_t>(got);
     }
   }
@@ -129,10 +129,10 @@ class TraceReader {
     size_t at = 0;
     bool good = true;
     while (good) {
-      const unsigned char* data = pending_.data() + at;
-      const size_t size = pending_.size() - at;
+      const unsigned char* data = m_pending.data() + at;
+      const size_t size = m_pending.size() - at;
       if (!header_seen_) {
-        const tlvtracer::DecodeResult result = tlvtracer::CheckHeader(data, size, &problem_);
+        const tlvtracer::DecodeResult result = tlvtracer::CheckHeader(data, size, &m_problem);
         if (result == tlvtracer::DecodeResult::kCorrupt) good = false;
         if (result != tlvtracer::DecodeResult::kRecord) break;
         header_seen_ = true;
@@ -141,68 +141,68 @@ class TraceReader {
       }
       tlvtracer::TraceRecord record;
       size_t used = 0;
-      const tlvtracer::DecodeResult result = tlvtracer::DecodeRecord(data, size, base_ + at, &record, &used, &problem_);
+      const tlvtracer::DecodeResult result = tlvtracer::DecodeRecord(data, size, m_base + at, &record, &used, &m_problem);
       if (result == tlvtracer::DecodeResult::kCorrupt) good = false;
       if (result != tlvtracer::DecodeResult::kRecord) break;
       if (first_record_.empty()) first_record_.assign(data, data + used);
       Print(record);
       at += used;
     }
-    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(at));
-    base_ += at;
+    m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<std::ptrdiff_t>(at));
+    m_base += at;
     fflush(stdout);
     return good;
   }
 
   // Offset of the first byte not yet decoded, and how many bytes follow it.
-  uint64_t Offset() const { return base_; }
-  size_t Leftover() const { return pending_.size(); }
+  uint64_t Offset() const { return m_base; }
+  size_t Leftover() const { return m_pending.size(); }
   bool HeaderSeen() const { return header_seen_; }
-  const std::string& Problem() const { return problem_; }
+  const std::string& Problem() const { return m_problem; }
 
   // True when the file at the path was replaced, cut short, or started anew by a plug-in loading
   // (its first record differs from the one read).
   bool WasRestarted() const {
     struct stat info;
-    if (stat(options_.path.c_str(), &info) != 0) return false;
-    if (info.st_ino != inode_ || static_cast<uint64_t>(info.st_size) < read_end_) return true;
+    if (stat(m_options.path.c_str(), &info) != 0) return false;
+    if (info.st_ino != m_inode || static_cast<uint64_t>(info.st_size) < read_end_) return true;
     if (first_record_.empty()) return false;
     std::vector<unsigned char> now(first_record_.size());
-    const ssize_t got = pread(fd_, now.data(), now.size(), tlvtracer::kHeaderSize);
+    const ssize_t got = pread(m_fd, now.data(), now.size(), tlvtracer::kHeaderSize);
     return got != static_cast<ssize_t>(now.size()) || now != first_record_;
   }
 
   void Restart() {
     Close();
-    pending_.clear();
+    m_pending.clear();
     first_record_.clear();
-    base_ = read_end_ = 0;
+    m_base = read_end_ = 0;
     header_seen_ = false;
     Open();
   }
 
  private:
   void Print(const tlvtracer::TraceRecord& record) {
-    if (record.level < options_.min_level) return;
-    const std::string line = options_.json ? tlvtracer::FormatJson(record) : tlvtracer::FormatLine(record);
+    if (record.level < m_options.min_level) return;
+    const std::string line = m_options.json ? tlvtracer::FormatJson(record) : tlvtracer::FormatLine(record);
     fwrite(line.data(), 1, line.size(), stdout);
     fputc('\n', stdout);
   }
 
   void Close() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
+    if (m_fd >= 0) close(m_fd);
+    m_fd = -1;
   }
 
-  const Options& options_;
-  int fd_ = -1;
-  ino_t inode_ = 0;
-  std::vector<unsigned char> pending_;
+  const Options& m_options;
+  int m_fd = -1;
+  ino_t m_inode = 0;
+  std::vector<unsigned char> m_pending;
   std::vector<unsigned char> first_record_;
-  uint64_t base_ = 0;      // file offset of pending_[0]
+  uint64_t m_base = 0;      // file offset of m_pending[0]
   uint64_t read_end_ = 0;  // file offset just past the last byte read
   bool header_seen_ = false;
-  std::string problem_;
+  std::string m_problem;
 };
 
 void ReportCorrupt(const Options& options, const TraceReader& reader) {

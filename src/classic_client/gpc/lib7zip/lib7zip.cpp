@@ -147,22 +147,22 @@ class Utf8ThreadLocale {
  public:
   Utf8ThreadLocale() {
     for (const char* name : {"C.UTF-8", "C.utf8", "en_US.UTF-8"}) {
-      utf8_ = newlocale(LC_CTYPE_MASK, name, static_cast<locale_t>(0));
-      if (utf8_ != static_cast<locale_t>(0)) break;
+      m_utf8 = newlocale(LC_CTYPE_MASK, name, static_cast<locale_t>(0));
+      if (m_utf8 != static_cast<locale_t>(0)) break;
     }
-    if (utf8_ != static_cast<locale_t>(0)) previous_ = uselocale(utf8_);
+    if (m_utf8 != static_cast<locale_t>(0)) m_previous = uselocale(m_utf8);
   }
   ~Utf8ThreadLocale() {
-    if (utf8_ == static_cast<locale_t>(0)) return;
-    uselocale(previous_);
-    freelocale(utf8_);
+    if (m_utf8 == static_cast<locale_t>(0)) return;
+    uselocale(m_previous);
+    freelocale(m_utf8);
   }
   Utf8ThreadLocale(const Utf8ThreadLocale&) = delete;
   Utf8ThreadLocale& operator=(const Utf8ThreadLocale&) = delete;
 
  private:
-  locale_t utf8_ = static_cast<locale_t>(0);
-  locale_t previous_ = static_cast<locale_t>(0);
+  locale_t m_utf8 = static_cast<locale_t>(0);
+  locale_t m_previous = static_cast<locale_t>(0);
 };
 
 // Names are taken in UTF-8; the locale's form only when that is missing.
@@ -235,20 +235,20 @@ class LinkIndex {
   enum class Link { kNone, kFromArchive, kOnDisk };
 
   LinkIndex(const std::vector<Entry>& plan, std::string destination)
-      : destination_(std::move(destination)) {
+      : m_destination(std::move(destination)) {
     for (const Entry& entry : plan) {
-      if (entry.kind == Kind::kSymlink) archiveLinks_.insert(entry.name);
+      if (entry.kind == Kind::kSymlink) m_archiveLinks.insert(entry.name);
     }
   }
 
   Link Find(const std::string& name) {
-    if (archiveLinks_.count(name) != 0) return Link::kFromArchive;
-    auto known = diskLinks_.find(name);
-    if (known == diskLinks_.end()) {
+    if (m_archiveLinks.count(name) != 0) return Link::kFromArchive;
+    auto known = m_diskLinks.find(name);
+    if (known == m_diskLinks.end()) {
       struct stat info;
-      const std::string path = destination_ + "/" + name;
+      const std::string path = m_destination + "/" + name;
       const bool link = lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
-      known = diskLinks_.emplace(name, link).first;
+      known = m_diskLinks.emplace(name, link).first;
     }
     return known->second ? Link::kOnDisk : Link::kNone;
   }
@@ -256,9 +256,9 @@ class LinkIndex {
   bool IsLink(const std::string& name) { return Find(name) != Link::kNone; }
 
  private:
-  std::string destination_;
-  std::set<std::string> archiveLinks_;
-  std::map<std::string, bool> diskLinks_;
+  std::string m_destination;
+  std::set<std::string> m_archiveLinks;
+  std::map<std::string, bool> m_diskLinks;
 };
 
 // True when one of the folders that hold `name` is a link.

@@ -82,51 +82,51 @@ class MultiDriver {
     return t_driver;
   }
 
-  bool Ok() const { return multi_ != nullptr; }
+  bool Ok() const { return m_multi != nullptr; }
 
   bool Add(CurlTransfer* transfer, std::string* error) {
-    CURLMcode rc = curl_multi_add_handle(multi_, transfer->easy);
+    CURLMcode rc = curl_multi_add_handle(m_multi, transfer->easy);
     if (rc != CURLM_OK) {
       *error = curl_multi_strerror(rc);
       return false;
     }
-    transfers_.push_back(transfer);
+    m_transfers.push_back(transfer);
     return true;
   }
 
   void Remove(CurlTransfer* transfer) {
-    curl_multi_remove_handle(multi_, transfer->easy);
-    transfers_.erase(std::remove(transfers_.begin(), transfers_.end(), transfer), transfers_.end());
+    curl_multi_remove_handle(m_multi, transfer->easy);
+    m_transfers.erase(std::remove(m_transfers.begin(), m_transfers.end(), transfer), m_transfers.end());
     RetireWhenIdle();
   }
 
   // Drops the driver (after a transfer has gone) unless transfers remain or a report is running.
   void RetireWhenIdle() {
-    if (depth_ == 0 && transfers_.empty()) delete this;
+    if (m_depth == 0 && m_transfers.empty()) delete this;
   }
 
  private:
   MultiDriver() {
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-    multi_ = curl_multi_init();
-    if (!multi_) return;
-    curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &MultiDriver::OnSocket);
-    curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
-    curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &MultiDriver::OnTimer);
-    curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+    m_multi = curl_multi_init();
+    if (!m_multi) return;
+    curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, &MultiDriver::OnSocket);
+    curl_multi_setopt(m_multi, CURLMOPT_SOCKETDATA, this);
+    curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, &MultiDriver::OnTimer);
+    curl_multi_setopt(m_multi, CURLMOPT_TIMERDATA, this);
   }
 
   ~MultiDriver() {
     // Closing cached connections may still call OnSocket, so the watches go last.
-    CURLM* multi = multi_;
-    multi_ = nullptr;
+    CURLM* multi = m_multi;
+    m_multi = nullptr;
     if (multi) curl_multi_cleanup(multi);
-    for (SocketWatch* watch : watches_) {
+    for (SocketWatch* watch : m_watches) {
       if (watch->sourceId) g_source_remove(watch->sourceId);
       delete watch;
     }
-    watches_.clear();
+    m_watches.clear();
     RemoveTimer();
     if (t_driver == this) t_driver = nullptr;
   }
@@ -141,9 +141,9 @@ class MultiDriver {
   }
 
   void RemoveTimer() {
-    if (timerId_ == 0) return;
-    guint id = timerId_;
-    timerId_ = 0;
+    if (m_timerId == 0) return;
+    guint id = m_timerId;
+    m_timerId = 0;
     g_source_remove(id);
   }
 
@@ -153,13 +153,13 @@ class MultiDriver {
     self->RemoveTimer();
     if (timeoutMs < 0) return 0;
     guint ms = timeoutMs > G_MAXINT ? G_MAXINT : static_cast<guint>(timeoutMs);
-    self->timerId_ = AttachRecursive(g_timeout_source_new(ms), &MultiDriver::OnTimerFired, self);
+    self->m_timerId = AttachRecursive(g_timeout_source_new(ms), &MultiDriver::OnTimerFired, self);
     return 0;
   }
 
   static gboolean OnTimerFired(gpointer data) {
     MultiDriver* self = static_cast<MultiDriver*>(data);
-    self->timerId_ = 0;  // this source finishes now; libcurl may ask for a new one below
+    self->m_timerId = 0;  // this source finishes now; libcurl may ask for a new one below
     self->Act(CURL_SOCKET_TIMEOUT, 0);
     return G_SOURCE_REMOVE;
   }
@@ -177,8 +177,8 @@ class MultiDriver {
       watch = new SocketWatch;
       watch->fd = fd;
       watch->driver = self;
-      self->watches_.insert(watch);
-      curl_multi_assign(self->multi_, fd, watch);
+      self->m_watches.insert(watch);
+      curl_multi_assign(self->m_multi, fd, watch);
     }
     if (watch->sourceId) {
       g_source_remove(watch->sourceId);
@@ -195,8 +195,8 @@ class MultiDriver {
 
   void DropWatch(SocketWatch* watch) {
     if (watch->sourceId) g_source_remove(watch->sourceId);
-    watches_.erase(watch);
-    if (multi_) curl_multi_assign(multi_, watch->fd, nullptr);
+    m_watches.erase(watch);
+    if (m_multi) curl_multi_assign(m_multi, watch->fd, nullptr);
     delete watch;
   }
 
@@ -214,29 +214,31 @@ class MultiDriver {
   // One round of socket activity: let libcurl work, then tell the listeners. It runs from the event
   // loop: nothing a listener throws goes on into GLib.
   void Act(curl_socket_t fd, int mask) noexcept {
-    ++depth_;
+    ++m_depth;
     try {
       ActAndReport(fd, mask);
     } catch (...) {
       ::gpc::LogStoppedException("MultiDriver::Act");
     }
-    --depth_;
+    --m_depth;
     RetireWhenIdle();
   }
 
   void ActAndReport(curl_socket_t fd, int mask) {
     int running = 0;
-    curl_multi_socket_action(multi_, fd, mask, &running);
-    for (CurlTransfer* transfer : transfers_) FlushStaged(transfer);
+    curl_multi_socket_action(m_multi, fd, mask, &running);
+    for (CurlTransfer* transfer : m_transfers) FlushStaged(transfer);
     CollectFinished();
     // A transfer whose data could not be kept ends now, whatever libcurl thinks of it.
-    for (CurlTransfer* transfer : transfers_) transfer->finished = transfer->finished || transfer->storeFailed;
+    for (CurlTransfer* transfer : m_transfers) {
+      transfer->finished = transfer->finished || transfer->storeFailed;
+    }
     Report();
   }
 
   void CollectFinished() {
     int left = 0;
-    while (CURLMsg* msg = curl_multi_info_read(multi_, &left)) {
+    while (CURLMsg* msg = curl_multi_info_read(m_multi, &left)) {
       if (msg->msg != CURLMSG_DONE) continue;
       CurlTransfer* transfer = nullptr;
       curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, reinterpret_cast<char**>(&transfer));
@@ -250,12 +252,12 @@ class MultiDriver {
   }
 
   bool IsLive(CurlTransfer* transfer) const {
-    return std::find(transfers_.begin(), transfers_.end(), transfer) != transfers_.end();
+    return std::find(m_transfers.begin(), m_transfers.end(), transfer) != m_transfers.end();
   }
 
   // Listeners may delete any transfer (and start new ones), so every step re-checks.
   void Report() {
-    std::vector<CurlTransfer*> snapshot = transfers_;
+    std::vector<CurlTransfer*> snapshot = m_transfers;
     for (CurlTransfer* transfer : snapshot) {
       if (!IsLive(transfer)) continue;
       if (transfer->pendingBytes > 0) {
@@ -278,11 +280,11 @@ class MultiDriver {
     }
   }
 
-  CURLM* multi_ = nullptr;
-  guint timerId_ = 0;
-  int depth_ = 0;
-  std::vector<CurlTransfer*> transfers_;
-  std::set<SocketWatch*> watches_;
+  CURLM* m_multi = nullptr;
+  guint m_timerId = 0;
+  int m_depth = 0;
+  std::vector<CurlTransfer*> m_transfers;
+  std::set<SocketWatch*> m_watches;
 };
 
 size_t OnHeader(char* buffer, size_t size, size_t count, void* userp) {

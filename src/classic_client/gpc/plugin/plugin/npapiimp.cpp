@@ -85,7 +85,6 @@ CGpcProvider::~CGpcProvider() {
   MacInfoTrace("CGpcProvider::~CGpcProvider");
   Cleanup();
   // The pending stream, and any stream the browser never opened or never finished.
-  for (CGpcStream* stream : m_vectorLiveStream) delete stream;
   m_vectorLiveStream.clear();
   m_pPendingStream = nullptr;
   delete[] m_pPostBuffer;
@@ -122,7 +121,7 @@ bool CGpcProvider::UnregisterSap(void* sap) {
   {
     // Streams of this SAP run on without it: their later events produce no messages.
     CGpcAutoLock lock(m_lock);
-    for (CGpcStream* stream : m_vectorLiveStream) {
+    for (const std::unique_ptr<CGpcStream>& stream : m_vectorLiveStream) {
       if (stream->m_pSap == removed) stream->m_pSap = nullptr;
     }
   }
@@ -162,18 +161,20 @@ size_t CGpcProvider::SapCount() {
 
 bool CGpcProvider::IsLiveStream(CGpcStream* stream) {
   CGpcAutoLock lock(m_lock);
-  return stream != nullptr &&
-         std::find(m_vectorLiveStream.begin(), m_vectorLiveStream.end(), stream) !=
-             m_vectorLiveStream.end();
+  return stream != nullptr && FindLiveStream(stream) != m_vectorLiveStream.end();
+}
+
+std::vector<std::unique_ptr<CGpcStream>>::iterator CGpcProvider::FindLiveStream(const CGpcStream* stream) {
+  return std::find_if(m_vectorLiveStream.begin(), m_vectorLiveStream.end(),
+                      [stream](const std::unique_ptr<CGpcStream>& live) { return live.get() == stream; });
 }
 
 void CGpcProvider::ForgetStream(CGpcStream* stream) {
   CGpcAutoLock lock(m_lock);
-  auto found = std::find(m_vectorLiveStream.begin(), m_vectorLiveStream.end(), stream);
+  auto found = FindLiveStream(stream);
   if (found == m_vectorLiveStream.end()) return;
-  m_vectorLiveStream.erase(found);
   if (m_pPendingStream == stream) m_pPendingStream = nullptr;
-  delete stream;
+  m_vectorLiveStream.erase(found);
 }
 
 CGpcStream* CGpcProvider::StreamOf(NPStream* stream) {
@@ -204,9 +205,8 @@ uint32_t CGpcProvider::RequestStream(RequestKind kind, void* sap, const char* ur
                      : kind == RequestKind::kPostWithoutHook ? "CGpcProvider::StreamPostWithoutHook"
                                                               : "CGpcProvider::StreamPostWithHook";
   CGpcAutoLock lock(m_lock);
-  std::unique_ptr<CGpcStream> owned(new CGpcStream(AsSap(sap), url, asFile));
-  m_vectorLiveStream.push_back(owned.get());
-  CGpcStream* stream = owned.release();
+  m_vectorLiveStream.push_back(std::make_unique<CGpcStream>(AsSap(sap), url, asFile));
+  CGpcStream* stream = m_vectorLiveStream.back().get();
   m_pPendingStream = stream;
 
   NPError result;

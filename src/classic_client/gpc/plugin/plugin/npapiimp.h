@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <memory>
 #include <vector>
 
 #include "gpc/gpc_extension.h"
@@ -166,7 +167,8 @@ class CGpcProvider {
   CGpcWindow* m_pWindow;
   // Every stream object not yet finished by the browser. A stream the browser never opens
   // (refused or aborted before it opened) is freed with the provider.
-  std::vector<CGpcStream*> m_vectorLiveStream;
+  std::vector<std::unique_ptr<CGpcStream>> m_vectorLiveStream;
+  std::vector<std::unique_ptr<CGpcStream>>::iterator FindLiveStream(const CGpcStream* stream);
 };
 
 // What a service answers when it could not get the memory it needed: the one code of the table
