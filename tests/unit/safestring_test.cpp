@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -8,204 +9,105 @@
 
 namespace {
 
-struct Report {
-  std::string msg;
-  errno_t error;
-};
-std::vector<Report> g_reports;
+std::vector<std::pair<std::string, errno_t>> g_reports;
 
 void Record(const char* msg, void*, errno_t error) { g_reports.push_back({msg ? msg : "", error}); }
-
-class SafeString : public ::testing::Test {
- protected:
-  void SetUp() override {
-    g_reports.clear();
-    previous_ = set_constraint_handler_s(Record);
-  }
-  void TearDown() override { set_constraint_handler_s(previous_); }
-
-  // The one report the last call made, with its code.
-  void ExpectReported(errno_t code, const char* routine) {
-    ASSERT_EQ(g_reports.size(), 1u);
-    EXPECT_EQ(g_reports[0].error, code);
-    EXPECT_EQ(g_reports[0].msg.rfind(routine, 0), 0u) << g_reports[0].msg;
-    g_reports.clear();
-  }
-
-  constraint_handler_t previous_ = nullptr;
-};
 
 constexpr rsize_t kUnknown = 0x7fffffff;
 constexpr rsize_t kTooBig = 0x80000000;
 
-TEST_F(SafeString, DefaultHandlerIsSilentAndNullRestoresIt) {
+TEST(SafeString, DefaultHandlerIsSilentAndNullRestoresIt) {
   set_constraint_handler_s(nullptr);
-  int indicator = 1;
-  EXPECT_EQ(strcmp_s(nullptr, kUnknown, "a", &indicator), ESNULLP);  // no abort
-  EXPECT_EQ(set_constraint_handler_s(Record), &ignore_handler_s);
-  EXPECT_TRUE(g_reports.empty());
+  int ind = 1;
+  EXPECT_EQ(strcmp_s(nullptr, kUnknown, "a", &ind), ESNULLP);  // no abort
+  EXPECT_EQ(set_constraint_handler_s(nullptr), &ignore_handler_s);
 }
 
-TEST_F(SafeString, StrnlenCountsWithinBoundAndRefusesExcessiveMaximum) {
-  EXPECT_EQ(strnlen_s("abc", kUnknown), 3u);
-  EXPECT_EQ(strnlen_s(nullptr, kUnknown), 0u);
-  EXPECT_EQ(strnlen_s("", kUnknown), 0u);
-  EXPECT_EQ(strnlen_s("abcdef", 4), 4u);  // unterminated within the bound
-  EXPECT_EQ(strnlen_s("abc", 0), 0u);
-  EXPECT_TRUE(g_reports.empty());
-  EXPECT_EQ(strnlen_s("abc", kTooBig), 0u);
-  ExpectReported(ESLEMAX, "strnlen_s");
-}
-
-TEST_F(SafeString, CompareGivesSignAndReportsEachConstraint) {
-  int ind = 99;
-  EXPECT_EQ(strcmp_s("abc", kUnknown, "abc", &ind), EOK);
-  EXPECT_EQ(ind, 0);
-  EXPECT_EQ(strcmp_s("abc", kUnknown, "abd", &ind), EOK);
-  EXPECT_LT(ind, 0);
-  EXPECT_EQ(strcmp_s("ab", kUnknown, "a", &ind), EOK);
-  EXPECT_GT(ind, 0);
-  EXPECT_EQ(strcmp_s("\xe9", kUnknown, "a", &ind), EOK);  // bytes compare unsigned
-  EXPECT_GT(ind, 0);
-  EXPECT_TRUE(g_reports.empty());
-
-  EXPECT_EQ(strcmp_s(nullptr, kUnknown, "a", &ind), ESNULLP);
-  ExpectReported(ESNULLP, "strcmp_s");
-  EXPECT_EQ(strcmp_s("a", kUnknown, nullptr, &ind), ESNULLP);
-  ExpectReported(ESNULLP, "strcmp_s");
-  EXPECT_EQ(strcmp_s("a", kUnknown, "a", nullptr), ESNULLP);
-  ExpectReported(ESNULLP, "strcmp_s");
-  EXPECT_EQ(strcmp_s("a", 0, "a", &ind), ESZEROL);
-  ExpectReported(ESZEROL, "strcmp_s");
-  EXPECT_EQ(strcmp_s("a", kTooBig, "a", &ind), ESLEMAX);
-  ExpectReported(ESLEMAX, "strcmp_s");
-  // Equal for the whole bound without reaching dest's end.
+TEST(SafeString, ViolationsAreRefusedAndReportedOnce) {
+  set_constraint_handler_s(Record);
+  char buf[16] = "0123456789", dst[4] = {'x', 'x', 'x', 'x'}, *at = nullptr;
   const char unterminated[3] = {'a', 'b', 'c'};
-  EXPECT_EQ(strcmp_s(unterminated, sizeof unterminated, "abc", &ind), ESUNTERM);
-  ExpectReported(ESUNTERM, "strcmp_s");
-  // A difference inside the bound is an answer, not a violation.
-  EXPECT_EQ(strcmp_s(unterminated, sizeof unterminated, "ax", &ind), EOK);
-  EXPECT_NE(ind, 0);
+  int ind = 0;
+  const std::tuple<const char*, errno_t, std::function<errno_t()>> cases[] = {
+      {"strnlen_s", ESLEMAX, [&] { return strnlen_s("abc", kTooBig) == 0 ? ESLEMAX : EOK; }},
+      {"strcmp_s", ESNULLP, [&] { return strcmp_s("a", kUnknown, nullptr, &ind); }},
+      {"strcmp_s", ESZEROL, [&] { return strcmp_s("a", 0, "a", &ind); }},
+      {"strcmp_s", ESLEMAX, [&] { return strcmp_s("a", kTooBig, "a", &ind); }},
+      {"strcmp_s", ESUNTERM, [&] { return strcmp_s(unterminated, 3, "abc", &ind); }},  // equal for the whole bound
+      {"strcasecmp_s", ESUNTERM, [&] { return strcasecmp_s("AB", 2, "ab", &ind); }},
+      {"strcasecmp_s", ESNULLP, [&] { return strcasecmp_s(nullptr, kUnknown, "a", &ind); }},
+      {"strstr_s", ESZEROL, [&] { return strstr_s(buf, kUnknown, "a", 0, &at); }},
+      {"strstr_s", ESLEMAX, [&] { return strstr_s(buf, kTooBig, "a", 1, &at); }},
+      {"strstr_s", ESNULLP, [&] { return strstr_s(buf, kUnknown, "a", 1, nullptr); }},
+      {"strfirstchar_s", ESNULLP, [&] { return strfirstchar_s(nullptr, kUnknown, '.', &at); }},
+      {"strfirstchar_s", ESLEMAX, [&] { return strfirstchar_s(buf, kTooBig, '.', &at); }},
+      {"memcpy_s", ESNOSPC, [&] { return memcpy_s(dst, sizeof dst, "01234", 5); }},
+      {"memcpy_s", ESOVRLP, [&] { return memcpy_s(buf + 2, 8, buf, 4); }},
+      {"memcpy_s", ESOVRLP, [&] { return memcpy_s(buf, 8, buf + 2, 4); }},
+      {"memcpy_s", ESLEMAX, [&] { return memcpy_s(dst, kTooBig, "a", 1); }},
+      {"memcpy_s", ESZEROL, [&] { return memcpy_s(dst, 0, "a", 0); }},
+      {"memcpy_s", ESNULLP, [&] { return memcpy_s(dst, 4, nullptr, 1); }},
+      {"memmove_s", ESNOSPC, [&] { return memmove_s(buf, 4, buf, 5); }},
+      {"memmove_s", ESLEMAX, [&] { return memmove_s(buf, kTooBig, buf, 1); }},
+      {"memcmp_s", ESLEMAX, [&] { return memcmp_s("ab", 2, "ab", 3, &ind); }},
+      {"memcmp_s", ESNULLP, [&] { return memcmp_s("ab", 2, "ab", 2, nullptr); }},
+      {"memset_s", ESNOSPC, [&] { return memset_s(buf, 3, 0, 4); }},
+      {"memset_s", ESLEMAX, [&] { return memset_s(buf, kTooBig, 'q', 1); }},
+      {"memset_s", ESNULLP, [&] { return memset_s(nullptr, 1, 'q', 1); }},
+      {"memset_s", ESZEROL, [&] { return memset_s(buf, 0, 'q', 0); }},
+  };
+  for (const auto& [routine, code, call] : cases) {
+    g_reports.clear();
+    EXPECT_EQ(call(), code) << routine << " " << code;
+    ASSERT_EQ(g_reports.size(), 1u) << routine << " " << code;
+    EXPECT_EQ(g_reports[0].second, code);
+    EXPECT_EQ(g_reports[0].first.rfind(routine, 0), 0u) << g_reports[0].first;
+  }
+  EXPECT_STREQ(buf, "0123456789");  // refused calls write nothing
+  EXPECT_EQ(std::memcmp(dst, "xxxx", 4), 0);
+  set_constraint_handler_s(nullptr);
 }
 
-TEST_F(SafeString, CaseInsensitiveCompareFoldsAsciiOnly) {
-  int ind = 99;
-  EXPECT_EQ(strcasecmp_s("GpcUrlRoot", kUnknown, "gpcurlroot", &ind), EOK);
-  EXPECT_EQ(ind, 0);
-  EXPECT_EQ(strcasecmp_s("GpcUrlRoot", kUnknown, "gpcurlroo", &ind), EOK);
-  EXPECT_NE(ind, 0);
-  EXPECT_EQ(strcasecmp_s("[", kUnknown, "{", &ind), EOK);  // not letters: no folding
-  EXPECT_NE(ind, 0);
-  EXPECT_EQ(strcasecmp_s("A", kTooBig, "a", &ind), ESLEMAX);
-  ExpectReported(ESLEMAX, "strcasecmp_s");
-  EXPECT_EQ(strcasecmp_s(nullptr, kUnknown, "a", &ind), ESNULLP);
-  ExpectReported(ESNULLP, "strcasecmp_s");
-  EXPECT_EQ(strcasecmp_s("A", 0, "a", &ind), ESZEROL);
-  ExpectReported(ESZEROL, "strcasecmp_s");
-  const char unterminated[2] = {'A', 'B'};
-  EXPECT_EQ(strcasecmp_s(unterminated, 2, "ab", &ind), ESUNTERM);
-  ExpectReported(ESUNTERM, "strcasecmp_s");
-}
+TEST(SafeString, AnswersWithinBounds) {
+  set_constraint_handler_s(Record);
+  g_reports.clear();
+  EXPECT_EQ(strnlen_s("abc", kUnknown) + strnlen_s(nullptr, 9) + strnlen_s("abcdef", 4) + strnlen_s("abc", 0), 7u);
+  const char unterminated[3] = {'a', 'b', 'c'};
+  const std::tuple<decltype(&strcmp_s), const char*, rsize_t, const char*, int> compared[] = {
+      {strcmp_s, "abc", kUnknown, "abc", 0},  {strcmp_s, "abc", kUnknown, "abd", -1},
+      {strcmp_s, "ab", kUnknown, "a", 1},     {strcmp_s, "\xe9", kUnknown, "a", 1},  // bytes are unsigned
+      {strcmp_s, unterminated, 3, "ax", -1},  {strcasecmp_s, "GpcUrlRoot", kUnknown, "gpcurlroot", 0},
+      {strcasecmp_s, "GpcUrlRoot", kUnknown, "gpcurlroo", 1}, {strcasecmp_s, "[", kUnknown, "{", -1}};  // ASCII letters only
+  for (const auto& [compare, a, max, b, sign] : compared) {
+    int ind = 99;
+    EXPECT_EQ(compare(a, max, b, &ind), EOK) << a;
+    EXPECT_EQ((ind > 0) - (ind < 0), sign) << a << " " << b;
+  }
+  char text[] = "path/lib-2.1.so", *at = nullptr;
+  const std::tuple<rsize_t, const char*, rsize_t, int> found[] = {
+      {kUnknown, "-2", kUnknown, 8}, {kUnknown, ".so", 2, 12}, {kUnknown, ".so", kUnknown, 12},  // at the very end
+      {8, "-2", kUnknown, -1},       {kUnknown, "", kUnknown, 0}, {kUnknown, "zz", kUnknown, -1}};
+  for (const auto& [max, needle, len, offset] : found) {
+    EXPECT_EQ(strstr_s(text, max, needle, len, &at), offset < 0 ? ESNOTFND : EOK) << needle;
+    EXPECT_EQ(at, offset < 0 ? nullptr : text + offset) << needle;
+  }
+  EXPECT_EQ(strfirstchar_s(text, kUnknown, '.', &at), EOK);
+  EXPECT_EQ(at, text + 10);
+  EXPECT_EQ(strfirstchar_s(text, 10, '.', &at), ESNOTFND);
+  EXPECT_EQ(strfirstchar_s(text, kUnknown, '\0', &at), ESNOTFND);  // the NUL is not searched
 
-TEST_F(SafeString, SubstringAndFirstCharSearchWithinBounds) {
-  char text[] = "path/lib-2.1.so";
-  char* at = nullptr;
-  EXPECT_EQ(strstr_s(text, kUnknown, "-2", kUnknown, &at), EOK);
-  EXPECT_EQ(at, text + 8);
-  EXPECT_EQ(strstr_s(text, kUnknown, ".so", 2, &at), EOK);  // needle cut to ".s"
-  EXPECT_EQ(at, text + 12);
-  EXPECT_EQ(strstr_s(text, kUnknown, ".so", kUnknown, &at), EOK);  // the text's very end
-  EXPECT_EQ(at, text + 12);
-  EXPECT_EQ(strstr_s(text, 8, "-2", kUnknown, &at), ESNOTFND);  // beyond dest's bound
-  EXPECT_EQ(at, nullptr);
-  EXPECT_EQ(strstr_s(text, kUnknown, "", kUnknown, &at), EOK);
-  EXPECT_EQ(at, text);
-  EXPECT_EQ(strstr_s(text, kUnknown, "zz", kUnknown, &at), ESNOTFND);
-  EXPECT_TRUE(g_reports.empty());  // not found is an answer
-  EXPECT_EQ(strstr_s(text, kUnknown, "a", 0, &at), ESZEROL);
-  ExpectReported(ESZEROL, "strstr_s");
-  EXPECT_EQ(strstr_s(text, kTooBig, "a", 1, &at), ESLEMAX);
-  ExpectReported(ESLEMAX, "strstr_s");
-  EXPECT_EQ(strstr_s(text, kUnknown, "a", 1, nullptr), ESNULLP);
-  ExpectReported(ESNULLP, "strstr_s");
-
-  char* first = nullptr;
-  EXPECT_EQ(strfirstchar_s(text, kUnknown, '.', &first), EOK);
-  EXPECT_EQ(first, text + 10);
-  EXPECT_EQ(strfirstchar_s(text, 10, '.', &first), ESNOTFND);
-  EXPECT_EQ(first, nullptr);
-  EXPECT_EQ(strfirstchar_s(text, kUnknown, '\0', &first), ESNOTFND);  // the NUL is not searched
-  EXPECT_EQ(strfirstchar_s(nullptr, kUnknown, '.', &first), ESNULLP);
-  ExpectReported(ESNULLP, "strfirstchar_s");
-  EXPECT_EQ(strfirstchar_s(text, kTooBig, '.', &first), ESLEMAX);
-  ExpectReported(ESLEMAX, "strfirstchar_s");
-}
-
-TEST_F(SafeString, MemcpyRefusesOverlapAndShortDestinationUntouched) {
   char buf[16] = "0123456789";
-  char dst[4] = {'x', 'x', 'x', 'x'};
-  EXPECT_EQ(memcpy_s(dst, sizeof dst, "abcd", 4), EOK);
-  EXPECT_EQ(std::memcmp(dst, "abcd", 4), 0);
-  EXPECT_EQ(memcpy_s(dst, sizeof dst, "012345", 5), ESNOSPC);
-  ExpectReported(ESNOSPC, "memcpy_s");
-  EXPECT_EQ(std::memcmp(dst, "abcd", 4), 0);  // untouched
-  EXPECT_EQ(memcpy_s(buf + 2, 8, buf, 4), ESOVRLP);
-  ExpectReported(ESOVRLP, "memcpy_s");
-  EXPECT_EQ(memcpy_s(buf, 8, buf + 2, 4), ESOVRLP);
-  ExpectReported(ESOVRLP, "memcpy_s");
-  EXPECT_STREQ(buf, "0123456789");
   EXPECT_EQ(memcpy_s(buf + 4, 4, buf, 4), EOK);  // adjacent, not overlapping
-  EXPECT_STREQ(buf, "0123012389");
-  EXPECT_EQ(memcpy_s(dst, kUnknown, "a", 1), EOK);
-  EXPECT_EQ(memcpy_s(dst, kTooBig, "a", 1), ESLEMAX);
-  ExpectReported(ESLEMAX, "memcpy_s");
-  EXPECT_EQ(memcpy_s(dst, 0, "a", 0), ESZEROL);
-  ExpectReported(ESZEROL, "memcpy_s");
-  EXPECT_EQ(memcpy_s(nullptr, 4, "a", 1), ESNULLP);
-  ExpectReported(ESNULLP, "memcpy_s");
-  EXPECT_EQ(memcpy_s(dst, 4, nullptr, 1), ESNULLP);
-  ExpectReported(ESNULLP, "memcpy_s");
-}
-
-TEST_F(SafeString, MemmoveHandlesOverlapBothWays) {
-  char buf[16] = "0123456789";
   EXPECT_EQ(memmove_s(buf + 2, 8, buf, 6), EOK);
-  EXPECT_STREQ(buf, "0101234589");
   EXPECT_EQ(memmove_s(buf, 10, buf + 4, 6), EOK);
-  EXPECT_STREQ(buf, "2345894589");
-  EXPECT_TRUE(g_reports.empty());
-  EXPECT_EQ(memmove_s(buf, 4, buf, 5), ESNOSPC);
-  ExpectReported(ESNOSPC, "memmove_s");
-  EXPECT_EQ(memmove_s(buf, kTooBig, buf, 1), ESLEMAX);
-  ExpectReported(ESLEMAX, "memmove_s");
-}
-
-TEST_F(SafeString, MemcmpAndMemset) {
+  EXPECT_EQ(memset_s(buf, kUnknown, 'z', 2), EOK);
+  EXPECT_STREQ(buf, "zz01890189");
   int diff = 99;
-  EXPECT_EQ(memcmp_s("abcX", 4, "abcY", 3, &diff), EOK);
-  EXPECT_EQ(diff, 0);
-  EXPECT_EQ(memcmp_s("abcX", 4, "abcY", 4, &diff), EOK);
-  EXPECT_LT(diff, 0);
-  EXPECT_EQ(memcmp_s("\xff", 1, "\x01", 1, &diff), EOK);
-  EXPECT_GT(diff, 0);
-  EXPECT_EQ(memcmp_s("ab", 2, "ab", 3, &diff), ESLEMAX);
-  ExpectReported(ESLEMAX, "memcmp_s");
-  EXPECT_EQ(memcmp_s("ab", 2, "ab", 2, nullptr), ESNULLP);
-  ExpectReported(ESNULLP, "memcmp_s");
-
-  char buf[8] = "abcdefg";
-  EXPECT_EQ(memset_s(buf, sizeof buf, 'z', 3), EOK);
-  EXPECT_STREQ(buf, "zzzdefg");
-  EXPECT_EQ(memset_s(buf, 3, 0, 4), ESNOSPC);
-  ExpectReported(ESNOSPC, "memset_s");
-  EXPECT_STREQ(buf, "zzzdefg");  // refused without writing
-  EXPECT_EQ(memset_s(buf, kUnknown, 'q', 1), EOK);
-  EXPECT_EQ(memset_s(buf, kTooBig, 'q', 1), ESLEMAX);
-  ExpectReported(ESLEMAX, "memset_s");
-  EXPECT_EQ(memset_s(nullptr, 1, 'q', 1), ESNULLP);
-  ExpectReported(ESNULLP, "memset_s");
-  EXPECT_EQ(memset_s(buf, 0, 'q', 0), ESZEROL);
-  ExpectReported(ESZEROL, "memset_s");
+  EXPECT_TRUE(memcmp_s("abcX", 4, "abcY", 3, &diff) == EOK && diff == 0);
+  EXPECT_TRUE(memcmp_s("abcX", 4, "abcY", 4, &diff) == EOK && diff < 0);
+  EXPECT_TRUE(memcmp_s("\xff", 1, "\x01", 1, &diff) == EOK && diff > 0);
+  EXPECT_TRUE(g_reports.empty());  // answers, not violations
+  set_constraint_handler_s(nullptr);
 }
 
 }  // namespace
