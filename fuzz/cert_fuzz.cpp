@@ -65,7 +65,9 @@ void RunPage(const std::string& text, bool sha256) {
   page.hash = sha256 ? Sha256OfFile(g_package.c_str()) : Sha1OfFile(g_package.c_str());
   const GpcPackageVerdict verdict = CheckPackage(g_package.c_str(), page, 0x1060);
   const int message = verdict.message();
-  if (verdict.accepted() ? message != 0 : message != 111 && message != 103) fuzz::Fail("message %d shown", message);
+  if (verdict.accepted() ? message != 0 : message != 111 && message != 103) {
+    fuzz::Fail("a %s package shows message %d", verdict.accepted() ? "accepted" : "refused", message);
+  }
   (void)PackageCheckName(verdict.check);
 }
 

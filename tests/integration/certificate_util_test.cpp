@@ -4,9 +4,7 @@
 
 #include <memory>
 #include <sstream>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "CertificateUtil.h"
 #include "CryptoWrapper.h"
@@ -20,19 +18,16 @@
 
 namespace {
 
-using securitytest::MustRun;
-using securitytest::ReadFile;
-using securitytest::ScratchFolder;
-using securitytest::WriteFile;
+using namespace securitytest;
 
 // Every certificate and key the tests use, made once: the vendor's root and signer ("vendor"),
-// an intermediate CA and what it issued, self-signed ones, and a few broken ones.
+// an intermediate CA and what it issued, self-signed ones, and broken ones.
 struct Pki {
   ScratchFolder folder;
   gpctest::PackageSigner signer{folder.path()};
   Pki() {
     EXPECT_TRUE(signer.ok() && signer.AddSigner("root2", "/CN=Other Root", true) &&
-                signer.AddSigner("self_signed", "/CN=Self Signed Signer", true) &&
+                signer.AddSigner("self", "/CN=Self Signed Signer", true) &&
                 signer.AddSigner("two_names", "/CN=first name/CN=Vantrel Talvo LLC", true) &&
                 signer.AddSigner("no_name", "/O=No Name Org", true) &&
                 signer.AddSigner("nul", "/CN=x.talvo.us#.example"));
@@ -40,14 +35,15 @@ struct Pki {
     MustRun("cd '" + folder.path() + "' && openssl req -new -newkey rsa:2048 -nodes -keyout inter.key -subj "
             "/CN=Inter -addext basicConstraints=critical,CA:TRUE -out inter.csr && " +
             issue + "-copy_extensions copy -in inter.csr -CA root.pem -CAkey root.key -out inter.pem && " +
-            issue + "-in vendor.csr -CA inter.pem -CAkey inter.key -out leaf_of_inter.pem && " +
-            issue + "-in inter.csr -CA vendor.pem -CAkey vendor.key -out under_leaf.pem && "
-            "openssl x509 -in self_signed.pem -addtrust anyExtendedKeyUsage -trustout -out trusted_self.pem && "
-            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ec.key -subj /CN=ec "
-            "-out ec.pem && for c in *.pem; do openssl x509 -in $c -outform DER -out ${c%.pem}.der; done");
+            issue + "-in vendor.csr -CA inter.pem -CAkey inter.key -out inter_leaf.pem && " +
+            issue + "-in inter.csr -CA vendor.pem -CAkey vendor.key -out by_vendor.pem && "
+            "openssl x509 -in self.pem -addtrust anyExtendedKeyUsage -trustout -out trusted_self.pem && "
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ec.key "
+            "-subj /CN=ec -out ec.pem && "
+            "for c in *.pem; do openssl x509 -in $c -outform DER -out ${c%pem}der; done");
     std::string der = gpctest::ReadFile(folder / "vendor.der");
     der.back() ^= 1;  // the signature's last byte
-    WriteFile(folder / "bad_signature.der", der);
+    WriteFile(folder / "bad_sig.der", der);
     der = gpctest::ReadFile(folder / "nul.der");
     der[der.find("x.talvo.us#") + 10] = '\0';
     WriteFile(folder / "nul.der", der);
@@ -66,9 +62,7 @@ GpcCertificateList Certs(const std::vector<std::string>& names) {
 }
 GpcBytes Bytes(const std::string& text) { return GpcBytes(text.begin(), text.end()); }
 
-// ---- Certificates --------------------------------------------------------------------------
-
-TEST(Certificates, OnlyExactlyOneDerCertificateIsRead) {
+TEST(Certificates, ExactlyOneDerCertificateItsCommonNameAndKey) {
   const GpcBytes der = ReadFile(Path("vendor.der"));
   ASSERT_TRUE(SecFromData(der) && Cert("vendor"));
   EXPECT_EQ(SecFromData(der)->DerBytes(), der);
@@ -83,11 +77,10 @@ TEST(Certificates, OnlyExactlyOneDerCertificateIsRead) {
   EXPECT_FALSE(SecFromFile(nullptr));
   EXPECT_FALSE(Cert("missing"));
   EXPECT_FALSE(SecFromFile(Path(".").c_str()));  // a folder
-}
 
-TEST(Certificates, CommonNameAndRsaKey) {
   for (const auto& [cert, name] : std::vector<std::pair<std::string, std::string>>{
-           {"vendor", "gpc.signer.talvo.us"}, {"two_names", "Vantrel Talvo LLC"}, {"no_name", ""}, {"nul", ""}}) {
+           {"vendor", "gpc.signer.talvo.us"}, {"two_names", "Vantrel Talvo LLC"}, {"no_name", ""},
+           {"nul", ""}}) {
     ASSERT_TRUE(Cert(cert)) << cert;
     EXPECT_EQ(CommonNameOfCert(Cert(cert).get()), name) << cert;
   }
@@ -100,22 +93,18 @@ TEST(Certificates, CommonNameAndRsaKey) {
 }
 
 TEST(Certificates, VendorNamesEndWithTheVendorsSuffix) {
-  const struct {
-    const char* name;
-    bool byDefault, hardened;
-  } cases[] = {{"gpc.signer.talvo.us", true, true}, {"talvo.us", false, true}, {".talvo.us", true, false},
-               {"gpc.signer.talvo.us.example.com", false, false}, {"xtalvo.us", false, false}, {"", false, false},
-               {"Vantrel Talvo LLC", true, true}, {"Evil Vantrel Talvo LLC", true, false}};
-  for (const auto& c : cases) {
-    for (const bool hardened : {false, true}) {
-      gpc::SetHardenedForTesting(hardened);
-      EXPECT_EQ(IsVendorCommonName(c.name), hardened ? c.hardened : c.byDefault) << c.name << hardened;
-    }
+  const std::tuple<const char*, bool, bool> cases[] = {  // name, by default, hardened
+      {"gpc.signer.talvo.us", true, true}, {"talvo.us", false, true}, {".talvo.us", true, false},
+      {"gpc.signer.talvo.us.example.com", false, false}, {"xtalvo.us", false, false}, {"", false, false},
+      {"Vantrel Talvo LLC", true, true}, {"Evil Vantrel Talvo LLC", true, false}};
+  for (const auto& [name, byDefault, hardened] : cases) {
+    gpc::SetHardenedForTesting(0);
+    EXPECT_EQ(IsVendorCommonName(name), byDefault) << name;
+    gpc::SetHardenedForTesting(1);
+    EXPECT_EQ(IsVendorCommonName(name), hardened) << name << " (hardened)";
   }
   gpc::SetHardenedForTesting(-1);
 }
-
-// ---- Trust ---------------------------------------------------------------------------------
 
 class Trust : public ::testing::Test {
  protected:
@@ -145,44 +134,42 @@ class Trust : public ::testing::Test {
   ScratchFolder folder_;
 };
 
-constexpr uint32_t kShownStatus = kGpcCertStatusExpired | kGpcCertStatusNotValidYet | kGpcCertStatusIsInAnchors |
-                                  kGpcCertStatusIsRoot | kGpcCertStatusTrustSettingsTrust;
 constexpr GpcTrustResult kGood = kGpcTrustResultUnspecified, kFailed = kGpcTrustResultRecoverableTrustFailure,
                          kFatal = kGpcTrustResultFatalTrustFailure;
 constexpr uint32_t kExpired = kGpcCertStatusExpired, kNotYet = kGpcCertStatusNotValidYet,
-                   kRoot = kGpcCertStatusIsRoot, kAnchor = kGpcCertStatusIsInAnchors;
+                   kRoot = kGpcCertStatusIsRoot, kAnchor = kGpcCertStatusIsInAnchors,
+                   kSettings = kGpcCertStatusTrustSettingsTrust,
+                   kShownStatus = kExpired | kNotYet | kRoot | kAnchor | kSettings;
 
 struct TrustCase {
-  const char* name;
-  const char* leaf;
-  std::vector<std::string> page;  // the page's certificates: extra anchors, or intermediates when hardened
-  const char* system;             // the system anchors (Trust::SystemAnchors), or null for the machine's
-  int year;                       // of the clock, 0 for now
-  GpcTrustResult first;           // of the first evaluation
-  uint32_t leafStatus;            // among kShownStatus
-  bool panel, accepted;           // the user was asked (and said "cancel"); the default decision
-  bool hardened;                  // the strict decision, with the vendor's root as the only shipped anchor
+  const char *name, *leaf;
+  std::vector<std::string> page;   // the page's certificates: extra anchors, or intermediates when hardened
+  const char* system;              // the system anchors (Trust::SystemAnchors), or null for the machine's
+  int year;                        // of the clock, 0 for now
+  GpcTrustResult first;            // of the first evaluation
+  uint32_t leafStatus;             // among kShownStatus
+  bool panel, accepted, hardened;  // the user is asked (and says "cancel"); the default and strict decisions
 };
 
 const TrustCase kTrustCases[] = {
     {"chain to a page anchor", "vendor", {"root"}, nullptr, 0, kGood, 0, false, true, true},
-    {"intermediate and root on the page", "leaf_of_inter", {"inter", "root"}, nullptr, 0, kGood, 0, false, true, true},
-    {"intermediate alone on the page", "leaf_of_inter", {"inter"}, nullptr, 0, kGood, 0, false, true, true},
-    {"intermediate missing", "leaf_of_inter", {"root"}, nullptr, 0, kFailed, 0, true, false, false},
+    {"intermediate and root on the page", "inter_leaf", {"inter", "root"}, nullptr, 0, kGood, 0, false, true,
+     true},
+    {"intermediate alone on the page", "inter_leaf", {"inter"}, nullptr, 0, kGood, 0, false, true, true},
+    {"intermediate missing", "inter_leaf", {"root"}, nullptr, 0, kFailed, 0, true, false, false},
     {"nothing on the page", "vendor", {}, nullptr, 0, kFailed, 0, true, false, true},
     {"another root on the page", "vendor", {"root2"}, nullptr, 0, kFailed, 0, true, false, true},
     {"expired chain", "vendor", {"root"}, nullptr, 2040, kFailed, kExpired, false, true, false},
     {"chain not valid yet", "vendor", {"root"}, nullptr, 2000, kFailed, kNotYet, true, false, false},
-    {"self-signed", "self_signed", {}, nullptr, 0, kFailed, kRoot, true, false, false},
-    {"self-signed on the page", "self_signed", {"self_signed"}, nullptr, 0, kGood, kRoot | kAnchor, false, true, false},
-    {"page anchor not valid yet", "self_signed", {"self_signed"}, nullptr, 2000, kFailed, kNotYet | kRoot | kAnchor,
-     true, false, false},
-    {"bad signature", "bad_signature", {"root"}, nullptr, 0, kFatal, 0, true, false, false},
-    {"issued by a signer without CA rights", "under_leaf", {"vendor", "root"}, nullptr, 0, kFailed, 0, true, false,
-     false},
+    {"self-signed", "self", {}, nullptr, 0, kFailed, kRoot, true, false, false},
+    {"self-signed on the page", "self", {"self"}, nullptr, 0, kGood, kRoot | kAnchor, false, true, false},
+    {"page anchor not valid yet", "self", {"self"}, nullptr, 2000, kFailed, kNotYet | kRoot | kAnchor, true,
+     false, false},
+    {"bad signature", "bad_sig", {"root"}, nullptr, 0, kFatal, 0, true, false, false},
+    {"signer without CA rights", "by_vendor", {"vendor", "root"}, nullptr, 0, kFailed, 0, true, false, false},
     {"system anchors stand in for the page's", "vendor", {}, "root.pem", 0, kGood, 0, false, true, true},
-    {"trust settings of a system anchor", "self_signed", {}, "root.pem trusted_self.pem", 2000, kFailed,
-     kNotYet | kRoot | kAnchor | kGpcCertStatusTrustSettingsTrust, false, true, false},
+    {"trust settings of a system anchor", "self", {}, "root.pem trusted_self.pem", 2000, kFailed,
+     kNotYet | kRoot | kAnchor | kSettings, false, true, false},
     {"no system anchors: the page's are ignored", "vendor", {"root"}, "", 0, kFailed, 0, true, false, true},
     {"unreadable system anchors", "vendor", {"root"}, "missing", 0, kFailed, 0, true, false, true},
 };
@@ -223,16 +210,14 @@ TEST_F(Trust, OutcomesOfChains) {
   }
 }
 
-TEST_F(Trust, EvaluationLogsItsAnchorCountsAndResult) {
+TEST_F(Trust, AnchorCountsResultsAndBadArguments) {
   ScopedEnv system("SSL_CERT_FILE", SystemAnchors("root.pem"));
   ClearCapturedTraces();
   ASSERT_TRUE(TrustCertification(Cert("vendor"), Certs({"inter", "root"})));
   EXPECT_TRUE(TraceContains(1, "EvaluateCert, SecTrustCopyAnchorCertificates status: 0, counts: 1"));
   EXPECT_TRUE(TraceContains(1, "EvaluateCert, all anchor certificates count: 3"));
   EXPECT_TRUE(TraceContains(1, "EvaluateCert, SecTrustEvaluate result: 4"));
-}
 
-TEST_F(Trust, BadArgumentsAndTheDefaultPanelAnswer) {
   GpcTrustResult result = kGpcTrustResultInvalid;
   GpcTrustPtr trust;
   EXPECT_EQ(EvaluateCert(nullptr, {}, policyForOID(kGpcX509BasicPolicyOID), &result, &trust),
@@ -242,31 +227,26 @@ TEST_F(Trust, BadArgumentsAndTheDefaultPanelAnswer) {
   EXPECT_FALSE(TrustCertification(nullptr, {}));
   EXPECT_FALSE(ChainIsTrustedBy(Cert("vendor"), {}, {}));
   platform::SetTrustPanelHandler(nullptr);  // without a handler the panel answers "cancel"
-  EXPECT_FALSE(TrustCertification(Cert("self_signed"), {}));
+  EXPECT_FALSE(TrustCertification(Cert("self"), {}));
   EXPECT_EQ(panelShown_, 0);
 }
-
-// ---- Signatures ----------------------------------------------------------------------------
 
 const std::string kSha1Text = "a9993e364706816aba3e25717850c26c9cd0d89d";
 const std::string kSha256Text = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
-// A whole PKCS #1 block of a 2048-bit key: 00, `type`, `padding` bytes, 00, the DigestInfo of `digest`
-// (with byte `at` set to `value` when `at` is not 0), then `trailer`.
-GpcBytes Block(const std::string& digest, size_t padding = 0, unsigned char type = 1, const GpcBytes& trailer = {},
-               size_t at = 0, unsigned char value = 0) {
-  GpcBytes info = Bytes(gpctest::DigestInfo(digest));
+// The tool's raw RSA operation with the private key `key` on a PKCS #1 block of 256 bytes: 00,
+// `type`, `padding` bytes (0: enough to fill the block), 00, the DigestInfo of `digest` (its byte `at`
+// set to `value` when `at` is not 0), `trailer`.
+GpcBytes Sign(const std::string& digest, size_t padding = 0, unsigned char type = 1,
+              const GpcBytes& trailer = {}, size_t at = 0, unsigned char value = 0,
+              const std::string& key = Path("vendor.key")) {
+  GpcBytes info = Bytes(gpctest::DigestInfo(digest)), block = {0x00, type};
   if (at != 0) info[at] = value;
-  GpcBytes block = {0x00, type};
-  block.insert(block.end(), padding != 0 ? padding : 253 - info.size() - trailer.size(), type == 2 ? 0x5a : 0xff);
+  if (padding == 0) padding = 253 - info.size() - trailer.size();
+  block.insert(block.end(), padding, type == 2 ? 0x5a : 0xff);
   block.push_back(0x00);
   block.insert(block.end(), info.begin(), info.end());
   block.insert(block.end(), trailer.begin(), trailer.end());
-  return block;
-}
-
-// The tool's raw RSA operation on `block` with the private key `key`.
-GpcBytes Sign(const GpcBytes& block, const std::string& key = Path("vendor.key")) {
   ScratchFolder folder;
   WriteFile(folder / "block", block);
   MustRun("openssl rsautl -sign -raw -inkey '" + key + "' -in '" + (folder / "block") + "' -out '" +
@@ -279,26 +259,23 @@ TEST(Signatures, OnlyTheWholeExpectedBlockOfTheWholeTextVerifies) {
   ASSERT_NE(rsa, nullptr);
   std::string lastChanged = kSha1Text;
   lastChanged.back() = '0';
-  const struct {
-    const char* name;
-    GpcBytes signature;
-    std::string data;
-    bool verifies;
-  } cases[] = {
-      {"a sha1 digest text", Sign(Block(kSha1Text)), kSha1Text, true},
-      {"a sha256 digest text", Sign(Block(kSha256Text)), kSha256Text, true},
-      {"another key", Sign(Block(kSha1Text), Path("root.key")), kSha1Text, false},
-      {"the text's last character changed", Sign(Block(kSha1Text)), lastChanged, false},
-      {"the text's first 40 characters", Sign(Block(kSha256Text)), kSha256Text.substr(0, 40), false},
-      {"a digest one character short", Sign(Block(kSha1Text.substr(0, 39))), kSha1Text, false},
-      {"the sha1 OID instead of sha1WithRSA", Sign(Block(kSha1Text, 0, 1, {}, 10, 0x1a)), kSha1Text, false},
-      {"parameters other than NULL", Sign(Block(kSha1Text, 0, 1, {}, 11, 0x04)), kSha1Text, false},
-      {"garbage after the DigestInfo", Sign(Block(kSha1Text, 0, 1, GpcBytes(8, 0x41))), kSha1Text, false},
-      {"a short padding string", Sign(Block(kSha1Text, 7, 1, GpcBytes(198 - 7, 0x00))), kSha1Text, false},
-      {"block type 2", Sign(Block(kSha1Text, 0, 2)), kSha1Text, false},
+  const std::tuple<const char*, GpcBytes, std::string, bool> cases[] = {  // name, signature, text, verifies
+      {"a sha1 digest text", Sign(kSha1Text), kSha1Text, true},
+      {"a sha256 digest text", Sign(kSha256Text), kSha256Text, true},
+      {"another key", Sign(kSha1Text, 0, 1, {}, 0, 0, Path("root.key")), kSha1Text, false},
+      {"the text's last character changed", Sign(kSha1Text), lastChanged, false},
+      {"the text's first 40 characters", Sign(kSha256Text), kSha256Text.substr(0, 40), false},
+      {"a digest one character short", Sign(kSha1Text.substr(0, 39)), kSha1Text, false},
+      {"the sha1 OID instead of sha1WithRSA", Sign(kSha1Text, 0, 1, {}, 10, 0x1a), kSha1Text, false},
+      {"parameters other than NULL", Sign(kSha1Text, 0, 1, {}, 11, 0x04), kSha1Text, false},
+      {"garbage after the DigestInfo", Sign(kSha1Text, 0, 1, GpcBytes(8, 0x41)), kSha1Text, false},
+      {"a short padding string", Sign(kSha1Text, 7, 1, GpcBytes(198 - 7, 0x00)), kSha1Text, false},
+      {"block type 2", Sign(kSha1Text, 0, 2), kSha1Text, false},
   };
-  for (const auto& c : cases) EXPECT_EQ(verifyDataWithSSL(rsa, Bytes(c.data), c.signature), c.verifies) << c.name;
-  const GpcBytes signature = cases[0].signature;
+  for (const auto& [name, signature, text, verifies] : cases) {
+    EXPECT_EQ(verifyDataWithSSL(rsa, Bytes(text), signature), verifies) << name;
+  }
+  const GpcBytes signature = std::get<1>(cases[0]);
   GpcBytes longer(1, 0);
   longer.insert(longer.end(), signature.begin(), signature.end());
   for (const GpcBytes& bad : {GpcBytes(), GpcBytes(signature.begin() + 1, signature.end()), longer}) {
@@ -319,7 +296,7 @@ TEST(Signatures, OnlyTheWholeExpectedBlockOfTheWholeTextVerifies) {
 
 TEST(Signatures, OwnSignaturesAreTheToolsAndNeedAnUnencryptedRsaKeyInTheFirst2045Bytes) {
   for (const std::string& text : {kSha1Text, kSha256Text}) {
-    EXPECT_EQ(SignDataWithSSL(Path("vendor.key").c_str(), Bytes(text)), Sign(Block(text)));  // deterministic
+    EXPECT_EQ(SignDataWithSSL(Path("vendor.key").c_str(), Bytes(text)), Sign(text));  // deterministic
   }
   ScratchFolder folder;
   MustRun("openssl genrsa -aes128 -passout pass:secret -out '" + (folder / "locked.key") + "' 2048");

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 
 #include "gpc_host_run.h"
 #include "http_test_server.h"
@@ -18,7 +17,9 @@ std::string Shell(const std::string& command, int* status) {
   std::string output;
   FILE* pipe = popen(command.c_str(), "r");
   char chunk[4096];
-  for (size_t got; pipe != nullptr && (got = fread(chunk, 1, sizeof chunk, pipe)) > 0;) output.append(chunk, got);
+  for (size_t got; pipe != nullptr && (got = fread(chunk, 1, sizeof chunk, pipe)) > 0;) {
+    output.append(chunk, got);
+  }
   *status = pipe != nullptr ? pclose(pipe) : -1;
   return output;
 }
@@ -70,32 +71,30 @@ bool PackageSigner::Run(const std::string& command) const {
 }
 
 bool PackageSigner::AddSigner(const std::string& name, const std::string& subject, bool selfSigned) {
-  const std::string key = name + ".key", pem = name + ".pem", quotedSubject = ShellQuote(subject);
-  if (selfSigned) {
-    return Run("openssl req -x509 -newkey rsa:2048 -nodes -keyout " + key + " -out " + pem + " -days 3650 -subj " +
-               quotedSubject);
-  }
-  return Run("openssl req -new -newkey rsa:2048 -nodes -keyout " + key + " -out " + name + ".csr -subj " +
-             quotedSubject) &&
-         Run("openssl x509 -req -in " + name + ".csr -CA root.pem -CAkey root.key -CAcreateserial -days 3650 -out " +
-             pem);
+  const std::string request =
+      "openssl req -newkey rsa:2048 -nodes -keyout " + name + ".key -subj " + ShellQuote(subject);
+  const std::string issue = " -out " + name + ".csr && openssl x509 -req -in " + name +
+                            ".csr -CA root.pem -CAkey root.key -CAcreateserial";
+  return Run(request + (selfSigned ? " -x509" : issue) + " -days 3650 -out " + name + ".pem");
 }
 
 std::string PackageSigner::Chain(const std::string& name, bool withRoot) const {
   auto base64Der = [this](const std::string& pem) {
-    return ShellOutput("cd " + ShellQuote(folder_) + " && openssl x509 -in " + pem + " -outform DER | openssl base64 -A");
+    return ShellOutput("cd " + ShellQuote(folder_) + " && openssl x509 -in " + pem +
+                       " -outform DER | openssl base64 -A");
   };
   const std::string leaf = base64Der(name + ".pem");
   return withRoot ? base64Der("root.pem") + "|" + leaf : leaf;
 }
 
 std::string PackageSigner::Sign(const std::string& digest, const std::string& name) const {
-  std::ofstream(folder_ + "/digestinfo.bin", std::ios::binary) << DigestInfo(digest);
   // Type 1 padding over the DigestInfo as it stands (pkeyutl refuses inputs longer than a hash).
+  WriteFile(Path("digestinfo.bin"), DigestInfo(digest));
   bool ok = false;
-  const std::string signature = ShellOutput("cd " + ShellQuote(folder_) + " && openssl rsautl -sign -inkey " + name +
-                                                ".key -in digestinfo.bin 2>/dev/null | openssl base64 -A",
-                                            &ok);
+  const std::string signature = ShellOutput(
+      "cd " + ShellQuote(folder_) + " && openssl rsautl -sign -inkey " + name +
+          ".key -in digestinfo.bin 2>/dev/null | openssl base64 -A",
+      &ok);
   return ok ? signature : std::string();
 }
 
@@ -116,22 +115,24 @@ std::string FileDigest(const std::string& path, const std::string& method) {
 
 bool PackExtension(const std::string& bundle, const std::string& version, const std::string& work,
                    const std::string& archive, const std::string& name, const std::string& sevenZipOptions) {
-  const std::string copy = work + "/" + name + ".bundle";
+  const std::string copy = ShellQuote(work + "/" + name + ".bundle");
   const std::string command =
-      "rm -rf " + ShellQuote(copy) + " && cp -a " + ShellQuote(bundle) + " " + ShellQuote(copy) +
-      " && sed -i '/<key>CFBundleVersion<\\/key>/{n;s|<string>.*</string>|<string>" + version + "</string>|}' " +
-      ShellQuote(copy + "/Contents/Info.plist") + " && rm -f " + ShellQuote(archive) + " && cd " + ShellQuote(work) +
-      " && 7z a " + sevenZipOptions + " " + ShellQuote(archive) + " " + ShellQuote(name + ".bundle") + " >/dev/null";
+      "rm -rf " + copy + " && cp -a " + ShellQuote(bundle) + " " + copy + " && cd " + copy +
+      " && sed -i '/<key>CFBundleVersion<\\/key>/{n;s|<string>.*</string>|<string>" + version +
+      "</string>|}' Contents/Info.plist && rm -f " + ShellQuote(archive) + " && cd " + ShellQuote(work) +
+      " && 7z a " + sevenZipOptions + " " + ShellQuote(archive) + " " + ShellQuote(name + ".bundle") +
+      " >/dev/null";
   return std::system(command.c_str()) == 0;
 }
 
 PageParams PackWithTheTool(const PackageSigner& signer, const std::string& bundle, const std::string& out) {
   bool ok = false;
-  const std::string printed =
-      ShellOutput(std::string(GPC_BIN_DIR) + "/gpc-pack pack --format json --key " + ShellQuote(signer.Path("vendor.key")) +
-                      " --cert " + ShellQuote(signer.Path("vendor.pem")) + " --chain " +
-                      ShellQuote(signer.Path("root.pem")) + " --out " + ShellQuote(out) + " " + ShellQuote(bundle),
-                  &ok);
+  const std::string printed = ShellOutput(
+      std::string(GPC_BIN_DIR) + "/gpc-pack pack --format json --key " +
+          ShellQuote(signer.Path("vendor.key")) + " --cert " + ShellQuote(signer.Path("vendor.pem")) +
+          " --chain " + ShellQuote(signer.Path("root.pem")) + " --out " + ShellQuote(out) + " " +
+          ShellQuote(bundle),
+      &ok);
   const std::vector<gpchost::JsonEvent> lines = gpchost::ParseJsonLines(printed);
   if (!ok || lines.empty()) return {};
   PageParams params;
