@@ -1,9 +1,5 @@
-// 7z archives through the unpacking library's one entry, GpcDecompressFile7z.
-//
-// Input: the archive. It is written to the same scratch path in every run and extracted into a
-// fresh folder inside a fresh run folder, both removed afterwards. Whatever the archive holds,
-// nothing may land beside the destination and no link inside it may lead out of it. The limits
-// are kept low (64 entries, 1 MiB) so that a run stays short.
+// 7z archives through GpcDecompressFile7z, extracted into a fresh folder of a fresh run folder: whatever
+// the archive holds, nothing may land beside the destination and no link inside it may lead out of it.
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -14,20 +10,14 @@
 
 namespace fs = std::filesystem;
 
-// libarchive sizes some buffers by what a 7z header claims (terabytes, for a header that lies
-// past the end of its file) and gives up cleanly when malloc refuses. Here, as on a machine
-// without that much memory, an allocation of 2000 MiB or more is refused rather than reported;
-// memory really used still counts through the fuzzer's RSS limit.
+// libarchive sizes some buffers by what a 7z header claims and gives up cleanly when malloc refuses: as
+// on a machine without that memory, 2000 MiB or more is refused rather than reported.
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=2000"; }
 
 namespace {
 
-struct State {
-  std::string archive;
-  std::string scratch;
-  unsigned runs = 0;
-};
-State* g_state = nullptr;
+std::string g_scratch;  // its real path: the destination is compared with real paths
+unsigned g_runs = 0;
 
 // Removes an extraction whatever modes its folders came with.
 void RemoveExtraction(const fs::path& run) {
@@ -42,11 +32,6 @@ void RemoveExtraction(const fs::path& run) {
   fuzz::RemoveTree(run.string());
 }
 
-bool IsInside(const fs::path& path, const fs::path& folder) {
-  const fs::path relative = path.lexically_relative(folder);
-  return !relative.empty() && *relative.begin() != "..";
-}
-
 // Where a link leads, as far as the disk can tell: through every existing link on the way.
 void CheckLink(const fs::path& link, const fs::path& destination) {
   std::error_code error;
@@ -55,7 +40,8 @@ void CheckLink(const fs::path& link, const fs::path& destination) {
   if (target.is_absolute()) fuzz::Fail("link %s leads to the absolute %s", link.c_str(), target.c_str());
   const fs::path resolved = fs::weakly_canonical(link.parent_path() / target, error);
   if (error) return;  // a loop of links leads nowhere
-  if (!IsInside(resolved, destination) && resolved != destination) {
+  const fs::path relative = resolved.lexically_relative(destination);
+  if (relative.empty() || *relative.begin() == "..") {
     fuzz::Fail("link %s leads out of the destination, to %s", link.c_str(), resolved.c_str());
   }
 }
@@ -76,23 +62,21 @@ void CheckExtraction(const fs::path& run, const fs::path& destination) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("GPC_7Z_MAX_ENTRIES", "64", 1);
+  setenv("GPC_7Z_MAX_ENTRIES", "64", 1);  // low limits keep a run short
   setenv("GPC_7Z_MAX_BYTES", "1048576", 1);
-  const std::string folder = fuzz::MakeScratchFolder("sevenzip");
-  // The destination is compared with its real path: the scratch folder must have no link in it.
-  const std::string real = fs::canonical(folder).string();
-  g_state = new State{real + "/input.7z", real};
+  g_scratch = fs::canonical(fuzz::MakeScratchFolder("sevenzip")).string();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::WriteFile(g_state->archive, data, size);
+  const std::string archive = g_scratch + "/input.7z";
+  fuzz::WriteFile(archive, data, size);
   // A fresh name each time: a run folder that could not be removed never meets the next run.
-  const std::string run = g_state->scratch + "/run" + std::to_string(g_state->runs++ % 1000);
+  const std::string run = g_scratch + "/run" + std::to_string(g_runs++ % 1000);
   RemoveExtraction(run);
   fuzz::MakeFolder(run);
   const std::string destination = run + "/dest";
-  const int32_t result = GpcDecompressFile7z(g_state->archive.c_str(), destination.c_str());
+  const int32_t result = GpcDecompressFile7z(archive.c_str(), destination.c_str());
   if (result < kGpc7zSuccess || result > kGpc7zInternalFailure) fuzz::Fail("unknown result %d", result);
   CheckExtraction(run, destination);
   RemoveExtraction(run);
