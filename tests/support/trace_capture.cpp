@@ -4,38 +4,30 @@
 
 namespace {
 std::mutex g_mutex;
-std::vector<CapturedTrace>& Traces() {
-  static std::vector<CapturedTrace> traces;
-  return traces;
-}
+auto* g_traces = new std::vector<CapturedTrace>;  // never freed: entries may arrive during exit
 }  // namespace
 
 void StartTraceCapture() {
-  static const bool started = [] {
-    gpc::GPCNotificationCenter::defaultCenter().addObserver(
-        "TRACENOTIFICATIONNotification", [](const gpc::GPCNotification& note) {
-          if (!note.userInfo) return;
-          auto level = note.userInfo->GetNumber("Levelkey");
-          auto text = note.userInfo->GetString("ContentKey");
-          if (!level || !text) return;
-          std::lock_guard<std::mutex> lock(g_mutex);
-          Traces().push_back({static_cast<int>(*level), *text});
-        });
-    return true;
-  }();
-  (void)started;
+  static const auto observer = gpc::GPCNotificationCenter::defaultCenter().addObserver(
+      "TRACENOTIFICATIONNotification", [](const gpc::GPCNotification& note) {
+        const auto level = note.userInfo ? note.userInfo->GetNumber("Levelkey") : std::nullopt;
+        const auto text = note.userInfo ? note.userInfo->GetString("ContentKey") : std::nullopt;
+        std::lock_guard<std::mutex> lock(g_mutex);
+        if (level && text) g_traces->push_back({static_cast<int>(*level), *text});
+      });
+  (void)observer;
 }
 
 std::vector<CapturedTrace> CapturedTracesSnapshot() {
   StartTraceCapture();
   std::lock_guard<std::mutex> lock(g_mutex);
-  return Traces();
+  return *g_traces;
 }
 
 void ClearCapturedTraces() {
   StartTraceCapture();
   std::lock_guard<std::mutex> lock(g_mutex);
-  Traces().clear();
+  g_traces->clear();
 }
 
 bool TraceContains(int level, const std::string& fragment) {

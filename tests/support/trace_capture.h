@@ -11,8 +11,8 @@ struct CapturedTrace {
   std::string text;
 };
 
-// Starts listening on first use and keeps listening for the life of the program.
+// Each of these starts listening on first use; it lasts for the life of the program.
+void StartTraceCapture();
 std::vector<CapturedTrace> CapturedTracesSnapshot();
 void ClearCapturedTraces();
 bool TraceContains(int level, const std::string& fragment);
-void StartTraceCapture();

@@ -3,42 +3,60 @@
 #pragma once
 
 #include <cstdint>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
 namespace tvttest {
 
+inline uint32_t Le(const uint8_t* at, int size) {
+  uint32_t value = 0;
+  for (int i = size - 1; i >= 0; --i) value = value << 8 | at[i];
+  return value;
+}
+
 struct Record {
   size_t offset = 0;           // in the file
   std::vector<uint8_t> bytes;  // the whole record, padding included
-  uint16_t length = 0;
-  uint32_t level = 0;
-  uint32_t pid = 0;
-  uint32_t thread = 0;
-  uint32_t seconds = 0;
-  uint16_t milliseconds = 0;
-  uint16_t module_offset = 0;
-  uint16_t function_offset = 0;
-  uint16_t text_offset = 0;
-  std::string module;
-  std::string function;
-  std::string text;
+  uint32_t level() const { return Le(&bytes[8], 4); }
+  // The NUL-ended string whose offset the head holds at `field`: 30 module, 32 function, 34 text.
+  std::string String(size_t field) const {
+    std::string out;
+    for (size_t i = Le(&bytes[field], 2); i < bytes.size() && bytes[i] != 0; ++i) out += static_cast<char>(bytes[i]);
+    return out;
+  }
+  std::string text() const { return String(34); }
+  // "level module|function|text"
+  std::string Describe() const {
+    return std::to_string(level()) + " " + String(30) + "|" + String(32) + "|" + text();
+  }
 };
 
 struct File {
-  std::vector<uint8_t> header;  // the first 48 bytes (fewer when the file is shorter)
   std::vector<Record> records;
-  size_t size = 0;
-  std::string error;  // empty when every byte belonged to a whole record
+  std::string error;  // empty when every byte belonged to the header or a whole record
 };
 
-std::vector<uint8_t> ReadBytes(const std::string& path);
-File ParseTraceFile(const std::string& path);
+inline std::vector<uint8_t> ReadBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
-uint16_t Le16(const uint8_t* at);
-uint32_t Le32(const uint8_t* at);
-
-// A folder for a test's files: $GPC_TEST_HOME/<name> when ctest gave one, else a new /tmp folder.
-std::string TestFolder(const std::string& name);
+inline File ParseTraceFile(const std::string& path) {
+  File file;
+  const std::vector<uint8_t> bytes = ReadBytes(path);
+  if (bytes.size() < 48) file.error = "short header";
+  for (size_t at = 48; file.error.empty() && at < bytes.size();) {
+    const size_t length = bytes.size() - at < 48 ? 0 : Le(&bytes[at], 2);
+    if (length < 48 || length % 4 != 0 || bytes.size() - at < length) {
+      file.error = "bad record at " + std::to_string(at);
+    } else {
+      file.records.push_back({at, std::vector<uint8_t>(bytes.begin() + at, bytes.begin() + at + length)});
+      at += length;
+    }
+  }
+  return file;
+}
 
 }  // namespace tvttest

@@ -1,172 +1,95 @@
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <plist/plist.h>
-#include <sys/stat.h>
 
-#include <cstdio>
-#include <fstream>
-#include <map>
-#include <sstream>
-#include <string>
-#include <vector>
+#include <filesystem>
+#include <regex>
+#include <set>
 
 #include "gpctimereporter.h"
+#include "http_test_server.h"
 #include "platform/clock.h"
 #include "platform/folders.h"
 
 namespace {
 
 constexpr char kVersion[] = "/7.1.2/";
+const std::string kTalvo = platform::UserApplicationSupportDir() + "/Talvo Folder";
+const std::string kFolder = kTalvo + kVersion;
 
-std::string VersionFolder() { return platform::UserApplicationSupportDir() + "/Talvo Folder" + kVersion; }
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::vector<std::string> FolderEntries(const std::string& folder) {
+std::vector<std::string> Entries(const std::string& folder) {
   std::vector<std::string> names;
-  if (DIR* dir = opendir(folder.c_str())) {
-    while (dirent* entry = readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(dir);
-  }
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) names.push_back(entry.path().filename());
   return names;
 }
 
-// The "JMTRoot" dictionary of the stamp file, as key -> text (reals printed with 3 decimals).
-std::map<std::string, std::string> Stamps(const std::string& path) {
-  std::map<std::string, std::string> result;
-  std::string xml = ReadFile(path);
-  plist_t root = nullptr;
-  plist_from_xml(xml.data(), static_cast<uint32_t>(xml.size()), &root);
-  if (root == nullptr) return result;
-  plist_t stamps = plist_dict_get_item(root, "JMTRoot");
-  plist_dict_iter it = nullptr;
-  if (stamps != nullptr) plist_dict_new_iter(stamps, &it);
-  while (it != nullptr) {
-    char* key = nullptr;
-    plist_t value = nullptr;
-    plist_dict_next_item(stamps, it, &key, &value);
-    if (key == nullptr) break;
-    if (plist_get_node_type(value) == PLIST_STRING) {
-      char* text = nullptr;
-      plist_get_string_val(value, &text);
-      result[key] = text;
-      free(text);
-    } else if (plist_get_node_type(value) == PLIST_REAL) {
-      double seconds = 0;
-      plist_get_real_val(value, &seconds);
-      char text[64];
-      snprintf(text, sizeof text, "%.3f", seconds);
-      result[key] = text;
-    }
-    free(key);
+// "key=value" of each string and real of the stamp file, in key order.
+std::string Stamps() {
+  const std::string xml = gpctest::ReadFile(kFolder + "Info.plist");
+  const std::regex entry(R"(<key>([^<]*)</key>\s*<(string|real|dict)>([^<\s]*))");
+  std::set<std::string> entries;
+  for (std::sregex_iterator it(xml.begin(), xml.end(), entry), end; it != end; ++it) {
+    entries.insert((*it)[1].str() + "=" + (*it)[3].str());
   }
-  free(it);
-  plist_free(root);
-  return result;
+  std::string out;
+  for (const std::string& text : entries) out += text + " ";
+  return out;
+}
+
+// Sets the absolute time (seconds since 2001) the reporter reads.
+void SetNow(double absolute) {
+  const auto micros = static_cast<int64_t>((absolute + platform::kAbsoluteTimeEpochOffset) * 1e6);
+  platform::SetWallClockOverride([micros] { return micros; });
 }
 
 class TimeReporterTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_FALSE(platform::UserApplicationSupportDir().empty());
-    std::string cleanup = "rm -rf \"" + platform::UserApplicationSupportDir() + "/Talvo Folder\"";
-    ASSERT_EQ(0, system(cleanup.c_str()));
-    ASSERT_TRUE(platform::MakeDirectories(VersionFolder(), 0755));
+    std::filesystem::remove_all(kTalvo);
+    ASSERT_TRUE(platform::MakeDirectories(kFolder, 0755));
     SetNow(1000.0);
   }
   void TearDown() override { platform::SetWallClockOverride(nullptr); }
-
-  // Sets the absolute time (seconds since 2001) the reporter will read.
-  void SetNow(double absolute) {
-    int64_t micros = static_cast<int64_t>((absolute + platform::kAbsoluteTimeEpochOffset) * 1e6);
-    platform::SetWallClockOverride([micros] { return micros; });
-  }
 };
 
-TEST_F(TimeReporterTest, PathIsBuiltFromTheVersionText) {
-  EXPECT_EQ(VersionFolder() + "Info.plist", gpctimereporter::getPathOfPlistFileWithProductVersion(kVersion));
-  EXPECT_EQ("", gpctimereporter::getPathOfPlistFileWithProductVersion(nullptr));
-}
-
-TEST_F(TimeReporterTest, StampsAccumulateForOneMeeting) {
-  gpctimereporter::appendTimeStamp(kVersion, "meeting-A", tmr_gpc_check_extension);
+TEST_F(TimeReporterTest, StampsBelongToOneMeetingAndWritesReplaceTheFileWhole) {
+  const std::string path = gpctimereporter::getPathOfPlistFileWithProductVersion(kVersion);
+  EXPECT_EQ(path, kFolder + "Info.plist");
+  EXPECT_EQ(gpctimereporter::getPathOfPlistFileWithProductVersion(nullptr), "");
+  gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_check_extension);
   SetNow(1002.5);
-  gpctimereporter::appendTimeStamp(kVersion, "meeting-A", tmr_gpc_start_update_extension, "ignored");
-  auto stamps = Stamps(gpctimereporter::getPathOfPlistFileWithProductVersion(kVersion));
-  EXPECT_EQ(3u, stamps.size());
-  EXPECT_EQ("meeting-A", stamps["meetingid"]);
-  EXPECT_EQ("1000.000", stamps["gpc_check_extension"]);
-  EXPECT_EQ("1002.500", stamps["gpc_start_update_extension"]);  // the time, never the value
-}
-
-TEST_F(TimeReporterTest, AnotherMeetingDiscardsEarlierStamps) {
-  gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_check_extension);
-  SetNow(1100.0);
-  gpctimereporter::appendTimeStamp(kVersion, "B", tmr_gpc_load_extension);
-  auto stamps = Stamps(gpctimereporter::getPathOfPlistFileWithProductVersion(kVersion));
-  ASSERT_EQ(2u, stamps.size());
-  EXPECT_EQ("B", stamps["meetingid"]);
-  EXPECT_EQ("1100.000", stamps["gpc_load_extension"]);
-}
-
-TEST_F(TimeReporterTest, ClearingKeepsOnlyTheNewMeeting) {
-  std::string path = gpctimereporter::getPathOfPlistFileWithProductVersion(kVersion);
-  gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_check_extension);
+  gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_start_update_extension, "ignored");
   gpctimereporter::clearTimeStampsIfMeetingIdNotMatch("A", path);
-  EXPECT_EQ(2u, Stamps(path).size());  // same meeting: untouched
+  EXPECT_EQ(Stamps(), "JMTRoot= gpc_check_extension=1000 gpc_start_update_extension=1002.5 meetingid=A ");
+  gpctimereporter::appendTimeStamp(kVersion, "B", tmr_gpc_load_extension);
+  EXPECT_EQ(Stamps(), "JMTRoot= gpc_load_extension=1002.5 meetingid=B ") << "another meeting's stamps go";
   gpctimereporter::clearTimeStampsIfMeetingIdNotMatch("C", path);
-  auto stamps = Stamps(path);
-  ASSERT_EQ(1u, stamps.size());
-  EXPECT_EQ("C", stamps["meetingid"]);
-  // A missing file is not created.
-  gpctimereporter::clearTimeStampsIfMeetingIdNotMatch("C", VersionFolder() + "none.plist");
-  EXPECT_EQ(1u, FolderEntries(VersionFolder()).size());
-}
+  EXPECT_EQ(Stamps(), "JMTRoot= meetingid=C ");
+  gpctimereporter::clearTimeStampsIfMeetingIdNotMatch("C", kFolder + "none.plist");  // not created
 
-TEST_F(TimeReporterTest, UnreadableFileIsReplacedAndWritesLeaveNoTemporaries) {
-  std::string path = gpctimereporter::getPathOfPlistFileWithProductVersion(kVersion);
-  std::ofstream(path) << "not a property list";
+  gpctest::WriteFile(path, "not a property list");
   for (int i = 0; i < 5; ++i) gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_finish_update_extension);
-  EXPECT_EQ(std::vector<std::string>{"Info.plist"}, FolderEntries(VersionFolder()));
-  EXPECT_EQ("A", Stamps(path)["meetingid"]);
-  EXPECT_NE(std::string::npos, ReadFile(path).find("<?xml"));
-}
-
-TEST_F(TimeReporterTest, MissingVersionFolderLosesTheStampSilently) {
+  EXPECT_EQ(Stamps(), "JMTRoot= gpc_finish_update_extension=1002.5 meetingid=A ");
+  EXPECT_EQ(gpctest::ReadFile(path).rfind("<?xml", 0), 0u);
+  EXPECT_EQ(Entries(kFolder), std::vector<std::string>{"Info.plist"}) << "no temporaries left";
   gpctimereporter::appendTimeStamp("/0.0.0/", "A", tmr_gpc_check_extension);
-  struct stat info;
-  EXPECT_NE(0, stat((platform::UserApplicationSupportDir() + "/Talvo Folder/0.0.0").c_str(), &info));
+  EXPECT_EQ(Entries(kTalvo), std::vector<std::string>{"7.1.2"}) << "a missing version folder loses the stamp";
 }
 
-TEST_F(TimeReporterTest, TextFormNeedsAnExistingParameterFile) {
-  std::string parameters = VersionFolder() + "talvoparameters.txt";
+TEST_F(TimeReporterTest, TextFormIsAppendedToAnExistingParameterFileOnly) {
+  const std::string parameters = kFolder + "talvoparameters.txt";
   appendTimeStamp(kVersion, tmr_gpc_check_extension);
-  struct stat info;
-  EXPECT_NE(0, stat(parameters.c_str(), &info));  // never created
-
-  std::ofstream(parameters) << "GpcUrlRoot=x\n";
+  EXPECT_TRUE(Entries(kFolder).empty()) << "never created";
+  ASSERT_TRUE(std::filesystem::create_directory(parameters));
+  appendTimeStamp(kVersion, tmr_gpc_check_extension);
+  EXPECT_TRUE(Entries(parameters).empty()) << "a folder of that name is left alone";
+  std::filesystem::remove(parameters);
+  gpctest::WriteFile(parameters, "GpcUrlRoot=x\n");
   SetNow(1234.5);
   appendTimeStamp(kVersion, tmr_gpc_check_extension);
   gpctimereporter::appendTimeStamp(kVersion, tmr_gpc_load_extension);
-  EXPECT_EQ("GpcUrlRoot=x\n"
-            "[NAME]-=-gpc_check_extension-=-[VALUE]-=-1234.500000-=-\r"
-            "[NAME]-=-gpc_load_extension-=-[VALUE]-=-1234.500000-=-\r",
-            ReadFile(parameters));
-}
-
-TEST_F(TimeReporterTest, TextFormSkipsAFolderOfThatName) {
-  std::string parameters = VersionFolder() + "talvoparameters.txt";
-  ASSERT_EQ(0, mkdir(parameters.c_str(), 0755));
-  appendTimeStamp(kVersion, tmr_gpc_check_extension);
-  EXPECT_TRUE(FolderEntries(parameters).empty());
+  EXPECT_EQ(gpctest::ReadFile(parameters), "GpcUrlRoot=x\n"
+                                  "[NAME]-=-gpc_check_extension-=-[VALUE]-=-1234.500000-=-\r"
+                                  "[NAME]-=-gpc_load_extension-=-[VALUE]-=-1234.500000-=-\r");
 }
 
 }  // namespace
