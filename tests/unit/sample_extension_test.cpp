@@ -116,34 +116,30 @@ TEST_F(SampleExtension, ExportsExactlyTheSixEntryPoints) {
 // after the last completion, or at a heartbeat ("tick") when nothing is left to wait for.
 TEST_F(SampleExtension, FetchesUnpacksAndNavigatesOnceWhenDone) {
   const char *kFiles = "GpcSampleFiles", *kDir = "GpcSampleUnpackDir", *kDone = "GpcSampleDoneUrl";
+  // Navigated at the last completion, before the heartbeats.
+  const auto Done = [](const std::string& counts) { return "go d?fetched=" + counts + " _top, tick, tick, "; };
   struct Case {
     const char* name;
     Params params;
     uint32_t fetchResult, unpackResult;
     std::vector<std::pair<size_t, const char*>> completions;  // fetch index, local path (null: failed)
-    const char* log;
+    std::string log;
   } const cases[] = {
-      {"archive unpacked, plain file not", {{kFiles, "http://h/a.7z|http://h/b.txt"}, {kDir, "/u"}, {kDone, "http://h/d"}},
-       0, 0, {{1, "/l/b"}, {0, "/l/a"}},
-       "fetch http://h/a.7z, fetch http://h/b.txt, unpack /l/a -> /u, "
-       "go http://h/d?fetched=2&failed=0&unpacked=1&params=3 _top, tick, tick, "},
-      {"failed fetch, done URL with a query", {{kFiles, "http://h/a.7z|http://h/c.7z"}, {kDir, "/u"}, {kDone, "http://h/d?x=1"}},
-       0, 0, {{0, nullptr}, {1, "/l/c"}},
-       "fetch http://h/a.7z, fetch http://h/c.7z, unpack /l/c -> /u, "
-       "go http://h/d?x=1&fetched=1&failed=1&unpacked=1&params=3 _top, tick, tick, "},
-      {"failed unpack not counted", {{kFiles, "http://h/a.7z"}, {kDir, "/u"}, {kDone, "http://h/d"}}, 0,
-       GPC_ERR_NOT_7Z_ARCHIVE, {{0, "/l/a"}},
-       "fetch http://h/a.7z, unpack /l/a -> /u, go http://h/d?fetched=1&failed=0&unpacked=0&params=3 _top, tick, tick, "},
-      {"no unpack folder", {{kFiles, "http://h/a.7z"}, {kDone, "http://h/d"}}, 0, 0, {{0, "/l/a"}},
-       "fetch http://h/a.7z, go http://h/d?fetched=1&failed=0&unpacked=0&params=2 _top, tick, tick, "},
-      {"empty entries skipped, only .7z endings", {{kFiles, "|http://h/a||http://h/b.7z.txt|"}, {kDir, "/u"}, {kDone, "http://h/d"}},
-       0, 0, {{0, "/l/a"}, {1, "/l/b"}},
-       "fetch http://h/a, fetch http://h/b.7z.txt, go http://h/d?fetched=2&failed=0&unpacked=0&params=3 _top, tick, tick, "},
-      {"no files", {{"Other", "x"}, {kDone, "http://h/d"}}, 0, 0, {},
-       "tick, go http://h/d?fetched=0&failed=0&unpacked=0&params=2 _top, tick, "},
-      {"refused fetches count as failed", {{kFiles, "http://h/a|http://h/b"}, {kDone, "http://h/d"}}, GPC_ERR_NO_INSTANCE, 0, {},
-       "fetch http://h/a, fetch http://h/b, tick, go http://h/d?fetched=0&failed=2&unpacked=0&params=2 _top, tick, "},
-      {"no done URL", {{kFiles, "http://h/a.7z"}, {kDir, "/u"}}, 0, 0, {{0, "/l/a"}}, "fetch http://h/a.7z, unpack /l/a -> /u, tick, tick, "},
+      {"archive unpacked, plain file not", {{kFiles, "h/a.7z|h/b.txt"}, {kDir, "/u"}, {kDone, "d"}}, 0, 0,
+       {{1, "/l/b"}, {0, "/l/a"}}, "fetch h/a.7z, fetch h/b.txt, unpack /l/a -> /u, " + Done("2&failed=0&unpacked=1&params=3")},
+      {"failed fetch, done URL with a query", {{kFiles, "h/a.7z|h/c.7z"}, {kDir, "/u"}, {kDone, "d?x=1"}}, 0, 0,
+       {{0, nullptr}, {1, "/l/c"}}, "fetch h/a.7z, fetch h/c.7z, unpack /l/c -> /u, go d?x=1&fetched=1&failed=1&unpacked=1"
+       "&params=3 _top, tick, tick, "},
+      {"failed unpack not counted", {{kFiles, "h/a.7z"}, {kDir, "/u"}, {kDone, "d"}}, 0, GPC_ERR_NOT_7Z_ARCHIVE,
+       {{0, "/l/a"}}, "fetch h/a.7z, unpack /l/a -> /u, " + Done("1&failed=0&unpacked=0&params=3")},
+      {"no unpack folder", {{kFiles, "h/a.7z"}, {kDone, "d"}}, 0, 0, {{0, "/l/a"}},
+       "fetch h/a.7z, " + Done("1&failed=0&unpacked=0&params=2")},
+      {"empty entries skipped, only .7z endings", {{kFiles, "|h/a||h/b.7z.txt|"}, {kDir, "/u"}, {kDone, "d"}}, 0, 0,
+       {{0, "/l/a"}, {1, "/l/b"}}, "fetch h/a, fetch h/b.7z.txt, " + Done("2&failed=0&unpacked=0&params=3")},
+      {"no files", {{"Other", "x"}, {kDone, "d"}}, 0, 0, {}, "tick, go d?fetched=0&failed=0&unpacked=0&params=2 _top, tick, "},
+      {"refused fetches count as failed", {{kFiles, "h/a|h/b"}, {kDone, "d"}}, GPC_ERR_NO_INSTANCE, 0, {},
+       "fetch h/a, fetch h/b, tick, go d?fetched=0&failed=2&unpacked=0&params=2 _top, tick, "},
+      {"no done URL", {{kFiles, "h/a.7z"}, {kDir, "/u"}}, 0, 0, {{0, "/l/a"}}, "fetch h/a.7z, unpack /l/a -> /u, tick, tick, "},
       {"nothing at all", {}, 0, 0, {}, "tick, tick, "},
   };
   for (const Case& c : cases) {
