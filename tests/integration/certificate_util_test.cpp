@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <sstream>
 #include <tuple>
 
 #include "CertificateUtil.h"
@@ -38,6 +37,7 @@ struct Pki {
             issue + "-in vendor.csr -CA inter.pem -CAkey inter.key -out inter_leaf.pem && " +
             issue + "-in inter.csr -CA vendor.pem -CAkey vendor.key -out by_vendor.pem && "
             "openssl x509 -in self.pem -addtrust anyExtendedKeyUsage -trustout -out trusted_self.pem && "
+            "cat root.pem trusted_self.pem > system.anchors && : > empty.anchors && "
             "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ec.key "
             "-subj /CN=ec -out ec.pem && "
             "for c in *.pem; do openssl x509 -in $c -outform DER -out ${c%pem}der; done");
@@ -119,19 +119,10 @@ class Trust : public ::testing::Test {
     platform::SetTrustPanelHandler(nullptr);
     platform::SetWallClockOverride(nullptr);
   }
-  // SSL_CERT_FILE naming these PEM files joined, or a missing file.
-  std::string SystemAnchors(const std::string& files) {
-    std::string text;
-    std::istringstream names(files);
-    for (std::string name; names >> name;) text += gpctest::ReadFile(Path(name));
-    if (files != "missing") WriteFile(folder_ / "anchors.pem", text);
-    return folder_ / "anchors.pem";
-  }
 
   bool panelAnswer_ = false;
   int panelShown_ = 0;
   platform::TrustPanelRequest lastRequest_;
-  ScratchFolder folder_;
 };
 
 constexpr GpcTrustResult kGood = kGpcTrustResultUnspecified, kFailed = kGpcTrustResultRecoverableTrustFailure,
@@ -144,7 +135,7 @@ constexpr uint32_t kExpired = kGpcCertStatusExpired, kNotYet = kGpcCertStatusNot
 struct TrustCase {
   const char *name, *leaf;
   std::vector<std::string> page;   // the page's certificates: extra anchors, or intermediates when hardened
-  const char* system;              // the system anchors (Trust::SystemAnchors), or null for the machine's
+  const char* system;              // SSL_CERT_FILE, a file of the test PKI, or null for the machine's anchors
   int year;                        // of the clock, 0 for now
   GpcTrustResult first;            // of the first evaluation
   uint32_t leafStatus;             // among kShownStatus
@@ -168,17 +159,17 @@ const TrustCase kTrustCases[] = {
     {"bad signature", "bad_sig", {"root"}, nullptr, 0, kFatal, 0, true, false, false},
     {"signer without CA rights", "by_vendor", {"vendor", "root"}, nullptr, 0, kFailed, 0, true, false, false},
     {"system anchors stand in for the page's", "vendor", {}, "root.pem", 0, kGood, 0, false, true, true},
-    {"trust settings of a system anchor", "self", {}, "root.pem trusted_self.pem", 2000, kFailed,
+    {"trust settings of a system anchor", "self", {}, "system.anchors", 2000, kFailed,
      kNotYet | kRoot | kAnchor | kSettings, false, true, false},
-    {"no system anchors: the page's are ignored", "vendor", {"root"}, "", 0, kFailed, 0, true, false, true},
-    {"unreadable system anchors", "vendor", {"root"}, "missing", 0, kFailed, 0, true, false, true},
+    {"no system anchors: the page's are ignored", "vendor", {"root"}, "empty.anchors", 0, kFailed, 0, true, false, true},
+    {"unreadable system anchors", "vendor", {"root"}, "missing.pem", 0, kFailed, 0, true, false, true},
 };
 
 TEST_F(Trust, OutcomesOfChains) {
   for (const TrustCase& c : kTrustCases) {
     SCOPED_TRACE(c.name);
     std::unique_ptr<ScopedEnv> system;
-    if (c.system != nullptr) system = std::make_unique<ScopedEnv>("SSL_CERT_FILE", SystemAnchors(c.system));
+    if (c.system != nullptr) system = std::make_unique<ScopedEnv>("SSL_CERT_FILE", Path(c.system));
     const int64_t seconds = (c.year - 1970) * int64_t{31556952};
     if (c.year != 0) platform::SetWallClockOverride([seconds] { return seconds * 1000000; });
     const GpcCertificateRef leaf = Cert(c.leaf);
@@ -211,7 +202,7 @@ TEST_F(Trust, OutcomesOfChains) {
 }
 
 TEST_F(Trust, AnchorCountsResultsAndBadArguments) {
-  ScopedEnv system("SSL_CERT_FILE", SystemAnchors("root.pem"));
+  ScopedEnv system("SSL_CERT_FILE", Path("root.pem"));
   ClearCapturedTraces();
   ASSERT_TRUE(TrustCertification(Cert("vendor"), Certs({"inter", "root"})));
   EXPECT_TRUE(TraceContains(1, "EvaluateCert, SecTrustCopyAnchorCertificates status: 0, counts: 1"));
@@ -259,8 +250,15 @@ TEST(Signatures, OnlyTheWholeExpectedBlockOfTheWholeTextVerifies) {
   ASSERT_NE(rsa, nullptr);
   std::string lastChanged = kSha1Text;
   lastChanged.back() = '0';
+  const GpcBytes good = Sign(kSha1Text);
+  GpcBytes longer = good;
+  longer.insert(longer.begin(), 0);
   const std::tuple<const char*, GpcBytes, std::string, bool> cases[] = {  // name, signature, text, verifies
-      {"a sha1 digest text", Sign(kSha1Text), kSha1Text, true},
+      {"a sha1 digest text", good, kSha1Text, true},
+      {"no text", good, "", false},
+      {"no signature", {}, kSha1Text, false},
+      {"a signature one byte short", GpcBytes(good.begin() + 1, good.end()), kSha1Text, false},
+      {"a signature with a zero byte more", longer, kSha1Text, false},
       {"a sha256 digest text", Sign(kSha256Text), kSha256Text, true},
       {"another key", Sign(kSha1Text, 0, 1, {}, 0, 0, Path("root.key")), kSha1Text, false},
       {"the text's last character changed", Sign(kSha1Text), lastChanged, false},
@@ -275,22 +273,15 @@ TEST(Signatures, OnlyTheWholeExpectedBlockOfTheWholeTextVerifies) {
   for (const auto& [name, signature, text, verifies] : cases) {
     EXPECT_EQ(verifyDataWithSSL(rsa, Bytes(text), signature), verifies) << name;
   }
-  const GpcBytes signature = std::get<1>(cases[0]);
-  GpcBytes longer(1, 0);
-  longer.insert(longer.end(), signature.begin(), signature.end());
-  for (const GpcBytes& bad : {GpcBytes(), GpcBytes(signature.begin() + 1, signature.end()), longer}) {
-    EXPECT_FALSE(verifyDataWithSSL(rsa, Bytes(kSha1Text), bad)) << bad.size() << " bytes";
-  }
-  EXPECT_FALSE(verifyDataWithSSL(nullptr, Bytes(kSha1Text), signature));
-  EXPECT_FALSE(verifyDataWithSSL(rsa, GpcBytes(), signature));
+  EXPECT_FALSE(verifyDataWithSSL(nullptr, Bytes(kSha1Text), good));
   CryptoWrapper::SetLibraryMissingForTesting(true);
   CryptoWrapper::destorySharedInstance();
-  EXPECT_FALSE(verifyDataWithSSL(rsa, Bytes(kSha1Text), signature));
+  EXPECT_FALSE(verifyDataWithSSL(rsa, Bytes(kSha1Text), good));
   EXPECT_TRUE(SignDataWithSSL(Path("vendor.key").c_str(), Bytes(kSha1Text)).empty());
   EXPECT_FALSE(Cert("vendor"));
   CryptoWrapper::SetLibraryMissingForTesting(false);
   CryptoWrapper::destorySharedInstance();
-  EXPECT_TRUE(verifyDataWithSSL(rsa, Bytes(kSha1Text), signature));
+  EXPECT_TRUE(verifyDataWithSSL(rsa, Bytes(kSha1Text), good));
   CryptoWrapper::sharedInstance()->RSA_free()(rsa);
 }
 

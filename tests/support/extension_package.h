@@ -34,14 +34,13 @@ class PackageSigner {
   bool ok_ = false;
 };
 
-// Packs a copy of the bundle folder `bundle` as "<name>.bundle" with CFBundleVersion `version` into the
-// 7z archive `archive`, working in `work`; `sevenZipOptions` go to "7z a". False when a step fails.
+// Packs a copy of `bundle` as "<name>.bundle" with CFBundleVersion `version` into the 7z archive `archive`
+// (made in `work`, `sevenZipOptions` for "7z a"). False when a step fails.
 bool PackExtension(const std::string& bundle, const std::string& version, const std::string& work,
                    const std::string& archive, const std::string& name = "zrgpcext64",
                    const std::string& sevenZipOptions = "-mx=1");
 
-// Packs `bundle` with gpc-pack, signed by `signer`'s vendor and root, into the folder `out`; returns
-// the embed parameters it printed (none on failure).
+// Packs `bundle` with gpc-pack as `signer`'s vendor into the folder `out`: the embed parameters, or none.
 PageParams PackWithTheTool(const PackageSigner& signer, const std::string& bundle, const std::string& out);
 
 // DigestInfo { sha1WithRSASignature OID, NULL parameters, OCTET STRING `digest` }: what a signer signs.
@@ -53,8 +52,7 @@ std::string ShellOutput(const std::string& command, bool* ok = nullptr);
 // `text` quoted for the shell.
 std::string ShellQuote(const std::string& text);
 
-// What a program run by RunTool did.
-struct ToolRun {
+struct ToolRun {  // what a program run by RunTool did
   int exitCode = -1;  // -1 when it could not run or did not exit normally
   std::string out, err;
 };

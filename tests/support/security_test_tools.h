@@ -1,5 +1,4 @@
-// Helpers for the digest, certificate, signature and archive tests: a scratch folder, running a
-// command-line tool and whole files as bytes.
+// Helpers for the digest, certificate, signature and archive tests, on top of the shared support code.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -26,13 +25,12 @@ inline bool RunTool(const std::string& command, std::string* output = nullptr) {
   if (output != nullptr) *output = text;
   return ok;
 }
-
 // Runs `command` and fails the current test when it does not succeed.
 inline void MustRun(const std::string& command) {
   ASSERT_TRUE(RunTool(command + " 2>/dev/null")) << "command failed: " << command;
 }
 
-inline void WriteFile(const std::string& path, const std::string& bytes) { gpctest::WriteFile(path, bytes); }
+using gpctest::WriteFile;
 inline void WriteFile(const std::string& path, const std::vector<unsigned char>& bytes) {
   gpctest::WriteFile(path, std::string(bytes.begin(), bytes.end()));
 }

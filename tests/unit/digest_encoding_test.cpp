@@ -54,16 +54,14 @@ TEST(FileDigest, AgreesWithTheToolAroundChunkBoundariesAndIsEmptyForWhatCannotBe
 }
 
 TEST(HexDecoding, PairsOfDigitsInEitherCaseUpToTheFirstBadDigit) {
-  const struct {
-    const char* text;
-    GpcBytes bytes;
-  } cases[] = {{"0aFF1", {0x0a, 0xff}}, {"aBcD", {0xab, 0xcd}}, {"", {}}, {"7", {}},
-               {"1gzz -1", {0x01, 0x00, 0x00}}, {"x1", {0}}, {"9 ", {9}}, {"1g", {1}}, {"g1", {0}},
-               {" f", {0}}, {"+f", {0}}, {"-1", {0}}, {"0x", {0}}, {"\tf", {0}}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(decodeFromHexidecimal(c.text), c.bytes) << c.text;
-    if (strlen(c.text) == 2) {
-      EXPECT_EQ(strToChar(c.text[0], c.text[1]), c.bytes[0]) << c.text;
+  const std::pair<const char*, GpcBytes> cases[] = {  // text, bytes
+      {"0aFF1", {0x0a, 0xff}}, {"aBcD", {0xab, 0xcd}}, {"", {}}, {"7", {}}, {"1gzz -1", {0x01, 0x00, 0x00}},
+      {"x1", {0}}, {"9 ", {9}}, {"1g", {1}}, {"g1", {0}}, {" f", {0}}, {"+f", {0}}, {"-1", {0}}, {"0x", {0}},
+      {"\tf", {0}}};
+  for (const auto& [text, bytes] : cases) {
+    EXPECT_EQ(decodeFromHexidecimal(text), bytes) << text;
+    if (strlen(text) == 2) {
+      EXPECT_EQ(strToChar(text[0], text[1]), bytes[0]) << text;
     }
   }
   EXPECT_TRUE(decodeFromHexidecimal(nullptr).empty());
@@ -84,12 +82,9 @@ TEST(Base64Decoding, OneLineOfCanonicalTextOnly) {
   ASSERT_TRUE(securitytest::RunTool("openssl base64 -A -in '" + (folder / "blob") + "'", &encoded));
   EXPECT_EQ(Text(base64Decode(encoded.c_str())), blob);
   const std::string lines = std::string(64, 'Q') + "\n" + std::string(64, 'Q') + "\n";
-  const struct {
-    const char* text;
-    const char* decoded;
-  } exact[] = {{"aGVsbG8=", "hello"}, {"aGVsbA==", "hell"}, {"aGVsbG8h", "hello!"}, {"aGVsbG8", "hel"},
-               {"", ""},           {"!!!!####", ""},     {lines.c_str(), ""}};
-  for (const auto& c : exact) EXPECT_EQ(Text(base64Decode(c.text)), c.decoded) << c.text;
+  const std::pair<const char*, const char*> exact[] = {{"aGVsbG8=", "hello"}, {"aGVsbA==", "hell"},
+      {"aGVsbG8h", "hello!"}, {"aGVsbG8", "hel"}, {"", ""}, {"!!!!####", ""}, {lines.c_str(), ""}};
+  for (const auto& [text, decoded] : exact) EXPECT_EQ(Text(base64Decode(text)), decoded) << text;
   EXPECT_TRUE(base64Decode(nullptr).empty());
   // Garbage inside must not be read past or crash: at most what the valid characters could give.
   EXPECT_LE(base64Decode("aGVs*bG8=").size(), 6u);
