@@ -2,12 +2,11 @@
 // extension manager's names and package URL.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "fake_browser.h"
+#include "http_test_server.h"
 #include "platform/bundle.h"
 #include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
@@ -21,21 +20,7 @@ const std::string kKey = "Setup was unsuccessful. Please restart browser and try
 class WindowErrorsTest : public ::testing::Test {
  protected:
   void TearDown() override { platform::SetPluginBundlePathOverride(""); }
-  void SetLogging(const char* url) {
-    window.SetParameterVector("LoggingURL", url);
-    window.SetParameterVector("MeetingID", "m1");
-    window.SetParameterVector("SessionID", "s1");
-  }
   std::vector<std::string> Asked() { return gpctest::RunNavigations(window); }
-  // A bundle holding one message table.
-  void MakeBundle(const std::string& language, const std::string& text) {
-    const std::string bundle = env.dir() + "/talvo-gpc64.plugin";
-    std::filesystem::create_directories(bundle + "/Contents/Resources");
-    std::ofstream(bundle + "/Contents/Resources/Localizable_" + language + ".strings")
-        << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict><key>" << kKey
-        << "</key><string>" << text << "</string></dict></plist>\n";
-    platform::SetPluginBundlePathOverride(bundle);
-  }
 
   gpctest::BrowserEnvironment env;
   NPP_t npp{};
@@ -58,55 +43,50 @@ TEST_F(WindowErrorsTest, ErrorPageQueryFollowsTheUrlsShape) {
   }
 }
 
-// A report goes to the logging URL before the error page; codes without a text send only it.
-TEST_F(WindowErrorsTest, ReportsPrecedeTheErrorPage) {
-  SetLogging("https://log.example/l");
-  window.SetParameterVector("GpcErrorPageUrl", "https://e.example/err");
+// A report goes to the logging URL before the error page; codes without a text send only the
+// report; each report carries the warnings and errors traced since the one before.
+TEST_F(WindowErrorsTest, ReportsPrecedeTheErrorPageAndCarryTheTraceSinceTheLast) {
+  for (const auto& [name, value] : {std::pair<const char*, const char*>{"LoggingURL", "https://log.example/l?"},
+                                    {"MeetingID", "m1"}, {"SessionID", "s1"}, {"GpcErrorPageUrl", "https://e.example/err"}})
+    window.SetParameterVector(name, value);
+  MacErrorTrace("alphamarker");
   window.ShowMessage(103, "extra text");
+  MacWarnTrace("betamarker");
   window.ShowMessage(104, nullptr);
   const std::vector<std::string> asked = Asked();
   ASSERT_EQ(asked.size(), 3u);
   EXPECT_EQ(asked[0].rfind("(null) https://log.example/l?ConfID=m1&SessionID=s1&Module=1&ErrorCode=103&OptInfo3=", 0), 0u);
+  EXPECT_NE(asked[0].find("alphamarker"), std::string::npos);
   EXPECT_EQ(asked[0].find("OptInfo1"), std::string::npos);
   EXPECT_NE(asked[1].find("_top https://e.example/err?ErrorType=1&ErrorMsg="), std::string::npos);
   EXPECT_NE(asked[1].find("%5B103%5D"), std::string::npos);
-  EXPECT_NE(asked[2].find("ErrorCode=104"), std::string::npos);
+  EXPECT_NE(asked[2].find("ErrorCode=104&OptInfo3="), std::string::npos);
+  EXPECT_NE(asked[2].find("betamarker"), std::string::npos);
+  EXPECT_EQ(asked[2].find("alphamarker"), std::string::npos);
   for (int code : {100, 103, 107, 109, 111}) EXPECT_NE(window.LoadResourceString(code), "") << code;
   EXPECT_EQ(window.LoadResourceString(1000), "");
 }
 
-TEST_F(WindowErrorsTest, ReportUrlShapeAndItsTrace) {
-  const std::pair<const char*, std::string> cases[] = {
-      {"https://log.example/l?x=1", "https://log.example/l?x=1&ConfID=m1&SessionID=s1&Module=1&ErrorCode=1000&OptInfo3=no%20error"},
-      {"https://log.example/l&", "https://log.example/l&"},
+// The report's URL follows the logging URL's shape; no report without all three parameters.
+TEST_F(WindowErrorsTest, ReportUrlShape) {
+  const char* const l = "https://log.example/l?x=1";
+  const struct {
+    const char *logging, *meeting, *session, *optional;
+    std::string expected;
+  } cases[] = {
+      {l, "m1", "s1", nullptr, "https://log.example/l?x=1&ConfID=m1&SessionID=s1&Module=1&ErrorCode=1000&OptInfo3=no%20error"},
+      {l, "m1", "s1", "opt", "https://log.example/l?x=1&ConfID=m1&SessionID=s1&Module=1&ErrorCode=1000&OptInfo1=opt&OptInfo3=no%20error"},
+      {"https://log.example/l&", "m1", "s1", nullptr, "https://log.example/l&"},
+      {nullptr, "m1", "s1", nullptr, ""}, {l, nullptr, "s1", nullptr, ""}, {l, "m1", nullptr, nullptr, ""},
   };
-  for (const auto& [logging, expected] : cases) {
-    SetLogging(logging);
-    EXPECT_TRUE(window.WriteErrorLog(1000, nullptr));
-    EXPECT_EQ(Asked(), std::vector<std::string>{"(null) " + expected});
-  }
-  // Two reports in a row: each carries only the trace since the one before.
-  SetLogging("https://log.example/l?");
-  MacErrorTrace("alphamarker");
-  ASSERT_TRUE(window.WriteErrorLog(5, "opt"));
-  MacWarnTrace("betamarker");
-  ASSERT_TRUE(window.WriteErrorLog(6, nullptr));
-  const std::vector<std::string> asked = Asked();
-  ASSERT_EQ(asked.size(), 2u);
-  EXPECT_EQ(asked[0].rfind("(null) https://log.example/l?ConfID=m1&SessionID=s1&Module=1&ErrorCode=5&OptInfo1=opt&OptInfo3=", 0), 0u);
-  EXPECT_NE(asked[0].find("alphamarker"), std::string::npos);
-  EXPECT_NE(asked[1].find("betamarker"), std::string::npos);
-  EXPECT_EQ(asked[1].find("alphamarker"), std::string::npos);
-}
-
-TEST_F(WindowErrorsTest, MissingLoggingParametersSendNothing) {
-  const char* names[] = {"LoggingURL", "MeetingID", "SessionID"};
-  for (const char* missing : names) {
+  for (const auto& c : cases) {
     CGpcWindow other(&npp);
-    for (const char* name : names)
-      if (name != missing) other.SetParameterVector(name, "https://v.example/");
-    EXPECT_FALSE(other.WriteErrorLog(1000, nullptr)) << missing;
-    EXPECT_TRUE(gpctest::RunNavigations(other).empty()) << missing;
+    for (const auto& [name, value] : {std::pair<const char*, const char*>{"LoggingURL", c.logging},
+                                      {"MeetingID", c.meeting}, {"SessionID", c.session}})
+      if (value) other.SetParameterVector(name, value);
+    EXPECT_EQ(other.WriteErrorLog(1000, c.optional), !c.expected.empty()) << c.expected;
+    EXPECT_EQ(gpctest::RunNavigations(other),
+              c.expected.empty() ? std::vector<std::string>{} : std::vector<std::string>{"(null) " + c.expected});
   }
 }
 
@@ -114,9 +94,7 @@ TEST_F(WindowErrorsTest, MissingLoggingParametersSendNothing) {
 // key is the text when there is no table; the table's text is never a format of its own.
 TEST_F(WindowErrorsTest, MessageTextComesFromTheLanguagesTable) {
   const struct {
-    const char* table;
-    const char* text;
-    const char* localSetting;
+    const char *table, *text, *localSetting;
     int code;
     std::string expected;
   } cases[] = {
@@ -125,8 +103,13 @@ TEST_F(WindowErrorsTest, MessageTextComesFromTheLanguagesTable) {
       {"English", "%s %n [%d]", nullptr, 107, "%s %n [107]"},
       {"English", "", nullptr, 107, ""},
   };
+  const std::string bundle = env.dir() + "/talvo-gpc64.plugin";
+  platform::SetPluginBundlePathOverride(bundle);
   for (const auto& c : cases) {
-    MakeBundle(c.table, c.text);
+    ASSERT_TRUE(platform::MakeDirectories(bundle + "/Contents/Resources", 0755));
+    ASSERT_TRUE(gpctest::WriteFile(bundle + "/Contents/Resources/Localizable_" + c.table + ".strings",
+                                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict><key>" +
+                                       kKey + "</key><string>" + c.text + "</string></dict></plist>\n"));
     if (c.localSetting) window.SetParameterVector("gpclocalsetting", c.localSetting);
     EXPECT_EQ(window.LoadResourceString(c.code), c.expected) << c.text;
   }
@@ -142,23 +125,23 @@ TEST_F(WindowErrorsTest, ExtensionNamesFoldersAndPackageUrl) {
 
   const std::string root = "https://www.talvo.us/client/a";
   const std::string longRoot = "https://www.talvo.us/client/" + std::string(949 - 28, 'r');
-  const std::string name64(64, 'n');
+  const std::string name64(64, 'n'), name65(65, 'n');
   const struct {
-    size_t nameLength;  // of "GpcExtName"; 0: none
+    std::string name, root;
     const char* method;
-    std::string root, bundle, url;
+    std::string bundle, url;
   } cases[] = {
-      {0, nullptr, root + "/", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip"},
-      {0, "7Zip", root, "zrgpcext64.bundle", root + "/zrgpcext64.bundle.7z"},
-      {0, "7z", root, "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip"},
-      {65, "zip", root, "zrgpcext64.bundle", root + "/" + std::string(65, 'n') + ".bundle.zip"},
-      {64, "zip", root, name64 + ".bundle", root + "/" + name64 + ".bundle.zip"},
-      {0, "zip", longRoot, "zrgpcext64.bundle", longRoot + "/zrgpcext64.bundle.zip"},
-      {0, "zip", longRoot + "r", "zrgpcext64.bundle", longRoot + "r"},
+      {"", root + "/", nullptr, "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip"},
+      {"", root, "7Zip", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.7z"},
+      {"", root, "7z", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip"},
+      {name65, root, "zip", "zrgpcext64.bundle", root + "/" + name65 + ".bundle.zip"},
+      {name64, root, "zip", name64 + ".bundle", root + "/" + name64 + ".bundle.zip"},
+      {"", longRoot, "zip", "zrgpcext64.bundle", longRoot + "/zrgpcext64.bundle.zip"},
+      {"", longRoot + "r", "zip", "zrgpcext64.bundle", longRoot + "r"},
   };
   for (const auto& c : cases) {
     CGpcWindow other(&npp);
-    if (c.nameLength) other.SetParameterVector("GpcExtName", std::string(c.nameLength, 'n'));
+    if (!c.name.empty()) other.SetParameterVector("GpcExtName", c.name);
     if (c.method) other.SetParameterVector("GpcCompressMethod", c.method);
     other.SetParameterVector("GpcUrlRoot", c.root);
     EXPECT_EQ(other.m_extMgr.GetExtensionName(), c.bundle);

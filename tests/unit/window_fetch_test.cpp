@@ -1,220 +1,161 @@
 // File fetching for an extension: five direct downloads at a time, the switch to one file at a
 // time through the browser when a direct download gives up, and teardown.
-// Tasks are started against a closed port on 127.0.0.1 and the loop is never run, so no transfer
-// gets anywhere; what a transfer would report is given to the task through its sink interface.
+// Tasks are started against a closed port on 127.0.0.1 and the loop is never run while they live,
+// so no transfer gets anywhere; what a transfer would report is given to the task through its sink.
 #include <gtest/gtest.h>
 
-#include <glib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <iterator>
 #include <string>
 #include <vector>
 
-#include "fake_browser.h"
-#include "gpcnotification.h"
 #include "gpcutil.h"
-#include "plugin/plugin/npgpcimp.h"
-#include "trace_capture.h"
+#include "http_test_server.h"
+#include "main_loop.h"
+#include "window_fake_browser.h"
 
 namespace {
 
-using gpctest::Browser;
+using namespace window_test;
 
-std::string ReadAll(const char* path) {
-  gchar* text = nullptr;
-  gsize length = 0;
-  if (!g_file_get_contents(path, &text, &length, nullptr)) return "<unreadable>";
-  std::string content(text, length);
-  g_free(text);
-  return content;
-}
-
+// What a requester was told: "progress N", "complete <content of the file>" or "complete null".
 struct Requester {
-  std::vector<std::string> events;  // "progress N", "complete <content>" or "complete null"
-  std::vector<std::string> paths;   // paths handed over with each completion
+  std::vector<std::string> events;
+  std::string path;  // of the last completion
 };
 
 void Record(void*, void* context, GPCGetFileNotifyMessageType type, void* data) {
   auto* requester = static_cast<Requester*>(context);
   if (type == GPC_GETFILE_PROGRESS) {
     requester->events.push_back("progress " + std::to_string(reinterpret_cast<uintptr_t>(data)));
-  } else if (data == nullptr) {
-    requester->events.push_back("complete null");
-  } else {
-    requester->paths.push_back(static_cast<const char*>(data));
-    requester->events.push_back("complete " + ReadAll(static_cast<const char*>(data)));
+    return;
   }
+  requester->path = data ? static_cast<const char*>(data) : "";
+  requester->events.push_back(data ? "complete " + gpctest::ReadFile(requester->path) : "complete null");
 }
 
-bool Exists(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0;
-}
-std::string ClosedPortUrl(int n) { return "http://127.0.0.1:9/files/f" + std::to_string(n) + ".bin"; }
-int BusySlots(const CGpcWindow* window) {
-  int busy = 0;
-  for (const GpcDownloadSlot& slot : window->m_downloadSlots) busy += slot.task != nullptr;
-  return busy;
-}
+std::string Url(int n) { return "http://127.0.0.1:9/files/f" + std::to_string(n) + ".bin"; }
 
 class WindowFetchTest : public ::testing::Test {
  protected:
   void TearDown() override {
     if (npp.pdata != nullptr) NPP_Destroy(&npp, nullptr);
   }
-  // An instance as the browser makes it, past its extension check and without its start report.
-  CGpcWindow* Create(bool throughBrowser = false) {
-    gpctest::EmbedArgs page{{"GpcProductVersion", "1,0"}, {"GpcUrlRoot", "https://www.talvo.us/client/a/"}};
+  // An instance as the browser makes it, past its extension check, asking for `count` files.
+  CGpcWindow* Create(int count, bool throughBrowser = false) {
+    PageParams page{{"GpcProductVersion", "1,0"}, {"GpcUrlRoot", "https://www.talvo.us/client/a/"}};
     EXPECT_EQ(NPP_New(const_cast<char*>("application/x-talvo-gpc"), &npp, NP_EMBED, page.argc(), page.argn(),
                       page.argv(), nullptr),
               NPERR_NO_ERROR);
     CGpcWindow* window = static_cast<InstanceRecord*>(npp.pdata)->gpcWindow;
     window->m_bExtMgrStarted = 1;
     if (throughBrowser) window->m_nFetchReady = 0;
+    for (int i = 0; i < count; ++i) window->GetFileAtUrl(Record, &requesters[i], Url(i).c_str());
     return window;
   }
-  // Delivers `body` for the browser's request number `index` as a finished stream.
-  void DeliverStream(size_t index, std::string body, NPReason reason = NPRES_DONE) {
+  // The browser answers its request `index` with a stream under `url` (none when null), then its notice.
+  void Answer(size_t index, const char* url, std::string body, NPReason reason) {
     ASSERT_LT(index, Browser().requests.size());
+    const UrlRequest request = Browser().requests[index];
     NPStream stream{};
-    stream.url = Browser().requests[index].url.c_str();
-    stream.notifyData = Browser().requests[index].notifyData;
+    stream.url = url;
+    stream.notifyData = request.notifyData;
     uint16_t stype = 0;
-    ASSERT_EQ(NPP_NewStream(&npp, nullptr, &stream, 0, &stype), NPERR_NO_ERROR);
-    if (!body.empty()) NPP_Write(&npp, &stream, 0, static_cast<int32_t>(body.size()), &body[0]);
-    NPP_DestroyStream(&npp, &stream, reason);
+    if (url != nullptr && NPP_NewStream(&npp, nullptr, &stream, 0, &stype) == NPERR_NO_ERROR) {
+      if (!body.empty()) NPP_Write(&npp, &stream, 0, static_cast<int32_t>(body.size()), &body[0]);
+      NPP_DestroyStream(&npp, &stream, reason);
+    }
+    NPP_URLNotify(&npp, request.url.c_str(), reason, request.notifyData);
   }
 
-  gpctest::BrowserEnvironment env;
+  Environment env;
   NPP_t npp{};
+  Requester requesters[7];
 };
 
-TEST_F(WindowFetchTest, SixRequestsStartFiveTasksAndTheSixthInTheFirstFreedSlot) {
-  CGpcWindow* window = Create();
-  Requester requesters[6];
-  for (int i = 0; i < 6; ++i) window->GetFileAtUrl(Record, &requesters[i], ClosedPortUrl(i).c_str());
+TEST_F(WindowFetchTest, FiveSlotsTheNextRequestInTheFirstFreedOneAndStopStartsNoMore) {
+  CGpcWindow* window = Create(7);
   EXPECT_EQ(BusySlots(window), 0) << "requests wait for the heartbeat";
   window->OnTimer();
   window->OnTimer();  // items being served are not started twice
   ASSERT_EQ(BusySlots(window), 5);
-  for (int i = 0; i < 5; ++i) EXPECT_STREQ(window->m_downloadSlots[i].url, ClosedPortUrl(i).c_str());
+  for (int i = 0; i < 5; ++i) EXPECT_STREQ(window->m_downloadSlots[i].url, Url(i).c_str());
 
   // Progress is counted per item; slot 2 finishes: the requester gets the file, the slot frees.
   window->m_downloadSlots[2].task->OnDataReceived(100);
   window->m_downloadSlots[2].task->OnDataReceived(28);
   const std::string file = env.dir() + "/finished.bin";
-  ASSERT_TRUE(g_file_set_contents(file.c_str(), "payload", 7, nullptr));
+  ASSERT_TRUE(gpctest::WriteFile(file, "payload"));
   window->m_downloadSlots[2].task->OnHttpReturn(nullptr, 7, const_cast<char*>(file.c_str()));
   EXPECT_EQ(requesters[2].events, (std::vector<std::string>{"progress 100", "progress 28", "complete payload"}));
   EXPECT_EQ(window->m_downloadSlots[2].task, nullptr);
-  EXPECT_TRUE(Exists(file));  // valid until the instance goes
   window->OnTimer();
-  EXPECT_STREQ(window->m_downloadSlots[2].url, ClosedPortUrl(5).c_str());
+  EXPECT_STREQ(window->m_downloadSlots[2].url, Url(5).c_str());
 
-  // A finished task without an item frees its slot and tells no one.
+  // A finished task without an item frees its slot and tells no one; after a stop, running tasks
+  // still complete but nothing more starts.
   window->m_downloadSlots[0].task->SetItem(nullptr);
   window->m_downloadSlots[0].task->OnHttpReturn(nullptr, 7, const_cast<char*>(file.c_str()));
   EXPECT_EQ(window->m_downloadSlots[0].task, nullptr);
+  window->StopDownload();
+  window->m_downloadSlots[1].task->OnHttpReturn(nullptr, 7, const_cast<char*>(file.c_str()));
+  window->OnTimer();
+  EXPECT_EQ(BusySlots(window), 3);
+  EXPECT_EQ(requesters[1].events, std::vector<std::string>{"complete payload"});
   NPP_Destroy(&npp, nullptr);
-  EXPECT_TRUE(Exists(file)) << "teardown removes only a download's own file";
-  EXPECT_TRUE(requesters[0].events.empty());
+  EXPECT_TRUE(FileExists(file)) << "teardown removes only a download's own file";
+  EXPECT_TRUE(requesters[0].events.empty() && requesters[6].events.empty());
   EXPECT_TRUE(Browser().requests.empty());
 }
 
-TEST_F(WindowFetchTest, CredentialChallengeMovesEveryQueuedItemToTheBrowser) {
-  CGpcWindow* window = Create();
-  ClearCapturedTraces();
-  Requester first, second;
-  window->GetFileAtUrl(Record, &first, ClosedPortUrl(0).c_str());
-  window->GetFileAtUrl(Record, &second, ClosedPortUrl(1).c_str());
+// A credentials challenge moves every item to the browser, one file at a time, head first, for good.
+// However the browser ends a request, its item completes once and the queue moves on.
+TEST_F(WindowFetchTest, CredentialChallengeMovesEveryItemToTheBrowser) {
+  CGpcWindow* window = Create(6);
   window->OnTimer();
-  ASSERT_EQ(BusySlots(window), 2);
   window->m_downloadSlots[0].task->OnDataReceived(100);  // progress from the direct attempt
   std::string user, password;
   EXPECT_FALSE(window->m_downloadSlots[0].task->OnAskProxy(user, password));
   window->OnTimer();
   EXPECT_EQ(BusySlots(window), 0);
   EXPECT_TRUE(Browser().requests.empty());
-
-  // From now on one file at a time through the browser, the head first.
-  window->OnTimer();
-  window->OnTimer();
-  ASSERT_EQ(Browser().requests.size(), 1u);
-  EXPECT_EQ(Browser().requests[0].url, ClosedPortUrl(0));
-  DeliverStream(0, "via-browser");
-  EXPECT_EQ(first.events, (std::vector<std::string>{"progress 100", "progress 11", "complete via-browser"}));
-  EXPECT_EQ(gpctest::LogCount("CGpcWindow::FinishDownloadingStreamFile,dwonloaded file=" + ClosedPortUrl(0) + ",111 bytes"), 1);
-  ASSERT_EQ(first.paths.size(), 1u);
-  EXPECT_FALSE(Exists(first.paths[0]));  // old-mode files live only during the callback
-  window->OnTimer();
-  ASSERT_EQ(Browser().requests.size(), 2u);
-  EXPECT_EQ(Browser().requests[1].url, ClosedPortUrl(1));
-  DeliverStream(1, "", NPRES_NETWORK_ERR);
-  EXPECT_EQ(second.events, std::vector<std::string>{"complete null"});
+  const struct {
+    const char* streamUrl;  // null: the browser never opens a stream
+    std::string body;
+    NPReason reason;
+    std::vector<std::string> events;
+  } endings[] = {
+      {"http://127.0.0.1:9/files/f0.bin", "via-browser", NPRES_DONE, {"progress 100", "progress 11", "complete via-browser"}},
+      {"http://127.0.0.1:9/files/f1.bin", "", NPRES_NETWORK_ERR, {"complete null"}},
+      {"http://127.0.0.1:9/elsewhere", "moved", NPRES_DONE, {"complete "}},  // redirected
+      {nullptr, "", NPRES_NETWORK_ERR, {"complete null"}},
+      {nullptr, "", NPRES_USER_BREAK, {"complete null"}},
+  };
+  for (size_t i = 0; i < std::size(endings); ++i) {
+    SCOPED_TRACE(i);
+    window->OnTimer();
+    window->OnTimer();
+    ASSERT_EQ(Browser().requests.size(), i + 1);
+    EXPECT_EQ(Browser().requests[i].url, Url(static_cast<int>(i)));
+    Answer(i, endings[i].streamUrl, endings[i].body, endings[i].reason);
+    EXPECT_EQ(requesters[i].events, endings[i].events);
+    EXPECT_FALSE(FileExists(requesters[i].path)) << "lives only during the callback";
+  }
   EXPECT_EQ(BusySlots(window), 0) << "never back to direct downloads";
 }
-
-// How the browser can end a request without ever opening a stream for it.
-struct UnopenedEnding {
-  const char* name;
-  const char* streamUrl;  // a stream the browser opens under another (redirected) URL, or null
-  NPReason reason;
-  const char* completion;
-};
-void PrintTo(const UnopenedEnding& ending, std::ostream* out) { *out << ending.name; }
-
-class BrowserEndsRequestUnopened : public WindowFetchTest, public ::testing::WithParamInterface<UnopenedEnding> {};
-
-TEST_P(BrowserEndsRequestUnopened, CompletesTheHeadOnceAndMovesTheQueueOn) {
-  const UnopenedEnding& ending = GetParam();
-  CGpcWindow* window = Create(true);
-  Requester first, second;
-  window->GetFileAtUrl(Record, &first, ClosedPortUrl(0).c_str());
-  window->GetFileAtUrl(Record, &second, ClosedPortUrl(1).c_str());
-  window->OnTimer();
-  ASSERT_EQ(Browser().requests.size(), 1u);
-  const gpctest::UrlRequest request = Browser().requests[0];
-  if (ending.streamUrl != nullptr) {
-    NPStream stream{};
-    stream.url = ending.streamUrl;
-    stream.notifyData = request.notifyData;
-    uint16_t stype = 0;
-    ASSERT_EQ(NPP_NewStream(&npp, nullptr, &stream, 0, &stype), NPERR_NO_ERROR);
-    char block[] = "moved";
-    NPP_Write(&npp, &stream, 0, 5, block);
-    NPP_DestroyStream(&npp, &stream, ending.reason);
-  }
-  NPP_URLNotify(&npp, request.url.c_str(), ending.reason, request.notifyData);
-  EXPECT_EQ(first.events, std::vector<std::string>{ending.completion});
-  window->OnTimer();
-  ASSERT_EQ(Browser().requests.size(), 2u);
-  EXPECT_EQ(Browser().requests[1].url, ClosedPortUrl(1));
-  DeliverStream(1, "second");
-  EXPECT_EQ(second.events, (std::vector<std::string>{"progress 6", "complete second"}));
-  EXPECT_EQ(first.events.size(), 1u);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Endings, BrowserEndsRequestUnopened,
-    ::testing::Values(UnopenedEnding{"Redirected", "http://127.0.0.1:9/elsewhere", NPRES_DONE, "complete "},
-                      UnopenedEnding{"FailedBeforeAnyStream", nullptr, NPRES_NETWORK_ERR, "complete null"},
-                      UnopenedEnding{"CancelledBeforeAnyStream", nullptr, NPRES_USER_BREAK, "complete null"}),
-    [](const ::testing::TestParamInfo<UnopenedEnding>& info) { return std::string(info.param.name); });
 
 // A task that cannot start switches to the browser on the next heartbeat and is never reported;
 // a stopped instance starts nothing.
 TEST_F(WindowFetchTest, FailedStartSwitchesToTheBrowserAndStopHaltsTheQueue) {
-  CGpcWindow* window = Create();
-  Requester requester;
-  window->GetFileAtUrl(Record, &requester, "x");
+  CGpcWindow* window = Create(0);
+  window->GetFileAtUrl(Record, &requesters[0], "x");
   window->OnTimer();
   EXPECT_EQ(BusySlots(window), 1);
   window->OnTimer();
   EXPECT_EQ(BusySlots(window), 0);
   EXPECT_EQ(window->m_nFetchReady, 0);
-  EXPECT_TRUE(requester.events.empty());
+  EXPECT_TRUE(requesters[0].events.empty());
   window->StopDownload();
   window->OnTimer();
   EXPECT_TRUE(Browser().requests.empty());
@@ -224,10 +165,8 @@ TEST_F(WindowFetchTest, FailedStartSwitchesToTheBrowserAndStopHaltsTheQueue) {
 // opening: the link is not followed, the download goes to a file of its own; teardown removes a
 // half-written download.
 TEST_F(WindowFetchTest, BrowserDownloadNeverWritesThroughALinkAndTeardownRemovesItsFile) {
-  CGpcWindow* window = Create(true);
-  const std::string victim = env.dir() + "/victim";
-  ASSERT_TRUE(g_file_set_contents(victim.c_str(), "precious", 8, nullptr));
-  const std::string logged = "CGpcWindow::OpenDownloadingStreamFile,file=";
+  const std::string victim = env.dir() + "/victim", logged = "CGpcWindow::OpenDownloadingStreamFile,file=";
+  ASSERT_TRUE(gpctest::WriteFile(victim, "precious"));
   std::string planted;
   const auto attacker = gpc::GPCNotificationCenter::defaultCenter().addObserver(
       "TRACENOTIFICATIONNotification", [&](const gpc::GPCNotification& note) {
@@ -237,25 +176,32 @@ TEST_F(WindowFetchTest, BrowserDownloadNeverWritesThroughALinkAndTeardownRemoves
           EXPECT_EQ(symlink(victim.c_str(), planted.c_str()), 0);
         }
       });
-  Requester requester;
-  window->GetFileAtUrl(Record, &requester, ClosedPortUrl(0).c_str());
-  window->GetFileAtUrl(Record, &requester, ClosedPortUrl(1).c_str());
+  CGpcWindow* window = Create(2, true);
   window->OnTimer();
   gpc::GPCNotificationCenter::defaultCenter().removeObserver(attacker);
   ASSERT_FALSE(planted.empty());
-  DeliverStream(0, "download");
-  EXPECT_EQ(requester.events, (std::vector<std::string>{"progress 8", "complete download"}));
-  EXPECT_EQ(ReadAll(victim.c_str()), "precious");
+  Answer(0, Browser().requests[0].url.c_str(), "download", NPRES_DONE);
+  EXPECT_EQ(requesters[0].events, (std::vector<std::string>{"progress 8", "complete download"}));
+  EXPECT_EQ(gpctest::ReadFile(victim), "precious");
   EXPECT_TRUE(isLink(planted));  // someone else's entry stays as it is
   unlink(planted.c_str());
 
   window->OnTimer();
   ASSERT_EQ(Browser().requests.size(), 2u);
   const std::string partial = window->m_strStreamFilePath;
-  ASSERT_TRUE(Exists(partial));
+  ASSERT_TRUE(FileExists(partial));
   NPP_Destroy(&npp, nullptr);
-  EXPECT_FALSE(Exists(partial));
-  EXPECT_EQ(requester.events.size(), 2u);
+  EXPECT_FALSE(FileExists(partial));
+  EXPECT_TRUE(requesters[1].events.empty());
+}
+
+// The heartbeat runs every 50 ms on the browser's loop: a navigation the browser refuses is asked
+// again on each one.
+TEST_F(WindowFetchTest, HeartbeatRunsTwentyTimesASecond) {
+  CGpcWindow* window = Create(0);
+  Browser().otherwise = NPERR_GENERIC_ERROR;
+  window->ChangeLocation(nullptr, "https://www.talvo.us/beacon");
+  EXPECT_TRUE(gpctest::RunMainLoopUntil([] { return Browser().requests.size() >= 6; }, 1500));
 }
 
 }  // namespace
