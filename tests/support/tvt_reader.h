@@ -26,16 +26,10 @@ struct Record {
     for (size_t i = Le(&bytes[field], 2); i < bytes.size() && bytes[i] != 0; ++i) out += static_cast<char>(bytes[i]);
     return out;
   }
-  std::string text() const { return String(34); }
   // "level module|function|text"
   std::string Describe() const {
-    return std::to_string(level()) + " " + String(30) + "|" + String(32) + "|" + text();
+    return std::to_string(level()) + " " + String(30) + "|" + String(32) + "|" + String(34);
   }
-};
-
-struct File {
-  std::vector<Record> records;
-  std::string error;  // empty when every byte belonged to the header or a whole record
 };
 
 inline std::vector<uint8_t> ReadBytes(const std::string& path) {
@@ -43,20 +37,16 @@ inline std::vector<uint8_t> ReadBytes(const std::string& path) {
   return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-inline File ParseTraceFile(const std::string& path) {
-  File file;
+// The records after the 48-byte header, up to the first that is not whole.
+inline std::vector<Record> ParseTraceFile(const std::string& path) {
   const std::vector<uint8_t> bytes = ReadBytes(path);
-  if (bytes.size() < 48) file.error = "short header";
-  for (size_t at = 48; file.error.empty() && at < bytes.size();) {
-    const size_t length = bytes.size() - at < 48 ? 0 : Le(&bytes[at], 2);
-    if (length < 48 || length % 4 != 0 || bytes.size() - at < length) {
-      file.error = "bad record at " + std::to_string(at);
-    } else {
-      file.records.push_back({at, std::vector<uint8_t>(bytes.begin() + at, bytes.begin() + at + length)});
-      at += length;
-    }
+  std::vector<Record> records;
+  for (size_t at = 48, length; at + 48 <= bytes.size(); at += length) {
+    length = Le(&bytes[at], 2);
+    if (length < 48 || length % 4 != 0 || bytes.size() - at < length) break;
+    records.push_back({at, std::vector<uint8_t>(bytes.begin() + at, bytes.begin() + at + length)});
   }
-  return file;
+  return records;
 }
 
 }  // namespace tvttest

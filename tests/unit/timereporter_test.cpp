@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <regex>
 #include <set>
 
 #include "gpctimereporter.h"
@@ -22,13 +21,13 @@ std::vector<std::string> Entries(const std::string& folder) {
   return names;
 }
 
-// "key=value" of each string and real of the stamp file, in key order.
+// "key=value" of each key of the stamp file and the text after it, in key order.
 std::string Stamps() {
   const std::string xml = gpctest::ReadFile(kFolder + "Info.plist");
-  const std::regex entry(R"(<key>([^<]*)</key>\s*<(string|real|dict)>([^<\s]*))");
   std::set<std::string> entries;
-  for (std::sregex_iterator it(xml.begin(), xml.end(), entry), end; it != end; ++it) {
-    entries.insert((*it)[1].str() + "=" + (*it)[3].str());
+  for (size_t at = xml.find("<key>"); at != std::string::npos; at = xml.find("<key>", at + 1)) {
+    const size_t end = xml.find("</key>", at), value = xml.find('>', end + 6) + 1;
+    entries.insert(xml.substr(at + 5, end - at - 5) + "=" + xml.substr(value, xml.find_first_of("<\n", value) - value));
   }
   std::string out;
   for (const std::string& text : entries) out += text + " ";

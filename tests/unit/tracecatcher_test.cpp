@@ -57,7 +57,7 @@ class TraceCatcherTest : public ::testing::Test {
   void TearDown() override { GPCTraceCatcher::releaseGlobal(); }
   std::vector<std::string> Filed() {
     std::vector<std::string> out;
-    for (const tvttest::Record& record : tvttest::ParseTraceFile(path_).records) out.push_back(record.Describe());
+    for (const tvttest::Record& record : tvttest::ParseTraceFile(path_)) out.push_back(record.Describe());
     return out;
   }
   const gpctest::TempFolder folder_{"tracecatcher"};
