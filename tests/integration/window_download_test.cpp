@@ -3,7 +3,6 @@
 // going away in the middle of downloads. The browser is the fake call table; the test delivers its
 // streams through the NPP_* handlers, as a browser would.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,7 +37,8 @@ void Record(void*, void* context, GPCGetFileNotifyMessageType type, void* data) 
 class WindowDownloadTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* name : {"http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY"})
+    for (const char* name :
+         {"http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY"})
       unsetenv(name);
   }
   void TearDown() override {
@@ -66,10 +66,12 @@ class WindowDownloadTest : public ::testing::Test {
 
 // A reset, a refusal and a proxy's credentials challenge: the file is fetched again through the
 // browser, completed once, with the bytes of the failed attempt still counted.
-class FailedDirectDownloadTest : public WindowDownloadTest, public ::testing::WithParamInterface<const char*> {};
+class FailedDirectDownloadTest : public WindowDownloadTest,
+                                 public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(FailedDirectDownloadTest, IsFetchedAgainThroughTheBrowserAndCompletedOnce) {
-  ASSERT_TRUE(server.Start() && server.AddFile("good.bin", gpctest::PatternBytes(64 * 1024))) << server.error();
+  ASSERT_TRUE(server.Start() && server.AddFile("good.bin", gpctest::PatternBytes(64 * 1024)))
+      << server.error();
   const std::string failing = server.Url(GetParam()), good = server.HttpUrl("good.bin");
   CGpcWindow* window = Create({failing, good}, &npp);
   ClearCapturedTraces();
@@ -94,7 +96,8 @@ TEST_P(FailedDirectDownloadTest, IsFetchedAgainThroughTheBrowserAndCompletedOnce
   EXPECT_EQ(requesters[0].content, "browser:" + failing);
   EXPECT_EQ(requesters[1].completions, 1);
   EXPECT_EQ(std::count_if(Browser().requests.begin(), Browser().requests.end(),
-                          [&](const UrlRequest& r) { return r.url == failing; }), 1);
+                          [&](const UrlRequest& r) { return r.url == failing; }),
+            1);
   // Nothing is left that could complete a second time.
   EXPECT_TRUE(window->m_vectorFileItem.empty());
   EXPECT_EQ(BusySlots(window), 0);
@@ -118,8 +121,9 @@ TEST_F(WindowDownloadTest, InstancesGoingAwayInTheMiddleOfDownloadsLeaveNothingB
   const std::string second = gpctest::PatternBytes(1024 * 1024, static_cast<unsigned>(getpid()) + 1);
   std::vector<std::string> urls;
   for (int i = 0; i < 5; ++i) urls.push_back(server.HttpsUrl("first" + std::to_string(i)));
-  ASSERT_TRUE(server.AddFile("first0", first) && server.AddFile("first1", first) && server.AddFile("first2", first) &&
-              server.AddFile("first3", first) && server.AddFile("first4", first) && server.AddFile("second", second));
+  ASSERT_TRUE(server.AddFile("first0", first) && server.AddFile("first1", first) &&
+              server.AddFile("first2", first) && server.AddFile("first3", first) &&
+              server.AddFile("first4", first) && server.AddFile("second", second));
   NPNetscapeFuncs browser = gNetscapeFuncs;
   NPPluginFuncs table{};
   table.size = sizeof table;

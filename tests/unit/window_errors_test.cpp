@@ -14,7 +14,8 @@
 namespace {
 
 const char kEnglish111[] =
-    "Setup%20was%20unsuccessful%2E%20Please%20restart%20browser%20and%20try%20again%2E%0A%0A%0AError%20%5B111%5D";
+    "Setup%20was%20unsuccessful%2E%20Please%20restart%20browser%20and%20try%20again%2E%0A%0A%0AError%20%"
+    "5B111%5D";
 const std::string kKey = "Setup was unsuccessful. Please restart browser and try again.\n\n\nError [%d]";
 
 class WindowErrorsTest : public ::testing::Test {
@@ -46,8 +47,11 @@ TEST_F(WindowErrorsTest, ErrorPageQueryFollowsTheUrlsShape) {
 // A report goes to the logging URL before the error page; codes without a text send only the
 // report; each report carries the warnings and errors traced since the one before.
 TEST_F(WindowErrorsTest, ReportsPrecedeTheErrorPageAndCarryTheTraceSinceTheLast) {
-  for (const auto& [name, value] : {std::pair<const char*, const char*>{"LoggingURL", "https://log.example/l?"},
-                                    {"MeetingID", "m1"}, {"SessionID", "s1"}, {"GpcErrorPageUrl", "https://e.example/err"}})
+  for (const auto& [name, value] :
+       {std::pair<const char*, const char*>{"LoggingURL", "https://log.example/l?"},
+        {"MeetingID", "m1"},
+        {"SessionID", "s1"},
+        {"GpcErrorPageUrl", "https://e.example/err"}})
     window.SetParameterVector(name, value);
   MacErrorTrace("alphamarker");
   window.ShowMessage(103, "extra text");
@@ -55,7 +59,9 @@ TEST_F(WindowErrorsTest, ReportsPrecedeTheErrorPageAndCarryTheTraceSinceTheLast)
   window.ShowMessage(104, nullptr);
   const std::vector<std::string> asked = Asked();
   ASSERT_EQ(asked.size(), 3u);
-  EXPECT_EQ(asked[0].rfind("(null) https://log.example/l?ConfID=m1&SessionID=s1&Module=1&ErrorCode=103&OptInfo3=", 0), 0u);
+  EXPECT_EQ(asked[0].rfind(
+                "(null) https://log.example/l?ConfID=m1&SessionID=s1&Module=1&ErrorCode=103&OptInfo3=", 0),
+            0u);
   EXPECT_NE(asked[0].find("alphamarker"), std::string::npos);
   EXPECT_EQ(asked[0].find("OptInfo1"), std::string::npos);
   EXPECT_NE(asked[1].find("_top https://e.example/err?ErrorType=1&ErrorMsg="), std::string::npos);
@@ -74,19 +80,26 @@ TEST_F(WindowErrorsTest, ReportUrlShape) {
     const char *logging, *meeting, *session, *optional;
     std::string expected;
   } cases[] = {
-      {l, "m1", "s1", nullptr, "https://log.example/l?x=1&ConfID=m1&SessionID=s1&Module=1&ErrorCode=1000&OptInfo3=no%20error"},
-      {l, "m1", "s1", "opt", "https://log.example/l?x=1&ConfID=m1&SessionID=s1&Module=1&ErrorCode=1000&OptInfo1=opt&OptInfo3=no%20error"},
+      {l, "m1", "s1", nullptr,
+       "https://log.example/l?x=1&ConfID=m1&SessionID=s1&Module=1&ErrorCode=1000&OptInfo3=no%20error"},
+      {l, "m1", "s1", "opt",
+       "https://log.example/"
+       "l?x=1&ConfID=m1&SessionID=s1&Module=1&ErrorCode=1000&OptInfo1=opt&OptInfo3=no%20error"},
       {"https://log.example/l&", "m1", "s1", nullptr, "https://log.example/l&"},
-      {nullptr, "m1", "s1", nullptr, ""}, {l, nullptr, "s1", nullptr, ""}, {l, "m1", nullptr, nullptr, ""},
+      {nullptr, "m1", "s1", nullptr, ""},
+      {l, nullptr, "s1", nullptr, ""},
+      {l, "m1", nullptr, nullptr, ""},
   };
   for (const auto& c : cases) {
     CGpcWindow other(&npp);
     for (const auto& [name, value] : {std::pair<const char*, const char*>{"LoggingURL", c.logging},
-                                      {"MeetingID", c.meeting}, {"SessionID", c.session}})
+                                      {"MeetingID", c.meeting},
+                                      {"SessionID", c.session}})
       if (value) other.SetParameterVector(name, value);
     EXPECT_EQ(other.WriteErrorLog(1000, c.optional), !c.expected.empty()) << c.expected;
-    EXPECT_EQ(gpctest::RunNavigations(other),
-              c.expected.empty() ? std::vector<std::string>{} : std::vector<std::string>{"(null) " + c.expected});
+    EXPECT_EQ(gpctest::RunNavigations(other), c.expected.empty()
+                                                  ? std::vector<std::string>{}
+                                                  : std::vector<std::string>{"(null) " + c.expected});
   }
 }
 
@@ -99,7 +112,8 @@ TEST_F(WindowErrorsTest, MessageTextComesFromTheLanguagesTable) {
     std::string expected;
   } cases[] = {
       {"French", "Echec [%d] 100%%", "7", 109, "Echec [109] 100%"},
-      {"French", "Echec [%d]", "1", 109, "Setup was unsuccessful. Please restart browser and try again.\n\n\nError [109]"},
+      {"French", "Echec [%d]", "1", 109,
+       "Setup was unsuccessful. Please restart browser and try again.\n\n\nError [109]"},
       {"English", "%s %n [%d]", nullptr, 107, "%s %n [107]"},
       {"English", "", nullptr, 107, ""},
   };
@@ -107,9 +121,10 @@ TEST_F(WindowErrorsTest, MessageTextComesFromTheLanguagesTable) {
   platform::SetPluginBundlePathOverride(bundle);
   for (const auto& c : cases) {
     ASSERT_TRUE(platform::MakeDirectories(bundle + "/Contents/Resources", 0755));
-    ASSERT_TRUE(gpctest::WriteFile(bundle + "/Contents/Resources/Localizable_" + c.table + ".strings",
-                                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict><key>" +
-                                       kKey + "</key><string>" + c.text + "</string></dict></plist>\n"));
+    ASSERT_TRUE(
+        gpctest::WriteFile(bundle + "/Contents/Resources/Localizable_" + c.table + ".strings",
+                           "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict><key>" +
+                               kKey + "</key><string>" + c.text + "</string></dict></plist>\n"));
     if (c.localSetting) window.SetParameterVector("gpclocalsetting", c.localSetting);
     EXPECT_EQ(window.LoadResourceString(c.code), c.expected) << c.text;
   }
@@ -117,7 +132,8 @@ TEST_F(WindowErrorsTest, MessageTextComesFromTheLanguagesTable) {
 
 TEST_F(WindowErrorsTest, ExtensionNamesFoldersAndPackageUrl) {
   CGpcExtMgr& mgr = window.m_extMgr;
-  EXPECT_EQ(mgr.GetExtensionPath(false), platform::UserApplicationSupportDir() + "/Talvo Folder/zrgpcext64.bundle");
+  EXPECT_EQ(mgr.GetExtensionPath(false),
+            platform::UserApplicationSupportDir() + "/Talvo Folder/zrgpcext64.bundle");
   EXPECT_EQ(mgr.GetExtensionPath(true), "zrgpcext64.bundle");  // no bundle around the test program
   EXPECT_EQ(mgr.GetExtensionUrl(), "");
   platform::SetPluginBundlePathOverride("/opt/x.plugin/");

@@ -3,7 +3,6 @@
 // (the user's, or the one shipped with the plug-in) is loaded and driven. Packages, certificates
 // and signatures are made by the 7z and openssl tools; the extension is the built sample.
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "extension_package.h"
+#include "fake_browser.h"
 #include "gpcutil.h"
 #include "hardening.h"
 #include "http_test_server.h"
@@ -22,7 +22,6 @@
 #include "platform/clock.h"
 #include "platform/folders.h"
 #include "platform/system_version.h"
-#include "fake_browser.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "trace_capture.h"
 
@@ -40,7 +39,8 @@ bool Shell(const std::string& command) {
 }
 bool Copy(const std::string& from, const std::string& to) {
   const std::string q = gpctest::ShellQuote(to);
-  return Shell("rm -rf " + q + " && mkdir -p \"$(dirname " + q + ")\" && cp -a " + gpctest::ShellQuote(from) + " " + q);
+  return Shell("rm -rf " + q + " && mkdir -p \"$(dirname " + q + ")\" && cp -a " + gpctest::ShellQuote(from) +
+               " " + q);
 }
 
 // Made once: signers, a signed package of the sample extension and an older installed version.
@@ -48,34 +48,33 @@ struct Fixtures {
   gpctest::TempFolder folder{"extension"};
   gpctest::PackageSigner signer{folder.path()};
   const std::string package = folder.path() + "/zrgpcext64.bundle.7z", old = folder.path() + "/old";
-  // The signer "nul" has the common name "x.talvo.us\0.example", issued by the test root.
-  const bool ok = signer.ok() && signer.AddSigner("stranger", "/CN=gpc.signer.talvo.us.example.com") &&
-                  signer.AddSigner("llc", "/CN=Vantrel Talvo LLC") &&
-                  signer.AddSigner("evilllc", "/CN=Evil Vantrel Talvo LLC") &&
-                  signer.AddSigner("nul", "/CN=x.talvo.us#.example") &&
-                  Shell("cd " + gpctest::ShellQuote(folder.path()) + " && openssl x509 -in nul.pem -outform DER | "
-                      "perl -0777 -pe 's/talvo\\.us#/talvo.us\\x00/' | openssl x509 -inform DER -signkey nul.key "
-                      "-out self.pem && openssl x509 -in self.pem -CA root.pem -CAkey root.key -out nul.pem") &&
-                  gpctest::PackExtension(kSampleBundle, kPackageVersion, folder.path(), package) &&
-                  platform::MakeDirectories(old, 0755) && gpctest::PackExtension(kSampleBundle, "1.0.0.0", old, old + "/old.7z");
+  // The signer "nul" has the common name "x.example\0.talvo.us" (a C reader sees "x.example").
+  const bool ok =
+      signer.ok() && signer.AddSigner("stranger", "/CN=gpc.signer.talvo.us.example.com") &&
+      signer.AddSigner("llc", "/CN=Vantrel Talvo LLC") &&
+      signer.AddSigner("evilllc", "/CN=Evil Vantrel Talvo LLC") &&
+      signer.AddSigner("nul", "/CN=x.example#.talvo.us") &&
+      Shell("cd " + gpctest::ShellQuote(folder.path()) +
+            " && openssl x509 -in nul.pem -outform DER | "
+            "perl -0777 -pe 's/example#/example\\x00/' | openssl x509 -inform DER -signkey nul.key "
+            "-out self.pem && openssl x509 -in self.pem -CA root.pem -CAkey root.key -out nul.pem") &&
+      gpctest::PackExtension(kSampleBundle, kPackageVersion, folder.path(), package) &&
+      platform::MakeDirectories(old, 0755) &&
+      gpctest::PackExtension(kSampleBundle, "1.0.0.0", old, old + "/old.7z");
 };
-Fixtures* g_fixtures = nullptr;
-
-class FixturesEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override { g_fixtures = new Fixtures(); }
-  void TearDown() override { delete g_fixtures; }
-};
-const auto* const kRegistered = ::testing::AddGlobalTestEnvironment(new FixturesEnvironment);
+const Fixtures& Made() {
+  static const Fixtures fixtures;
+  return fixtures;
+}
 
 class WindowExtensionTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(g_fixtures->ok) << "the signers or the packages could not be made";
+    ASSERT_TRUE(Made().ok) << "the signers or the packages could not be made";
     platform::SetPluginBundlePathOverride(kShippedBundle);
     NewWindow({});
     package = env.dir() + "/package.7z";
-    ASSERT_TRUE(Copy(g_fixtures->package, package));
+    ASSERT_TRUE(Copy(Made().package, package));
   }
   void TearDown() override {
     window.reset();
@@ -91,14 +90,17 @@ class WindowExtensionTest : public ::testing::Test {
     window->SetParameterVector("GpcErrorPageUrl", "https://127.0.0.1:9/error");
     for (const auto& [name, value] : params) window->SetParameterVector(name, value);
   }
-  std::string UserBundle() { return platform::UserApplicationSupportDir() + "/Talvo Folder/zrgpcext64.bundle"; }
+  std::string UserBundle() {
+    return platform::UserApplicationSupportDir() + "/Talvo Folder/zrgpcext64.bundle";
+  }
   std::string InstalledVersion() { return platform::BundleInfoString(UserBundle(), "CFBundleVersion"); }
   // The codes of the messages shown: each error page queued for the whole page.
   std::vector<int> ShownMessages() {
     std::vector<int> codes;
     for (const CFrameTarget* target : window->m_vectorFrameTarget) {
       const size_t open = target->m_strUrl.rfind("%5B");
-      if (target->m_strTarget == "_top" && open != std::string::npos && target->m_strUrl.find("ErrorMsg=") < open)
+      if (target->m_strTarget == "_top" && open != std::string::npos &&
+          target->m_strUrl.find("ErrorMsg=") < open)
         codes.push_back(std::atoi(target->m_strUrl.c_str() + open + 3));
     }
     return codes;
@@ -116,23 +118,22 @@ class WindowExtensionTest : public ::testing::Test {
 // A refused package shows its message, halts the instance and leaves the installed extension as it
 // was; the hardened build trusts only anchors shipped in the plug-in, unexpired chains and whole names.
 TEST_F(WindowExtensionTest, InstallsOnlyAGenuinePackage) {
-  const gpctest::PackageSigner& s = g_fixtures->signer;
+  const gpctest::PackageSigner& s = Made().signer;
   const gpctest::PageParams good = s.PackageParameters(package);
   auto with = [&](const gpctest::PageParams& changes) {
-    gpctest::PageParams params = good;
-    for (const auto& [name, value] : changes) {
-      auto at = std::find_if(params.begin(), params.end(), [&](const auto& p) { return p.first == name; });
-      if (at == params.end()) params.push_back({name, value});
-      else at->second = value;
-    }
+    gpctest::PageParams params = changes;  // an empty value leaves the parameter out
+    for (const auto& entry : good)
+      if (std::none_of(changes.begin(), changes.end(), [&](const auto& c) { return c.first == entry.first; }))
+        params.push_back(entry);
     return params;
   };
   std::string otherDigest = good[0].second;
   otherDigest.back() = otherDigest.back() == '0' ? '1' : '0';
-  const std::string anchored = env.dir() + "/anchored.plugin", anchors = anchored + "/Contents/Resources/Anchors/";
+  const std::string anchored = env.dir() + "/anchored.plugin",
+                    anchors = anchored + "/Contents/Resources/Anchors/";
   ASSERT_TRUE(Copy(kShippedBundle, anchored) && Copy(s.Path("root.pem"), anchors + "root.pem") &&
               Shell("openssl x509 -in " + gpctest::ShellQuote(anchors + "root.pem") + " -outform DER -out " +
-                  gpctest::ShellQuote(anchors + "root.der")));
+                    gpctest::ShellQuote(anchors + "root.der")));
   const struct {
     const char* name;
     gpctest::PageParams params;
@@ -143,8 +144,8 @@ TEST_F(WindowExtensionTest, InstallsOnlyAGenuinePackage) {
       {"GoodSha256", good, 0},
       {"GoodSha1", s.PackageParameters(package, "sha1"), 0},
       {"SignerOfTheVendorOrganisation", s.PackageParameters(package, "sha256", "llc"), 0},
-      {"OldSystemLeavesSha256Unchecked", with({{"GpcExtHash", "not the digest"}, {"GpcCertification", "x"}}), 0,
-       false, false, false, 0x1058},
+      {"OldSystemLeavesSha256Unchecked", with({{"GpcExtHash", "not the digest"}, {"GpcCertification", "x"}}),
+       0, false, false, false, 0x1058},
       {"DigestDiffersInItsLastCharacter", with({{"GpcExtHash", otherDigest}}), 111},
       {"UpperCaseMethod", with({{"GpcHashMethod", "SHA1"}}), 111},
       {"NoDigest", with({{"GpcExtHash", ""}}), 111},
@@ -156,7 +157,7 @@ TEST_F(WindowExtensionTest, InstallsOnlyAGenuinePackage) {
       {"UntrustedChain", with({{"GpcCertification", s.Chain("vendor", false)}}), 103},
       // "gpc.signer.talvo.us.example.com": the vendor's suffix inside the name is not its end.
       {"VendorSuffixInsideTheCommonName", s.PackageParameters(package, "sha256", "stranger"), 103},
-      {"NulInCommonName", with({{"GpcCertification", s.Chain("nul")}}), 103},
+      {"NulInCommonName", s.PackageParameters(package, "sha256", "nul"), 103},
       {"SignatureOfAnotherDigest", with({{"GpcExtSignature", s.Sign(std::string(64, 'b'))}}), 103},
       {"SignatureByAnotherKey", with({{"GpcExtSignature", s.Sign(good[0].second, "stranger")}}), 103},
       {"ExpiredChain", good, 0, false, false, true},
@@ -164,7 +165,8 @@ TEST_F(WindowExtensionTest, InstallsOnlyAGenuinePackage) {
       {"HardenedWithTheRootShipped", good, 0, true, true},
       {"HardenedWithTheRootOnlyOnThePage", good, 103, true},
       {"HardenedExpiredChain", good, 103, true, true, true},
-      {"HardenedOrganisationNameWithAPrefix", s.PackageParameters(package, "sha256", "evilllc"), 103, true, true},
+      {"HardenedOrganisationNameWithAPrefix", s.PackageParameters(package, "sha256", "evilllc"), 103, true,
+       true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -174,7 +176,7 @@ TEST_F(WindowExtensionTest, InstallsOnlyAGenuinePackage) {
     // 2100: every certificate of the test chain has expired.
     if (c.expired) platform::SetWallClockOverride([] { return int64_t{4102444800} * 1000000; });
     platform::SetPluginBundlePathOverride(c.anchored ? anchored : kShippedBundle);
-    ASSERT_TRUE(Copy(g_fixtures->package, package) && Copy(g_fixtures->old + "/zrgpcext64.bundle", UserBundle()));
+    ASSERT_TRUE(Copy(Made().package, package) && Copy(Made().old + "/zrgpcext64.bundle", UserBundle()));
     NewWindow(c.params);
     Deliver(package.c_str());
     EXPECT_EQ(ShownMessages(), c.message ? std::vector<int>{c.message} : std::vector<int>{});
@@ -190,15 +192,16 @@ TEST_F(WindowExtensionTest, InstallsOnlyAGenuinePackage) {
 // Only a completion with a path is looked at; a failed download shows 111; a package that fails to
 // unpack still loads what is there.
 TEST_F(WindowExtensionTest, CompletionsThatInstallNothing) {
-  NewWindow(g_fixtures->signer.PackageParameters(package));
-  CGpcExtMgr::GpcGetFileNotify(nullptr, &window->m_extMgr, GPC_GETFILE_PROGRESS, reinterpret_cast<void*>(4096));
+  NewWindow(Made().signer.PackageParameters(package));
+  CGpcExtMgr::GpcGetFileNotify(nullptr, &window->m_extMgr, GPC_GETFILE_PROGRESS,
+                               reinterpret_cast<void*>(4096));
   CGpcExtMgr::GpcGetFileNotify(nullptr, nullptr, GPC_GETFILE_COMPLETE, const_cast<char*>(package.c_str()));
   EXPECT_TRUE(ShownMessages().empty() && !window->m_bHalted);
   Deliver(nullptr);
   EXPECT_EQ(ShownMessages(), std::vector<int>{111});
 
   ASSERT_EQ(truncate(package.c_str(), 200), 0);
-  NewWindow(g_fixtures->signer.PackageParameters(package));
+  NewWindow(Made().signer.PackageParameters(package));
   Deliver(package.c_str());
   EXPECT_TRUE(window->m_bNeedInitExtension && !window->m_bHalted);
 }
@@ -209,25 +212,29 @@ TEST_F(WindowExtensionTest, TheHardenedBuildKeepsTheInstalledExtensionWhenUnpack
   for (const bool hardened : {false, true}) {
     SCOPED_TRACE(hardened ? "hardened" : "default");
     gpc::SetHardenedForTesting(hardened);
-    ASSERT_TRUE(Copy(g_fixtures->old + "/zrgpcext64.bundle", UserBundle()) && Copy(g_fixtures->package, package));
+    ASSERT_TRUE(Copy(Made().old + "/zrgpcext64.bundle", UserBundle()) && Copy(Made().package, package));
     ASSERT_EQ(truncate(package.c_str(), 2000), 0);
-    EXPECT_NE(GpcUnpackFile(window.get(), package.c_str(), UserBundle().c_str()), 0u) << "the service passes the code on";
+    EXPECT_NE(GpcUnpackFile(window.get(), package.c_str(), UserBundle().c_str()), 0u)
+        << "the service passes the code on";
     EXPECT_EQ(InstalledVersion(), hardened ? "1.0.0.0" : "");
     EXPECT_TRUE(FileExists(package));
-    ASSERT_TRUE(Copy(g_fixtures->package, package));
+    ASSERT_TRUE(Copy(Made().package, package));
     EXPECT_EQ(window->UnpackFile(package.c_str(), UserBundle().c_str(), 0), 0u);
     EXPECT_EQ(InstalledVersion(), kPackageVersion);
-    EXPECT_EQ(gpctest::ShellOutput("ls -A " + gpctest::ShellQuote(UserBundle() + "/..")), "zrgpcext64.bundle\n");
+    EXPECT_EQ(gpctest::ShellOutput("ls -A " + gpctest::ShellQuote(UserBundle() + "/..")),
+              "zrgpcext64.bundle\n");
   }
 }
 
 TEST_F(WindowExtensionTest, UnpackReplacesTheBundleAndLeavesNothingWritableByOthers) {
   // A destination whose name holds a quote and blanks, and a file that arrives writable by all.
-  const std::string target = env.dir() + "/a \"quoted\" folder/zrgpcext64.bundle/", archive = env.dir() + "/open.7z";
-  ASSERT_TRUE(Copy(kSampleBundle, env.dir() + "/src/zrgpcext64.bundle") && Copy(kSampleBundle, target + "Contents/stale"));
+  const std::string target = env.dir() + "/a \"quoted\" folder/zrgpcext64.bundle/",
+                    archive = env.dir() + "/open.7z";
+  ASSERT_TRUE(Copy(kSampleBundle, env.dir() + "/src/zrgpcext64.bundle") &&
+              Copy(kSampleBundle, target + "Contents/stale"));
   ASSERT_EQ(chmod((env.dir() + "/src/zrgpcext64.bundle/Contents/Info.plist").c_str(), 0666), 0);
-  ASSERT_TRUE(Shell("cd " + gpctest::ShellQuote(env.dir() + "/src") + " && 7z a " + gpctest::ShellQuote(archive) +
-                  " zrgpcext64.bundle"));
+  ASSERT_TRUE(Shell("cd " + gpctest::ShellQuote(env.dir() + "/src") + " && 7z a " +
+                    gpctest::ShellQuote(archive) + " zrgpcext64.bundle"));
   ClearCapturedTraces();
   const mode_t mask = umask(0);  // modes arrive as the archive has them
   const uint32_t result = window->UnpackFile(archive.c_str(), target.c_str(), 0);
@@ -238,7 +245,7 @@ TEST_F(WindowExtensionTest, UnpackReplacesTheBundleAndLeavesNothingWritableByOth
   EXPECT_EQ(info.st_mode & 0777, 0644u);
   EXPECT_FALSE(FileExists(target + "Contents/stale") || FileExists(archive));
   // The library stays loaded: a second package needs no second load.
-  ASSERT_TRUE(Copy(g_fixtures->package, archive));
+  ASSERT_TRUE(Copy(Made().package, archive));
   EXPECT_EQ(window->UnpackFile(archive.c_str(), target.c_str(), 0), 0u);
   EXPECT_EQ(gpctest::LogCount("Load 7zip.dylib success"), 1);
 }
@@ -247,8 +254,9 @@ TEST_F(WindowExtensionTest, UnpackReplacesTheBundleAndLeavesNothingWritableByOth
 // library is looked for again on each call; a library without the entry is not loaded again.
 TEST_F(WindowExtensionTest, UnpackRefusesBeforeDeletingAnything) {
   const std::string target = env.dir() + "/out/zrgpcext64.bundle", zip = env.dir() + "/package.zip";
-  ASSERT_TRUE(Copy(kSampleBundle, target) && Shell("cd " + gpctest::ShellQuote(kSampleBundle + "/..") + " && 7z a -tzip " +
-                                                 gpctest::ShellQuote(zip) + " zrgpcext64.bundle"));
+  ASSERT_TRUE(Copy(kSampleBundle, target) &&
+              Shell("cd " + gpctest::ShellQuote(kSampleBundle + "/..") + " && 7z a -tzip " +
+                    gpctest::ShellQuote(zip) + " zrgpcext64.bundle"));
   std::ofstream(env.dir() + "/short.7z") << "7z\xBC\xAF";
   for (const std::string& source : {zip, env.dir() + "/short.7z", env.dir() + "/missing.7z"})
     EXPECT_EQ(window->UnpackFile(source.c_str(), target.c_str(), 0), 20009u) << source;
@@ -265,15 +273,17 @@ TEST_F(WindowExtensionTest, UnpackRefusesBeforeDeletingAnything) {
   // In another bundle, as the loader would hand back the library already loaded under the same name.
   CGpcWindow other(&npp);
   platform::SetPluginBundlePathOverride(otherBundle);
-  ASSERT_TRUE(Copy(kSampleBundle + "/Contents/MacOS/zrgpcext64", otherBundle + "/Contents/Frameworks/lib7zip.so"));
-  ASSERT_TRUE(Copy(g_fixtures->package, package));
+  ASSERT_TRUE(
+      Copy(kSampleBundle + "/Contents/MacOS/zrgpcext64", otherBundle + "/Contents/Frameworks/lib7zip.so"));
+  ASSERT_TRUE(Copy(Made().package, package));
   ClearCapturedTraces();
   EXPECT_EQ(other.UnpackFile(package.c_str(), target.c_str(), 0), 20007u);
   EXPECT_EQ(other.UnpackFile(package.c_str(), target.c_str(), 0), 20007u);
   EXPECT_EQ(gpctest::LogCount("dlsym lib7zip.dylib failed"), 1);
   EXPECT_TRUE(FileExists(target));
   platform::SetPluginBundlePathOverride("");
-  EXPECT_EQ(CGpcWindow(&npp).UnpackFile(package.c_str(), target.c_str(), 0), 20100u) << "no bundle of its own";
+  EXPECT_EQ(CGpcWindow(&npp).UnpackFile(package.c_str(), target.c_str(), 0), 20100u)
+      << "no bundle of its own";
 }
 
 // The user's extension is loaded when it is there, for this machine, else the local one; one that
@@ -288,15 +298,17 @@ TEST_F(WindowExtensionTest, LoadsTheUserOrTheLocalExtension) {
   } cases[] = {
       {"UserBundle", "true ", true, 0},
       {"MissingUserBundle", "", false, 0},
-      {"UserBundleForAnotherMachine", "printf '\\267\\0' | dd conv=notrunc bs=1 seek=18 status=none of=", false, 0},
+      {"UserBundleForAnotherMachine",
+       "printf '\\267\\0' | dd conv=notrunc bs=1 seek=18 status=none of=", false, 0},
       {"UserBundleWithoutEntryPoints", "cp " + gpctest::ShellQuote(kLibrary) + " ", true, 1},
       {"UserBundleThatWillNotLoad", "truncate -s 4096 ", true, 2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     RemoveFile(UserBundle());
-    ASSERT_TRUE(c.change.empty() || (Copy(kSampleBundle, UserBundle()) &&
-                                     Shell(c.change + gpctest::ShellQuote(UserBundle() + "/Contents/MacOS/zrgpcext64"))));
+    ASSERT_TRUE(c.change.empty() ||
+                (Copy(kSampleBundle, UserBundle()) &&
+                 Shell(c.change + gpctest::ShellQuote(UserBundle() + "/Contents/MacOS/zrgpcext64"))));
     NewWindow({{"GpcSampleDoneUrl", "https://127.0.0.1:9/done"}});
     ClearCapturedTraces();
     window->InitExtension();
@@ -307,7 +319,9 @@ TEST_F(WindowExtensionTest, LoadsTheUserOrTheLocalExtension) {
     // The extension's heartbeat runs with the instance's: the sample then navigates the page.
     window->OnTimer();
     ASSERT_FALSE(window->m_vectorFrameTarget.empty());
-    EXPECT_EQ(window->m_vectorFrameTarget.back()->m_strUrl.rfind("https://127.0.0.1:9/done?fetched=0&failed=0", 0), 0u);
+    EXPECT_EQ(
+        window->m_vectorFrameTarget.back()->m_strUrl.rfind("https://127.0.0.1:9/done?fetched=0&failed=0", 0),
+        0u);
     NPWindow first{}, second{};
     window->SetWindow(&first);
     window->SetWindow(&second);

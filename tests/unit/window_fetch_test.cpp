@@ -3,7 +3,6 @@
 // Tasks are started against a closed port on 127.0.0.1 and the loop is never run while they live,
 // so no transfer gets anywhere; what a transfer would report is given to the task through its sink.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <iterator>
@@ -88,7 +87,8 @@ TEST_F(WindowFetchTest, FiveSlotsTheNextRequestInTheFirstFreedOneAndStopStartsNo
   const std::string file = env.dir() + "/finished.bin";
   ASSERT_TRUE(gpctest::WriteFile(file, "payload"));
   window->m_downloadSlots[2].task->OnHttpReturn(nullptr, 7, const_cast<char*>(file.c_str()));
-  EXPECT_EQ(requesters[2].events, (std::vector<std::string>{"progress 100", "progress 28", "complete payload"}));
+  EXPECT_EQ(requesters[2].events,
+            (std::vector<std::string>{"progress 100", "progress 28", "complete payload"}));
   EXPECT_EQ(window->m_downloadSlots[2].task, nullptr);
   window->OnTimer();
   EXPECT_STREQ(window->m_downloadSlots[2].url, Url(5).c_str());
@@ -126,7 +126,10 @@ TEST_F(WindowFetchTest, CredentialChallengeMovesEveryItemToTheBrowser) {
     NPReason reason;
     std::vector<std::string> events;
   } endings[] = {
-      {"http://127.0.0.1:9/files/f0.bin", "via-browser", NPRES_DONE, {"progress 100", "progress 11", "complete via-browser"}},
+      {"http://127.0.0.1:9/files/f0.bin",
+       "via-browser",
+       NPRES_DONE,
+       {"progress 100", "progress 11", "complete via-browser"}},
       {"http://127.0.0.1:9/files/f1.bin", "", NPRES_NETWORK_ERR, {"complete null"}},
       {"http://127.0.0.1:9/elsewhere", "moved", NPRES_DONE, {"complete "}},  // redirected
       {nullptr, "", NPRES_NETWORK_ERR, {"complete null"}},

@@ -23,7 +23,9 @@ class WindowParamsTest : public ::testing::Test {
     if (!window.GetParameterAt(index, &name, &value)) return "(none)";
     return std::string(name) + "=" + (value ? value : "(null)");
   }
-  std::string Get(const char* name) { return window.GetParameter(name) ? window.GetParameter(name) : "(null)"; }
+  std::string Get(const char* name) {
+    return window.GetParameter(name) ? window.GetParameter(name) : "(null)";
+  }
 
   gpctest::BrowserEnvironment env;
   NPP_t npp{};
@@ -33,7 +35,9 @@ class WindowParamsTest : public ::testing::Test {
 // Kept in order as given, looked up without regard to case; the first of duplicates decides, even
 // when empty; the root is corrected to https.
 TEST_F(WindowParamsTest, PageParametersAreStoredInOrderAndLiftTheHalt) {
-  EXPECT_TRUE(Set({{"GpcProductVersion", "1,0,0"}, {"gpcurlroot", "http://www.talvo.us/client/a/"}, {"Dup", ""},
+  EXPECT_TRUE(Set({{"GpcProductVersion", "1,0,0"},
+                   {"gpcurlroot", "http://www.talvo.us/client/a/"},
+                   {"Dup", ""},
                    {"DUP", "later"}}));
   EXPECT_EQ(window.m_bHalted, 0);
   EXPECT_EQ(window.GetParameterCount(), 4);
@@ -47,7 +51,10 @@ TEST_F(WindowParamsTest, PageParametersAreStoredInOrderAndLiftTheHalt) {
 TEST_F(WindowParamsTest, RefusedRootOrMissingVersionKeepsTheHalt) {
   EXPECT_FALSE(Set({{"A", "a"}}));
   EXPECT_EQ(window.GetParameterCount(), 0);
-  EXPECT_FALSE(Set({{"GpcProductVersion", "1"}, {"A", "a"}, {"GpcUrlRoot", "https://www.talvo.us/clientele/"}, {"B", "b"}}));
+  EXPECT_FALSE(Set({{"GpcProductVersion", "1"},
+                    {"A", "a"},
+                    {"GpcUrlRoot", "https://www.talvo.us/clientele/"},
+                    {"B", "b"}}));
   EXPECT_EQ(window.m_bHalted, 1);
   EXPECT_EQ(window.GetParameterCount(), 2);
 }
@@ -62,11 +69,16 @@ TEST_F(WindowParamsTest, SetParameterChecksLengthsAndCorrectsTheRoot) {
     const char* name;
     size_t length;
     bool accepted;
-  } cases[] = {{"gpcproductversion", 33, false}, {"GpcProductVersion", 32, true}, {"GpcProductRoot", 33, false},
-               {"GpcProductRoot", 32, true},     {"GpcComponentName", 64, true}, {"GPCCOMPONENTNAME", 65, false},
+  } cases[] = {{"gpcproductversion", 33, false},
+               {"GpcProductVersion", 32, true},
+               {"GpcProductRoot", 33, false},
+               {"GpcProductRoot", 32, true},
+               {"GpcComponentName", 64, true},
+               {"GPCCOMPONENTNAME", 65, false},
                {"Other", 5000, true}};
   for (const auto& c : cases)
-    EXPECT_EQ(window.SetParameter(c.name, std::string(c.length, 'a').c_str()), c.accepted) << c.name << c.length;
+    EXPECT_EQ(window.SetParameter(c.name, std::string(c.length, 'a').c_str()), c.accepted)
+        << c.name << c.length;
   EXPECT_EQ(window.m_strBadParamName, "GPCCOMPONENTNAME");
   EXPECT_EQ(Get("GpcComponentName"), std::string(64, 'a'));
 
@@ -87,7 +99,8 @@ TEST_F(WindowParamsTest, ParameterFileHoldsEveryRecordWithCarriageReturnsAndTheT
   // 1000.25 seconds after 2001-01-01 00:00:00 GMT.
   platform::SetWallClockOverride([] { return static_cast<int64_t>((978307200.0 + 1000.25) * 1e6); });
   const std::string folder = platform::UserApplicationSupportDir() + "/Talvo Folder/";
-  gpctest::EmbedArgs page{{"A", "1"}, {"gpcPRODUCTversion", "7,1"}, {"Empty", ""}, {"GpcProductVersion", "other"}};
+  gpctest::EmbedArgs page{
+      {"A", "1"}, {"gpcPRODUCTversion", "7,1"}, {"Empty", ""}, {"GpcProductVersion", "other"}};
   page.Add("NullValue", nullptr);
   ASSERT_TRUE(SaveParameters(page.argc(), page.argn(), page.argv()));
   EXPECT_EQ(gpctest::ReadFile(folder + "7,1/talvoparameters.txt"),
@@ -102,7 +115,8 @@ TEST_F(WindowParamsTest, ParameterFileHoldsEveryRecordWithCarriageReturnsAndTheT
   // A second page of the same version replaces the file; a plain file where the folder should be fails.
   gpctest::EmbedArgs second{{"GpcProductVersion", "7,1"}}, blocked{{"GpcProductVersion", "blocked"}};
   ASSERT_TRUE(SaveParameters(second.argc(), second.argn(), second.argv()));
-  EXPECT_EQ(gpctest::ReadFile(folder + "7,1/talvoparameters.txt").rfind("[NAME]-=-GpcProductVersion-=-", 0), 0u);
+  EXPECT_EQ(gpctest::ReadFile(folder + "7,1/talvoparameters.txt").rfind("[NAME]-=-GpcProductVersion-=-", 0),
+            0u);
   std::ofstream(folder + "blocked") << "x";
   EXPECT_FALSE(SaveParameters(blocked.argc(), blocked.argn(), blocked.argv()));
 }

@@ -24,9 +24,13 @@ std::string Folder() { return platform::UserApplicationSupportDir() + "/Talvo Fo
 void InstallBundle(const std::string& name, const std::string& version) {
   const std::string bundle = Folder() + "/" + name + ".bundle/Contents/";
   ASSERT_TRUE(platform::MakeDirectories(bundle + "MacOS", 0755));
-  ASSERT_TRUE(gpctest::WriteFile(bundle + "MacOS/" + name, "\x7f" "ELF"));
-  ASSERT_TRUE(gpctest::WriteFile(bundle + "Info.plist", "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version="
-                                 "\"1.0\"><dict><key>CFBundleVersion</key><string>" + version + "</string></dict></plist>\n"));
+  ASSERT_TRUE(gpctest::WriteFile(bundle + "MacOS/" + name,
+                                 "\x7f"
+                                 "ELF"));
+  ASSERT_TRUE(gpctest::WriteFile(bundle + "Info.plist",
+                                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version="
+                                 "\"1.0\"><dict><key>CFBundleVersion</key><string>" +
+                                     version + "</string></dict></plist>\n"));
 }
 
 class WindowUpdateTest : public ::testing::Test {
@@ -61,9 +65,12 @@ TEST_F(WindowUpdateTest, DownloadsOnlyWhenTheInstalledVersionDiffers) {
     CGpcWindow window(&npp);
     window.m_bHalted = 0;  // as a page's parameters leave it
     for (const auto& [name, value] : {std::pair<const char*, const char*>{"GpcUrlRoot", c.root},
-                                      {"GpcUnpackVersion", "1,0"}, {"GpcCompressMethod", "7zip"},
-                                      {"GpcProductVersion", "/5.0/"}, {"MeetingID", c.meeting},
-                                      {"GpcExtName", c.extName}, {"GpcExtVersion", c.required},
+                                      {"GpcUnpackVersion", "1,0"},
+                                      {"GpcCompressMethod", "7zip"},
+                                      {"GpcProductVersion", "/5.0/"},
+                                      {"MeetingID", c.meeting},
+                                      {"GpcExtName", c.extName},
+                                      {"GpcExtVersion", c.required},
                                       {"GpcErrorPageUrl", "https://e.example/err"}})
       if (value) window.SetParameterVector(name, value);
     window.m_extMgr.Init();
@@ -78,7 +85,8 @@ TEST_F(WindowUpdateTest, DownloadsOnlyWhenTheInstalledVersionDiffers) {
     std::string stamps = file.empty() ? "-" : "";
     for (const char* key : {tmr_gpc_check_extension, tmr_gpc_start_update_extension})
       if (file.find(std::string("<key>") + key + "</key>") != std::string::npos)
-        stamps += std::string(stamps.empty() ? "" : " ") + (key == tmr_gpc_check_extension ? "check" : "update");
+        stamps +=
+            std::string(stamps.empty() ? "" : " ") + (key == tmr_gpc_check_extension ? "check" : "update");
     EXPECT_EQ(stamps, c.stamps);
     const std::vector<std::string> shown = gpctest::RunNavigations(window);
     const std::string page = shown.empty() ? "" : shown[0];
@@ -97,8 +105,8 @@ TEST_F(WindowUpdateTest, AnyDifferenceInTheNormalFormDownloads) {
   const struct {
     const char* required;
     bool update, hardenedUpdate;
-  } cases[] = {{"2,0", true, false}, {"2,1,0", true, true}, {"2.1", true, false}, {"2,1", false, false},
-               {"2,1,1", true, true}, {"10", true, true}};
+  } cases[] = {{"2,0", true, false},  {"2,1,0", true, true}, {"2.1", true, false},
+               {"2,1", false, false}, {"2,1,1", true, true}, {"10", true, true}};
   for (const bool hardened : {false, true}) {
     gpc::SetHardenedForTesting(hardened);
     for (const auto& c : cases)
