@@ -3,7 +3,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -201,7 +201,9 @@ TEST_F(SampleExtension, TracesParametersAndProgressVerbatim) {
   std::string lines;
   for (const std::string& line : browser.debugLines) lines += line + "\n";
   EXPECT_NE(lines.find("Note=100%s %n done"), std::string::npos) << lines;
-  EXPECT_TRUE(std::regex_search(lines, std::regex("http://h/a%d.*1234|1234.*http://h/a%d"))) << lines;
+  EXPECT_TRUE(std::any_of(browser.debugLines.begin(), browser.debugLines.end(), [](const std::string& line) {
+    return line.find("http://h/a%d") != std::string::npos && line.find("1234") != std::string::npos;
+  })) << lines;
 }
 
 }  // namespace
