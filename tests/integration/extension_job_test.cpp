@@ -34,6 +34,8 @@ enum class Source {
   kInstalled,  // the page asks for the version installed already
   kMade,       // the sample as 2.0.0.7, changed by the shell command `text` in its folder, packed by `pack`
   kTampered,   // as kMade, then replaced on the server by another package than the page vouches for
+  kDigestTail,  // as kMade, the page's digest differing in its last character
+  kInsider,     // as kMade, signed by "gpc.talvo.us.example.com", a name holding the vendor's suffix inside
 };
 struct FaultCase {
   const char* name;
@@ -54,7 +56,8 @@ class ExtensionJob : public ::testing::TestWithParam<FaultCase> {
     mkdir((s.folder / "pki").c_str(), 0700);
     s.signer = std::make_unique<gpctest::PackageSigner>(s.folder / "pki");
     s.ok = s.signer->ok() && s.server.Start() && s.server.AddFile("files/readme.txt", "hello") &&
-           Pack("1.0.0.1", "files/payload.7z") && Pack("1.0.0.1", "client/zrgpcext64.bundle.7z");
+           Pack("1.0.0.1", "files/payload.7z") && Pack("1.0.0.1", "client/zrgpcext64.bundle.7z") &&
+           s.signer->AddSigner("insider", "/CN=gpc.talvo.us.example.com");
     s.first = s.signer->PackageParameters(s.server.FilePath("client/zrgpcext64.bundle.7z"));
   }
   static void TearDownTestSuite() { delete std::exchange(shared_, nullptr); }
@@ -80,8 +83,12 @@ class ExtensionJob : public ::testing::TestWithParam<FaultCase> {
                          &ok);
     EXPECT_TRUE(ok) << c.text;
     EXPECT_TRUE(shared_->server.AddFile(served, gpctest::ReadFile(data_ / "work/package")));
-    const PageParams params = shared_->signer->PackageParameters(shared_->server.FilePath(served));
+    const PageParams params = shared_->signer->PackageParameters(shared_->server.FilePath(served), "sha256",
+                                                                 c.source == Source::kInsider ? "insider" : "vendor");
     EXPECT_TRUE(c.source != Source::kTampered || Pack("6.6.6.6", served));
+    for (const auto& [name, value] : params)
+      if (name == "GpcExtHash" && c.source == Source::kDigestTail)
+        overrides->push_back({name, value.substr(0, value.size() - 1) + (value.back() == '0' ? "1" : "0")});
     if (zip) overrides->push_back({"GpcCompressMethod", "zip"});
     *root = shared_->server.HttpsUrl(folder);
     return params;
@@ -152,7 +159,7 @@ TEST_P(ExtensionJob, EndsAsSpecifiedAndLeavesNothingHalfWritten) {
   std::string root;
   PageParams overrides, package = shared_->first;
   if (c.source == Source::kFault) root = shared_->server.Url(std::string("/client/") + c.text);
-  if (c.source == Source::kMade || c.source == Source::kTampered) package = Make(c, &root, &overrides);
+  if (c.source != Source::kFault && c.source != Source::kInstalled) package = Make(c, &root, &overrides);
   ScopedEnv entries("GPC_7Z_MAX_ENTRIES", "30");
   ScopedEnv bytes("GPC_7Z_MAX_BYTES", "2000000");
   // A full disk as the host meets it: writes beyond the limit fail with EFBIG instead of killing it.
@@ -185,6 +192,8 @@ INSTANTIATE_TEST_SUITE_P(
         FaultCase{"SameVersion", Source::kInstalled, "", nullptr, 0, kRan, "1.0.0.1"},
         FaultCase{"AnotherVersion", Source::kMade, "true", nullptr, 0, kRan, "2.0.0.7"},
         FaultCase{"Tampered", Source::kTampered, "true", nullptr, 0, k111, "1.0.0.1"},
+        FaultCase{"DigestDifferingAtTheEnd", Source::kDigestTail, "true", nullptr, 0, k111, "1.0.0.1"},
+        FaultCase{"SignerNameHoldingTheVendorsSuffix", Source::kInsider, "true", nullptr, 0, "Error%20%5B103%5D", "1.0.0.1"},
         FaultCase{"ServerError", Source::kFault, "fault/status/500/", nullptr, 0, k111, "1.0.0.1"},
         FaultCase{"Unauthorized", Source::kFault, "fault/status/401/", nullptr, 0, k111, "1.0.0.1"},
         FaultCase{"ProxyUnauthorized", Source::kFault, "fault/status/407/", nullptr, 0, k111, "1.0.0.1"},
