@@ -78,10 +78,8 @@ class DownloadTaskTest : public ::testing::Test {
   static bool WaitForStatus(GPCDownloadTask& task, int status) {
     return RunMainLoopUntil([&] { return task.GetStatus() == status; });
   }
-  static gpctest::LoopbackServer* server_;
+  static inline gpctest::LoopbackServer* server_ = nullptr;
 };
-
-gpctest::LoopbackServer* DownloadTaskTest::server_ = nullptr;
 
 // The task's file goes with the task, unless (names under /tmp being shared) another process's
 // download took the name after the package was deleted.
@@ -287,24 +285,6 @@ TEST_F(DownloadTaskTest, BodyThatCannotBeStoredFailsTheTask) {
     EXPECT_TRUE(task.GetLocalFile().empty());
     task.Stop();
     EXPECT_EQ(gpctest::PiecesInTmp(content), std::vector<std::string>());
-  }
-}
-
-TEST_F(DownloadTaskTest, FiveTasksRunSideBySide) {
-  Notify notify;
-  std::vector<std::unique_ptr<GPCDownloadTask>> tasks;
-  std::vector<std::string> contents;
-  for (int i = 0; i < 5; ++i) {
-    const std::string name = "parallel" + std::to_string(i) + ".bin";
-    contents.push_back(PatternBytes(700000 + i, 30 + i));
-    ASSERT_TRUE(server_->AddFile(name, contents.back()));
-    tasks.emplace_back(new GPCDownloadTask(server_->HttpsUrl(name).c_str(), false, &notify));
-    ASSERT_EQ(tasks.back()->Start(), 0u);
-  }
-  ASSERT_TRUE(RunMainLoopUntil([&] { return notify.completions == 5; }));
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(tasks[i]->GetStatus(), kDownloadFinished);
-    EXPECT_TRUE(ReadFile(tasks[i]->GetLocalFile()) == contents[i]) << i;
   }
 }
 

@@ -80,11 +80,9 @@ class NetworkHttpTest : public ::testing::Test {
     return rc;
   }
 
-  static gpctest::LoopbackServer* server_;
+  static inline gpctest::LoopbackServer* server_ = nullptr;
   std::vector<std::string> made_;
 };
-
-gpctest::LoopbackServer* NetworkHttpTest::server_ = nullptr;
 
 // Body size, https, file mode.
 using Body = std::tuple<size_t, bool, bool>;
