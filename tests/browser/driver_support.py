@@ -1,20 +1,89 @@
-"""What both browser drivers share: their one-line JSON reports and a look at other processes."""
+"""What the browser drivers share: their options, their reports (a JSON line each, "event" naming it)
+and one run of a bridge browser, which sees no page: it is watched through the server's access log."""
+import argparse
 import json
+import os
+import signal
+import subprocess
+import time
+
+# The options of both bridge drivers (run_bridge_browser tells what they do).
+BRIDGE_OPTIONS = dict(extension="", access_log="", until="", timeout=40.0, browser_log="", host_pids="")
+
+
+def arguments(**defaults):
+    """The page's URL and the options `--name value`, each typed as its default."""
+    parser = argparse.ArgumentParser()
+    parser.add_argument("url")
+    for name, default in defaults.items():
+        parser.add_argument("--" + name.replace("_", "-"), default=default, type=type(default))
+    return parser.parse_args()
 
 
 def emit(kind, **fields):
-    print(json.dumps(dict(t=kind, **fields), separators=(",", ":"), ensure_ascii=False), flush=True)
+    print(json.dumps(dict(event=kind, **fields), separators=(",", ":"), ensure_ascii=False), flush=True)
 
 
-def stat_fields(pid):
-    """The fields of /proc/<pid>/stat after the command name (state first), or None when gone."""
+def running(pid, group=None):
+    """Whether process `pid` runs (a zombie does not), in process group `group` when one is given."""
     try:
         with open("/proc/%s/stat" % pid) as stat:
-            return stat.read().rpartition(")")[2].split()
+            fields = stat.read().rpartition(")")[2].split()
     except OSError:
-        return None
+        return False
+    return fields[0] != "Z" and (group is None or int(fields[2]) == group)
 
 
-def running(pid):
-    fields = stat_fields(pid)
-    return fields is not None and fields[0] != "Z"
+def left_after(seconds, pids):
+    """The processes of `pids()` still running after `seconds`, killed."""
+    deadline = time.monotonic() + seconds
+    while (left := [int(pid) for pid in pids() if running(pid)]) and time.monotonic() < deadline:
+        time.sleep(0.1)
+    for pid in left:
+        os.kill(pid, signal.SIGKILL)
+    return left
+
+
+def requested(access_log, start, until, timeout):
+    """The first request (path and query) the server logged after offset `start` that holds `until`."""
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        with open(access_log, "a+") as log:  # made here when the server has logged nothing yet
+            log.seek(start)
+            found = [json.loads(line)["request"].split(" ")[1] for line in log if until in line and line[-1] == "\n"]
+        if found:
+            return found[0]
+        time.sleep(0.1)
+    return ""
+
+
+def run_bridge_browser(argv, args):
+    """Runs `argv` in a process group of its own until the server gets a request holding --until, then
+    asks it to quit. Reports "left" (after: "tab", "quit"; pids): when the page's URL has a fragment (the
+    page then closes its tab), the native hosts named in --host-pids still running 10 s after the request
+    came, the browser staying open; and after the browser quit,
+    those hosts and the processes of its group that outlived it by 5 s (all killed), then "end" (url: the
+    request, "" when none came). Exit status 0 when it came within --timeout seconds, else 3."""
+    start = os.path.getsize(args.access_log) if os.path.exists(args.access_log) else 0
+    with open(args.browser_log or os.devnull, "ab") as log:
+        browser = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
+
+    def hosts():
+        with open(args.host_pids) as pids:
+            return pids.read().split()
+
+    try:
+        url = requested(args.access_log, start, args.until, args.timeout)
+        if url and "#" in args.url:
+            emit("left", after="tab", pids=left_after(10, hosts))
+    finally:
+        browser.terminate()
+        try:
+            browser.wait(10)
+        except subprocess.TimeoutExpired:
+            pass
+        group = left_after(5, lambda: [pid for pid in os.listdir("/proc") if pid.isdigit() and running(pid, browser.pid)])
+        browser.wait()
+    emit("left", after="quit", pids=group + left_after(10, hosts))
+    emit("end", url=url)
+    return 0 if url else 3
