@@ -1,7 +1,5 @@
-// The plug-in's whole job as a browser runs it: gpc-host loads the module for a meeting page whose
-// extension package lies on an https server on 127.0.0.1. The package is the sample extension packed
-// by the 7z tool and signed with certificates made by openssl; the sample then fetches files, unpacks
-// one and navigates the page, which shows that it runs on the services.
+// The plug-in's whole job as a browser runs it: gpc-host loads the module for a meeting page whose package
+// (the sample, packed by 7z, signed by openssl-made certificates) lies on a loopback https server.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -94,9 +92,7 @@ class ExtensionJob : public ::testing::TestWithParam<FaultCase> {
     return params;
   }
 
-  // Runs a meeting page asking for extension `version` until it is navigated to the sample's "done"
-  // page or the error page; `trace` receives the run's trace file. `root` replaces the package folder,
-  // `overrides` replace parameters of the same name.
+  // Runs a page asking for `version` until it shows the sample's "done" page or the error page.
   HostRun RunPage(const std::string& version, const PageParams& package, std::string* trace,
                   const std::string& root = "", const PageParams& overrides = {}) {
     const std::string traceFile = data_ / ("run" + std::to_string(++runs_) + ".tvt");

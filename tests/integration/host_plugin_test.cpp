@@ -146,9 +146,8 @@ TEST_F(HostPlugin, RefusedHostPageShowsError111) {
   EXPECT_GE(run.Find("request", "url", "ErrorCode=111&"), 0);
 }
 
-// The direct download of the package meets a challenge, so the package comes through the browser, whose
-// fetch is redirected: the stream opens under another URL and is not the package's. The fetch still
-// ends, and the page shows the error instead of waiting for ever.
+// A challenge moves the package fetch to the browser, whose fetch is redirected to something else: the
+// fetch still ends, and the page shows the error instead of waiting for ever.
 TEST_F(HostPlugin, PackageFetchRedirectedByTheBrowserEndsAndShowsTheErrorPage) {
   gpctest::LoopbackServer packages;
   ASSERT_TRUE(packages.Start()) << packages.error();

@@ -1,6 +1,5 @@
-// gpc-host --native-messaging as a browser extension drives it: the browser's framing (a native-endian
-// 32-bit length, then JSON) on the host's standard input and output. Embeds run the sample extension
-// from a signed package on loopback servers, one of them slowed so a download can be caught under way.
+// gpc-host --native-messaging driven in the browser's framing (native-endian 32-bit length, then JSON);
+// embeds run the signed sample from loopback servers, one slowed so a download can be caught under way.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
