@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "json_text.h"
+
 namespace {
 FILE* g_output = nullptr;
 }  // namespace
@@ -46,25 +48,4 @@ void JsonLine::Emit() {
   std::fflush(out);
 }
 
-std::string JsonLine::Escape(const std::string& text) {
-  std::string out;
-  out.reserve(text.size() + 8);
-  for (unsigned char c : text) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out;
-}
+std::string JsonLine::Escape(const std::string& text) { return gpctools::JsonEscape(text); }

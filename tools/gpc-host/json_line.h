@@ -17,7 +17,7 @@ class JsonLine {
   // Where Emit writes: standard output unless set (native messaging keeps stdout for its frames).
   static void SetOutput(FILE* out);
 
-  // Escapes `text` as the inside of a JSON string (bytes of 0x80 and above pass through).
+  // Escapes `text` as the inside of a JSON string; bytes that are not UTF-8 become U+FFFD.
   static std::string Escape(const std::string& text);
 
  private:

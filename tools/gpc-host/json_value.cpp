@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <glib.h>
 
 #include "json_line.h"
 
@@ -189,20 +190,13 @@ class Parser {
     return true;
   }
 
-  // Copies one UTF-8 sequence, checking its form; returns false on invalid UTF-8.
+  // Copies one UTF-8 sequence, checking its form (GLib refuses overlong forms, surrogates and
+  // code points past U+10FFFF); returns false on invalid UTF-8.
   bool Utf8(std::string* out) {
-    unsigned char lead = static_cast<unsigned char>(m_text[m_pos]);
-    size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
-    if (length == 0 || m_pos + length > m_text.size()) return Fail("invalid UTF-8");
-    unsigned code = length == 1 ? lead : length == 2 ? (lead & 0x1F) : length == 3 ? (lead & 0x0F) : (lead & 0x07);
-    for (size_t i = 1; i < length; ++i) {
-      unsigned char next = static_cast<unsigned char>(m_text[m_pos + i]);
-      if ((next & 0xC0) != 0x80) return Fail("invalid UTF-8");
-      code = (code << 6) | (next & 0x3F);
-    }
-    static const unsigned kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (code < kSmallest[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
-      return Fail("invalid UTF-8");
+    const char* at = m_text.data() + m_pos;
+    const gunichar code = g_utf8_get_char_validated(at, static_cast<gssize>(m_text.size() - m_pos));
+    if (code == static_cast<gunichar>(-1) || code == static_cast<gunichar>(-2)) return Fail("invalid UTF-8");
+    const size_t length = static_cast<size_t>(g_utf8_next_char(at) - at);
     out->append(m_text, m_pos, length);
     m_pos += length;
     return true;
@@ -243,34 +237,6 @@ bool ParseJson(const std::string& text, JsonValue* out, std::string* error) {
   return Parser(text).ParseDocument(out, error);
 }
 
-// `text` with each byte that does not belong to a well-formed UTF-8 sequence replaced by U+FFFD:
-// the browser refuses a message that is not UTF-8.
-std::string ValidUtf8(const std::string& text) {
-  std::string out;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    unsigned char lead = static_cast<unsigned char>(text[pos]);
-    size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
-    unsigned code = length == 2 ? (lead & 0x1F) : length == 3 ? (lead & 0x0F) : (lead & 0x07);
-    bool good = length != 0 && pos + length <= text.size();
-    for (size_t i = 1; good && i < length; ++i) {
-      unsigned char next = static_cast<unsigned char>(text[pos + i]);
-      good = (next & 0xC0) == 0x80;
-      code = (code << 6) | (next & 0x3F);
-    }
-    static const unsigned kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (good && length > 1)
-      good = code >= kSmallest[length] && code <= 0x10FFFF && !(code >= 0xD800 && code <= 0xDFFF);
-    if (good) {
-      out.append(text, pos, length);
-      pos += length;
-    } else {
-      out += "\xEF\xBF\xBD";
-      ++pos;
-    }
-  }
-  return out;
-}
 
 void JsonObjectText::Key(const char* key) {
   m_text += m_text.empty() ? "{" : ",";
@@ -279,7 +245,7 @@ void JsonObjectText::Key(const char* key) {
 
 JsonObjectText& JsonObjectText::Add(const char* key, const std::string& value) {
   Key(key);
-  m_text += "\"" + JsonLine::Escape(ValidUtf8(value)) + "\"";
+  m_text += "\"" + JsonLine::Escape(value) + "\"";
   return *this;
 }
 

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "json_text.h"
+
 namespace tlvtracer {
 
 namespace {
@@ -44,65 +46,7 @@ std::string EscapeForLine(const std::string& text) {
   return out;
 }
 
-// Length of the well-formed UTF-8 sequence at `at`, or 0.
-size_t Utf8SequenceLength(const std::string& text, size_t at) {
-  const unsigned char c = static_cast<unsigned char>(text[at]);
-  size_t extra;
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  if (c >= 0xC2 && c <= 0xDF) {
-    extra = 1;
-  } else if (c >= 0xE0 && c <= 0xEF) {
-    extra = 2;
-    if (c == 0xE0) low = 0xA0;
-    if (c == 0xED) high = 0x9F;
-  } else if (c >= 0xF0 && c <= 0xF4) {
-    extra = 3;
-    if (c == 0xF0) low = 0x90;
-    if (c == 0xF4) high = 0x8F;
-  } else {
-    return 0;
-  }
-  if (text.size() - at <= extra) return 0;
-  for (size_t k = 1; k <= extra; ++k) {
-    const unsigned char next = static_cast<unsigned char>(text[at + k]);
-    if (next < (k == 1 ? low : 0x80) || next > (k == 1 ? high : 0xBF)) return 0;
-  }
-  return extra + 1;
-}
-
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  for (size_t i = 0; i < text.size();) {
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c >= 0x80) {
-      const size_t length = Utf8SequenceLength(text, i);
-      if (length == 0) {
-        out += "\\uFFFD";
-        ++i;
-      } else {
-        out.append(text, i, length);
-        i += length;
-      }
-      continue;
-    }
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          AppendHex(&out, "\\u", c, 4);
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-    ++i;
-  }
-  return out + "\"";
-}
+std::string JsonString(const std::string& text) { return "\"" + gpctools::JsonEscape(text) + "\""; }
 
 }  // namespace
 

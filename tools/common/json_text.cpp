@@ -1,0 +1,53 @@
+#include "json_text.h"
+
+#include <cstdio>
+#include <glib.h>
+
+namespace gpctools {
+
+std::string ValidUtf8(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  const char* at = text.data();
+  const char* const stop = text.data() + text.size();
+  while (at < stop) {
+    const gchar* end = nullptr;
+    // GLib stops at a NUL byte too; a NUL is valid UTF-8 and is kept (escaped later as \u0000).
+    const bool whole = g_utf8_validate(at, stop - at, &end);
+    out.append(at, end);
+    if (whole) break;
+    if (*end == '\0') {
+      out += '\0';
+    } else {
+      out += "\xEF\xBF\xBD";
+    }
+    at = end + 1;
+  }
+  return out;
+}
+
+std::string JsonEscape(std::string_view text) {
+  const std::string valid = ValidUtf8(text);
+  std::string out;
+  out.reserve(valid.size() + 8);
+  for (unsigned char c : valid) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20) {
+          char escaped[8];
+          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+          out += escaped;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out;
+}
+
+}  // namespace gpctools
