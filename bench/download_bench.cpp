@@ -1,4 +1,4 @@
-// Direct download speed: one 50 MB file fetched over https from nginx on 127.0.0.1 by
+// Direct download speed: one 50 MB file fetched over https from the loopback test server on 127.0.0.1 by
 // GPCDownloadTask (file mode, as the plug-in fetches packages) against `curl -k -o` of the same
 // file in the same run. Best of 3 each; the goal is at most 1.2 times curl's time.
 //

@@ -1,7 +1,7 @@
-// File fetching speed: 20 files of 5 MB fetched over https from nginx on 127.0.0.1 by one plug-in
-// instance (CGpcWindow::GetFileAtUrl: five parallel GPCDownloadTasks, new ones started by the
+// File fetching speed: 20 files of 5 MB fetched over https from the loopback test server on
+// 127.0.0.1 by one plug-in instance (CGpcWindow::GetFileAtUrl: five parallel GPCDownloadTasks, new ones started by the
 // 50 ms heartbeat on the GLib main loop) against `curl -k --parallel --parallel-max 5` of the same
-// files. Run once with nginx unthrottled and once with every connection limited to 10 MB/s; best
+// files. Run once with the server unthrottled and once with every connection limited to 10 MB/s; best
 // of 3 each. Goal: the throttled batch at most 1.1 times curl's. The unthrottled ratio shows what
 // starting tasks only on heartbeats costs when the network is not the limit.
 //

@@ -1,5 +1,5 @@
 // The whole job against its floor: an extension bundle of about 60 MB (half compressible, half
-// random) packed with `7z a -mx=5` and served over https by nginx on 127.0.0.1.
+// random) packed with `7z a -mx=5` and served over https by the loopback test server on 127.0.0.1.
 //
 // - Floor: `curl -k` of the package to a file, then `openssl dgst -sha256`, then `bsdtar -xf`.
 // - Job: gpc-host runs a page that needs the package: from NPP_New to the extension's
