@@ -2,24 +2,23 @@
 // puts back what was there before.
 #pragma once
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 class ScopedEnv {
  public:
   ScopedEnv(const char* name, const char* value) : name_(name) {
-    const char* old = getenv(name);
-    had_ = old != nullptr;
-    if (had_) old_ = old;
+    if (const char* old = getenv(name)) old_ = old;
     if (value) setenv(name, value, 1); else unsetenv(name);
   }
   ScopedEnv(const char* name, const std::string& value) : ScopedEnv(name, value.c_str()) {}
   ~ScopedEnv() {
-    if (had_) setenv(name_.c_str(), old_.c_str(), 1); else unsetenv(name_.c_str());
+    if (old_) setenv(name_.c_str(), old_->c_str(), 1); else unsetenv(name_.c_str());
   }
   ScopedEnv(const ScopedEnv&) = delete;
   ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
-  std::string name_, old_;
-  bool had_ = false;
+  std::string name_;
+  std::optional<std::string> old_;
 };

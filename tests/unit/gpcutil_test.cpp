@@ -110,10 +110,8 @@ TEST(Files, FoldersTempNamesAndListings) {
     EXPECT_EQ(GetApplicationSupportDirectory(), "");
   }
   ScratchFolder dir;
-  EXPECT_TRUE(MakeDirectory(dir / "one"));
-  EXPECT_TRUE(isDir(dir / "one"));
-  EXPECT_FALSE(MakeDirectory(dir / "one"));
-  EXPECT_FALSE(MakeDirectory(dir / "two/three"));
+  EXPECT_TRUE(MakeDirectory(dir / "one") && isDir(dir / "one"));
+  EXPECT_FALSE(MakeDirectory(dir / "one") || MakeDirectory(dir / "two/three"));  // one level, only when missing
 
   std::string folder = dir.path() + "/", first, again;
   uint32_t n = GetTempFileName(folder.c_str(), "APK", first);
@@ -161,12 +159,9 @@ TEST(Files, DeleteFilesRemovesOnlyMatchingVersionsOfOneLibrary) {
 }
 
 TEST(Files, ProcessLookupIgnoresCase) {
-  auto name_of = [](pid_t pid) {  // another copy of this program may be running
-    std::string name;
-    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), name);
-    return name;
-  };
-  EXPECT_EQ(name_of(GetPIDForProcessName("GPCUTIL_TEST")), "gpcutil_test");
+  std::string name;  // another copy of this program may be the one found
+  std::getline(std::ifstream("/proc/" + std::to_string(GetPIDForProcessName("GPCUTIL_TEST")) + "/comm"), name);
+  EXPECT_EQ(name, "gpcutil_test");
   EXPECT_EQ(GetPIDForProcessName("no-such-process"), 0);
   EXPECT_EQ(GetPIDForProcessName(nullptr), 0);
 }
@@ -184,15 +179,10 @@ bool SetImmutable(const std::string& path, bool on) {
 
 TEST(RemoveFile, PlainEntriesGoAndLinkTargetsStay) {
   ScratchFolder dir, outside;
-  std::string kept = outside.Write("keep/me.txt");
-  std::string bundle = dir.Folder("ext.bundle");
-  dir.Write("ext.bundle/Contents/MacOS/ext", "elf");
-  dir.Link("ext.bundle/Contents/outside", outside / "keep");
-  EXPECT_TRUE(RemoveFile(bundle));
-  EXPECT_FALSE(Exists(bundle));
-  EXPECT_TRUE(Exists(kept));
-  EXPECT_TRUE(RemoveFile(dir.Write("APK1.tmp")));
-  EXPECT_FALSE(Exists(dir / "APK1.tmp"));
+  outside.Write("keep/me.txt");
+  dir.Lay("ext.bundle/Contents/MacOS/ext APK1.tmp ext.bundle/Contents/outside@" + outside / "keep");
+  EXPECT_TRUE(RemoveFile(dir / "ext.bundle") && RemoveFile(dir / "APK1.tmp"));
+  EXPECT_EQ(dir.Describe() + "|" + outside.Describe(), "|keep/ keep/me.txt");
   EXPECT_FALSE(RemoveFile(dir / "missing") || RemoveFile("") || RemoveFile(static_cast<const char*>(nullptr)));
 }
 

@@ -74,8 +74,3 @@ inline bool Exists(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0;
 }
-
-inline bool IsSymlink(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
-}
