@@ -19,31 +19,28 @@ using gpctest::PageParams;
 constexpr char kDonePath[] = "/page/done.html?";
 constexpr char kErrorPath[] = "/page/error.html?ErrorType=1&ErrorMsg=";
 
-// `text` as an HTML attribute value.
-inline std::string Quoted(const std::string& text) {
-  std::string out = "\"";
-  for (char c : text) out += c == '&' ? "&amp;" : c == '"' ? "&quot;" : c == '<' ? "&lt;" : std::string(1, c);
-  return out + "\"";
-}
-
 enum class Markup { kEmbed, kTwoEmbeds, kLateObject, kInFrame };
 
-// A meeting page carrying the plug-in with `params` as `markup` says; kInFrame frames "<name>-inner.html"
-// (the kEmbed page). The page tells the server each text its status box shows ("/status?TEXT", URL-encoded)
-// and closes its tab once the box shows a text beginning with the page's fragment.
+// A meeting page carrying the plug-in with `params` (none holding '"', '&' or '<') as `markup` says; kInFrame
+// frames "<name>-inner.html" (the kEmbed page). The page tells the server each text its status box shows
+// ("/status?TEXT", URL-encoded) and closes its tab once the box shows a text beginning with the page's
+// fragment.
 inline std::string MeetingPage(const PageParams& params, Markup markup, const std::string& name) {
   std::string embed = "<embed type=\"application/x-talvo-gpc\" width=\"300\" height=\"200\"";
-  std::string object = "<template id='later'><object type=\"application/x-talvo-gpc\" width=\"300\" height=\"200\">";
+  std::string object =
+      "<template id='later'><object type=\"application/x-talvo-gpc\" width=\"300\" height=\"200\">";
   for (const auto& [key, value] : params) {
-    embed += "\n  " + key + "=" + Quoted(value);
-    object += "\n  <param name=" + Quoted(key) + " value=" + Quoted(value) + ">";
+    embed += "\n  " + key + "=\"" + value + "\"";
+    object += "\n  <param name=\"" + key + "\" value=\"" + value + "\">";
   }
   embed += ">";
-  const std::string body[] = {embed, embed + embed,
-                              object + "</object></template><script>setTimeout(function () { document.body."
-                                       "appendChild(document.getElementById('later').content.cloneNode(true)); }, 300);"
-                                       "</script>",
-                              "<iframe src=\"" + name + "-inner.html\" width=\"400\" height=\"260\"></iframe>"};
+  const std::string body[] = {
+      embed, embed + embed,
+      object +
+          "</object></template><script>setTimeout(function () { document.body."
+          "appendChild(document.getElementById('later').content.cloneNode(true)); }, 300);"
+          "</script>",
+      "<iframe src=\"" + name + "-inner.html\" width=\"400\" height=\"260\"></iframe>"};
   return "<html><head><title>meeting</title></head><body><p>Meeting</p>" + body[static_cast<int>(markup)] +
          "<script>var shown = null; new MutationObserver(function () {"
          "  var box = document.querySelector('[data-talvo-gpc-status]');"
@@ -51,7 +48,8 @@ inline std::string MeetingPage(const PageParams& params, Markup markup, const st
          "  shown = box.textContent; var text = encodeURIComponent(shown);"
          "  navigator.sendBeacon('/status?' + text);"
          "  if (location.hash.length > 1 && text.indexOf(location.hash.substring(1)) === 0) window.close();"
-         "}).observe(document, {childList: true, subtree: true, characterData: true});</script></body></html>";
+         "}).observe(document, {childList: true, subtree: true, characterData: "
+         "true});</script></body></html>";
 }
 
 // The sample extension made version 2.0.0.7, packed and signed by gpc-pack, served over https.
@@ -74,7 +72,8 @@ struct Site {
     params = gpctest::PackWithTheTool(*signer, dir + "/zrgpcext64.bundle", dir + "/out");
     package = gpctest::ReadFile(dir + "/out/zrgpcext64.bundle.7z");
     ok = !params.empty() && !package.empty() && server.Start() &&
-         server.AddFile("client/zrgpcext64.bundle.7z", package) && server.AddFile("files/readme.txt", "hello");
+         server.AddFile("client/zrgpcext64.bundle.7z", package) &&
+         server.AddFile("files/readme.txt", "hello");
   }
   std::string Url() const { return "https://127.0.0.1:" + std::to_string(server.https_port()) + "/"; }
 
@@ -93,7 +92,8 @@ struct Site {
       page.push_back({name, value});
     }
     if (errorPage) page.push_back({"GpcErrorPageUrl", site + "page/error.html"});
-    page.insert(page.end(), {{"GpcSampleFiles", site + "files/readme.txt"}, {"GpcSampleDoneUrl", site + "page/done.html"}});
+    page.insert(page.end(), {{"GpcSampleFiles", site + "files/readme.txt"},
+                             {"GpcSampleDoneUrl", site + "page/done.html"}});
     return page;
   }
 };
@@ -101,16 +101,9 @@ struct Site {
 // What a browser driver reported, a JSON line each, and all it printed (for failure messages).
 struct DriverRun {
   int exitCode = -1;
-  std::vector<gpchost::JsonEvent> events;
   std::string output;
-
-  std::vector<gpchost::JsonEvent> Of(const std::string& kind) const {
-    std::vector<gpchost::JsonEvent> found;
-    for (const gpchost::JsonEvent& event : events)
-      if (event.Name() == kind) found.push_back(event);
-    return found;
-  }
-  std::string EndUrl() const { return Of("end").empty() ? "" : Of("end").back().Str("url"); }
+  std::string endUrl;             // the "end" report's
+  std::vector<std::string> left;  // the "left" reports
 };
 
 // Runs `argv` with its output going to the file `log`.
@@ -121,8 +114,10 @@ inline DriverRun Drive(const std::vector<std::string>& argv, const std::string& 
   DriverRun run;
   run.exitCode = gpctest::RunCommand(args.data(), log);
   run.output = gpctest::ReadFile(log);
-  for (const gpchost::JsonEvent& event : gpchost::ParseJsonLines(run.output))
-    if (event.line.rfind("{\"event\":", 0) == 0) run.events.push_back(event);
+  for (const gpchost::JsonEvent& event : gpchost::ParseJsonLines(run.output)) {
+    if (event.Name() == "end") run.endUrl = event.Str("url");
+    if (event.Name() == "left") run.left.push_back(event.line);
+  }
   return run;
 }
 

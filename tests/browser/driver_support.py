@@ -8,7 +8,7 @@ import subprocess
 import time
 
 # The options of both bridge drivers (run_bridge_browser tells what they do).
-BRIDGE_OPTIONS = dict(extension="", access_log="", until="", timeout=40.0, browser_log="", host_pids="")
+BRIDGE_OPTIONS = dict(extension="", access_log="", until="", timeout=40.0, browser_log="", host="", host_pids="")
 
 
 def arguments(**defaults):
@@ -22,6 +22,19 @@ def arguments(**defaults):
 
 def emit(kind, **fields):
     print(json.dumps(dict(event=kind, **fields), separators=(",", ":"), ensure_ascii=False), flush=True)
+
+
+def install_host(folder, key, allowed, args):
+    """Names --host to the browser as its native-messaging host in `folder`, through a wrapper (a manifest's
+    "path" takes no arguments, and the browser's are dropped) that adds each host's id to --host-pids."""
+    os.makedirs(folder, exist_ok=True)
+    wrapper = args.host_pids + ".sh"
+    with open(wrapper, "w") as script:
+        script.write("#!/bin/sh\necho $$ >>'%s'\nexec '%s' --native-messaging\n" % (args.host_pids, args.host))
+    os.chmod(wrapper, 0o755)
+    with open(os.path.join(folder, "com.vantrel.talvo.gpc.json"), "w") as manifest:
+        json.dump({"name": "com.vantrel.talvo.gpc", "description": "GPC plug-in host", "path": wrapper,
+                   "type": "stdio", key: [allowed]}, manifest)
 
 
 def running(pid, group=None):

@@ -9,7 +9,7 @@ import subprocess
 import sys
 import zipfile
 
-from driver_support import BRIDGE_OPTIONS, arguments, run_bridge_browser
+from driver_support import BRIDGE_OPTIONS, arguments, install_host, run_bridge_browser
 
 # Add-ons in the profile's own folder enabled without asking; nothing else reaching out or asking.
 PREFS = {"xpinstall.signatures.required": False, "extensions.autoDisableScopes": 0,
@@ -19,7 +19,8 @@ PREFS = {"xpinstall.signatures.required": False, "extensions.autoDisableScopes":
          "security.OCSP.enabled": 0, "network.trr.mode": 5, "dom.security.https_first": False}
 
 
-def make_profile(profile, extension, authority):
+def make_profile(args):
+    profile, extension, authority = args.profile, args.extension, args.authority
     os.makedirs(os.path.join(profile, "extensions"), exist_ok=True)
     with open(os.path.join(profile, "user.js"), "w") as prefs:
         prefs.writelines("user_pref(%s, %s);\n" % (json.dumps(key), json.dumps(PREFS[key])) for key in PREFS)
@@ -28,6 +29,7 @@ def make_profile(profile, extension, authority):
     with zipfile.ZipFile(os.path.join(profile, "extensions", addon + ".xpi"), "w") as xpi:
         for name in ("manifest.json", "background.js", "content.js"):
             xpi.write(os.path.join(extension, name), name)
+    install_host(os.path.expanduser("~/.mozilla/native-messaging-hosts"), "allowed_extensions", addon, args)
     store = "sql:" + profile
     return all(subprocess.run(command, capture_output=True).returncode == 0 for command in (
         ["certutil", "-N", "-d", store, "--empty-password"],
@@ -36,7 +38,7 @@ def make_profile(profile, extension, authority):
 
 if __name__ == "__main__":
     args = arguments(firefox="/usr/bin/firefox-esr", profile="", authority="", **BRIDGE_OPTIONS)
-    if not make_profile(args.profile, args.extension, args.authority):
+    if not make_profile(args):
         sys.exit(2)
     sys.exit(run_bridge_browser([args.firefox, "--headless", "--no-remote", "--profile", args.profile, args.url],
                                 args))
