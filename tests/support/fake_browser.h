@@ -1,7 +1,6 @@
 // The browser as the plug-in sees it in tests, benches and fuzzers: one NPNetscapeFuncs table
-// whose functions record what the plug-in asks for (URL requests, streams, status, values,
-// settings) and answer as the test says. The table itself is header-only and free of GoogleTest,
-// so programs that do not link the test support library can use it too.
+// whose functions record what the plug-in asks for and answer as the test says. The table is
+// header-only and free of GoogleTest, so programs without the test support library can use it.
 #pragma once
 
 #include <cstdint>
@@ -53,8 +52,8 @@ inline FakeBrowser& Browser() {
   return browser;
 }
 
-// The browser's functions. The browser is C as far as the plug-in can tell: a record it cannot
-// make (memory ran out) is dropped, never thrown at the plug-in.
+// The browser is C as far as the plug-in can tell: a record it cannot make (memory ran out) is
+// dropped, never thrown at the plug-in.
 namespace calls {
 template <typename Record>
 void Note(Record record) noexcept {
@@ -63,6 +62,10 @@ void Note(Record record) noexcept {
   } catch (...) {
   }
 }
+inline void Note(const char* call) {
+  Note([call] { Browser().calls.push_back(call); });
+}
+// A URL request as the browser takes it: recorded, then answered.
 inline NPError Request(const char* url, const char* target, void* data, bool post, const char* buf, uint32_t len,
                        bool file) {
   FakeBrowser& browser = Browser();
@@ -76,67 +79,54 @@ inline NPError Request(const char* url, const char* target, void* data, bool pos
   browser.answers.pop_front();
   return answer;
 }
-inline NPError GetURL(NPP, const char* url, const char* target) {
-  return Request(url, target, nullptr, false, nullptr, 0, false);
-}
-inline NPError GetURLNotify(NPP, const char* url, const char* target, void* data) {
-  return Request(url, target, data, false, nullptr, 0, false);
-}
-inline NPError PostURL(NPP, const char* url, const char* target, uint32_t len, const char* buf, NPBool file) {
-  return Request(url, target, nullptr, true, buf, len, file);
-}
-inline NPError PostURLNotify(NPP, const char* url, const char* target, uint32_t len, const char* buf, NPBool file,
-                             void* data) {
-  return Request(url, target, data, true, buf, len, file);
-}
-inline void Call(const std::string& name) {
-  Note([&] { Browser().calls.push_back(name); });
-}
-inline NPError NewStream(NPP, NPMIMEType, const char*, NPStream**) { return Call("newstream"), NPERR_NO_ERROR; }
-inline int32_t Write(NPP, NPStream*, int32_t len, void*) { return Call("write"), len; }
-inline NPError DestroyStream(NPP, NPStream*, NPReason) { return Call("destroystream"), NPERR_NO_ERROR; }
-inline void Status(NPP, const char* message) { Call(std::string("status ") + (message ? message : "")); }
-inline void* MemAlloc(uint32_t size) {
-  if (Browser().failMemAlloc) return nullptr;
-  ++Browser().liveAllocations;
-  return std::calloc(1, size);
-}
-inline void MemFree(void* pointer) {
-  if (pointer != nullptr) --Browser().liveAllocations;
-  std::free(pointer);
-}
-inline NPError GetValue(NPP, NPNVariable variable, void* value) {
-  FakeBrowser& browser = Browser();
-  Note([&] { browser.valuesAsked.push_back(variable); });
-  if (browser.getValueResult != NPERR_NO_ERROR) return browser.getValueResult;
-  const auto found = browser.supports.find(variable);
-  *static_cast<NPBool*>(value) = found != browser.supports.end() && found->second;
-  return NPERR_NO_ERROR;
-}
-inline NPError SetValue(NPP, NPPVariable variable, void* value) {
-  Note([&] { Browser().valuesSet.emplace_back(variable, reinterpret_cast<intptr_t>(value)); });
-  return Browser().setValueResult;
-}
 }  // namespace calls
 
 // A full table of NPAPI version `version` calling into Browser(); forgets earlier calls.
 inline NPNetscapeFuncs BrowserTable(uint16_t version = 27) {
   Browser() = FakeBrowser();
   NPNetscapeFuncs table = {};
+  using calls::Note;
+  using calls::Request;
   table.size = sizeof table;
   table.version = version;
-  table.geturl = calls::GetURL;
-  table.posturl = calls::PostURL;
-  table.newstream = calls::NewStream;
-  table.write = calls::Write;
-  table.destroystream = calls::DestroyStream;
-  table.status = calls::Status;
-  table.memalloc = calls::MemAlloc;
-  table.memfree = calls::MemFree;
-  table.geturlnotify = calls::GetURLNotify;
-  table.posturlnotify = calls::PostURLNotify;
-  table.getvalue = calls::GetValue;
-  table.setvalue = calls::SetValue;
+  table.geturl = [](NPP, const char* url, const char* target) {
+    return Request(url, target, nullptr, false, nullptr, 0, false);
+  };
+  table.geturlnotify = [](NPP, const char* url, const char* target, void* data) {
+    return Request(url, target, data, false, nullptr, 0, false);
+  };
+  table.posturl = [](NPP, const char* url, const char* target, uint32_t len, const char* buf, NPBool file) {
+    return Request(url, target, nullptr, true, buf, len, file);
+  };
+  table.posturlnotify = [](NPP, const char* url, const char* target, uint32_t len, const char* buf, NPBool file,
+                           void* data) { return Request(url, target, data, true, buf, len, file); };
+  table.newstream = [](NPP, NPMIMEType, const char*, NPStream**) { return Note("newstream"), NPError(0); };
+  table.write = [](NPP, NPStream*, int32_t len, void*) { return Note("write"), len; };
+  table.destroystream = [](NPP, NPStream*, NPReason) { return Note("destroystream"), NPError(0); };
+  table.status = [](NPP, const char* message) {
+    Note([message] { Browser().calls.push_back(std::string("status ") + (message ? message : "")); });
+  };
+  table.memalloc = [](uint32_t size) -> void* {
+    if (Browser().failMemAlloc) return nullptr;
+    ++Browser().liveAllocations;
+    return std::calloc(1, size);
+  };
+  table.memfree = [](void* pointer) {
+    Browser().liveAllocations -= pointer != nullptr;
+    std::free(pointer);
+  };
+  table.getvalue = [](NPP, NPNVariable variable, void* value) {
+    FakeBrowser& browser = Browser();
+    Note([&] { browser.valuesAsked.push_back(variable); });
+    if (browser.getValueResult != NPERR_NO_ERROR) return browser.getValueResult;
+    const auto found = browser.supports.find(variable);
+    *static_cast<NPBool*>(value) = found != browser.supports.end() && found->second;
+    return NPError(NPERR_NO_ERROR);
+  };
+  table.setvalue = [](NPP, NPPVariable variable, void* value) {
+    Note([&] { Browser().valuesSet.emplace_back(variable, reinterpret_cast<intptr_t>(value)); });
+    return Browser().setValueResult;
+  };
   return table;
 }
 
@@ -149,29 +139,26 @@ inline void InstallFakeBrowser(uint16_t version = 27) {
 // Embed parameters as the browser hands them to NPP_New (a null value stays null).
 class EmbedArgs {
  public:
+  EmbedArgs() = default;
   EmbedArgs(std::initializer_list<std::pair<const char*, const char*>> pairs) {
     for (const auto& pair : pairs) Add(pair.first, pair.second);
   }
-  void Add(const char* name, const char* value) {
-    m_names.emplace_back(name);
-    m_values.emplace_back(value ? value : "");
-    m_null.push_back(value == nullptr);
-  }
-  int16_t argc() const { return static_cast<int16_t>(m_names.size()); }
-  char** argn() {
-    m_argn.clear();
-    for (std::string& name : m_names) m_argn.push_back(&name[0]);
-    return m_argn.data();
-  }
-  char** argv() {
-    m_argv.clear();
-    for (size_t i = 0; i < m_values.size(); ++i) m_argv.push_back(m_null[i] ? nullptr : &m_values[i][0]);
-    return m_argv.data();
-  }
+  void Add(const char* name, const char* value) { m_pairs.push_back({name, value ? value : "", value == nullptr}); }
+  int16_t argc() const { return static_cast<int16_t>(m_pairs.size()); }
+  char** argn() { return Pointers(m_argn, false); }
+  char** argv() { return Pointers(m_argv, true); }
 
  private:
-  std::vector<std::string> m_names, m_values;
-  std::vector<bool> m_null;
+  struct Pair {
+    std::string name, value;
+    bool null;
+  };
+  char** Pointers(std::vector<char*>& out, bool values) {
+    out.clear();
+    for (Pair& pair : m_pairs) out.push_back(!values ? &pair.name[0] : pair.null ? nullptr : &pair.value[0]);
+    return out.data();
+  }
+  std::vector<Pair> m_pairs;
   std::vector<char*> m_argn, m_argv;
 };
 
