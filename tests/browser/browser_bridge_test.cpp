@@ -1,8 +1,6 @@
-// The plug-in in today's browsers through the bridge: headless Chromium (tests/browser/chromium_page.py)
-// and Firefox ESR (firefox_page.py) with the extension in extension/, a fresh profile whose native host
-// is the built `gpc-host --native-messaging`, and meeting pages from a loopback server. The drivers see
-// the server's access log: the pages the module sends the tab to, and the texts the page's status box
-// shows, which the page reports itself.
+// The plug-in in today's browsers through the bridge: headless Chromium and Firefox ESR with extension/
+// and the built gpc-host as native host, on meeting pages from a loopback server. The drivers watch the
+// server's log: the pages the module sends the tab to, and the status box's texts the page reports.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

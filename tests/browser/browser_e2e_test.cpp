@@ -18,12 +18,11 @@ const std::string kPackage = "/client/zrgpcext64.bundle.7z";
 
 struct Case {
   const char* name;
-  const char* site;  // where the page and its files are, with the site lock on; "" the server's own address
-  const char* root;  // "GpcUrlRoot" under the site, or a whole URL; "" none
-  bool tampered;     // the package signed over another digest
-  bool again;        // the user's data folder is the one of the case before
-  const char*
-      until;  // where the page is sent; "" it is watched for 4 s after it loaded. The done page: installed
+  const char* site;   // where the page and its files are, with the site lock on; "" the server's own address
+  const char* root;   // "GpcUrlRoot" under the site, or a whole URL; "" none
+  bool tampered;      // the package signed over another digest
+  bool again;         // the user's data folder is the one of the case before
+  const char* until;  // where the page is sent ("" none: watched 4 s); to the done page: installed there
   const char* shown;  // what the page's last URL then holds
   int downloads;      // the package's requests
 };

@@ -42,14 +42,13 @@ inline std::string MeetingPage(const PageParams& params, Markup markup, const st
           "</script>",
       "<iframe src=\"" + name + "-inner.html\" width=\"400\" height=\"260\"></iframe>"};
   return "<html><head><title>meeting</title></head><body><p>Meeting</p>" + body[static_cast<int>(markup)] +
-         "<script>var shown = null; new MutationObserver(function () {"
+         "<script>var shown; new MutationObserver(function () {"
          "  var box = document.querySelector('[data-talvo-gpc-status]');"
-         "  if (!box || box.textContent === shown) return;"
-         "  shown = box.textContent; var text = encodeURIComponent(shown);"
-         "  navigator.sendBeacon('/status?' + text);"
+         "  var text = box && encodeURIComponent(box.textContent);"
+         "  if (!box || text === shown) return; shown = text; navigator.sendBeacon('/status?' + text);"
          "  if (location.hash.length > 1 && text.indexOf(location.hash.substring(1)) === 0) window.close();"
-         "}).observe(document, {childList: true, subtree: true, characterData: "
-         "true});</script></body></html>";
+         "}).observe(document, {childList: true, subtree: true, characterData: true});</script>"
+         "</body></html>";
 }
 
 // The sample extension made version 2.0.0.7, packed and signed by gpc-pack, served over https.
@@ -64,13 +63,12 @@ struct Site {
   Site() {
     const std::string dir = folder.path();
     mkdir((dir + "/pki").c_str(), 0700);
-    mkdir((dir + "/out").c_str(), 0700);
     signer = std::make_unique<gpctest::PackageSigner>(dir + "/pki");
     // PackExtension leaves its copy of the bundle, made version 2.0.0.7, beside its archive.
     const std::string sample = std::string(GPC_BUNDLE_DIR) + "/Contents/Frameworks/zrgpcext64.bundle";
     if (!signer->ok() || !gpctest::PackExtension(sample, "2.0.0.7", dir, dir + "/unused.7z")) return;
-    params = gpctest::PackWithTheTool(*signer, dir + "/zrgpcext64.bundle", dir + "/out");
-    package = gpctest::ReadFile(dir + "/out/zrgpcext64.bundle.7z");
+    params = gpctest::PackWithTheTool(*signer, dir + "/zrgpcext64.bundle", dir);
+    package = gpctest::ReadFile(dir + "/zrgpcext64.bundle.7z");
     ok = !params.empty() && !package.empty() && server.Start() &&
          server.AddFile("client/zrgpcext64.bundle.7z", package) &&
          server.AddFile("files/readme.txt", "hello");
@@ -101,8 +99,7 @@ struct Site {
 // What a browser driver reported, a JSON line each, and all it printed (for failure messages).
 struct DriverRun {
   int exitCode = -1;
-  std::string output;
-  std::string endUrl;             // the "end" report's
+  std::string output, endUrl;     // endUrl: the "end" report's
   std::vector<std::string> left;  // the "left" reports
 };
 

@@ -15,8 +15,9 @@ from driver_support import BRIDGE_OPTIONS, arguments, install_host, run_bridge_b
 PREFS = {"xpinstall.signatures.required": False, "extensions.autoDisableScopes": 0,
          "extensions.enabledScopes": 15, "extensions.update.enabled": False, "app.update.enabled": False,
          "browser.shell.checkDefaultBrowser": False, "browser.startup.homepage_override.mstone": "ignore",
-         "datareporting.policy.dataSubmissionEnabled": False, "toolkit.telemetry.reportingpolicy.firstRun": False,
-         "security.OCSP.enabled": 0, "network.trr.mode": 5, "dom.security.https_first": False}
+         "datareporting.policy.dataSubmissionEnabled": False, "security.OCSP.enabled": 0,
+         "toolkit.telemetry.reportingpolicy.firstRun": False, "network.trr.mode": 5,
+         "dom.security.https_first": False}
 
 
 def make_profile(args):
@@ -40,5 +41,5 @@ if __name__ == "__main__":
     args = arguments(firefox="/usr/bin/firefox-esr", profile="", authority="", **BRIDGE_OPTIONS)
     if not make_profile(args):
         sys.exit(2)
-    sys.exit(run_bridge_browser([args.firefox, "--headless", "--no-remote", "--profile", args.profile, args.url],
-                                args))
+    argv = [args.firefox, "--headless", "--no-remote", "--profile", args.profile, args.url]
+    sys.exit(run_bridge_browser(argv, args))
