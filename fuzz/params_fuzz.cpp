@@ -3,7 +3,7 @@
 //
 // Input: lines of "name=value" (a line without "=" is a name whose value is NULL). The lines up to
 // a line "--" are the page's; those after it are set one by one through SetParameter. Every
-// stored parameter must then read back as set.
+// stored parameter must then read back as set, and indexed access must end at the count.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -13,54 +13,28 @@
 
 namespace {
 
-constexpr size_t kMostParameters = 256;
-
 fuzz::PluginHarness* g_harness = nullptr;
+size_t g_sink = 0;
 
+// A line as C strings, as the browser and an extension hand them: each ends at its first NUL.
 struct Pair {
-  std::string name;
-  std::string value;
+  std::string name, value;
   bool hasValue;
 };
-
-Pair ParsePair(const std::string& line) {
-  size_t equals = line.find('=');
-  if (equals == std::string::npos) return {line, std::string(), false};
-  return {line.substr(0, equals), line.substr(equals + 1), true};
-}
-
-// The parameter file goes to a folder named by the product version: a version that climbs out
-// of the data folder would write outside the fuzzer's scratch folder (reported separately).
-bool ClimbsOutOfTheDataFolder(const std::vector<Pair>& page) {
-  for (const Pair& pair : page) {
-    if (GpcNamesEqual(pair.name.c_str(), "gpcproductversion")) {
-      return pair.hasValue && strstr(pair.value.c_str(), "..") != nullptr;
-    }
-  }
-  return false;
-}
-
-void CheckReadsBack(CGpcWindow* window, const Pair& pair, bool accepted) {
-  if (!accepted || pair.name.empty() || pair.value.empty()) return;
-  const char* name = pair.name.c_str();
-  const char* stored = window->m_serviceTable.GpcGetParam(window, name);
-  if (stored == nullptr) fuzz::Fail("parameter %s was accepted but reads back as none", name);
-  // The URL root is stored as corrected (http becomes https); everything else as given.
-  if (GpcNamesEqual(name, "GpcUrlRoot")) return;
-  if (strcmp(stored, pair.value.c_str()) != 0) fuzz::Fail("parameter %s reads back as %s", name, stored);
+Pair Split(const std::string& line) {
+  const size_t equals = line.find('=');
+  const std::string value = equals == std::string::npos ? "" : line.substr(equals + 1);
+  return {line.substr(0, equals).c_str(), value.c_str(), equals != std::string::npos};
 }
 
 void CheckIndexedAccess(CGpcWindow* window) {
   const int count = window->m_serviceTable.GpcGetParamCount(window);
-  for (int i = 0; i < count; ++i) {
-    const char* name = nullptr;
-    const char* value = nullptr;
-    if (!window->GetParameterAt(i, &name, &value)) fuzz::Fail("parameter %d of %d is missing", i, count);
-    if (name != nullptr) (void)strlen(name);
-    if (value != nullptr) (void)strlen(value);
-  }
   const char* name = nullptr;
   const char* value = nullptr;
+  for (int i = 0; i < count; ++i) {
+    if (!window->GetParameterAt(i, &name, &value)) fuzz::Fail("parameter %d of %d is missing", i, count);
+    g_sink += (name ? strlen(name) : 0) + (value ? strlen(value) : 0);
+  }
   if (window->GetParameterAt(count, &name, &value)) fuzz::Fail("a parameter past the last one exists");
 }
 
@@ -72,37 +46,39 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::vector<Pair> page, later;
+  gpctest::EmbedArgs page;
+  std::vector<Pair> later;
   bool afterSeparator = false;
   for (const std::string& line : fuzz::SplitLines(fuzz::AsText(data, size))) {
     if (!afterSeparator && line == "--") {
       afterSeparator = true;
-      continue;
+    } else if (afterSeparator) {
+      if (later.size() < 256) later.push_back(Split(line));
+    } else if (page.argc() < 256) {
+      const Pair pair = Split(line);
+      // The parameter file goes to a folder named by the product version: one that climbs out of
+      // the data folder would write outside the scratch folder (reported separately).
+      if (GpcNamesEqual(pair.name.c_str(), "gpcproductversion") && pair.value.find("..") != std::string::npos) {
+        return -1;
+      }
+      page.Add(pair.name.c_str(), pair.hasValue ? pair.value.c_str() : nullptr);
     }
-    std::vector<Pair>& list = afterSeparator ? later : page;
-    if (list.size() < kMostParameters) list.push_back(ParsePair(line));
   }
-  if (ClimbsOutOfTheDataFolder(page)) return -1;
-
-  // The browser hands C strings over: each ends at its first NUL.
-  std::vector<char*> argn, argv;
-  for (Pair& pair : page) {
-    argn.push_back(&pair.name[0]);
-    argv.push_back(pair.hasValue ? &pair.value[0] : nullptr);
-  }
-
   g_harness->BeginRun();
   NPP_t npp{};
-  const NPError created = g_harness->New(&npp, static_cast<int16_t>(page.size()), argn.data(), argv.data());
-  if (created == NPERR_NO_ERROR) {
+  if (g_harness->New(&npp, page) == NPERR_NO_ERROR) {
     CGpcWindow* window = fuzz::PluginHarness::WindowOf(&npp);
     if (window == nullptr) fuzz::Fail("NPP_New succeeded without an instance");
     CheckIndexedAccess(window);
-    for (Pair& pair : later) {
-      // Again as C strings, as an extension passes them.
-      Pair given{pair.name.c_str(), pair.value.c_str(), pair.hasValue};
-      const bool accepted = window->SetParameter(given.name.c_str(), given.hasValue ? given.value.c_str() : nullptr);
-      CheckReadsBack(window, given, accepted);
+    for (const Pair& pair : later) {
+      const char* name = pair.name.c_str();
+      if (!window->SetParameter(name, pair.hasValue ? pair.value.c_str() : nullptr) || pair.value.empty()) continue;
+      const char* stored = window->m_serviceTable.GpcGetParam(window, name);
+      if (!pair.name.empty() && stored == nullptr) fuzz::Fail("parameter %s was accepted but reads back as none", name);
+      // The URL root is stored as corrected (http becomes https); everything else as given.
+      if (!pair.name.empty() && !GpcNamesEqual(name, "GpcUrlRoot") && pair.value != stored) {
+        fuzz::Fail("parameter %s reads back as %s", name, stored);
+      }
     }
     CheckIndexedAccess(window);
   } else if (npp.pdata != nullptr) {
