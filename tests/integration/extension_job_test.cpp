@@ -25,6 +25,7 @@ using gpctest::PageParams;
 
 const std::string kSampleBundle = std::string(GPC_BUNDLE_DIR) + "/Contents/Frameworks/zrgpcext64.bundle";
 constexpr char kRan[] = "/page/done?fetched=2&failed=0&unpacked=1";
+constexpr char k107[] = "Error%20%5B107%5D";
 constexpr char kInitialized[] = "CGpcWindow::InitExtension,Initialize GPC extension,return value =0";
 
 enum class Source {
@@ -171,6 +172,9 @@ TEST_P(ExtensionJob, EndsAsSpecifiedAndLeavesNothingHalfWritten) {
   EXPECT_NE(Navigation(run).find(c.outcome), std::string::npos) << Navigation(run);
   EXPECT_EQ(InstalledVersion(), c.installed);
   EXPECT_EQ(trace.find(kInitialized) != std::string::npos, std::string(c.outcome) == kRan);
+  // A refused or failed download halts the instance: no extension is even looked for.
+  EXPECT_EQ(trace.find("CGpcWindow::InitExtension") != std::string::npos,
+            std::string(c.outcome) == kRan || std::string(c.outcome) == k107);
   EXPECT_TRUE(c.source != Source::kInstalled || trace.find("GpcGetFileNotify") == std::string::npos);
   EXPECT_EQ(gpctest::ShellOutput("ls /tmp | grep -c '^gpc-host-' || true"), "0\n");
 }
@@ -208,7 +212,7 @@ INSTANTIATE_TEST_SUITE_P(
         FaultCase{"EntryTooLarge", Source::kMade, "head -c 3000000 /dev/zero > Contents/zeros", nullptr, 0, kRan, ""},
         FaultCase{"NoEntryPoints", Source::kMade,
                   "for f in Contents/MacOS/*; do cp '" GPC_BUNDLE_DIR "/Contents/Frameworks/lib7zip.so' \"$f\"; done",
-                  nullptr, 0, "Error%20%5B107%5D", "2.0.0.7"}),
+                  nullptr, 0, k107, "2.0.0.7"}),
     [](const ::testing::TestParamInfo<FaultCase>& info) { return info.param.name; });
 
 }  // namespace
