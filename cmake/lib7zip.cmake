@@ -4,7 +4,7 @@
 # It makes its folders with the platform's folder code (plain libc), compiled in.
 add_library(gpc7zip SHARED ${GPC_SRC}/lib7zip/lib7zip.cpp ${GPC_SRC}/platform/folders_linux.cpp)
 set_target_properties(gpc7zip PROPERTIES OUTPUT_NAME 7zip LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
-target_include_directories(gpc7zip PUBLIC ${GPC_SRC}/lib7zip ${GPC_SRC})
+target_include_directories(gpc7zip PUBLIC ${GPC_SRC})
 target_link_libraries(gpc7zip PRIVATE PkgConfig::LIBARCHIVE)
 target_link_options(gpc7zip PRIVATE -Wl,--no-undefined)
 add_custom_command(TARGET gpc7zip POST_BUILD

@@ -1,7 +1,7 @@
 # The plug-in: its code as a static library (so that tests can link it) and the module
 # libnpgpc.so that a browser loads, assembled into the bundle build/talvo-gpc64.plugin/.
 add_library(gpcplugincore STATIC ${GPC_PLUGIN_SOURCES})
-target_include_directories(gpcplugincore PUBLIC ${GPC_SRC} ${GPC_SRC}/plugin/plugin)
+target_include_directories(gpcplugincore PUBLIC ${GPC_SRC})
 target_link_libraries(gpcplugincore PUBLIC gpccommon)
 
 add_library(npgpc SHARED ${GPC_SRC}/plugin/plugin/module_anchor.c)

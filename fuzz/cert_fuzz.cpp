@@ -11,12 +11,12 @@
 #include <algorithm>
 #include <string>
 
-#include "CertificateUtil.h"
-#include "CryptoWrapper.h"
+#include "common/CertificateUtil.h"
+#include "common/CryptoWrapper.h"
 #include "fuzz_support.h"
 #include "fuzz_trace.h"
-#include "hardening.h"
-#include "packagecheck.h"
+#include "common/hardening.h"
+#include "common/packagecheck.h"
 
 // Failed signatures are written to the system log; a fuzzer must not flood it.
 extern "C" void syslog(int, const char*, ...) {}

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "fuzz_support.h"
-#include "tlvtrace/tlvtrace_testing.h"
+#include "common/tlvtrace/tlvtrace_testing.h"
 
 namespace fuzz {
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "NSString+Hex.h"
+#include "common/NSString+Hex.h"
 #include "fuzz_support.h"
 #include "fuzz_trace.h"
 

@@ -7,7 +7,7 @@
 
 #include "fuzz_support.h"
 #include "fuzz_trace.h"
-#include "gpcutil.h"
+#include "common/gpcutil.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "fuzz_support.h"
-#include "lib7zip.h"
+#include "lib7zip/lib7zip.h"
 
 namespace fs = std::filesystem;
 

@@ -6,8 +6,8 @@
 
 #include "fuzz_support.h"
 #include "fuzz_trace.h"
-#include "hardening.h"
-#include "sitelock/sitelock.h"
+#include "common/hardening.h"
+#include "common/sitelock/sitelock.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include "fuzz_support.h"
 #include "fuzz_trace.h"
-#include "versionfordylib.h"
+#include "common/versionfordylib.h"
 
 namespace {
 

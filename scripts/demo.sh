@@ -86,28 +86,13 @@ say "package $(stat -c %s "$package") bytes, version $version, sha256 $digest"
 say "gpc-pack verify, as the plug-in will check it: $("$build/bin/gpc-pack" verify --package "$package" --params "$work/package.json" 2>&1)"
 echo "hello from the meeting service" > "$work/site/files/welcome.txt"
 
-# The https server: the site folder, with a log of each request.
-python3 - "$work" <<'EOF' &
-import http.server, os, ssl, sys, functools
-work = sys.argv[1]
-class Logged(http.server.SimpleHTTPRequestHandler):
-    def log_message(self, fmt, *args):
-        with open(os.path.join(work, "server.log"), "a") as log:
-            log.write("%s\n" % (fmt % args))
-handler = functools.partial(Logged, directory=os.path.join(work, "site"))
-server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
-server.daemon_threads = True
-context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-context.load_cert_chain(os.path.join(work, "pki/tls.pem"), os.path.join(work, "pki/tls.key"))
-server.socket = context.wrap_socket(server.socket, server_side=True)
-with open(os.path.join(work, "port.tmp"), "w") as f:
-    f.write(str(server.server_address[1]))
-os.rename(os.path.join(work, "port.tmp"), os.path.join(work, "port"))
-server.serve_forever()
-EOF
+# The https server (the tests' loopback server): the site folder, with a log of each request.
+python3 tests/support/loopback_server.py --root "$work/site" --certificate "$work/pki/tls.pem" \
+  --key "$work/pki/tls.key" --log "$work/server.log" --port-file "$work/ports" 2>>"$work/server.err" &
 pids+=($!)
-for _ in $(seq 200); do [ -s "$work/port" ] && break; sleep 0.05; done
-[ -s "$work/port" ] || { echo "demo: the https server did not start" >&2; exit 1; }
+for _ in $(seq 200); do [ -s "$work/ports" ] && break; sleep 0.05; done
+[ -s "$work/ports" ] || { echo "demo: the https server did not start" >&2; exit 1; }
+cut -d' ' -f2 "$work/ports" >"$work/port"
 site="https://127.0.0.1:$(cat "$work/port")"
 
 # The meeting page's parameters, in the order the page gives them. The loopback server is no
@@ -254,44 +239,18 @@ if [ "$mode" = host ]; then
   done_url=$(grep '"event":"navigate"' "$work/events.jsonl" | grep -o '"url":"[^"]*/done.html?[^"]*"' |
     tail -n 1 | sed 's/^"url":"//; s/"$//') || true
 elif [ "$mode" = chromium ]; then
-  # A fresh profile whose native-messaging host is gpc-host; the manifest's "path" takes no
-  # arguments, so it names a wrapper (which drops the caller's origin the browser passes).
-  profile="$work/chromium/profile"
-  mkdir -p "$profile/NativeMessagingHosts"
-  printf '#!/bin/sh\nexec %q --native-messaging 2>>%q\n' "$build/bin/gpc-host" "$work/native-host.log" \
-    >"$work/chromium/gpc-native-host"
-  chmod 755 "$work/chromium/gpc-native-host"
-  printf '{"name": "com.vantrel.talvo.gpc", "description": "GPC plug-in host", "path": "%s", "type": "stdio",
- "allowed_origins": ["chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/"]}\n' "$work/chromium/gpc-native-host" \
-    >"$profile/NativeMessagingHosts/com.vantrel.talvo.gpc.json"
+  # A fresh profile whose native-messaging host is gpc-host (the driver writes its manifest); the
+  # page is followed through the server's request log.
   say "Chromium opens the meeting page $site/meeting.html (extension from $root/extension)"
-  { code=0
-    HOME="$work/chromium" python3 tests/browser/chromium_page.py "$site/meeting.html" \
-      --user-data-dir "$profile" --extension "$root/extension" --until "/done.html?" \
-      --timeout "$((run_ms / 1000))" --screenshot "$work/done.png" \
-      --browser-log "$work/browser.log" || code=$?
-    echo "$code" >"$work/browser.status"; } |
-    tee "$work/events.jsonl" | python3 -u -c '
-import json, sys, time
-start, shown = float(sys.argv[1]) / 1e6, None
-for line in sys.stdin:
-    try:
-        event = json.loads(line)
-    except ValueError:
-        continue
-    kind, now = event.get("t"), time.time() - start
-    if kind == "status" and event.get("text") == shown:
-        continue
-    shown = event.get("text") if kind == "status" else shown
-    words = {"extension": "Chromium: the bridge extension is up",
-             "status": "Chromium: the embed shows \"%s\"" % event.get("text"),
-             "navigated": "Chromium: opens %s" % event.get("url")}.get(kind)
-    if words:
-        print("[%3d.%02d s]   %s" % (int(now), int(now * 100) % 100, words[:200]), flush=True)
-' "$started"
-  status=$(cat "$work/browser.status")
-  done_url=$(grep '"t":"end"' "$work/events.jsonl" | grep -o '"url":"[^"]*/done.html?[^"]*"' |
+  mkdir -p "$work/chromium/profile"
+  HOME="$work/chromium" python3 tests/browser/chromium_page.py "$site/meeting.html" \
+    --user-data-dir "$work/chromium/profile" --extension "$root/extension" --access-log "$work/server.log" \
+    --until "/done.html?" --timeout "$((run_ms / 1000))" --browser-log "$work/browser.log" \
+    --host "$build/bin/gpc-host" --host-pids "$work/chromium/host.pids" >"$work/events.jsonl" || status=$?
+  done_url=$(grep '"event":"end"' "$work/events.jsonl" | grep -o '"url":"[^"]*/done.html?[^"]*"' |
     tail -n 1 | sed 's/^"url":"//; s/"$//') || true
+  [ -n "$done_url" ] && done_url="$site$done_url"
+  say "Chromium: the page went on to ${done_url:-nowhere}"
 else
   say "QtWebKit opens the meeting page $site/meeting.html (plug-ins from $plugin_dir)"
   { code=0
@@ -322,16 +281,11 @@ if [ "$mode" = browser ] && [ -s "$work/done.png" ]; then
   cp "$work/done.png" "$build/demo/done.png"
   say "screenshot of the page: $build/demo/done.png"
 fi
-if [ "$mode" = chromium ] && [ -s "$work/done.png" ]; then
-  mkdir -p "$build/demo"
-  cp "$work/done.png" "$build/demo/chromium-done.png"
-  say "screenshot of the page: $build/demo/chromium-done.png"
-fi
 
 if [ "$status" -ne 0 ] || [ -z "$done_url" ]; then
   echo "demo: the extension did not run ($mode exit status $status)" >&2
   if [ "$mode" = browser ]; then tail -n 5 "$work/browser.log" >&2; fi
-  if [ "$mode" = chromium ]; then tail -n 5 "$work/native-host.log" >&2 2>/dev/null || true; fi
+  if [ "$mode" = chromium ]; then tail -n 5 "$work/browser.log" >&2 2>/dev/null || true; fi
   exit 1
 fi
 say "the extension ran"

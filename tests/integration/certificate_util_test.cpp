@@ -5,10 +5,10 @@
 #include <memory>
 #include <tuple>
 
-#include "CertificateUtil.h"
-#include "CryptoWrapper.h"
-#include "hardening.h"
-#include "packagecheck.h"
+#include "common/CertificateUtil.h"
+#include "common/CryptoWrapper.h"
+#include "common/hardening.h"
+#include "common/packagecheck.h"
 #include "platform/clock.h"
 #include "platform/trust_panel.h"
 #include "scoped_env.h"

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "NSString+Hex.h"
+#include "common/NSString+Hex.h"
 #include "security_test_tools.h"
 
 TEST(LargeFileDigest, HundredMegabytesAgreeWithTheTool) {

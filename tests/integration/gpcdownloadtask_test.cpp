@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "gpcdownloadtask.h"
-#include "gpctimerproxy.h"
+#include "common/gpcdownloadtask.h"
+#include "common/gpctimerproxy.h"
 #include "http_test_server.h"
 #include "main_loop.h"
 #include "platform/clock.h"

@@ -7,9 +7,9 @@
 #include <string>
 #include <tuple>
 
-#include "gpcnetworkhttp.h"
-#include "gpctimerproxy.h"
-#include "hardening.h"
+#include "common/gpcnetworkhttp.h"
+#include "common/gpctimerproxy.h"
+#include "common/hardening.h"
 #include "http_test_server.h"
 #include "main_loop.h"
 #include "scoped_env.h"

@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "http_test_server.h"
-#include "tlvtrace/tlvtrace_testing.h"
-#include "tlvtrace/tlvtraceu.h"
+#include "common/tlvtrace/tlvtrace_testing.h"
+#include "common/tlvtrace/tlvtraceu.h"
 #include "tvt_reader.h"
 
 namespace {

@@ -9,12 +9,18 @@
 #include <string>
 #include <vector>
 
-#include "../unit/window_fake_browser.h"
+#include "common/gpctracecatcher.h"
+#include "fake_browser.h"
+#include "plugin/plugin/npgpcimp.h"
 #include "http_test_server.h"
 #include "main_loop.h"
 #include "trace_capture.h"
 
-using namespace window_test;
+using gpctest::Browser;
+using gpctest::BusySlots;
+using gpctest::UrlRequest;
+using Environment = gpctest::BrowserEnvironment;
+using PageParams = gpctest::EmbedArgs;
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "gpctracecatcher.h"
+#include "common/gpctracecatcher.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "trace_capture.h"
 
@@ -41,6 +41,12 @@ int LogCount(const std::string& fragment) {
   int count = 0;
   for (const CapturedTrace& trace : CapturedTracesSnapshot()) count += trace.text.find(fragment) != std::string::npos;
   return count;
+}
+
+int BusySlots(const CGpcWindow* window) {
+  int busy = 0;
+  for (const GpcDownloadSlot& slot : window->m_downloadSlots) busy += slot.task != nullptr;
+  return busy;
 }
 
 }  // namespace gpctest

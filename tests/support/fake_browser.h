@@ -182,5 +182,7 @@ class BrowserEnvironment {
 
 // How many log lines posted since the last ClearCapturedTraces() hold `fragment`.
 int LogCount(const std::string& fragment);
+// How many of the instance's five download slots hold a task.
+int BusySlots(const CGpcWindow* window);
 
 }  // namespace gpctest

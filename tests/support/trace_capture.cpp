@@ -1,6 +1,6 @@
 #include "trace_capture.h"
 
-#include "gpcnotification.h"
+#include "common/gpcnotification.h"
 
 namespace {
 std::mutex g_mutex;

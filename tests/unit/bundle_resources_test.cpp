@@ -5,7 +5,7 @@
 #include <plist/plist.h>
 #include <set>
 
-#include "localizedname.h"
+#include "common/localizedname.h"
 #include "platform/bundle.h"
 
 namespace {

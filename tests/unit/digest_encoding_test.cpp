@@ -6,8 +6,8 @@
 #include <cstring>
 #include <string>
 
-#include "CryptoWrapper.h"
-#include "NSString+Hex.h"
+#include "common/CryptoWrapper.h"
+#include "common/NSString+Hex.h"
 #include "security_test_tools.h"
 
 namespace {

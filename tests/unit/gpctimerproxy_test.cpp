@@ -4,7 +4,7 @@
 #include <cmath>
 #include <functional>
 
-#include "gpctimerproxy.h"
+#include "common/gpctimerproxy.h"
 #include "main_loop.h"
 
 namespace {

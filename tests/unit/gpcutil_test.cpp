@@ -7,7 +7,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "gpcutil.h"
+#include "common/gpcutil.h"
 #include "platform/clock.h"
 #include "scoped_env.h"
 #include "trace_capture.h"

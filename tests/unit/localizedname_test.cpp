@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "localizedname.h"
+#include "common/localizedname.h"
 
 TEST(LocalizedName, LanguageIdsOneToTwentyAndEnglishForTheRest) {
   const char* names[] = {"English", "English", "zh_CN", "zh_TW", "Japanese", "ko", "French", "French", "German",

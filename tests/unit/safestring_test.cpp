@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "safe_lib.h"
+#include "safestring/safe_lib.h"
 
 namespace {
 

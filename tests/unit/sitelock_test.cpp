@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "hardening.h"
-#include "sitelock/sitelock.h"
+#include "common/hardening.h"
+#include "common/sitelock/sitelock.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <set>
 
-#include "gpctimereporter.h"
+#include "common/gpctimereporter.h"
 #include "http_test_server.h"
 #include "platform/clock.h"
 #include "platform/folders.h"

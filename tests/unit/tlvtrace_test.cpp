@@ -10,8 +10,8 @@
 #include "platform/clock.h"
 #include "http_test_server.h"
 #include "scoped_env.h"
-#include "tlvtrace/tlvtrace_testing.h"
-#include "tlvtrace/tlvtraceu.h"
+#include "common/tlvtrace/tlvtrace_testing.h"
+#include "common/tlvtrace/tlvtraceu.h"
 #include "tvt_reader.h"
 
 namespace {

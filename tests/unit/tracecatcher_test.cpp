@@ -5,13 +5,13 @@
 #include <thread>
 
 #include "gpc/gpc_trace.h"
-#include "gpcnotification.h"
-#include "gpctracecatcher.h"
+#include "common/gpcnotification.h"
+#include "common/gpctracecatcher.h"
 #include "http_test_server.h"
-#include "tlvtrace/tlvtrace_testing.h"
-#include "trace.h"
+#include "common/tlvtrace/tlvtrace_testing.h"
+#include "common/trace.h"
 #include "tvt_reader.h"
-#include "urlencode.h"
+#include "common/urlencode.h"
 
 namespace {
 

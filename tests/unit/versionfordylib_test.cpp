@@ -4,9 +4,9 @@
 #include <dirent.h>
 #include <plist/plist.h>
 
-#include "gpcutil.h"
+#include "common/gpcutil.h"
 #include "util_test_folder.h"
-#include "versionfordylib.h"
+#include "common/versionfordylib.h"
 
 namespace {
 

@@ -15,8 +15,8 @@
 
 #include "extension_package.h"
 #include "fake_browser.h"
-#include "gpcutil.h"
-#include "hardening.h"
+#include "common/gpcutil.h"
+#include "common/hardening.h"
 #include "http_test_server.h"
 #include "platform/bundle.h"
 #include "platform/clock.h"

@@ -9,14 +9,20 @@
 #include <string>
 #include <vector>
 
-#include "gpcutil.h"
+#include "common/gpcnotification.h"
+#include "common/gpcutil.h"
 #include "http_test_server.h"
 #include "main_loop.h"
-#include "window_fake_browser.h"
+#include "fake_browser.h"
+#include "plugin/plugin/npgpcimp.h"
 
 namespace {
 
-using namespace window_test;
+using gpctest::Browser;
+using gpctest::BusySlots;
+using gpctest::UrlRequest;
+using Environment = gpctest::BrowserEnvironment;
+using PageParams = gpctest::EmbedArgs;
 
 // What a requester was told: "progress N", "complete <content of the file>" or "complete null".
 struct Requester {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "fake_browser.h"
-#include "gpcutil.h"
+#include "common/gpcutil.h"
 #include "http_test_server.h"
 #include "platform/clock.h"
 #include "platform/folders.h"

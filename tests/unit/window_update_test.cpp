@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "fake_browser.h"
-#include "gpctimereporter.h"
-#include "hardening.h"
+#include "common/gpctimereporter.h"
+#include "common/hardening.h"
 #include "http_test_server.h"
 #include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
