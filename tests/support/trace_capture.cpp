@@ -1,13 +1,16 @@
 #include "trace_capture.h"
 
+#include <mutex>
+
 #include "common/gpcnotification.h"
 
 namespace {
+
 std::mutex g_mutex;
 auto* g_traces = new std::vector<CapturedTrace>;  // never freed: entries may arrive during exit
-}  // namespace
 
-void StartTraceCapture() {
+// Starts listening on first use; the lock is held on return.
+std::unique_lock<std::mutex> Lock() {
   static const auto observer = gpc::GPCNotificationCenter::defaultCenter().addObserver(
       "TRACENOTIFICATIONNotification", [](const gpc::GPCNotification& note) {
         const auto level = note.userInfo ? note.userInfo->GetNumber("Levelkey") : std::nullopt;
@@ -16,17 +19,18 @@ void StartTraceCapture() {
         if (level && text) g_traces->push_back({static_cast<int>(*level), *text});
       });
   (void)observer;
+  return std::unique_lock<std::mutex>(g_mutex);
 }
 
+}  // namespace
+
 std::vector<CapturedTrace> CapturedTracesSnapshot() {
-  StartTraceCapture();
-  std::lock_guard<std::mutex> lock(g_mutex);
+  const auto lock = Lock();
   return *g_traces;
 }
 
 void ClearCapturedTraces() {
-  StartTraceCapture();
-  std::lock_guard<std::mutex> lock(g_mutex);
+  const auto lock = Lock();
   g_traces->clear();
 }
 

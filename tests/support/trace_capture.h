@@ -1,8 +1,7 @@
-// Collects the trace entries this process posts, as the trace catcher sees them, so that tests can
-// check which log lines a call produced.
+// The trace entries this process posts, as the trace catcher sees them, so that tests can check
+// which log lines a call produced. Capture starts on first use and lasts for the program's life.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -11,8 +10,6 @@ struct CapturedTrace {
   std::string text;
 };
 
-// Each of these starts listening on first use; it lasts for the life of the program.
-void StartTraceCapture();
 std::vector<CapturedTrace> CapturedTracesSnapshot();
 void ClearCapturedTraces();
 bool TraceContains(int level, const std::string& fragment);
