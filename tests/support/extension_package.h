@@ -10,10 +10,9 @@ namespace gpctest {
 
 typedef std::vector<std::pair<std::string, std::string>> PageParams;
 
-// A root certificate and signing certificates issued by it, in a folder of their own.
+// A root certificate and the signer "vendor" ("/O=Vantrel/CN=gpc.signer.talvo.us") it issued, in `folder`.
 class PackageSigner {
  public:
-  // Makes the root and the signer "vendor" ("/O=Vantrel/CN=gpc.signer.talvo.us"); ok() when it worked.
   explicit PackageSigner(const std::string& folder);
   bool ok() const { return ok_; }
   // Issues another signer `name` with `subject` (e.g. "/CN=x.example.com"), by the root or self-signed.
@@ -29,7 +28,6 @@ class PackageSigner {
   std::string Path(const std::string& file) const { return folder_ + "/" + file; }
 
  private:
-  bool Run(const std::string& command) const;
   std::string folder_;
   bool ok_ = false;
 };
@@ -39,7 +37,6 @@ class PackageSigner {
 bool PackExtension(const std::string& bundle, const std::string& version, const std::string& work,
                    const std::string& archive, const std::string& name = "zrgpcext64",
                    const std::string& sevenZipOptions = "-mx=1");
-
 // Packs `bundle` with gpc-pack as `signer`'s vendor into the folder `out`: the embed parameters, or none.
 PageParams PackWithTheTool(const PackageSigner& signer, const std::string& bundle, const std::string& out);
 
@@ -47,16 +44,16 @@ PageParams PackWithTheTool(const PackageSigner& signer, const std::string& bundl
 std::string DigestInfo(const std::string& digest);
 // The lower-case hex SHA-1 or SHA-256 ("sha1", "sha256") of a file, by the openssl tool; empty on failure.
 std::string FileDigest(const std::string& path, const std::string& method);
+
+struct ToolRun {  // what a program run by RunTool did
+  int exitCode = -1;  // -1 when it could not run, 128 + the signal that ended it
+  std::string out, err;
+};
+// Runs `argv` (argv[0] a path or a name in PATH) without a shell, waits for it and collects both outputs.
+ToolRun RunTool(const std::vector<std::string>& argv);
 // Runs `command` through the shell and returns its standard output; `ok` tells whether it exited 0.
 std::string ShellOutput(const std::string& command, bool* ok = nullptr);
 // `text` quoted for the shell.
 std::string ShellQuote(const std::string& text);
-
-struct ToolRun {  // what a program run by RunTool did
-  int exitCode = -1;  // -1 when it could not run or did not exit normally
-  std::string out, err;
-};
-// Runs `argv` (argv[0] a path) without a shell, waits for it and collects both outputs.
-ToolRun RunTool(const std::vector<std::string>& argv);
 
 }  // namespace gpctest

@@ -1,10 +1,9 @@
-// Helpers for the digest, certificate, signature and archive tests, on top of the shared support code.
+// Scratch folders and shell steps for the digest, certificate, signature and archive tests.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "extension_package.h"
 #include "http_test_server.h"
@@ -18,25 +17,11 @@ class ScratchFolder : public gpctest::TempFolder {
   std::string operator/(const std::string& name) const { return path() + "/" + name; }
 };
 
-// Runs `command` through the shell; its standard output goes to `output` when given. True on exit 0.
-inline bool RunTool(const std::string& command, std::string* output = nullptr) {
-  bool ok = false;
-  const std::string text = gpctest::ShellOutput(command, &ok);
-  if (output != nullptr) *output = text;
-  return ok;
-}
-// Runs `command` and fails the current test when it does not succeed.
+// Runs `command` through the shell and fails the current test when it does not exit 0.
 inline void MustRun(const std::string& command) {
-  ASSERT_TRUE(RunTool(command + " 2>/dev/null")) << "command failed: " << command;
-}
-
-using gpctest::WriteFile;
-inline void WriteFile(const std::string& path, const std::vector<unsigned char>& bytes) {
-  gpctest::WriteFile(path, std::string(bytes.begin(), bytes.end()));
-}
-inline std::vector<unsigned char> ReadFile(const std::string& path) {
-  const std::string text = gpctest::ReadFile(path);
-  return std::vector<unsigned char>(text.begin(), text.end());
+  bool ok = false;
+  gpctest::ShellOutput(command, &ok);
+  ASSERT_TRUE(ok) << "command failed: " << command;
 }
 
 }  // namespace securitytest

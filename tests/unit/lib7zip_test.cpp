@@ -1,21 +1,32 @@
 // lib7zip.so through its one entry, loaded from the built bundle as the plug-in loads it, on archives
 // made by the 7z tool: what lands in the destination, what is refused, and that a refusal writes nothing.
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
+#include <vector>
 
-#include <gtest/gtest.h>
-
+#include "extension_package.h"
 #include "lib7zip/lib7zip.h"
 #include "scoped_env.h"
-#include "security_test_tools.h"
 #include "util_test_folder.h"
 
 namespace {
 
 using gpctest::ShellQuote;
-using securitytest::RunTool;
+
+bool Sh(const std::string& command) {
+  bool ok = false;
+  gpctest::ShellOutput(command, &ok);
+  return ok;
+}
+// Every name below `folder` with its kind, mode and link target.
+std::string Listing(const std::string& folder) {
+  return gpctest::ShellOutput("cd " + ShellQuote(folder) +
+                              " && find . -mindepth 1 -printf '%P %y %m %l\\n' | LC_ALL=C sort");
+}
 
 class Lib7zipTest : public ::testing::Test {
  protected:
@@ -25,23 +36,13 @@ class Lib7zipTest : public ::testing::Test {
     decompress_ = reinterpret_cast<int32_t (*)(const char*, const char*)>(dlsym(library, "GpcDecompressFile7z"));
     ASSERT_NE(decompress_, nullptr);
   }
-
   // Runs `script` in a fresh source folder, then archives `items` of it (links kept as links).
   std::string Pack(const std::string& script, const std::string& items, const std::string& options = "") {
     const std::string archive = work_ / ("a" + std::to_string(++archives_) + ".7z");
-    EXPECT_TRUE(Sh("rm -rf src && mkdir src && cd src && " + script + " && 7z a -snl " + options + " " +
-                   ShellQuote(archive) + " " + items + " >/dev/null"))
+    EXPECT_TRUE(Sh("cd " + ShellQuote(work_.path()) + " && rm -rf src && mkdir src && cd src && " + script +
+                   " && 7z a -snl " + options + " " + ShellQuote(archive) + " " + items))
         << script;
     return archive;
-  }
-  bool Sh(const std::string& command, std::string* output = nullptr) {
-    return RunTool("cd " + ShellQuote(work_.path()) + " && " + command, output);
-  }
-  // Every name below `folder` with its kind, mode and link target.
-  std::string Listing(const std::string& folder) {
-    std::string out;
-    RunTool("cd " + ShellQuote(folder) + " && find . -mindepth 1 -printf '%P %y %m %l\\n' | LC_ALL=C sort", &out);
-    return out;
   }
   int32_t Extract(const std::string& archive, const std::string& destination) {
     return decompress_(archive.c_str(), destination.c_str());
@@ -65,17 +66,15 @@ TEST_F(Lib7zipTest, ExtractsANestedBundleWithModesTimesAndLinksIntoAFolderItCrea
            "A.bundle");
   const std::string destination = out_ + "/not/yet/there";
   ASSERT_EQ(Extract(archive, destination), kGpc7zSuccess);
-
   EXPECT_EQ(Listing(destination),
             "A.bundle d 755 \nA.bundle/Contents d 755 \nA.bundle/Contents/Info.plist f 664 \n"
             "A.bundle/Contents/MacOS d 750 \nA.bundle/Contents/MacOS/run f 751 \nA.bundle/Contents/Resources d 755 \n"
             "A.bundle/Contents/Resources/R\xC3\xA9sum\xC3\xA9.strings f 644 \n"
             "A.bundle/Contents/Resources/Tool l 777 ../MacOS/run\nA.bundle/Current l 777 Contents/Info.plist\n"
             "A.bundle/Empty d 755 \n");
-  std::string seen;
-  RunTool("cd " + ShellQuote(destination) + "/A.bundle && cat Current Contents/Resources/Tool Contents/Resources/*.strings"
-          " && stat -c ' %Y' Contents/MacOS/run", &seen);
-  EXPECT_EQ(seen, "plist#!/bin/shstrings 1000000000\n");
+  EXPECT_EQ(gpctest::ShellOutput("cd " + ShellQuote(destination) + "/A.bundle && cat Current Contents/Resources/Tool "
+                                 "Contents/Resources/*.strings && stat -c ' %Y' Contents/MacOS/run"),
+            "plist#!/bin/shstrings 1000000000\n");
 }
 
 TEST_F(Lib7zipTest, ReplacesFilesThatExistWithoutWritingThroughTheirOtherNames) {
@@ -83,16 +82,12 @@ TEST_F(Lib7zipTest, ReplacesFilesThatExistWithoutWritingThroughTheirOtherNames) 
   const std::string outside = box_.Write("outside", "old");
   box_.Folder("out/A.bundle");
   ASSERT_EQ(link(outside.c_str(), (out_ + "/A.bundle/Info.plist").c_str()), 0);
-
   ASSERT_EQ(Extract(archive, out_), kGpc7zSuccess);
-  std::string texts;
-  RunTool("cat " + ShellQuote(out_ + "/A.bundle/Info.plist") + " " + ShellQuote(outside), &texts);
-  EXPECT_EQ(texts, "newold");
+  EXPECT_EQ(gpctest::ReadFile(out_ + "/A.bundle/Info.plist") + gpctest::ReadFile(outside), "newold");
 }
 
 TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
-  const std::string escape = box_ / "escape";
-  const std::string linkInOut = "mkdir -p out escape && ln -s ../escape out/ext";
+  const std::string escape = box_ / "escape", linkInOut = "mkdir -p out escape && ln -s ../escape out/ext";
   struct Case {
     const char* what;
     std::string script, items, options, rename, prepare;  // rename: "from to" inside the archive
@@ -110,12 +105,11 @@ TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    ASSERT_TRUE(RunTool("cd " + ShellQuote(box_.path()) + " && rm -rf out escape"));
+    ASSERT_TRUE(Sh("cd " + ShellQuote(box_.path()) + " && rm -rf out escape"));
     const std::string archive = Pack(c.script, c.items, c.options);
-    EXPECT_TRUE(c.rename.empty() || Sh("7z rn " + ShellQuote(archive) + " " + c.rename + " >/dev/null"));
-    EXPECT_TRUE(c.prepare.empty() || RunTool("cd " + ShellQuote(box_.path()) + " && " + c.prepare));
+    EXPECT_TRUE(c.rename.empty() || Sh("7z rn " + ShellQuote(archive) + " " + c.rename));
+    EXPECT_TRUE(c.prepare.empty() || Sh("cd " + ShellQuote(box_.path()) + " && " + c.prepare));
     const std::string before = Listing(box_.path());
-
     EXPECT_EQ(Extract(archive, out_), kGpc7zUnsafeEntry);
     EXPECT_EQ(Listing(box_.path()), before);
   }
@@ -123,32 +117,17 @@ TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
 
 TEST_F(Lib7zipTest, FailsOnBadArgumentsAndArchivesItCannotRead) {
   const std::string good = Pack("mkdir A.bundle && head -c 4000 /dev/urandom > A.bundle/Info.plist", "A.bundle");
-  const std::string g = ShellQuote(good);
-  ASSERT_TRUE(Sh("head -c $(($(stat -c %s " + g + ") / 2)) " + g + " > half.7z && head -c 32 " + g +
-                 " > signature.7z && cd src && 7z a -tzip ../a.zip A.bundle >/dev/null"));
-  const std::string file = box_.Write("file", "x");
-  const std::string half = work_ / "half.7z", signature = work_ / "signature.7z", zip = work_ / "a.zip",
-                    missing = work_ / "missing.7z";
-  struct Case {
-    const char* what;
-    const char* archive;
-    const char* destination;
-    int32_t expected;
-  } const cases[] = {
-      {"no archive", nullptr, out_.c_str(), kGpc7zBadArguments},
-      {"no destination", good.c_str(), nullptr, kGpc7zBadArguments},
-      {"an empty archive path", "", out_.c_str(), kGpc7zBadArguments},
-      {"an empty destination path", good.c_str(), "", kGpc7zBadArguments},
-      {"a missing archive", missing.c_str(), out_.c_str(), kGpc7zCannotReadArchive},
-      {"a zip archive", zip.c_str(), out_.c_str(), kGpc7zCannotReadArchive},
-      {"a 7z archive cut in half", half.c_str(), out_.c_str(), kGpc7zCannotReadArchive},
-      {"a 7z signature header alone", signature.c_str(), out_.c_str(), kGpc7zCannotReadArchive},
-      {"a destination that is a file", good.c_str(), file.c_str(), kGpc7zWriteFailed},
-  };
+  const std::string half = work_ / "half.7z", zip = work_ / "a.zip", missing = work_ / "missing.7z",
+                    file = box_.Write("file", "x");
+  ASSERT_TRUE(Sh("head -c 2000 " + ShellQuote(good) + " > " + ShellQuote(half) + " && cd " +
+                 ShellQuote(work_ / "src") + " && 7z a -tzip " + ShellQuote(zip) + " A.bundle"));
   const std::string before = Listing(box_.path());
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(decompress_(c.archive, c.destination), c.expected);
+  for (const auto& [archive, destination, expected] : std::vector<std::tuple<const char*, const char*, int32_t>>{
+           {nullptr, out_.c_str(), kGpc7zBadArguments}, {good.c_str(), "", kGpc7zBadArguments},
+           {missing.c_str(), out_.c_str(), kGpc7zCannotReadArchive},
+           {zip.c_str(), out_.c_str(), kGpc7zCannotReadArchive}, {half.c_str(), out_.c_str(), kGpc7zCannotReadArchive},
+           {good.c_str(), file.c_str(), kGpc7zWriteFailed}}) {
+    EXPECT_EQ(decompress_(archive, destination), expected) << (archive ? archive : "no archive") << " " << destination;
     EXPECT_EQ(Listing(box_.path()), before);
   }
 }
@@ -156,19 +135,13 @@ TEST_F(Lib7zipTest, FailsOnBadArgumentsAndArchivesItCannotRead) {
 TEST_F(Lib7zipTest, StopsAtTheEntryAndByteLimits) {
   // Three entries (a folder and two files) holding 1200 bytes.
   const std::string archive = Pack("mkdir d && head -c 600 /dev/zero > d/a && head -c 600 /dev/zero > d/b", "d");
-  struct Case {
-    const char* entries;
-    const char* bytes;
-    int32_t expected;
-  } const cases[] = {{"3", "1200", kGpc7zSuccess}, {"2", nullptr, kGpc7zLimitExceeded},
-                     {nullptr, "1199", kGpc7zLimitExceeded}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.entries ? c.entries : "-") + " entries, " + (c.bytes ? c.bytes : "-") + " bytes");
-    ASSERT_TRUE(RunTool("rm -rf " + ShellQuote(out_)));
-    ScopedEnv entries("GPC_7Z_MAX_ENTRIES", c.entries);
-    ScopedEnv bytes("GPC_7Z_MAX_BYTES", c.bytes);
-    EXPECT_EQ(Extract(archive, out_), c.expected);
-    EXPECT_EQ(Exists(out_ + "/d/b"), c.expected == kGpc7zSuccess);
+  for (const auto& [entries, bytes, expected] : std::vector<std::tuple<const char*, const char*, int32_t>>{
+           {"3", "1200", kGpc7zSuccess}, {"2", nullptr, kGpc7zLimitExceeded}, {nullptr, "1199", kGpc7zLimitExceeded}}) {
+    SCOPED_TRACE(std::string(entries ? entries : "-") + " entries, " + (bytes ? bytes : "-") + " bytes");
+    ASSERT_TRUE(Sh("rm -rf " + ShellQuote(out_)));
+    ScopedEnv entryLimit("GPC_7Z_MAX_ENTRIES", entries), byteLimit("GPC_7Z_MAX_BYTES", bytes);
+    EXPECT_EQ(Extract(archive, out_), expected);
+    EXPECT_EQ(Exists(out_ + "/d/b"), expected == kGpc7zSuccess);
   }
 }
 
