@@ -1,5 +1,4 @@
-// Sets (or, with a null value, removes) one environment variable for the life of the object and
-// puts back what was there before.
+// Sets (or, with a null value, removes) one environment variable for the life of the object.
 #pragma once
 #include <cstdlib>
 #include <optional>

