@@ -1,6 +1,5 @@
-// The browser as the plug-in sees it in tests, benches and fuzzers: one NPNetscapeFuncs table
-// whose functions record what the plug-in asks for and answer as the test says. The table is
-// header-only and free of GoogleTest, so programs without the test support library can use it.
+// The browser as the plug-in sees it in tests, benches and fuzzers: one NPNetscapeFuncs table that
+// records what the plug-in asks for and answers as the test says. Header-only and free of GoogleTest.
 #pragma once
 
 #include <cstdint>
@@ -32,8 +31,8 @@ struct UrlRequest {
 struct FakeBrowser {
   // What the browser saw.
   std::vector<UrlRequest> requests;
-  std::vector<std::string> calls;  // the other calls: "newstream", "write", "destroystream", "status <text>"
-  std::vector<int> valuesAsked;    // NPNVariable of every getvalue
+  int streamCalls = 0;  // newstream, write and destroystream
+  int valuesAsked = 0;  // getvalue calls
   std::vector<std::pair<int, intptr_t>> valuesSet;
   // How it answers.
   std::deque<NPError> answers;      // to the next URL requests; `otherwise` once empty
@@ -52,18 +51,15 @@ inline FakeBrowser& Browser() {
   return browser;
 }
 
+namespace calls {
 // The browser is C as far as the plug-in can tell: a record it cannot make (memory ran out) is
 // dropped, never thrown at the plug-in.
-namespace calls {
 template <typename Record>
 void Note(Record record) noexcept {
   try {
     record();
   } catch (...) {
   }
-}
-inline void Note(const char* call) {
-  Note([call] { Browser().calls.push_back(call); });
 }
 // A URL request as the browser takes it: recorded, then answered.
 inline NPError Request(const char* url, const char* target, void* data, bool post, const char* buf, uint32_t len,
@@ -85,7 +81,6 @@ inline NPError Request(const char* url, const char* target, void* data, bool pos
 inline NPNetscapeFuncs BrowserTable(uint16_t version = 27) {
   Browser() = FakeBrowser();
   NPNetscapeFuncs table = {};
-  using calls::Note;
   using calls::Request;
   table.size = sizeof table;
   table.version = version;
@@ -100,12 +95,9 @@ inline NPNetscapeFuncs BrowserTable(uint16_t version = 27) {
   };
   table.posturlnotify = [](NPP, const char* url, const char* target, uint32_t len, const char* buf, NPBool file,
                            void* data) { return Request(url, target, data, true, buf, len, file); };
-  table.newstream = [](NPP, NPMIMEType, const char*, NPStream**) { return Note("newstream"), NPError(0); };
-  table.write = [](NPP, NPStream*, int32_t len, void*) { return Note("write"), len; };
-  table.destroystream = [](NPP, NPStream*, NPReason) { return Note("destroystream"), NPError(0); };
-  table.status = [](NPP, const char* message) {
-    Note([message] { Browser().calls.push_back(std::string("status ") + (message ? message : "")); });
-  };
+  table.newstream = [](NPP, NPMIMEType, const char*, NPStream**) { return ++Browser().streamCalls, NPError(0); };
+  table.write = [](NPP, NPStream*, int32_t len, void*) { return ++Browser().streamCalls, len; };
+  table.destroystream = [](NPP, NPStream*, NPReason) { return ++Browser().streamCalls, NPError(0); };
   table.memalloc = [](uint32_t size) -> void* {
     if (Browser().failMemAlloc) return nullptr;
     ++Browser().liveAllocations;
@@ -117,14 +109,14 @@ inline NPNetscapeFuncs BrowserTable(uint16_t version = 27) {
   };
   table.getvalue = [](NPP, NPNVariable variable, void* value) {
     FakeBrowser& browser = Browser();
-    Note([&] { browser.valuesAsked.push_back(variable); });
+    ++browser.valuesAsked;
     if (browser.getValueResult != NPERR_NO_ERROR) return browser.getValueResult;
     const auto found = browser.supports.find(variable);
     *static_cast<NPBool*>(value) = found != browser.supports.end() && found->second;
     return NPError(NPERR_NO_ERROR);
   };
   table.setvalue = [](NPP, NPPVariable variable, void* value) {
-    Note([&] { Browser().valuesSet.emplace_back(variable, reinterpret_cast<intptr_t>(value)); });
+    calls::Note([&] { Browser().valuesSet.emplace_back(variable, reinterpret_cast<intptr_t>(value)); });
     return Browser().setValueResult;
   };
   return table;
@@ -139,26 +131,29 @@ inline void InstallFakeBrowser(uint16_t version = 27) {
 // Embed parameters as the browser hands them to NPP_New (a null value stays null).
 class EmbedArgs {
  public:
-  EmbedArgs() = default;
-  EmbedArgs(std::initializer_list<std::pair<const char*, const char*>> pairs) {
+  EmbedArgs(std::initializer_list<std::pair<const char*, const char*>> pairs = {}) {
     for (const auto& pair : pairs) Add(pair.first, pair.second);
   }
-  void Add(const char* name, const char* value) { m_pairs.push_back({name, value ? value : "", value == nullptr}); }
-  int16_t argc() const { return static_cast<int16_t>(m_pairs.size()); }
-  char** argn() { return Pointers(m_argn, false); }
-  char** argv() { return Pointers(m_argv, true); }
+  void Add(const char* name, const char* value) {
+    m_names.push_back(name);
+    m_values.push_back(value ? value : "");
+    m_null.push_back(value == nullptr);
+  }
+  int16_t argc() const { return static_cast<int16_t>(m_names.size()); }
+  char** argn() {
+    m_argn.clear();
+    for (std::string& name : m_names) m_argn.push_back(&name[0]);
+    return m_argn.data();
+  }
+  char** argv() {
+    m_argv.clear();
+    for (size_t i = 0; i < m_values.size(); ++i) m_argv.push_back(m_null[i] ? nullptr : &m_values[i][0]);
+    return m_argv.data();
+  }
 
  private:
-  struct Pair {
-    std::string name, value;
-    bool null;
-  };
-  char** Pointers(std::vector<char*>& out, bool values) {
-    out.clear();
-    for (Pair& pair : m_pairs) out.push_back(!values ? &pair.name[0] : pair.null ? nullptr : &pair.value[0]);
-    return out.data();
-  }
-  std::vector<Pair> m_pairs;
+  std::vector<std::string> m_names, m_values;
+  std::vector<bool> m_null;
   std::vector<char*> m_argn, m_argv;
 };
 

@@ -115,8 +115,7 @@ TEST_F(EntryPoints, TablesAreTakenOnlyAsFarAsTheyReach) {
   EXPECT_EQ(NPN_GetURL(nullptr, "http://127.0.0.1/", nullptr), NPERR_NO_ERROR);
   EXPECT_TRUE(AllBytes(&gNetscapeFuncs, reach, sizeof gNetscapeFuncs, 0));
   EXPECT_EQ(NPN_PostURL(nullptr, "http://127.0.0.1/p", nullptr, 1, "x", false), NPERR_GENERIC_ERROR);
-  ASSERT_EQ(Browser().requests.size(), 1u);
-  EXPECT_EQ(Browser().requests[0].url, "http://127.0.0.1/");
+  EXPECT_EQ(Browser().requests.size(), 1u);
   // A browser's longer plug-in table keeps whatever lies past the plug-in's extent.
   Padded<NPPluginFuncs> longer;
   std::memset(&longer, 0xAB, sizeof longer);
@@ -125,7 +124,8 @@ TEST_F(EntryPoints, TablesAreTakenOnlyAsFarAsTheyReach) {
   EXPECT_TRUE(AllBytes(longer.beyond, 0, sizeof longer.beyond, 0xAB));
 }
 
-// Which wrappers reach the browser, by the browser's minor version.
+// Which wrappers reach the browser, by the browser's minor version; entry points asked for before
+// NP_Initialize know no browser version, so offer no notifications.
 TEST_F(EntryPoints, OlderBrowsersAreNotCalledForWhatTheyLack) {
   const struct {
     uint16_t version;
@@ -149,11 +149,9 @@ TEST_F(EntryPoints, OlderBrowsersAreNotCalledForWhatTheyLack) {
     EXPECT_EQ(NPN_NewStream(nullptr, const_cast<char*>("text/plain"), "_blank", &stream), streamAnswer);
     EXPECT_EQ(NPN_Write(nullptr, stream, 1, &byte), c.streamOutput ? 1 : NPERR_INCOMPATIBLE_VERSION_ERROR);
     EXPECT_EQ(NPN_DestroyStream(nullptr, stream, NPRES_DONE), streamAnswer);
-    EXPECT_EQ(Browser().calls.size(), c.streamOutput ? 3u : 0u);
+    EXPECT_EQ(Browser().streamCalls, c.streamOutput ? 3 : 0);
   }
-  // Entry points asked for before NP_Initialize know no browser version: no notifications.
-  gNetscapeFuncs = NPNetscapeFuncs{};
-  navMinorVers = 0;
+  SetUp();
   plugin_ = NPPluginFuncs{};
   plugin_.size = sizeof plugin_;
   ASSERT_EQ(NP_GetEntryPoints(&plugin_), NPERR_NO_ERROR);
@@ -190,7 +188,7 @@ TEST_F(EntryPoints, NewInstanceNegotiatesTheModelsTheBrowserSupports) {
     Browser().setValueResult = c.setValue;
     EXPECT_EQ(NewInstance(), NPERR_NO_ERROR);
     EXPECT_NE(npp_.pdata, nullptr);
-    EXPECT_EQ(Browser().valuesAsked.empty(), c.system != 0 || !c.hasGetValue);
+    EXPECT_EQ(Browser().valuesAsked == 0, c.system != 0 || !c.hasGetValue);
     EXPECT_EQ(Browser().valuesSet, c.set);
     plugin_.destroy(&npp_, nullptr);
   }
@@ -246,6 +244,7 @@ TEST_F(EntryPoints, NoExceptionLeavesAnEntryPointWhenMemoryRunsOut) {
       ASSERT_EQ(NewInstance(), NPERR_NO_ERROR);
     }
   };
+  const auto destroy = [this] { plugin_.destroy(&npp_, nullptr); };
   const auto window = [this] { return static_cast<InstanceRecord*>(npp_.pdata)->gpcWindow; };
   const auto np = [](long e) { return e == NPERR_NO_ERROR || e == NPERR_OUT_OF_MEMORY_ERROR; };
   const auto served = [](long e) { return e == GPC_RESULT_OK || e == kGpcServiceOutOfMemory; };
@@ -267,11 +266,9 @@ TEST_F(EntryPoints, NoExceptionLeavesAnEntryPointWhenMemoryRunsOut) {
   } calls[] = {
       {"NP_GetValue", [&] { return np(NP_GetValue(nullptr, NPPVpluginNameString, &text)); }, {}},
       {"NP_GetEntryPoints", [&] { return np(NP_GetEntryPoints(&plugin_)); }, {}},
-      {"NP_Initialize", [&] { return np(NP_Initialize(&browser_, &plugin_)); },
-       [] { gpc::GPCTraceCatcher::releaseGlobal(); }},
+      {"NP_Initialize", [&] { return np(NP_Initialize(&browser_, &plugin_)); }, gpc::GPCTraceCatcher::releaseGlobal},
       // Refused, it leaves no instance data behind.
-      {"NPP_New", [&] { return NewInstance() == NPERR_NO_ERROR || npp_.pdata == nullptr; },
-       [this] { plugin_.destroy(&npp_, nullptr); }},
+      {"NPP_New", [&] { return NewInstance() == NPERR_NO_ERROR || npp_.pdata == nullptr; }, destroy},
       {"NPP_SetWindow", [&] { return np(plugin_.setwindow(&npp_, &npWindow)); }, ensure},
       {"NPP_HandleEvent", [&] { return plugin_.event(&npp_, nullptr) == 0; }, ensure},
       {"NPP_NewStream", [&] { return np(plugin_.newstream(&npp_, nullptr, &hostSite, false, &stype)); }, ensure},
@@ -299,7 +296,7 @@ TEST_F(EntryPoints, NoExceptionLeavesAnEntryPointWhenMemoryRunsOut) {
       {"GpcGetPluginDir", [&] { return GpcGetPluginDir(buffer, sizeof buffer) < sizeof buffer; }, {}},
       {"GpcTracePost", [&] { return GpcTracePost("Extension", 2, "text") / 2 == 0; }, {}},
       {"GpcTraceQueryWarnings", [&] { return GpcTraceQueryWarnings(1, buffer, sizeof buffer) >= -1; }, {}},
-      {"NP_Shutdown", [&] { return np(NP_Shutdown()); }, [this] { plugin_.destroy(&npp_, nullptr); }},
+      {"NP_Shutdown", [&] { return np(NP_Shutdown()); }, destroy},
   };
   for (const auto& entry : calls) {
     for (long allowed = 0;; allowed += 1 + allowed / 8) {
@@ -341,18 +338,17 @@ TEST(ModuleEntryPoints, DescribeThePluginAndExportOnlyTheEntryPoints) {
   EXPECT_EQ(std::string(NP_GetMIMEDescription()).rfind("application/x-talvo-gpc:", 0), 0u);
   const char* name = nullptr;
   const char* description = nullptr;
-  EXPECT_EQ(NP_GetValue(nullptr, NPPVpluginNameString, &name), NPERR_NO_ERROR);
-  EXPECT_EQ(NP_GetValue(nullptr, NPPVpluginDescriptionString, &description), NPERR_NO_ERROR);
-  EXPECT_NE(std::string(name ? name : "").find("GPC"), std::string::npos);
-  EXPECT_NE(description, nullptr);
+  ASSERT_EQ(NP_GetValue(nullptr, NPPVpluginNameString, &name), NPERR_NO_ERROR);
+  ASSERT_EQ(NP_GetValue(nullptr, NPPVpluginDescriptionString, &description), NPERR_NO_ERROR);
+  EXPECT_TRUE(std::string(name).find("GPC") != std::string::npos && description != nullptr);
   EXPECT_NE(NP_GetValue(nullptr, NPPVpluginNameString, nullptr), NPERR_NO_ERROR);
   EXPECT_NE(NP_GetValue(nullptr, NPPVpluginWindowBool, &name), NPERR_NO_ERROR);
   void* handle = dlopen((std::string(GPC_BUNDLE_DIR) + "/Contents/MacOS/libnpgpc.so").c_str(), RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(handle, nullptr) << dlerror();
-  for (const char* symbol : {"NP_GetMIMEDescription", "NP_GetValue", "NP_Initialize", "NP_GetEntryPoints", "NP_Shutdown"})
-    EXPECT_NE(dlsym(handle, symbol), nullptr) << symbol;
-  for (const char* symbol : {"gNetscapeFuncs", "navMinorVers", "gResFile"})
-    EXPECT_EQ(dlsym(handle, symbol), nullptr) << symbol;
+  for (const char* symbol : {"NP_GetMIMEDescription", "NP_GetValue", "NP_Initialize", "NP_GetEntryPoints",
+                             "NP_Shutdown", "gNetscapeFuncs", "navMinorVers", "gResFile"}) {
+    EXPECT_EQ(dlsym(handle, symbol) != nullptr, std::string(symbol).rfind("NP_", 0) == 0) << symbol;
+  }
   dlclose(handle);
 }
 

@@ -31,22 +31,16 @@ gpctest::EmbedArgs GoodPage() {
 
 class NpwrapTest : public ::testing::Test {
  protected:
-  void SetUp() override { g_messages.clear(); }
   void TearDown() override {
     NPP_Destroy(&npp, nullptr);
     EXPECT_EQ(Browser().liveAllocations, 0);
   }
   CGpcWindow* Window() { return static_cast<InstanceRecord*>(npp.pdata)->gpcWindow; }
   NPError Create(gpctest::EmbedArgs page = GoodPage(), uint16_t mode = NP_EMBED) {
-    return NPP_New(const_cast<char*>("application/x-talvo-gpc"), &npp, mode, page.argc(), page.argn(), page.argv(),
-                   nullptr);
-  }
-  // A request of the instance's stream provider, on a SAP that records its messages.
-  void* ProviderRequest(const char* url) {
-    CGpcProvider& provider = Window()->m_provider;
-    void* request = nullptr;
-    EXPECT_EQ(provider.StreamGet(provider.RegisterSap(RecordMessage, nullptr), url, 0, &request), 0u);
-    return request;
+    const NPError result = NPP_New(const_cast<char*>("application/x-talvo-gpc"), &npp, mode, page.argc(),
+                                   page.argn(), page.argv(), nullptr);
+    if (npp.pdata != nullptr) Window()->CleanupFrameTargets();  // the start report
+    return result;
   }
 
   gpctest::BrowserEnvironment env;
@@ -54,7 +48,8 @@ class NpwrapTest : public ::testing::Test {
 };
 
 TEST_F(NpwrapTest, NewBuildsTheInstanceAndReportsTheStart) {
-  ASSERT_EQ(Create(GoodPage(), NP_FULL), NPERR_NO_ERROR);
+  gpctest::EmbedArgs page = GoodPage();
+  ASSERT_EQ(NPP_New(nullptr, &npp, NP_FULL, page.argc(), page.argn(), page.argv(), nullptr), NPERR_NO_ERROR);
   EXPECT_EQ(static_cast<InstanceRecord*>(npp.pdata)->mode, NP_FULL);
   EXPECT_EQ(Window()->GetParameterCount(), 6);
   const std::vector<std::string> asked = gpctest::RunNavigations(*Window());
@@ -62,56 +57,48 @@ TEST_F(NpwrapTest, NewBuildsTheInstanceAndReportsTheStart) {
   EXPECT_EQ(asked[0].find("(null) https://log.example/l?ConfID=m&SessionID=s&Module=1&ErrorCode=1000&OptInfo3="), 0u);
   EXPECT_EQ(NPP_Destroy(&npp, nullptr), NPERR_NO_ERROR);
   EXPECT_EQ(npp.pdata, nullptr);
-  EXPECT_EQ(NPP_Destroy(&npp, nullptr), NPERR_NO_ERROR);
-  gpctest::EmbedArgs page = GoodPage();
   EXPECT_EQ(NPP_New(nullptr, nullptr, NP_EMBED, page.argc(), page.argn(), page.argv(), nullptr),
             NPERR_INVALID_INSTANCE_ERROR);
   // Parameters the browser did not really hand over count as none.
   EXPECT_EQ(NPP_New(nullptr, &npp, NP_EMBED, 3, nullptr, page.argv(), nullptr), NPERR_NO_ERROR);
   EXPECT_EQ(Window()->GetParameterCount(), 0);
-  NPP_Destroy(&npp, nullptr);
-  Browser().failMemAlloc = true;
-  EXPECT_EQ(Create(), NPERR_OUT_OF_MEMORY_ERROR);
-  EXPECT_EQ(npp.pdata, nullptr);
 }
 
-// The host-site stream (and the notification that ends it) never reaches the provider, even
-// for a stream the provider is waiting for; the same stream with another datum is the provider's.
-// A block with a negative length, or none behind a positive one, is refused unread on either.
+// The host-site stream (and the notification that ends it) never reaches the provider, even for a
+// stream the provider is waiting for; the same stream with another datum is the provider's. A block
+// with a negative length, or none behind a positive one, is refused unread on either.
 TEST_F(NpwrapTest, HostSiteStreamNeverReachesTheProviderAndBadBlocksAreRefused) {
   ASSERT_EQ(Create(), NPERR_NO_ERROR);
-  Window()->CleanupFrameTargets();
-  void* request = ProviderRequest("https://www.talvo.us/data");
+  CGpcProvider& provider = Window()->m_provider;
+  void* request = nullptr;
+  ASSERT_EQ(provider.StreamGet(provider.RegisterSap(RecordMessage, nullptr), "https://www.talvo.us/d", 0, &request),
+            GPC_RESULT_OK);
   NPStream stream{};
-  stream.url = "https://www.talvo.us/data";
-  stream.notifyData = kHostSite;
+  stream.url = "https://www.talvo.us/d";
   stream.pdata = request;
-  uint16_t stype = 77;
   char block[] = "https://www.talvo.us/meeting";
-  const auto refusesBadBlocks = [&](NPStream* target) {
-    EXPECT_LT(NPP_Write(&npp, target, 0, -5, block), 0);
-    EXPECT_LT(NPP_Write(&npp, target, 0, INT32_MIN, block), 0);
-    EXPECT_LT(NPP_Write(&npp, target, 0, 8, nullptr), 0);
-  };
-  EXPECT_EQ(NPP_NewStream(&npp, nullptr, &stream, 0, &stype), NPERR_NO_ERROR);
-  EXPECT_EQ(stype, 77);
-  EXPECT_EQ(NPP_WriteReady(&npp, &stream), 0x0FFFFFFF);
-  refusesBadBlocks(&stream);
-  EXPECT_TRUE(gpctest::RunNavigations(*Window()).empty()) << "no error page for a block never read";
-  EXPECT_EQ(NPP_Write(&npp, &stream, 0, int32_t(strlen(block)), block), int32_t(strlen(block)));
-  EXPECT_EQ(NPP_DestroyStream(&npp, &stream, NPRES_DONE), NPERR_NO_ERROR);
-  NPP_URLNotify(&npp, stream.url, NPRES_NETWORK_ERR, kHostSite);
-  EXPECT_TRUE(g_messages.empty());
-  EXPECT_EQ(Window()->m_provider.PendingStream(), request);
-
-  stream.notifyData = request;
-  EXPECT_EQ(NPP_NewStream(&npp, nullptr, &stream, false, &stype), NPERR_NO_ERROR);
-  g_messages.clear();
-  refusesBadBlocks(&stream);
-  EXPECT_TRUE(g_messages.empty());
-  EXPECT_EQ(NPP_WriteReady(&npp, &stream), 0x0FFFFFFF);
-  EXPECT_EQ(NPP_Write(&npp, &stream, 0, 7, block), 7);
-  EXPECT_EQ(g_messages, (std::vector<int>{GPC_STREAM_READY, GPC_STREAM_DATA, 7}));
+  const int32_t length = static_cast<int32_t>(strlen(block));
+  for (void* datum : {kHostSite, request}) {
+    SCOPED_TRACE(datum == kHostSite ? "host site" : "provider");
+    stream.notifyData = datum;
+    uint16_t stype = 77;
+    EXPECT_EQ(NPP_NewStream(&npp, nullptr, &stream, 0, &stype), NPERR_NO_ERROR);
+    EXPECT_EQ(stype, datum == kHostSite ? 77 : NP_NORMAL);
+    g_messages.clear();
+    for (int32_t bad : {-5, INT32_MIN}) EXPECT_LT(NPP_Write(&npp, &stream, 0, bad, block), 0);
+    EXPECT_LT(NPP_Write(&npp, &stream, 0, 8, nullptr), 0);
+    EXPECT_TRUE(gpctest::RunNavigations(*Window()).empty()) << "no error page for a block never read";
+    EXPECT_EQ(NPP_WriteReady(&npp, &stream), 0x0FFFFFFF);
+    EXPECT_EQ(NPP_Write(&npp, &stream, 0, length, block), length);
+    if (datum == request) {
+      EXPECT_EQ(g_messages, (std::vector<int>{GPC_STREAM_READY, GPC_STREAM_DATA, length}));
+      break;
+    }
+    EXPECT_EQ(NPP_DestroyStream(&npp, &stream, NPRES_DONE), NPERR_NO_ERROR);
+    NPP_URLNotify(&npp, stream.url, NPRES_NETWORK_ERR, kHostSite);
+    EXPECT_TRUE(g_messages.empty());
+    EXPECT_EQ(provider.PendingStream(), request);
+  }
 }
 
 // The site lock judges the host page's URL (its host, at a dot boundary): approval lifts the halt
@@ -133,7 +120,6 @@ TEST_F(NpwrapTest, HostPageIsJudgedByTheSiteLock) {
     if (c.siteLock) page.Add("gpcsitelock", c.siteLock);
     ASSERT_EQ(Create(page), NPERR_NO_ERROR);
     Window()->m_bHalted = 1;
-    Window()->CleanupFrameTargets();
     NPStream stream{};
     stream.notifyData = kHostSite;
     NPP_Write(&npp, &stream, 0, static_cast<int32_t>(strlen(c.hostPage)), const_cast<char*>(c.hostPage));
@@ -155,7 +141,6 @@ TEST_F(NpwrapTest, HostPageIsJudgedByTheSiteLock) {
 TEST_F(NpwrapTest, FinishedNavigationsReachTheWindowOthersTheProvider) {
   ASSERT_EQ(Create(), NPERR_NO_ERROR);
   for (bool byStream : {true, false}) {
-    Window()->CleanupFrameTargets();
     Window()->ChangeLocation(nullptr, "https://a.example/next");
     Window()->CheckLocationChanging();
     CFrameTarget* head = Window()->GetNextFrameTargetLocation();
@@ -178,29 +163,15 @@ TEST_F(NpwrapTest, FinishedNavigationsReachTheWindowOthersTheProvider) {
   }
 }
 
-// While the instance is torn down its record holds no window: streams are accepted and dropped.
-TEST_F(NpwrapTest, StreamsWithoutWindowAreAcceptedAndDropped) {
-  auto* record = static_cast<InstanceRecord*>(NPN_MemAlloc(sizeof(InstanceRecord)));
-  *record = InstanceRecord{nullptr, NP_EMBED, nullptr};
-  npp.pdata = record;
-  NPStream stream{};
-  EXPECT_EQ(NPP_NewStream(&npp, nullptr, &stream, 0, nullptr), NPERR_NO_ERROR);
-  EXPECT_EQ(NPP_WriteReady(&npp, &stream), 0x0FFFFFFF);
-  EXPECT_EQ(NPP_Write(&npp, &stream, 0, 9, nullptr), 9);
-  EXPECT_EQ(NPP_DestroyStream(&npp, &stream, NPRES_DONE), NPERR_NO_ERROR);
-  NPP_StreamAsFile(&npp, &stream, "/tmp/x");
-  NPP_URLNotify(&npp, "https://a.example/", NPRES_DONE, nullptr);
-}
-
-int32_t ExtHandlesEverything(void*, void*, bool, void*) { return 1; }
-
+// Full-page printing is left to the browser, embedded printing draws nothing; an event is never
+// reported as handled, whatever the extension answered; the window record reaches the instance.
 TEST_F(NpwrapTest, PrintEventAndWindow) {
   ASSERT_EQ(Create(), NPERR_NO_ERROR);
   NPPrint print{};
   print.mode = NP_FULL;
   print.print.fullPrint.pluginPrinted = true;
   NPP_Print(&npp, &print);
-  EXPECT_FALSE(print.print.fullPrint.pluginPrinted);  // full-page printing is left to the browser
+  EXPECT_FALSE(print.print.fullPrint.pluginPrinted);
   NPPrint embedded{};
   embedded.mode = NP_EMBED;
   std::memset(&embedded.print, 0xAB, sizeof embedded.print);
@@ -208,8 +179,7 @@ TEST_F(NpwrapTest, PrintEventAndWindow) {
   NPP_Print(&npp, &embedded);
   EXPECT_EQ(std::memcmp(&before, &embedded, sizeof before), 0);
   NPP_Print(&npp, nullptr);
-  // An event is never reported as handled, whatever the extension answered.
-  Window()->m_pfnGpcHandleEvent = ExtHandlesEverything;
+  Window()->m_pfnGpcHandleEvent = [](void*, void*, bool, void*) { return int32_t(1); };
   int event = 0;
   EXPECT_EQ(NPP_HandleEvent(&npp, &event), 0);
   NPWindow npWindow{};

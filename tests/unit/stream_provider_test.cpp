@@ -73,25 +73,20 @@ class StreamProviderTest : public ::testing::Test {
   CGpcSap* sapB = provider->RegisterSap(Record, &b);
 };
 
-TEST_F(StreamProviderTest, RequestsNeedAUrlARegisteredSapAndABrowserInstance) {
-  void* stream = &npp;
+// One request at a time, from a registered SAP of a provider with a browser instance: a refused
+// one frees the provider at once, an accepted one when its stream opens, and then every SAP hears.
+TEST_F(StreamProviderTest, OneRequestAtATime) {
+  void* first = &npp;
   CGpcSap stranger(provider, Record, &a);
-  EXPECT_EQ(provider->StreamGet(sapA, nullptr, 0, &stream), GPC_ERR_NULL_ARGUMENT);
-  EXPECT_EQ(provider->StreamGet(&stranger, "https://h/a", 0, &stream), GPC_ERR_SAP_NOT_REGISTERED);
-  EXPECT_EQ(stream, nullptr);
-  EXPECT_EQ(provider->StreamPost(sapA, "https://h/p", nullptr, 4, 0, &stream), GPC_ERR_NULL_ARGUMENT);
+  EXPECT_EQ(provider->StreamGet(&stranger, "https://h/a", 0, &first), GPC_ERR_SAP_NOT_REGISTERED);
+  EXPECT_EQ(first, nullptr);
+  EXPECT_EQ(provider->StreamPost(sapA, "https://h/p", nullptr, 4, 0, &first), GPC_ERR_NULL_ARGUMENT);
   EXPECT_EQ(provider->AbortStream(&stranger, &stranger), GPC_ERR_SAP_NOT_REGISTERED);
   CGpcProvider detached(nullptr, nullptr);
-  EXPECT_EQ(detached.StreamGet(detached.RegisterSap(Record, &a), "https://h/a", 0, &stream),
+  EXPECT_EQ(detached.StreamGet(detached.RegisterSap(Record, &a), "https://h/a", 0, &first),
             GPC_ERR_NO_BROWSER_INSTANCE);
-  EXPECT_TRUE(Browser().requests.empty());
-}
-
-// One request at a time: a refused one frees the provider at once, an accepted one when its
-// stream opens, and then every SAP hears of it.
-TEST_F(StreamProviderTest, OneRequestAtATime) {
   Browser().answers = {NPERR_GENERIC_ERROR, NPERR_GENERIC_ERROR};
-  void* first = &npp;
+  first = &npp;
   EXPECT_EQ(provider->StreamGet(sapA, "https://h/a", 0, &first), GPC_ERR_BROWSER_REFUSED);
   EXPECT_EQ(first, nullptr);
   EXPECT_EQ(provider->StreamPost(sapA, "https://h/a", "x", 1, 0, &first), GPC_ERR_BROWSER_REFUSED);
@@ -251,14 +246,10 @@ TEST_F(StreamProviderTest, PostsAsGivenAndWithTheHookFraming) {
 
 // ---- The services against a real instance ---------------------------------------------------
 
-class ServicesTest : public ::testing::Test {
- protected:
+TEST(Services, StreamsParametersNavigationsAndStop) {
   gpctest::BrowserEnvironment env;
   NPP_t npp{};
   CGpcWindow window{&npp};
-};
-
-TEST_F(ServicesTest, StreamsParametersNavigationsAndStop) {
   Client client;
   void* sap = nullptr;
   void* stream = nullptr;
@@ -275,25 +266,21 @@ TEST_F(ServicesTest, StreamsParametersNavigationsAndStop) {
   EXPECT_EQ(GpcGetParamCount(&window), 1);
   ASSERT_EQ(GpcChangeLocation(&window, "https://www.talvo.us/next", "_top"), GPC_RESULT_OK);
   EXPECT_EQ(gpctest::RunNavigations(window).back(), "_top https://www.talvo.us/next");
-  window.m_bHalted = 0;
-  GpcStopDownload(&window);
-  EXPECT_EQ(window.m_bHalted, 1);
-  EXPECT_EQ(GpcUnpackFile(&window, nullptr, "/tmp/nowhere"), GPC_ERR_NO_PROVIDER);
-}
-
-// A network error ends the instance's fetch in progress, empty, and only for the fetch's own URL.
-TEST_F(ServicesTest, NetworkErrorOfTheFetchInProgressCompletesItEmpty) {
-  int completions = 0;
-  void* data = &completions;
+  // A network error ends the instance's fetch in progress, empty, and only for the fetch's own URL.
+  void* data = &stream;
   GpcGetFileNotifyProc record = [](void*, void* context, GPCGetFileNotifyMessageType type, void* file) {
     if (type == GPC_GETFILE_COMPLETE) *static_cast<void**>(context) = file;
   };
   ASSERT_EQ(GpcGetFileAtUrl(&window, record, &data, "https://www.talvo.us/client/pkg.7z"), GPC_RESULT_OK);
   window.m_provider.OnNppUrlNotify("https://www.talvo.us/client/other", NPRES_NETWORK_ERR, &data);
   window.m_provider.OnNppUrlNotify("https://www.talvo.us/client/pkg.7z", NPRES_DONE, &data);
-  EXPECT_EQ(data, &completions);
+  EXPECT_EQ(data, &stream);
   window.m_provider.OnNppUrlNotify("https://www.talvo.us/client/pkg.7z", NPRES_NETWORK_ERR, &data);
   EXPECT_EQ(data, nullptr);
+  window.m_bHalted = 0;
+  GpcStopDownload(&window);
+  EXPECT_EQ(window.m_bHalted, 1);
+  EXPECT_EQ(GpcUnpackFile(&window, nullptr, "/tmp/nowhere"), GPC_ERR_NO_PROVIDER);
 }
 
 TEST(Services, VersionDebugStringsAndPluginFolder) {

@@ -33,8 +33,7 @@ TEST_F(WindowNavigationTest, OneRequestAtATimeInOrder) {
   EXPECT_TRUE(window.ChangeLocation("_top", nullptr));  // never queued
   Queue({"https://a.example/1"});
   Queue({"https://a.example/2"}, "");
-  window.CheckLocationChanging();
-  window.CheckLocationChanging();
+  for (int i = 0; i < 2; ++i) window.CheckLocationChanging();
   ASSERT_EQ(Asked(), Urls{"https://a.example/1"});
   EXPECT_EQ(Browser().requests[0].notifyData, window.GetNextFrameTargetLocation());
   window.OnGetUrlNotify("https://A.EXAMPLE/1", NPRES_DONE);  // letter case does not matter
@@ -70,7 +69,7 @@ TEST_F(WindowNavigationTest, RefusalsAreRetriedForeverFailedLoadsFourTimes) {
 TEST_F(WindowNavigationTest, DestroyedStreamMatchesByExactUrlOrByDatum) {
   Queue({"https://a.example/Path"});
   window.CheckLocationChanging();
-  NPStream stream{};
+  NPStream stream{}, exact{}, noUrl{};
   stream.url = "https://a.example/path";
   EXPECT_EQ(window.OnNppDestroyStream(&stream, NPRES_DONE), NPERR_NO_ERROR);
   window.CheckLocationChanging();
@@ -79,7 +78,6 @@ TEST_F(WindowNavigationTest, DestroyedStreamMatchesByExactUrlOrByDatum) {
   EXPECT_EQ(window.OnNppDestroyStream(&stream, NPRES_NETWORK_ERR), NPERR_NO_ERROR);
   window.CheckLocationChanging();
   EXPECT_EQ(Asked().size(), 2u);
-  NPStream exact{}, noUrl{};
   exact.url = "https://a.example/Path";
   EXPECT_EQ(window.OnNppDestroyStream(&exact, NPRES_DONE), NPERR_NO_ERROR);
   EXPECT_EQ(window.GetNextFrameTargetLocation(), nullptr);
@@ -95,23 +93,22 @@ TEST_F(WindowNavigationTest, TargetedHeadBlocksLaterNavigationsAndAHeadEndedInIt
   for (int i = 0; i < 5; ++i) window.CheckLocationChanging();
   ASSERT_EQ(Asked(), Urls{"https://a.example/error"});
   EXPECT_EQ(Browser().requests[0].target, "_top");
-
   window.CleanupFrameTargets();
   Browser().requests.clear();
   Queue({"https://a.example/1", "https://a.example/2"});
   Browser().onRequest = [&] {
     if (Browser().requests.size() == 1) window.OnGetUrlNotify("https://a.example/1", NPRES_DONE);
   };
-  window.CheckLocationChanging();
-  window.CheckLocationChanging();
+  for (int i = 0; i < 2; ++i) window.CheckLocationChanging();
   EXPECT_EQ(Asked(), (Urls{"https://a.example/1", "https://a.example/2"}));
 }
 
+// Without an instance, or while the browser offers no notifications, nothing is asked.
 TEST_F(WindowNavigationTest, NoInstanceOrNoNotificationsAsksNothing) {
   CGpcWindow orphan(nullptr);
   orphan.ChangeLocation(nullptr, "https://a.example/1");
   orphan.CheckLocationChanging();
-  gNetscapeFuncs.version = 8;  // a browser without notifications is asked on every heartbeat
+  gNetscapeFuncs.version = 8;
   Queue({"https://a.example/1"});
   window.CheckLocationChanging();
   EXPECT_TRUE(Asked().empty());
