@@ -1,3 +1,4 @@
+// Download tasks against the loopback server: their files, their failures and the stall watchdog.
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
@@ -24,8 +25,6 @@ using gpctest::ReadFile;
 using gpctest::RunMainLoopFor;
 using gpctest::RunMainLoopUntil;
 
-const unsigned kFailed = 0xFFFFFFFF;
-
 bool Exists(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0;
@@ -42,8 +41,7 @@ struct Notify : IGPCDownloadNotify {
   int completions = 0;
 };
 
-// A clock the test moves by hand: the monotonic clock, so that stalls of 17 seconds pass at once,
-// or the wall clock, which the watchdog must not heed.
+// A clock the test moves by hand: the monotonic one by default, or the wall clock.
 class FakeClock {
  public:
   explicit FakeClock(void (*set)(std::function<int64_t()>) = platform::SetMonotonicClockOverride,
@@ -58,182 +56,6 @@ class FakeClock {
   void (*set_)(std::function<int64_t()>);
   int64_t micros_;
 };
-
-// Stands in for the instance's heartbeat: every 50 ms the watchdog of a running task.
-void Beat(GPCTimerProxy*, void* task) {
-  auto* t = static_cast<GPCDownloadTask*>(task);
-  if (t->GetStatus() == kDownloading) t->CheckTask();
-}
-
-class DownloadTaskTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    for (const char* name : {"http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY",
-                             "ALL_PROXY"})
-      unsetenv(name);
-    server_ = new gpctest::LoopbackServer;
-    ASSERT_TRUE(server_->Start()) << server_->error();
-  }
-  static void TearDownTestSuite() { delete server_; }
-  static bool WaitForStatus(GPCDownloadTask& task, int status) {
-    return RunMainLoopUntil([&] { return task.GetStatus() == status; });
-  }
-  static inline gpctest::LoopbackServer* server_ = nullptr;
-};
-
-// The task's file goes with the task, unless (names under /tmp being shared) another process's
-// download took the name after the package was deleted.
-TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
-  const std::string content = PatternBytes(5 * 1024 * 1024 + 3, 21);
-  ASSERT_TRUE(server_->AddFile("task.bin", content));
-  for (const bool taken : {false, true}) {
-    SCOPED_TRACE(taken ? "name taken by another file" : "own file");
-    Notify notify;
-    int item = 0;
-    std::string local;
-    {
-      GPCDownloadTask task(server_->HttpsUrl("task.bin").c_str(), false, &notify);
-      task.SetItem(&item);
-      ASSERT_EQ(task.Start(), 0u);
-      EXPECT_EQ(task.GetStatus(), kDownloading);
-      ASSERT_TRUE(WaitForStatus(task, kDownloadFinished));
-      EXPECT_EQ(notify.received, content.size());
-      EXPECT_EQ(notify.lastItem, &item);
-      EXPECT_EQ(task.GetDownloadedSize(), content.size());
-      local = task.GetLocalFile();
-      EXPECT_TRUE(ReadFile(local) == content);
-      task.Start();  // a task that still has its client only refreshes its counters
-      EXPECT_EQ(task.GetStatus(), kDownloadFinished);
-      EXPECT_EQ(task.GetCheckTimes(), 2);
-      RunMainLoopFor(50);
-      EXPECT_EQ(notify.completions, 1);
-      ASSERT_TRUE(!taken || (unlink(local.c_str()) == 0 && gpctest::WriteFile(local, "another's")));
-    }
-    EXPECT_EQ(ReadFile(local), taken ? "another's" : "");
-    EXPECT_EQ(Exists(local), taken);
-    unlink(local.c_str());
-  }
-}
-
-TEST_F(DownloadTaskTest, FailuresEndWithoutNotificationOrFile) {
-  ASSERT_TRUE(server_->AddFile("empty.bin", ""));
-  const struct {
-    std::string url;
-    unsigned started;
-    int status;
-  } kCases[] = {{"", kFailed, kDownloadFailed},
-                {"http://a/", kFailed, kDownloadFailed},
-                {server_->HttpUrl("empty.bin"), 0, kDownloadFailed},
-                {server_->Url("/reset"), 0, kDownloadFailed},
-                {server_->Url("/status/401"), 0, kDownloadNeedProxy},
-                {server_->Url("/status/403"), 0, kDownloadNeedProxy},
-                {server_->Url("/status/407"), 0, kDownloadNeedProxy}};
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.url);
-    Notify notify;
-    GPCDownloadTask task(c.url.empty() ? nullptr : c.url.c_str(), false, &notify);
-    EXPECT_EQ(task.Start(), c.started);
-    ASSERT_TRUE(WaitForStatus(task, c.status));
-    EXPECT_TRUE(c.status != kDownloadNeedProxy || task.GetDownloadedSize() == 0);  // the client is gone
-    EXPECT_EQ(notify.completions, 0);
-    EXPECT_TRUE(task.GetLocalFile().empty());
-  }
-}
-
-TEST_F(DownloadTaskTest, SilentServerGetsOneRestartThenFails) {
-  FakeClock clock;
-  Notify notify;
-  GPCDownloadTask task(server_->Url("/never").c_str(), false, &notify);
-  GPCTimerProxy heartbeat(0.05, &Beat, &task);
-  const int before = server_->RequestCount("/never");
-  ASSERT_EQ(task.Start(), 0u);
-  ASSERT_TRUE(RunMainLoopUntil([&] { return server_->RequestCount("/never") == before + 1; }));
-  clock.AdvanceSeconds(16);
-  RunMainLoopFor(150);
-  EXPECT_EQ(task.GetCheckTimes(), 1);
-  clock.AdvanceSeconds(1);  // 17 seconds without data: stopped and started again
-  ASSERT_TRUE(RunMainLoopUntil([&] { return task.GetCheckTimes() == 2; }));
-  EXPECT_EQ(task.GetStatus(), kDownloading);
-  ASSERT_TRUE(RunMainLoopUntil([&] { return server_->RequestCount("/never") == before + 2; }));
-  clock.AdvanceSeconds(17);
-  ASSERT_TRUE(WaitForStatus(task, kDownloadFailed));
-  RunMainLoopFor(100);
-  EXPECT_EQ(task.GetCheckTimes(), 2);
-  EXPECT_EQ(server_->RequestCount("/never"), before + 2);
-  EXPECT_EQ(notify.completions, 0);
-}
-
-// The watchdog counts from the last data, on the monotonic clock; a stall after data fails at
-// once, without a restart, and takes the partial file with it.
-TEST_F(DownloadTaskTest, StallAfterDataFailsAtOnceAndRemovesThePartialFile) {
-  FakeClock clock;
-  Notify notify;
-  GPCDownloadTask task(server_->Url("/stall").c_str(), false, &notify);
-  GPCTimerProxy heartbeat(0.05, &Beat, &task);
-  const int before = server_->RequestCount("/stall");
-  clock.AdvanceSeconds(100);
-  ASSERT_EQ(task.Start(), 0u);
-  clock.AdvanceSeconds(16);
-  ASSERT_TRUE(RunMainLoopUntil([&] { return notify.received == 4096; }));
-  const std::string partial = "/tmp/gpc_tmp_" + std::to_string(GPCNetworkHttp::GetTempFileCounter());
-  EXPECT_TRUE(Exists(partial));
-  EXPECT_GE(task.GetTotalPackage(), 1);
-  clock.AdvanceSeconds(16);  // 32 s after the start, 16 s after the data
-  for (const int64_t step : {-1, -3600, 86400}) {
-    FakeClock wall(platform::SetWallClockOverride, platform::WallClockMicros());
-    wall.AdvanceSeconds(step);
-    RunMainLoopFor(150);
-    EXPECT_EQ(task.GetStatus(), kDownloading) << "wall clock moved by " << step;
-  }
-  clock.AdvanceSeconds(1);
-  ASSERT_TRUE(WaitForStatus(task, kDownloadFailed));
-  EXPECT_EQ(task.GetCheckTimes(), 1);
-  EXPECT_EQ(server_->RequestCount("/stall"), before + 1);
-  EXPECT_FALSE(Exists(partial));
-}
-
-TEST_F(DownloadTaskTest, StopDropsTheRequestAndTheFile) {
-  ASSERT_TRUE(server_->AddFile("stopped.bin", PatternBytes(100000, 4)));
-  Notify notify;
-  GPCDownloadTask task(server_->HttpUrl("stopped.bin").c_str(), false, &notify);
-  task.Stop();
-  EXPECT_EQ(task.GetStatus(), kDownloadStopped);
-  ASSERT_EQ(task.Start(), 0u);
-  ASSERT_TRUE(WaitForStatus(task, kDownloadFinished));
-  const std::string local = task.GetLocalFile();
-  ASSERT_TRUE(Exists(local));
-  task.Stop();
-  EXPECT_EQ(task.GetStatus(), kDownloadStopped);
-  EXPECT_FALSE(Exists(local));
-}
-
-// Memory mode saves the body under a counted name ending in the wall-clock second, kept after the
-// task; an empty body fails.
-TEST_F(DownloadTaskTest, MemoryModeSavesTheBodyUnderACountedName) {
-  FakeClock wall(platform::SetWallClockOverride, platform::WallClockMicros());
-  const std::string content = PatternBytes(40000, 8);
-  ASSERT_TRUE(server_->AddFile("memory.bin", content));
-  Notify notify;
-  std::string local;
-  {
-    GPCDownloadTask task(server_->HttpUrl("memory.bin").c_str(), false, &notify);
-    task.SetFileMode(0);
-    ASSERT_EQ(task.Start(), 0u);
-    ASSERT_TRUE(WaitForStatus(task, kDownloadFinished));
-    local = task.GetLocalFile();
-    const std::string seconds = "_" + std::to_string(platform::WallClockMicros() / 1000000);
-    EXPECT_EQ(local.rfind("/tmp/gpc_tmp_", 0), 0u) << local;
-    EXPECT_EQ(local.substr(local.size() - seconds.size()), seconds) << local;
-    EXPECT_TRUE(ReadFile(local) == content);
-  }
-  EXPECT_TRUE(Exists(local));
-  unlink(local.c_str());
-  GPCDownloadTask empty(server_->Url("/bytes?n=0").c_str(), false, &notify);
-  empty.SetFileMode(0);
-  ASSERT_EQ(empty.Start(), 0u);
-  ASSERT_TRUE(WaitForStatus(empty, kDownloadFailed));
-  EXPECT_EQ(notify.completions, 1);
-}
 
 // Limits the size of the files this process may write (SIGXFSZ ignored, so a write past the
 // limit fails with EFBIG as on a full disk) while it lives.
@@ -257,34 +79,162 @@ class FileSizeLimit {
 
 void* GrowUpTo1MiB(void* buffer, size_t size) { return size > 1024 * 1024 ? nullptr : realloc(buffer, size); }
 
-// A body that cannot be kept whole fails the task, and no part of it is left behind.
-TEST_F(DownloadTaskTest, BodyThatCannotBeStoredFailsTheTask) {
-  const std::string content = PatternBytes(6 * 1024 * 1024, 12);
-  ASSERT_TRUE(server_->AddFile("full.bin", content));
-  const struct {
-    const char* name;
-    int fileMode;
-    bool diskFull, memoryShort;
-  } kCases[] = {{"disk full while receiving", 1, true, false},
-                {"no memory while receiving", 0, false, true},
-                {"disk full while saving", 0, true, false}};
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
+class DownloadTaskTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    for (const char* name : {"http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY"})
+      unsetenv(name);
+    ASSERT_TRUE(server_.Start()) << server_.error();
+  }
+  static bool WaitForStatus(GPCDownloadTask& task, int status) {
+    return RunMainLoopUntil([&] { return task.GetStatus() == status; });
+  }
+  static inline gpctest::LoopbackServer server_;
+};
+
+// The task's file goes when the task is stopped, unless (names under /tmp being shared) another
+// process's download took the name after the package was deleted.
+TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
+  const std::string content = PatternBytes(5 * 1024 * 1024 + 3, 21);
+  ASSERT_TRUE(server_.AddFile("task.bin", content));
+  for (const bool taken : {false, true}) {
+    SCOPED_TRACE(taken ? "name taken by another file" : "own file");
     Notify notify;
-    GPCDownloadTask task(server_->HttpUrl("full.bin").c_str(), false, &notify);
+    int item = 0;
+    auto task = std::make_unique<GPCDownloadTask>(server_.HttpsUrl("task.bin").c_str(), false, &notify);
+    task->SetItem(&item);
+    ASSERT_EQ(task->Start(), 0u);
+    ASSERT_TRUE(WaitForStatus(*task, kDownloadFinished));
+    EXPECT_EQ(notify.received, content.size());
+    EXPECT_EQ(notify.lastItem, &item);
+    EXPECT_EQ(task->GetDownloadedSize(), content.size());
+    const std::string local = task->GetLocalFile();
+    EXPECT_TRUE(ReadFile(local) == content);
+    task->Start();  // a task that still has its client only refreshes its counters
+    EXPECT_EQ(task->GetCheckTimes(), 2);
+    RunMainLoopFor(50);
+    EXPECT_EQ(notify.completions, 1);
+    ASSERT_TRUE(!taken || (unlink(local.c_str()) == 0 && gpctest::WriteFile(local, "another's")));
+    if (taken) {
+      task.reset();  // the destructor, like Stop, lets the task's own file go
+    } else {
+      task->Stop();
+      EXPECT_EQ(task->GetStatus(), kDownloadStopped);
+    }
+    EXPECT_EQ(ReadFile(local), taken ? "another's" : "");
+    EXPECT_EQ(Exists(local), taken);
+    unlink(local.c_str());
+  }
+}
+
+// Memory mode saves the body under a counted name ending in the wall-clock second, kept after the task.
+TEST_F(DownloadTaskTest, MemoryModeSavesTheBodyUnderACountedName) {
+  FakeClock wall(platform::SetWallClockOverride, platform::WallClockMicros());
+  const std::string content = PatternBytes(40000, 8);
+  ASSERT_TRUE(server_.AddFile("memory.bin", content));
+  Notify notify;
+  std::string local;
+  {
+    GPCDownloadTask task(server_.HttpUrl("memory.bin").c_str(), false, &notify);
+    task.SetFileMode(0);
+    ASSERT_EQ(task.Start(), 0u);
+    ASSERT_TRUE(WaitForStatus(task, kDownloadFinished));
+    local = task.GetLocalFile();
+    const std::string seconds = "_" + std::to_string(platform::WallClockMicros() / 1000000);
+    EXPECT_EQ(local.rfind("/tmp/gpc_tmp_", 0), 0u) << local;
+    EXPECT_EQ(local.substr(local.size() - seconds.size()), seconds) << local;
+  }
+  EXPECT_TRUE(ReadFile(local) == content);
+  unlink(local.c_str());
+}
+
+// Bad addresses, empty and cut bodies, challenges and bodies that cannot be stored: no notification,
+// no file, no piece left behind.
+TEST_F(DownloadTaskTest, FailuresEndWithoutNotificationOrFile) {
+  const std::string content = PatternBytes(6 * 1024 * 1024, 12);
+  ASSERT_TRUE(server_.AddFile("full.bin", content));
+  const unsigned kFailed = 0xFFFFFFFF;
+  const struct {
+    std::string url;
+    int fileMode;
+    rlim_t diskLimit;  // 0: none
+    bool memoryShort;
+    unsigned started;
+    int status;
+  } kCases[] = {{"", 1, 0, false, kFailed, kDownloadFailed},
+                {"http://a/", 1, 0, false, kFailed, kDownloadFailed},
+                {server_.Url("/bytes?n=0"), 1, 0, false, 0, kDownloadFailed},
+                {server_.Url("/bytes?n=0"), 0, 0, false, 0, kDownloadFailed},
+                {server_.Url("/reset"), 1, 0, false, 0, kDownloadFailed},
+                {server_.Url("/status/401"), 1, 0, false, 0, kDownloadNeedProxy},
+                {server_.Url("/status/403"), 1, 0, false, 0, kDownloadNeedProxy},
+                {server_.Url("/status/407"), 1, 0, false, 0, kDownloadNeedProxy},
+                {server_.HttpUrl("full.bin"), 1, 4 * 1024 * 1024, false, 0, kDownloadFailed},  // while receiving
+                {server_.HttpUrl("full.bin"), 0, 0, true, 0, kDownloadFailed},
+                {server_.HttpUrl("full.bin"), 0, 4 * 1024 * 1024, false, 0, kDownloadFailed}};  // while saving
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.url + " mode " + std::to_string(c.fileMode));
+    Notify notify;
+    GPCDownloadTask task(c.url.empty() ? nullptr : c.url.c_str(), false, &notify);
     task.SetFileMode(c.fileMode);
     {
-      std::unique_ptr<FileSizeLimit> disk(c.diskFull ? new FileSizeLimit(4 * 1024 * 1024) : nullptr);
+      std::unique_ptr<FileSizeLimit> disk(c.diskLimit ? new FileSizeLimit(c.diskLimit) : nullptr);
       GPCNetworkHttp::SetBufferGrowthForTesting(c.memoryShort ? &GrowUpTo1MiB : nullptr);
-      ASSERT_EQ(task.Start(), 0u);
-      EXPECT_TRUE(RunMainLoopUntil([&] { return task.GetStatus() != kDownloading; }));
+      EXPECT_EQ(task.Start(), c.started);
+      EXPECT_TRUE(WaitForStatus(task, c.status));
       GPCNetworkHttp::SetBufferGrowthForTesting(nullptr);
     }
-    EXPECT_EQ(task.GetStatus(), kDownloadFailed);
+    EXPECT_TRUE(c.status != kDownloadNeedProxy || task.GetDownloadedSize() == 0);  // the client is gone
     EXPECT_EQ(notify.completions, 0);
     EXPECT_TRUE(task.GetLocalFile().empty());
     task.Stop();
     EXPECT_EQ(gpctest::PiecesInTmp(content), std::vector<std::string>());
+  }
+}
+
+// Stands in for the instance's heartbeat: every 50 ms the watchdog of a running task.
+void Beat(GPCTimerProxy*, void* task) {
+  auto* t = static_cast<GPCDownloadTask*>(task);
+  if (t->GetStatus() == kDownloading) t->CheckTask();
+}
+
+// 17 seconds without data on the monotonic clock (the wall clock may jump meanwhile): a server that
+// never sent anything gets one restart, a stall after data fails at once; the partial file goes.
+TEST_F(DownloadTaskTest, StalledDownloadsFail) {
+  for (const std::string path : {"/never", "/stall"}) {
+    SCOPED_TRACE(path);
+    const bool restarts = path == "/never";
+    FakeClock clock;
+    Notify notify;
+    GPCDownloadTask task(server_.Url(path).c_str(), false, &notify);
+    GPCTimerProxy heartbeat(0.05, &Beat, &task);
+    const int before = server_.RequestCount(path);
+    ASSERT_EQ(task.Start(), 0u);
+    clock.AdvanceSeconds(16);  // before any data: a stall counts from the last data
+    ASSERT_TRUE(RunMainLoopUntil([&] { return server_.RequestCount(path) == before + 1; }));
+    ASSERT_TRUE(restarts || RunMainLoopUntil([&] { return notify.received == 4096; }));
+    const std::string partial = "/tmp/gpc_tmp_" + std::to_string(GPCNetworkHttp::GetTempFileCounter());
+    EXPECT_TRUE(restarts || Exists(partial));
+    if (!restarts) clock.AdvanceSeconds(16);
+    for (const int64_t step : {-1, -3600, 86400}) {
+      FakeClock wall(platform::SetWallClockOverride, platform::WallClockMicros());
+      wall.AdvanceSeconds(step);
+      RunMainLoopFor(150);
+      EXPECT_EQ(task.GetStatus(), kDownloading) << "wall clock moved by " << step;
+    }
+    clock.AdvanceSeconds(1);
+    if (restarts) {
+      ASSERT_TRUE(RunMainLoopUntil([&] { return task.GetCheckTimes() == 2; }));
+      EXPECT_EQ(task.GetStatus(), kDownloading);
+      ASSERT_TRUE(RunMainLoopUntil([&] { return server_.RequestCount(path) == before + 2; }));
+      clock.AdvanceSeconds(17);
+    }
+    ASSERT_TRUE(WaitForStatus(task, kDownloadFailed));
+    RunMainLoopFor(100);
+    EXPECT_EQ(task.GetCheckTimes(), restarts ? 2 : 1);
+    EXPECT_EQ(server_.RequestCount(path), before + (restarts ? 2 : 1));
+    EXPECT_EQ(notify.completions, 0);
+    EXPECT_TRUE(restarts || !Exists(partial));
   }
 }
 

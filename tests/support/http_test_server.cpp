@@ -1,19 +1,15 @@
 #include "http_test_server.h"
 
-#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
 #include <ftw.h>
 #include <iterator>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sstream>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -25,32 +21,12 @@ namespace gpctest {
 
 namespace {
 
-const int kStartTimeoutMs = 10000;
-
 bool MakeDirs(const std::string& path) {
   for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
     if (mkdir(path.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST) return false;
     if (slash == std::string::npos) return true;
   }
 }
-
-sockaddr_in Loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-bool ConnectsTo(int port) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = Loopback(port);
-  bool ok = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  if (fd >= 0) close(fd);
-  return ok;
-}
-
-void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 // Starts argv[0] (searched in PATH) with its output appended to `outPath`, its errors to `errPath`.
 // The child is killed when this process ends, even by a crash, so no server outlives its test.
@@ -66,13 +42,6 @@ pid_t StartChild(const char* const argv[], const std::string& outPath, const std
   if (in < 0 || out < 0 || err < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(127);
   execvp(argv[0], const_cast<char* const*>(argv));
   _exit(127);
-}
-
-std::vector<const char*> Argv(const std::vector<std::string>& args) {
-  std::vector<const char*> argv;
-  for (const std::string& arg : args) argv.push_back(arg.c_str());
-  argv.push_back(nullptr);
-  return argv;
 }
 
 }  // namespace
@@ -127,28 +96,6 @@ std::vector<std::string> PiecesInTmp(const std::string& content) {
   return pieces;
 }
 
-bool ChildProcess::Spawn(const char* const argv[], const std::string& logPath) {
-  Stop();
-  pid_ = StartChild(argv, logPath, logPath);
-  return pid_ > 0;
-}
-
-bool ChildProcess::Running() {
-  int status = 0;
-  if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == pid_) pid_ = -1;
-  return pid_ > 0;
-}
-
-void ChildProcess::Stop() {
-  if (pid_ <= 0) return;
-  kill(pid_, SIGTERM);
-  for (int waited = 0; waited < 5000 && Running(); waited += 10) SleepMs(10);
-  if (pid_ > 0) kill(pid_, SIGKILL);
-  while (pid_ > 0 && waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-  }
-  pid_ = -1;
-}
-
 int RunCommand(const char* const argv[], const std::string& logPath, const std::string& errPath) {
   pid_t pid = StartChild(argv, logPath, errPath.empty() ? logPath : errPath);
   int status = 0;
@@ -159,26 +106,11 @@ int RunCommand(const char* const argv[], const std::string& logPath, const std::
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-int FindFreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = Loopback(0);
-  socklen_t length = sizeof address;
-  int port = 0;
-  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-    port = ntohs(address.sin_port);
+LoopbackServer::~LoopbackServer() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGKILL);
+  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
   }
-  if (fd >= 0) close(fd);
-  return port;
-}
-
-bool WaitForPort(int port, int timeoutMs, ChildProcess* owner) {
-  for (int waited = 0; waited < timeoutMs; waited += 20) {
-    if (ConnectsTo(port)) return true;
-    if (owner && !owner->Running()) return false;
-    SleepMs(20);
-  }
-  return false;
 }
 
 // A certificate authority of its own and a server certificate it signs (browsers that check
@@ -213,14 +145,15 @@ bool LoopbackServer::Start(const std::vector<std::string>& options) {
                                    "--port-file", portFile, "--log", AccessLogPath(), "--root", dir + "/www",
                                    "--certificate", dir + "/cert.pem", "--key", dir + "/key.pem", "--rate", rate_};
   args.insert(args.end(), options.begin(), options.end());
-  if (!process_.Spawn(Argv(args).data(), log)) {
-    error_ = "cannot run python3";
-    return false;
-  }
-  for (int waited = 0; waited < kStartTimeoutMs && process_.Running(); waited += 20) {
+  std::vector<const char*> argv;
+  for (const std::string& arg : args) argv.push_back(arg.c_str());
+  argv.push_back(nullptr);
+  pid_ = StartChild(argv.data(), log, log);
+  for (int waited = 0; pid_ > 0 && waited < 10000; waited += 20) {
     std::istringstream ports(ReadFile(portFile));
     if (ports >> httpPort_ >> httpsPort_) return true;
-    SleepMs(20);
+    if (waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   error_ = "the loopback server did not start: " + ReadFile(log);
   return false;
@@ -246,24 +179,6 @@ int LoopbackServer::RequestCount(const std::string& path) const {
     count += asked.substr(0, asked.find('?')) == path;
   }
   return count;
-}
-
-bool TinyProxyServer::Start(const std::string& user, const std::string& password) {
-  const std::string& dir = folder_.path();
-  const std::string confPath = dir + "/tinyproxy.conf", log = dir + "/tinyproxy.log";
-  for (int attempt = 0; attempt < 3 && !dir.empty(); ++attempt) {
-    port_ = FindFreePort();
-    std::ostringstream conf;
-    conf << "Port " << port_ << "\nListen 127.0.0.1\nTimeout 60\nLogFile \"" << log << "\"\nLogLevel Info\n"
-         << "PidFile \"" << dir << "/tinyproxy.pid\"\nMaxClients 20\nAllow 127.0.0.1\n";
-    if (!user.empty()) conf << "BasicAuth " << user << " " << password << "\n";
-    const char* argv[] = {"tinyproxy", "-d", "-c", confPath.c_str(), nullptr};
-    if (!WriteFile(confPath, conf.str()) || !process_.Spawn(argv, dir + "/stdout.log")) break;
-    if (WaitForPort(port_, kStartTimeoutMs, &process_)) return true;
-    process_.Stop();
-  }
-  error_ = "tinyproxy did not start: " + ReadFile(dir + "/stdout.log") + ReadFile(log);
-  return false;
 }
 
 }  // namespace gpctest

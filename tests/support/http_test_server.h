@@ -1,6 +1,5 @@
-// Real servers on 127.0.0.1 for the networking tests and benchmarks, each started in its own
-// temporary folder and stopped (and the folder removed) by its destructor. No gtest here: the
-// benchmarks compile this file too.
+// Scratch folders, files and child processes for the tests and benchmarks, and the loopback server
+// (tests/support/loopback_server.py) they fetch from. No gtest here: the benchmarks compile this file too.
 #pragma once
 
 #include <string>
@@ -40,33 +39,20 @@ std::vector<std::string> PiecesInTmp(const std::string& content);
 // and waits for it. Returns its exit code, 128 + the signal that ended it, or -1 when it could not run.
 int RunCommand(const char* const argv[], const std::string& logPath, const std::string& errPath = "");
 
-// A child process with output to a log file; the destructor stops it (TERM, then KILL).
-class ChildProcess {
- public:
-  ChildProcess() = default;
-  ~ChildProcess() { Stop(); }
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-  bool Spawn(const char* const argv[], const std::string& logPath);
-  bool Running();
-  void Stop();
-
- private:
-  pid_t pid_ = -1;
-};
-
-// tests/support/loopback_server.py: the files put here over http and https (a certificate from a
-// test authority naming 127.0.0.1, localhost and the test domains), and where no file has the path,
-// the script's scripted answers (silence, stalls, resets, challenges, redirects, header echo).
+// The script in a folder of its own: the files put here over http and https (a certificate from a
+// test authority naming 127.0.0.1, localhost and the test domains), else the script's scripted
+// answers. The http port is also a proxy. The destructor stops it and removes the folder.
 class LoopbackServer {
  public:
   LoopbackServer() : folder_("loopback") {}
-  // Before Start: at most `rate` bytes a second per response, "256k", "1m" or a count as nginx takes.
+  ~LoopbackServer();
+  LoopbackServer(const LoopbackServer&) = delete;
+  LoopbackServer& operator=(const LoopbackServer&) = delete;
+  // Before Start: at most `rate` bytes a second per response, "256k", "1m" or a count.
   void SetLimitRate(const std::string& rate) { rate_ = rate; }
   // Starts the server with further options of the script; false (the reason in error()) when it
   // does not come up.
   bool Start(const std::vector<std::string>& options = {});
-  void Stop() { process_.Stop(); }
   // Puts a file with `content` at the URL path "/<name>" (sub-folders created).
   bool AddFile(const std::string& name, const std::string& content);
   // The path on disk of the URL path "/<name>" (for files too large to build in memory).
@@ -76,8 +62,7 @@ class LoopbackServer {
   std::string Url(const std::string& pathAndQuery) const;
   int http_port() const { return httpPort_; }
   int https_port() const { return httpsPort_; }
-  int port() const { return httpPort_; }
-  // How many requests for `path` (without query) have reached the server so far.
+  // How many requests for `path` (without query; a full URL for those sent to the proxy) so far.
   int RequestCount(const std::string& path) const;
   const std::string& error() const { return error_; }
   // The authority that signed the server's certificate, PEM (after Start).
@@ -88,7 +73,7 @@ class LoopbackServer {
  private:
   bool MakeCertificate();
   TempFolder folder_;
-  ChildProcess process_;
+  pid_t pid_ = -1;
   int httpPort_ = 0;
   int httpsPort_ = 0;
   std::string rate_;
@@ -96,28 +81,5 @@ class LoopbackServer {
 };
 
 using NginxTestServer = LoopbackServer;
-using ScriptedHttpServer = LoopbackServer;
-
-// tinyproxy: a forwarding proxy, optionally demanding Basic credentials.
-class TinyProxyServer {
- public:
-  TinyProxyServer() : folder_("tinyproxy") {}
-  // With a non-empty `user`, the proxy admits only requests with these Basic credentials.
-  bool Start(const std::string& user = "", const std::string& password = "");
-  std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-  int port() const { return port_; }
-  const std::string& error() const { return error_; }
-
- private:
-  TempFolder folder_;
-  ChildProcess process_;
-  int port_ = 0;
-  std::string error_;
-};
-
-// A port on 127.0.0.1 that was free a moment ago.
-int FindFreePort();
-// Whether something accepts connections on 127.0.0.1:`port`, waiting up to `timeoutMs`.
-bool WaitForPort(int port, int timeoutMs, ChildProcess* owner);
 
 }  // namespace gpctest

@@ -8,9 +8,7 @@ namespace gpctest {
 // Dispatches the default main context until `done` holds or `timeoutMs` of real time have passed.
 // Returns whether `done` held.
 bool RunMainLoopUntil(const std::function<bool()>& done, int timeoutMs = 20000);
-
-// Dispatches the default main context for `ms` milliseconds of real time (to show that nothing
-// more happens).
+// Dispatches the default main context for `ms` milliseconds of real time (to show nothing more happens).
 void RunMainLoopFor(int ms);
 
 }  // namespace gpctest
