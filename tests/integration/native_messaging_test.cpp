@@ -18,12 +18,10 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "extension_package.h"
 #include "gpc_host_run.h"
-#include "http_test_server.h"
 
 extern char** environ;
 
@@ -31,29 +29,47 @@ namespace {
 
 using gpchost::JsonEvent;
 using Clock = std::chrono::steady_clock;
-const std::string kSampleBundle = std::string(GPC_BUNDLE_DIR) + "/Contents/Frameworks/zrgpcext64.bundle";
-
-// Stages come from following the trace file, so under load one may arrive after the next has moved the
-// embed on: the stages must be the job's in its order, from "started" to "running".
-bool IsTheWholeJobInOrder(const std::vector<std::string>& stages) {
-  const std::vector<std::string> job = {"started", "checking", "downloading", "verified", "unpacked", "running"};
-  size_t next = 0;
-  for (const std::string& stage : stages) {
-    while (next < job.size() && job[next] != stage) ++next;
-    if (next++ == job.size()) return false;
-  }
-  return stages.size() >= 2 && stages.front() == "started" && stages.back() == "running";
-}
 
 std::string Quote(const std::string& text) {
   std::string out = "\"";
   for (char c : text) out += (c == '"' || c == '\\') ? std::string("\\") + c : std::string(1, c);
   return out + "\"";
 }
-std::string Frame(const std::string& json, uint32_t length) {
-  return std::string(reinterpret_cast<const char*>(&length), sizeof length) + json;
+std::string Frame(const std::string& json, size_t length = std::string::npos) {
+  const uint32_t size = static_cast<uint32_t>(length == std::string::npos ? json.size() : length);
+  return std::string(reinterpret_cast<const char*>(&size), sizeof size) + json;
 }
-std::string Frame(const std::string& json) { return Frame(json, static_cast<uint32_t>(json.size())); }
+std::string Message(const std::string& type, const std::string& id) {
+  return "{\"type\":\"" + type + "\",\"id\":" + Quote(id) + "}";
+}
+
+// The sample made version 2.0.0.7, packed and signed, on a fast and on a slowed server.
+struct Site {
+  gpctest::TempFolder folder{"nm"};
+  gpctest::LoopbackServer fast, slow;
+  gpctest::PageParams package;
+  bool ok = false;
+  Site() {
+    mkdir((folder.path() + "/pki").c_str(), 0700);
+    gpctest::PackageSigner signer(folder.path() + "/pki");
+    const std::string archive = folder.path() + "/package.7z";
+    if (!signer.ok() || !gpctest::PackExtension(std::string(GPC_BUNDLE_DIR) + "/Contents/Frameworks/zrgpcext64.bundle",
+                                                "2.0.0.7", folder.path(), archive))
+      return;
+    const std::string bytes = gpctest::ReadFile(archive);
+    slow.SetLimitRate(std::to_string(bytes.size() / 4 + 1));  // the package in about four seconds
+    for (gpctest::LoopbackServer* server : {&fast, &slow})
+      if (!server->Start() || !server->AddFile("client/zrgpcext64.bundle.7z", bytes) ||
+          !server->AddFile("files/readme.txt", "hello"))
+        return;
+    package = signer.PackageParameters(archive);
+    ok = true;
+  }
+};
+const Site& TheSite() {
+  static const Site site;
+  return site;
+}
 
 // gpc-host --native-messaging on one socket as its input and output; killed by the destructor.
 class NativeHost {
@@ -82,35 +98,29 @@ class NativeHost {
   void Send(const std::string& json) { SendRaw(Frame(json)); }
   void CloseInput() { shutdown(fd_, SHUT_WR); }
 
-  // Reads messages (kept in `seen`) until one satisfies `wanted`, which with `old` may also be one seen
-  // before; false at the end of the output or after 20 seconds.
-  bool WaitFor(const std::function<bool(const JsonEvent&)>& wanted, JsonEvent* found = nullptr, bool old = false) {
-    if (old && std::any_of(seen.begin(), seen.end(), wanted)) return true;
+  // The first message so far or still to come (within 20 seconds) that satisfies `wanted`.
+  bool WaitFor(const std::function<bool(const JsonEvent&)>& wanted, JsonEvent* found = nullptr) {
+    auto hit = std::find_if(seen.begin(), seen.end(), wanted);
     const auto deadline = Clock::now() + std::chrono::seconds(20);
-    for (JsonEvent m; Read(&m, deadline);) {
+    for (JsonEvent m; hit == seen.end(); hit = wanted(m) ? seen.end() - 1 : seen.end()) {
+      if (!Read(&m.line, deadline)) return false;
       seen.push_back(m);
-      if (!wanted(m)) continue;
-      if (found != nullptr) *found = m;
-      return true;
     }
-    return false;
+    if (found != nullptr) *found = *hit;
+    return true;
   }
-  bool WaitFor(const std::string& type, const std::string& id, JsonEvent* found = nullptr) {
-    return WaitFor([&](const JsonEvent& m) { return m.Str("type") == type && m.Str("id") == id; }, found);
+  bool WaitFor(const std::string& type, const std::string& id, const std::string& stage = "", JsonEvent* found = nullptr) {
+    return WaitFor([&](const JsonEvent& m) {
+      return m.Str("type") == type && m.Str("id") == id && (stage.empty() || m.Str("stage") == stage);
+    }, found);
   }
-  bool WaitForStage(const std::string& id, const std::string& stage) {
-    return WaitFor([&](const JsonEvent& m) { return m.Str("type") == "status" && m.Str("id") == id && m.Str("stage") == stage; },
-                   nullptr, true);
-  }
-  // With its input closed, the exit code once the process has ended within ten seconds, and whether
-  // the processes it started (its trace follower) have ended too; -1 when it has not ended.
+  // With its input closed, the exit code once the process has ended within ten seconds (else -1), and
+  // whether the processes it started (its trace follower) have ended too.
   int CloseAndWait(bool* childrenGone = nullptr) {
-    const std::string path = "/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) + "/children";
-    std::istringstream list(gpctest::ReadFile(path));
+    std::istringstream list(gpctest::ReadFile("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) + "/children"));
     const std::vector<pid_t> children{std::istream_iterator<pid_t>(list), std::istream_iterator<pid_t>()};
     CloseInput();
-    for (int polls = 0; pid_ > 0 && polls < 500; ++polls, poll(nullptr, 0, 20)) {
-      int status = 0;
+    for (int polls = 0, status = 0; pid_ > 0 && polls < 500; ++polls, poll(nullptr, 0, 20)) {
       if (waitpid(pid_, &status, WNOHANG) != pid_) continue;
       pid_ = -1;
       if (childrenGone != nullptr)
@@ -131,11 +141,11 @@ class NativeHost {
   std::vector<JsonEvent> seen;
 
  private:
-  bool Read(JsonEvent* message, Clock::time_point deadline) {
+  bool Read(std::string* message, Clock::time_point deadline) {
     uint32_t length = 0;
     if (!ReadExactly(reinterpret_cast<char*>(&length), sizeof length, deadline) || length > (1u << 20)) return false;
-    message->line.assign(length, '\0');
-    return ReadExactly(&message->line[0], length, deadline);
+    message->assign(length, '\0');
+    return ReadExactly(&(*message)[0], length, deadline);
   }
   bool ReadExactly(char* into, size_t size, Clock::time_point deadline) {
     for (ssize_t got = 0; size > 0; into += got, size -= static_cast<size_t>(got)) {
@@ -151,31 +161,13 @@ class NativeHost {
 
 class NativeMessaging : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    signal(SIGPIPE, SIG_IGN);
-    shared_ = new Shared();
-    Shared& s = *shared_;
-    mkdir((s.folder.path() + "/pki").c_str(), 0700);
-    s.signer = std::make_unique<gpctest::PackageSigner>(s.folder.path() + "/pki");
-    const std::string archive = s.folder.path() + "/package.7z";
-    if (!s.signer->ok() || !gpctest::PackExtension(kSampleBundle, "2.0.0.7", s.folder.path(), archive)) return;
-    const std::string package = gpctest::ReadFile(archive);
-    s.slow.SetLimitRate(std::to_string(package.size() / 4 + 1));  // the package in about four seconds
-    for (gpctest::LoopbackServer* server : {&s.fast, &s.slow})
-      if (!server->Start() || !server->AddFile("client/zrgpcext64.bundle.7z", package) ||
-          !server->AddFile("files/readme.txt", "hello"))
-        return;
-    s.package = s.signer->PackageParameters(archive);
-    s.ok = true;
-  }
-  static void TearDownTestSuite() { delete std::exchange(shared_, nullptr); }
   void SetUp() override {
-    ASSERT_TRUE(shared_->ok) << shared_->fast.error() << shared_->slow.error();
+    signal(SIGPIPE, SIG_IGN);
+    ASSERT_TRUE(site_.ok) << site_.fast.error() << site_.slow.error();
     setenv("XDG_DATA_HOME", data_.path().c_str(), 1);
     host_ = std::make_unique<NativeHost>(data_.path() + "/host.err");
     ASSERT_TRUE(host_->running());
   }
-
   // The "embed" message of a meeting page whose package lies on `server` (or under `root`).
   std::string Embed(const std::string& id, const gpctest::LoopbackServer& server, const std::string& root = "") {
     gpctest::PageParams params = {
@@ -184,7 +176,7 @@ class NativeMessaging : public ::testing::Test {
         {"GpcProductVersion", "3,1,0,7"}, {"MeetingID", "m42"}, {"GpcErrorPageUrl", server.HttpsUrl("page/error")},
         {"GpcSampleFiles", server.HttpsUrl("files/readme.txt")}, {"GpcSampleUnpackDir", data_.path() + "/u-" + id},
         {"GpcSampleDoneUrl", server.HttpsUrl("page/done")}};
-    params.insert(params.end(), shared_->package.begin(), shared_->package.end());
+    params.insert(params.end(), site_.package.begin(), site_.package.end());
     std::string list;
     for (const auto& [name, value] : params) list += (list.empty() ? "[" : ",[") + Quote(name) + "," + Quote(value) + "]";
     return "{\"type\":\"embed\",\"id\":" + Quote(id) +
@@ -199,121 +191,108 @@ class NativeMessaging : public ::testing::Test {
   // Waits for `id`'s navigation to the done page and answers it.
   void ExpectDone(const std::string& id) {
     JsonEvent navigate;
-    ASSERT_TRUE(host_->WaitFor("navigate", id, &navigate)) << Seen();
+    ASSERT_TRUE(host_->WaitFor("navigate", id, "", &navigate)) << Seen();
     EXPECT_NE(navigate.Str("url").find("/page/done?fetched=1&failed=0"), std::string::npos) << navigate.line;
     EXPECT_EQ(navigate.Str("target"), "_top");
     host_->Send("{\"type\":\"navigated\",\"id\":" + Quote(id) + ",\"request\":" + std::to_string(navigate.Int("request")) +
                 ",\"ok\":true}");
   }
-  // End of input ends every embed and the process, which exits 0 leaving nothing running.
-  void ExpectCleanExit() {
-    bool childrenGone = false;
-    EXPECT_EQ(host_->CloseAndWait(&childrenGone), 0);
-    EXPECT_TRUE(childrenGone);
-  }
 
-  struct Shared {
-    gpctest::TempFolder folder{"nm"};
-    gpctest::LoopbackServer fast, slow;
-    std::unique_ptr<gpctest::PackageSigner> signer;
-    gpctest::PageParams package;
-    bool ok = false;
-  };
-  static Shared* shared_;
+  const Site& site_ = TheSite();
   gpctest::TempFolder data_{"nmdata"};
   std::unique_ptr<NativeHost> host_;
 };
-NativeMessaging::Shared* NativeMessaging::shared_ = nullptr;
 
-TEST_F(NativeMessaging, AnEmbedDestroyedMidDownloadLeavesTheOtherToRunTheWholeJob) {
-  host_->Send(Embed("slow", shared_->slow));
-  ASSERT_TRUE(host_->WaitForStage("slow", "downloading"));
-  host_->Send(Embed("fast", shared_->fast));
-  ASSERT_TRUE(host_->WaitForStage("fast", "checking"));
-  host_->Send("{\"type\":\"destroy\",\"id\":\"slow\"}");
+// An embed destroyed as it reaches each stage of the job leaves the extension installed whole or not at
+// all, and the host serving; one destroyed mid-download leaves another embed to run the whole job. End of
+// input ends every embed and the process, which exits 0 leaving nothing running.
+TEST_F(NativeMessaging, EmbedsDestroyedAtAnyStageLeaveNothingHalfDoneAndTheOthersRunning) {
+  const std::string folder = data_.path() + "/Talvo Folder", bundle = folder + "/zrgpcext64.bundle";
+  for (const std::string stage : {"checking", "downloading", "verified", "unpacked", "running"}) {
+    SCOPED_TRACE(stage);
+    gpctest::RemoveTree(folder);
+    host_->Send(Embed(stage, stage == "checking" || stage == "downloading" ? site_.slow : site_.fast));
+    ASSERT_TRUE(host_->WaitFor("status", stage, stage)) << Seen();
+    host_->Send(Message("destroy", stage));
+    host_->Send(Message("destroy", stage));
+    JsonEvent error;
+    ASSERT_TRUE(host_->WaitFor("error", stage, "", &error)) << Seen();
+    EXPECT_NE(error.Str("message").find("no embed"), std::string::npos) << error.line;
+    struct stat st;
+    if (stat(bundle.c_str(), &st) == 0) {
+      EXPECT_NE(gpctest::ReadFile(bundle + "/Contents/Info.plist").find("2.0.0.7"), std::string::npos);
+    }
+  }
+  gpctest::RemoveTree(folder);
+  host_->Send(Embed("slow", site_.slow));
+  ASSERT_TRUE(host_->WaitFor("status", "slow", "downloading"));
+  host_->Send(Embed("fast", site_.fast));
+  ASSERT_TRUE(host_->WaitFor("status", "fast", "checking"));
+  host_->Send(Message("destroy", "slow"));
   ExpectDone("fast");
-  ASSERT_TRUE(host_->WaitForStage("fast", "running"));
-  EXPECT_TRUE(IsTheWholeJobInOrder(host_->Stages("fast"))) << Seen();
+  ASSERT_TRUE(host_->WaitFor("status", "fast", "running"));
+  // Stages come from following the trace file, so under load one may arrive after the next has moved the
+  // embed on: they must be the job's in its order, from "started" to "running".
+  const std::vector<std::string> job = {"started", "checking", "downloading", "verified", "unpacked", "running"};
+  auto at = job.begin();
+  for (const std::string& stage : host_->Stages("fast")) at = std::find(at, job.end(), stage);
+  EXPECT_EQ(host_->Stages("fast").front(), "started");
+  EXPECT_EQ(at, job.end() - 1) << Seen();
   EXPECT_EQ(host_->Stages("slow"), (std::vector<std::string>{"started", "checking", "downloading"}));
-  host_->Send("{\"type\":\"destroy\",\"id\":\"slow\"}");
-  JsonEvent error;
-  ASSERT_TRUE(host_->WaitFor("error", "slow", &error));
-  EXPECT_NE(error.Str("message").find("no embed"), std::string::npos);
-  ExpectCleanExit();
+  bool childrenGone = false;
+  EXPECT_EQ(host_->CloseAndWait(&childrenGone), 0);
+  EXPECT_TRUE(childrenGone);
 }
 
 // A direct download that meets a challenge moves the fetch to the browser, that is to this host, which
 // then tells the page how many bytes of the package have arrived.
 TEST_F(NativeMessaging, ThePackageFetchedByTheHostReportsItsBytes) {
   const int64_t size = 3000000;
-  host_->Send(Embed("e1", shared_->fast, shared_->fast.Url("/client/fails-once/401/" + std::to_string(size) + "/")));
+  host_->Send(Embed("e1", site_.fast, site_.fast.Url("/client/fails-once/401/" + std::to_string(size) + "/")));
   JsonEvent last;
   ASSERT_TRUE(host_->WaitFor([&](const JsonEvent& m) { return m.Str("stage") == "downloading" && m.Int("done") == size; },
                              &last)) << Seen();
   EXPECT_EQ(last.Int("total"), size);
   std::vector<int64_t> done;
   for (const JsonEvent& m : host_->seen)
-    if (m.Str("stage") == "downloading" && m.Has("done")) done.push_back(m.Int("done"));
+    if (m.Str("stage") == "downloading" && m.Int("done") >= 0) done.push_back(m.Int("done"));
   EXPECT_GE(done.size(), 5u);
   EXPECT_LE(done.size(), 51u);
   EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
   // Pattern bytes are no package: the page is told why.
-  ASSERT_TRUE(host_->WaitFor("navigate", "e1", &last));
+  ASSERT_TRUE(host_->WaitFor("navigate", "e1", "", &last));
   EXPECT_NE(last.Str("url").find("%5B111%5D"), std::string::npos) << last.line;
-  ExpectCleanExit();
-}
-
-// An embed destroyed as it reaches each stage of the job: the host goes on serving, ends cleanly with
-// its input, and the extension is installed whole or not at all.
-TEST_F(NativeMessaging, AnEmbedDestroyedAtEveryStageLeavesNothingHalfDone) {
-  const std::string bundle = data_.path() + "/Talvo Folder/zrgpcext64.bundle";
-  for (const std::string stage : {"checking", "downloading", "verified", "unpacked", "running"}) {
-    SCOPED_TRACE(stage);
-    gpchost::RemoveTree(data_.path() + "/Talvo Folder");
-    host_->Send(Embed(stage, stage == "checking" || stage == "downloading" ? shared_->slow : shared_->fast));
-    ASSERT_TRUE(host_->WaitForStage(stage, stage)) << Seen();
-    host_->Send("{\"type\":\"destroy\",\"id\":\"" + stage + "\"}");
-    host_->Send("{\"type\":\"ping\",\"id\":\"" + stage + "\"}");  // still serving: answered with an error
-    ASSERT_TRUE(host_->WaitFor("error", stage)) << Seen();
-    struct stat st;
-    if (stat(bundle.c_str(), &st) == 0) {
-      EXPECT_NE(gpctest::ReadFile(bundle + "/Contents/Info.plist").find("2.0.0.7"), std::string::npos);
-    }
-  }
-  ExpectCleanExit();
+  EXPECT_EQ(host_->CloseAndWait(), 0);
 }
 
 TEST_F(NativeMessaging, EveryBadMessageIsAnsweredWithAnErrorAndTheEmbedGoesOn) {
-  host_->Send(Embed("e1", shared_->slow));
-  ASSERT_TRUE(host_->WaitForStage("e1", "started"));
+  host_->Send(Embed("e1", site_.slow));
+  ASSERT_TRUE(host_->WaitFor("status", "e1", "started"));
   std::string many = "[\"P0\",\"v\"]";
   for (int i = 1; i < 10000; ++i) many += ",[\"P" + std::to_string(i) + "\",\"v\"]";
   struct Case {
-    const char* name;
     std::string bytes;
     const char* error;  // in the first error's message
     const char* id;     // the first error's id
   } const cases[] = {
-      {"invalid JSON", Frame("{\"type\":\"destroy\","), "invalid JSON", ""},
-      {"not an object", Frame("[\"embed\"]"), "JSON object", ""},
-      {"unknown type", Frame("{\"type\":\"explode\",\"id\":\"e1\"}"), "unknown message type", "e1"},
-      {"no id", Frame("{\"type\":\"destroy\"}"), "\"id\"", ""},
-      {"duplicate id", Frame(Embed("e1", shared_->fast)), "exists already", "e1"},
-      {"10,000 parameters", Frame("{\"type\":\"embed\",\"id\":\"e2\",\"pageUrl\":\"https://127.0.0.1/\",\"params\":[" + many + "]}"),
-       "at most", "e2"},
-      {"navigation never asked for", Frame("{\"type\":\"navigated\",\"id\":\"e1\",\"request\":99,\"ok\":true}"),
-       "no navigation", "e1"},
-      {"empty frame", Frame("", 0), "empty", ""},
-      {"length too short", Frame("{\"type\":\"destroy\",\"id\":\"e1\"}", 5), "invalid JSON", ""},
-      {"oversized", Frame("{\"blob\":\"" + std::string(4096, 'x') + "\"}", (64u << 20) + 1), "larger than the limit", ""},
+      {Frame("{\"type\":\"destroy\","), "invalid JSON", ""},
+      {Frame("[\"embed\"]"), "JSON object", ""},
+      {Frame(Message("explode", "e1")), "unknown message type", "e1"},
+      {Frame("{\"type\":\"destroy\"}"), "\"id\"", ""},
+      {Frame(Embed("e1", site_.fast)), "exists already", "e1"},
+      {Frame("{\"type\":\"embed\",\"id\":\"e2\",\"pageUrl\":\"https://127.0.0.1/\",\"params\":[" + many + "]}"), "at most", "e2"},
+      {Frame("{\"type\":\"navigated\",\"id\":\"e1\",\"request\":99,\"ok\":true}"), "no navigation", "e1"},
+      {Frame("", 0), "empty", ""},
+      {Frame(Message("destroy", "e1"), 5), "invalid JSON", ""},
+      {Frame("{\"blob\":\"" + std::string(4096, 'x') + "\"}", (64u << 20) + 1), "larger than the limit", ""},
   };
   int sync = 0;
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.error);
     host_->SendRaw(c.bytes);
     // A message of an unknown type marks where the errors of this case end.
     const std::string marker = "sync" + std::to_string(++sync);
-    host_->Send("{\"type\":\"sync\",\"id\":\"" + marker + "\"}");
+    host_->Send(Message("sync", marker));
     const size_t from = host_->seen.size();
     ASSERT_TRUE(host_->WaitFor("error", marker));
     const auto first = std::find_if(host_->seen.begin() + from, host_->seen.end(),

@@ -14,44 +14,23 @@ size_t ValueAt(const std::string& line, const char* key) {
   return at == std::string::npos ? at : at + pattern.size();
 }
 
-void AppendUtf8(unsigned code, std::string* out) {
-  if (code < 0x80) {
-    *out += static_cast<char>(code);
-  } else if (code < 0x800) {
-    *out += static_cast<char>(0xC0 | (code >> 6));
-    *out += static_cast<char>(0x80 | (code & 0x3F));
-  } else {
-    *out += static_cast<char>(0xE0 | (code >> 12));
-    *out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-    *out += static_cast<char>(0x80 | (code & 0x3F));
-  }
-}
-
-// The JSON string starting with the quote at `at`, unescaped.
-std::string Unescape(const std::string& line, size_t at) {
-  std::string out;
-  for (size_t i = at + 1; i < line.size() && line[i] != '"'; ++i) {
-    if (line[i] != '\\' || i + 1 >= line.size()) {
-      out += line[i];
-      continue;
-    }
-    const char next = line[++i];
-    if (next == 'u') {
-      AppendUtf8(static_cast<unsigned>(std::strtoul(line.substr(i + 1, 4).c_str(), nullptr, 16)), &out);
-      i += 4;
-    } else {
-      out += next == 'n' ? '\n' : next == 'r' ? '\r' : next == 't' ? '\t' : next;
-    }
-  }
-  return out;
-}
-
 }  // namespace
 
 std::string JsonEvent::Str(const char* key) const {
   size_t at = ValueAt(line, key);
   if (at == std::string::npos || at >= line.size() || line[at] != '"') return std::string();
-  return Unescape(line, at);
+  std::string out;
+  for (size_t i = at + 1; i < line.size() && line[i] != '"'; ++i) {
+    if (line[i] != '\\' || i + 1 >= line.size()) {
+      out += line[i];
+    } else if (line[++i] == 'u') {  // the printers escape only control characters this way
+      out += static_cast<char>(std::strtoul(line.substr(i + 1, 4).c_str(), nullptr, 16));
+      i += 4;
+    } else {
+      out += line[i] == 'n' ? '\n' : line[i] == 'r' ? '\r' : line[i] == 't' ? '\t' : line[i];
+    }
+  }
+  return out;
 }
 
 long long JsonEvent::Int(const char* key, long long fallback) const {
@@ -62,13 +41,6 @@ long long JsonEvent::Int(const char* key, long long fallback) const {
   long long value = std::strtoll(start, &end, 10);
   return end == start ? fallback : value;
 }
-
-bool JsonEvent::IsNull(const char* key) const {
-  size_t at = ValueAt(line, key);
-  return at != std::string::npos && line.compare(at, 4, "null") == 0;
-}
-
-bool JsonEvent::Has(const char* key) const { return ValueAt(line, key) != std::string::npos; }
 
 std::vector<JsonEvent> HostRun::Of(const std::string& name) const {
   std::vector<JsonEvent> out;
@@ -107,12 +79,6 @@ HostRun RunHost(const std::vector<std::string>& args) {
   run.events = ParseJsonLines(gpctest::ReadFile(folder.path() + "/out"));
   run.stderr_text = gpctest::ReadFile(folder.path() + "/err");
   return run;
-}
-
-bool RecordingServer::Start(const std::vector<std::string>& fail_rules) {
-  std::vector<std::string> options = {"--answer-ok"};
-  for (const std::string& rule : fail_rules) options.insert(options.end(), {"--fail", rule});
-  return LoopbackServer::Start(options);
 }
 
 }  // namespace gpchost

@@ -1,6 +1,5 @@
-// Running the plug-in host (gpc-host) from tests and benchmarks, reading its JSON-line events,
-// and a loopback HTTP server that records what the plug-in asked of it.
-// No gtest here: benchmarks compile this file too.
+// Running the plug-in host (gpc-host) from tests and reading the JSON lines it (or a loopback server's
+// request log) prints. No gtest here: benchmarks compile this file too.
 #pragma once
 #include <string>
 #include <vector>
@@ -17,8 +16,6 @@ struct JsonEvent {
   std::string Str(const char* key) const;
   // The value of a number field; `fallback` when missing or not a number.
   long long Int(const char* key, long long fallback = -1) const;
-  bool IsNull(const char* key) const;
-  bool Has(const char* key) const;
 };
 
 struct HostRun {
@@ -36,19 +33,5 @@ HostRun RunHost(const std::vector<std::string>& args);
 
 // Parses JSON lines (blank lines skipped).
 std::vector<JsonEvent> ParseJsonLines(const std::string& text);
-
-// The loopback server answering 200 "ok" to every path it has no file or scripted answer for.
-class RecordingServer : public gpctest::LoopbackServer {
- public:
-  // `fail_rules` (SUBSTRING=STATUS[xCOUNT]) answer STATUS to paths holding SUBSTRING, the first
-  // COUNT times (always without COUNT).
-  bool Start(const std::vector<std::string>& fail_rules = {});
-  // Every request so far: fields method, path (with query), body.
-  std::vector<JsonEvent> Requests() const { return ParseJsonLines(gpctest::ReadFile(AccessLogPath())); }
-};
-
-using gpctest::MakeTempFolder;
-using gpctest::RemoveTree;
-inline std::string ReadWholeFile(const std::string& path) { return gpctest::ReadFile(path); }
 
 }  // namespace gpchost

@@ -33,18 +33,15 @@ class WindowParamsTest : public ::testing::Test {
 };
 
 // Kept in order as given, looked up without regard to case; the first of duplicates decides, even
-// when empty; the root is corrected to https.
+// when empty; the page's own root is kept as given.
 TEST_F(WindowParamsTest, PageParametersAreStoredInOrderAndLiftTheHalt) {
   EXPECT_TRUE(Set({{"GpcProductVersion", "1,0,0"},
                    {"gpcurlroot", "http://www.talvo.us/client/a/"},
                    {"Dup", ""},
                    {"DUP", "later"}}));
   EXPECT_EQ(window.m_bHalted, 0);
-  EXPECT_EQ(window.GetParameterCount(), 4);
-  EXPECT_EQ(At(1), "gpcurlroot=http://www.talvo.us/client/a/");
-  EXPECT_EQ(At(2) + At(4) + At(-1), "Dup=(null)(none)(none)");
-  EXPECT_EQ(Get("GPCURLROOT"), "http://www.talvo.us/client/a/");
-  EXPECT_EQ(Get("dup") + Get("missing"), "(null)(null)");
+  EXPECT_EQ(At(1) + At(2) + At(4) + At(-1), "gpcurlroot=http://www.talvo.us/client/a/Dup=(null)(none)(none)");
+  EXPECT_EQ(Get("GPCURLROOT") + Get("dup"), "http://www.talvo.us/client/a/(null)");
 }
 
 // No version, or a root outside "/client/": the page stays halted and nothing after the root is kept.
@@ -59,8 +56,8 @@ TEST_F(WindowParamsTest, RefusedRootOrMissingVersionKeepsTheHalt) {
   EXPECT_EQ(window.GetParameterCount(), 2);
 }
 
-// What an extension sets: lengths checked, the root corrected, the first item of a name replaced
-// in place, an empty value accepted but changing nothing.
+// What an extension sets: lengths checked, the root corrected, the first item of a name replaced in
+// place, an empty value accepted but changing nothing.
 TEST_F(WindowParamsTest, SetParameterChecksLengthsAndCorrectsTheRoot) {
   const std::string forty(40, 'v');
   EXPECT_TRUE(Set({{"GpcProductVersion", forty.c_str()}, {"Name", "first"}, {"name", "second"}}));
@@ -82,9 +79,8 @@ TEST_F(WindowParamsTest, SetParameterChecksLengthsAndCorrectsTheRoot) {
   EXPECT_EQ(window.m_strBadParamName, "GPCCOMPONENTNAME");
   EXPECT_EQ(Get("GpcComponentName"), std::string(64, 'a'));
 
-  EXPECT_TRUE(window.SetParameter("NAME", "changed"));
-  EXPECT_TRUE(window.SetParameter("NAME", ""));
-  EXPECT_TRUE(window.SetParameter("Empty", ""));
+  EXPECT_TRUE(window.SetParameter("NAME", "changed") && window.SetParameter("NAME", "") &&
+              window.SetParameter("Empty", ""));
   EXPECT_EQ(At(1) + At(2), "Name=changedname=second");
   EXPECT_EQ(window.GetParameterCount(), 6);
   EXPECT_FALSE(window.SetParameter(nullptr, "a") || window.SetParameter("A", nullptr));
@@ -95,28 +91,23 @@ TEST_F(WindowParamsTest, SetParameterChecksLengthsAndCorrectsTheRoot) {
   EXPECT_EQ(window.m_strBadParamName, "GpcUrlRoot");
 }
 
-TEST_F(WindowParamsTest, ParameterFileHoldsEveryRecordWithCarriageReturnsAndTheTimeLast) {
-  // 1000.25 seconds after 2001-01-01 00:00:00 GMT.
+// The file goes to the folder of the first product version given; a null value is written empty; the
+// start time is the clock's; a second page of the same version replaces the file; a plain file where
+// the folder should be fails.
+TEST_F(WindowParamsTest, ParameterFileHoldsEveryRecordAndTheTimeLast) {
   platform::SetWallClockOverride([] { return static_cast<int64_t>((978307200.0 + 1000.25) * 1e6); });
   const std::string folder = platform::UserApplicationSupportDir() + "/Talvo Folder/";
-  gpctest::EmbedArgs page{
-      {"A", "1"}, {"gpcPRODUCTversion", "7,1"}, {"Empty", ""}, {"GpcProductVersion", "other"}};
+  gpctest::EmbedArgs page{{"gpcPRODUCTversion", "7,1"}, {"GpcProductVersion", "other"}}, second{page},
+      blocked;
   page.Add("NullValue", nullptr);
   ASSERT_TRUE(SaveParameters(page.argc(), page.argn(), page.argv()));
   EXPECT_EQ(gpctest::ReadFile(folder + "7,1/talvoparameters.txt"),
-            "[NAME]-=-A-=-[VALUE]-=-1-=-\r"
-            "[NAME]-=-gpcPRODUCTversion-=-[VALUE]-=-7,1-=-\r"
-            "[NAME]-=-Empty-=-[VALUE]-=--=-\r"
-            "[NAME]-=-GpcProductVersion-=-[VALUE]-=-other-=-\r"
-            "[NAME]-=-NullValue-=-[VALUE]-=--=-\r"
-            "[NAME]-=-gpcstartworktime-=-[VALUE]-=-1000.250000-=-\r");
+            "[NAME]-=-gpcPRODUCTversion-=-[VALUE]-=-7,1-=-\r[NAME]-=-GpcProductVersion-=-[VALUE]-=-other-=-\r"
+            "[NAME]-=-NullValue-=-[VALUE]-=--=-\r[NAME]-=-gpcstartworktime-=-[VALUE]-=-1000.250000-=-\r");
   EXPECT_FALSE(FileExists(folder + "other"));
-
-  // A second page of the same version replaces the file; a plain file where the folder should be fails.
-  gpctest::EmbedArgs second{{"GpcProductVersion", "7,1"}}, blocked{{"GpcProductVersion", "blocked"}};
   ASSERT_TRUE(SaveParameters(second.argc(), second.argn(), second.argv()));
-  EXPECT_EQ(gpctest::ReadFile(folder + "7,1/talvoparameters.txt").rfind("[NAME]-=-GpcProductVersion-=-", 0),
-            0u);
+  EXPECT_EQ(gpctest::ReadFile(folder + "7,1/talvoparameters.txt").find("NullValue"), std::string::npos);
+  blocked.Add("GpcProductVersion", "blocked");
   std::ofstream(folder + "blocked") << "x";
   EXPECT_FALSE(SaveParameters(blocked.argc(), blocked.argn(), blocked.argv()));
 }

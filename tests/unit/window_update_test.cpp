@@ -1,6 +1,5 @@
-// The update decision: the installed user extension against the version the page asks for, with
-// the package queued for fetching when they differ and the extension marked ready when they agree.
-// No heartbeat runs here, so nothing queued is ever fetched.
+// The update decision: the installed user extension against the version the page asks for. No
+// heartbeat runs here, so nothing queued is ever fetched.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -23,13 +22,13 @@ std::string Folder() { return platform::UserApplicationSupportDir() + "/Talvo Fo
 // A user extension bundle "<name>.bundle" carrying `version` in its property list.
 void InstallBundle(const std::string& name, const std::string& version) {
   const std::string bundle = Folder() + "/" + name + ".bundle/Contents/";
-  ASSERT_TRUE(platform::MakeDirectories(bundle + "MacOS", 0755));
-  ASSERT_TRUE(gpctest::WriteFile(bundle + "MacOS/" + name,
+  ASSERT_TRUE(platform::MakeDirectories(bundle + "MacOS", 0755) &&
+              gpctest::WriteFile(bundle + "MacOS/" + name,
                                  "\x7f"
                                  "ELF"));
   ASSERT_TRUE(gpctest::WriteFile(bundle + "Info.plist",
-                                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version="
-                                 "\"1.0\"><dict><key>CFBundleVersion</key><string>" +
+                                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">"
+                                 "<dict><key>CFBundleVersion</key><string>" +
                                      version + "</string></dict></plist>\n"));
 }
 
@@ -40,7 +39,7 @@ class WindowUpdateTest : public ::testing::Test {
   NPP_t npp{};
 };
 
-// The manager's start on a page: what it queues, whether the extension is ready, the page it shows
+// The manager's start on a page: what it queues, whether the extension is ready, the error page it shows
 // and the milestones recorded in the product version's time-stamp file.
 TEST_F(WindowUpdateTest, DownloadsOnlyWhenTheInstalledVersionDiffers) {
   const struct {
@@ -76,22 +75,23 @@ TEST_F(WindowUpdateTest, DownloadsOnlyWhenTheInstalledVersionDiffers) {
     window.m_extMgr.Init();
     std::string queued;
     for (const CGetFileItem* item : window.m_vectorFileItem)
-      if (item->m_pfnCallback == CGpcExtMgr::GpcGetFileNotify && item->m_pContext == &window.m_extMgr)
-        queued += item->m_strUrl;
+      queued += item->m_pfnCallback == CGpcExtMgr::GpcGetFileNotify && item->m_pContext == &window.m_extMgr
+                    ? item->m_strUrl
+                    : "(another)";
     EXPECT_EQ(queued, c.queued);
-    EXPECT_EQ(window.m_vectorFileItem.size(), c.queued.empty() ? 0u : 1u);
     EXPECT_EQ(window.m_bNeedInitExtension != 0, c.ready);
     const std::string file = gpctest::ReadFile(Folder() + "/5.0/Info.plist");
-    std::string stamps = file.empty() ? "-" : "";
-    for (const char* key : {tmr_gpc_check_extension, tmr_gpc_start_update_extension})
-      if (file.find(std::string("<key>") + key + "</key>") != std::string::npos)
-        stamps +=
-            std::string(stamps.empty() ? "" : " ") + (key == tmr_gpc_check_extension ? "check" : "update");
+    auto has = [&](const char* key) {
+      return file.find(std::string("<key>") + key + "</key>") != std::string::npos;
+    };
+    const std::string stamps = file.empty() ? "-"
+                                            : std::string(has(tmr_gpc_check_extension) ? "check" : "") +
+                                                  (has(tmr_gpc_start_update_extension) ? " update" : "");
     EXPECT_EQ(stamps, c.stamps);
     const std::vector<std::string> shown = gpctest::RunNavigations(window);
-    const std::string page = shown.empty() ? "" : shown[0];
     EXPECT_EQ(shown.size(), c.message ? 1u : 0u);
-    EXPECT_EQ(page.find("%5B" + std::to_string(c.message) + "%5D") != std::string::npos, c.message != 0);
+    EXPECT_EQ(!shown.empty() && shown[0].find("%5B" + std::to_string(c.message) + "%5D") != std::string::npos,
+              c.message != 0);
     EXPECT_EQ(window.m_bHalted != 0, c.message != 0);
   }
 }
