@@ -1,22 +1,103 @@
 #!/usr/bin/env python3
-"""Opens one page in headless Chromium with the bridge extension loaded and reports what happens (see
-driver_support.run_bridge_browser). A DevTools port on loopback keeps the browser running when the page
-closes its tab."""
+"""Opens one page in headless Chromium with the bridge extension and --host as its native-messaging host,
+and reports a JSON line "end": url, the first request holding --until that the server logged ("" when none
+came within --timeout seconds: exit status 3), and left, the hosts running 10 s after the browser quit or,
+when the page's URL has a fragment (its tab then closes), after that request, the browser staying open."""
+import argparse
+import contextlib
+import json
 import os
+import signal
+import subprocess
 import sys
+import time
 
-from driver_support import BRIDGE_OPTIONS, arguments, install_host, run_bridge_browser
-
+EXTENSION_ORIGIN = "chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/"  # from the key in its manifest
+# A DevTools port on loopback keeps the browser running when the page closes its tab.
 FLAGS = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-background-networking",
-         "--disable-sync", "--disable-component-update", "--no-first-run", "--disable-quic",
-         "--no-default-browser-check", "--disable-default-apps", "--ignore-certificate-errors",
-         "--remote-debugging-port=0"]
+         "--no-first-run", "--ignore-certificate-errors", "--remote-debugging-port=0"]
+
+
+def arguments():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("url")
+    parser.add_argument("--chromium", default="/usr/bin/chromium")
+    parser.add_argument("--timeout", type=float, default=40.0)
+    for name in ("extension", "access-log", "until", "browser-log", "host", "host-pids", "user-data-dir"):
+        parser.add_argument("--" + name, default="")
+    return parser.parse_args()
+
+
+def install_host(args):
+    """Names --host to the browser through a wrapper (a manifest's "path" takes no arguments) that adds each
+    host's process id to --host-pids."""
+    folder, wrapper = os.path.join(args.user_data_dir, "NativeMessagingHosts"), args.host_pids + ".sh"
+    os.makedirs(folder, exist_ok=True)
+    with open(wrapper, "w") as script:
+        script.write("#!/bin/sh\necho $$ >>'%s'\nexec '%s' --native-messaging\n" % (args.host_pids,
+                                                                                     args.host))
+    os.chmod(wrapper, 0o755)
+    with open(os.path.join(folder, "com.vantrel.talvo.gpc.json"), "w") as manifest:
+        json.dump({"name": "com.vantrel.talvo.gpc", "description": "GPC plug-in host", "type": "stdio",
+                   "path": wrapper, "allowed_origins": [EXTENSION_ORIGIN]}, manifest)
+
+
+def poll(seconds, probe):
+    """Asks `probe()` every 0.1 s until it answers something true or `seconds` pass; its last answer."""
+    deadline = time.monotonic() + seconds
+    while not (answer := probe()) and time.monotonic() < deadline:
+        time.sleep(0.1)
+    return answer
+
+
+def running(pid):
+    with contextlib.suppress(OSError), open("/proc/%s/stat" % pid) as stat:
+        return stat.read().rpartition(")")[2].split()[0] != "Z"  # a zombie has ended
+    return False
+
+
+def hosts_left(args):
+    """The hosts of --host-pids still running 10 s on, killed."""
+    def hosts():
+        with open(args.host_pids, "a+") as pids:
+            pids.seek(0)
+            return [int(pid) for pid in pids.read().split() if running(pid)]
+    poll(10, lambda: not hosts())
+    left = hosts()
+    for pid in left:
+        os.kill(pid, signal.SIGKILL)
+    return left
+
+
+def run_browser(args):
+    install_host(args)
+    start = os.path.getsize(args.access_log) if os.path.exists(args.access_log) else 0
+    with open(args.browser_log or os.devnull, "ab") as log:
+        browser = subprocess.Popen([args.chromium, *FLAGS, "--user-data-dir=" + args.user_data_dir,
+                                    "--load-extension=" + args.extension,
+                                    "--disable-extensions-except=" + args.extension, args.url],
+                                   stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
+
+    def requested():
+        with open(args.access_log, "a+") as log:  # made here when the server has logged nothing yet
+            log.seek(start)
+            lines = [line for line in log if args.until in line and line.endswith("\n")]
+            return [json.loads(line)["request"].split(" ")[1] for line in lines]
+
+    left, url = [], ""
+    try:
+        url = (poll(args.timeout, requested) or [""])[0]
+        left = hosts_left(args) if url and "#" in args.url else []
+    finally:
+        browser.terminate()
+        poll(10, lambda: browser.poll() is not None)
+        left += hosts_left(args)
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(browser.pid, signal.SIGKILL)  # what the browser left behind
+        browser.wait()
+    print(json.dumps({"event": "end", "url": url, "left": left}, separators=(",", ":")), flush=True)
+    return 0 if url else 3
+
 
 if __name__ == "__main__":
-    args = arguments(chromium="/usr/bin/chromium", user_data_dir="", **BRIDGE_OPTIONS)
-    # The extension's id follows from the key in its manifest.
-    install_host(os.path.join(args.user_data_dir, "NativeMessagingHosts"), "allowed_origins",
-                 "chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/", args)
-    sys.exit(run_bridge_browser([args.chromium, *FLAGS, "--user-data-dir=" + args.user_data_dir,
-                                 "--load-extension=" + args.extension,
-                                 "--disable-extensions-except=" + args.extension, args.url], args))
+    sys.exit(run_browser(arguments()))
