@@ -57,23 +57,19 @@ class FakeClock {
   int64_t micros_;
 };
 
-// Limits the size of the files this process may write (SIGXFSZ ignored, so a write past the
-// limit fails with EFBIG as on a full disk) while it lives.
+// Limits the size of the files this process may write while it lives (SIGXFSZ being ignored, a
+// write past the limit fails with EFBIG as on a full disk).
 class FileSizeLimit {
  public:
-  explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
+  explicit FileSizeLimit(rlim_t bytes) {
     getrlimit(RLIMIT_FSIZE, &old_);
     struct rlimit limit = old_;
     limit.rlim_cur = bytes;
     setrlimit(RLIMIT_FSIZE, &limit);
   }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &old_);
-    signal(SIGXFSZ, handler_);
-  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &old_); }
 
  private:
-  void (*handler_)(int);
   struct rlimit old_;
 };
 
@@ -84,6 +80,7 @@ class DownloadTaskTest : public ::testing::Test {
   static void SetUpTestSuite() {
     for (const char* name : {"http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY"})
       unsetenv(name);
+    signal(SIGXFSZ, SIG_IGN);
     ASSERT_TRUE(server_.Start()) << server_.error();
   }
   static bool WaitForStatus(GPCDownloadTask& task, int status) {

@@ -113,32 +113,11 @@ LoopbackServer::~LoopbackServer() {
   }
 }
 
-// A certificate authority of its own and a server certificate it signs (browsers that check
-// certificates trust the authority, never a self-signed server certificate); both are sent. The
-// names are the loopback ones and those tests reach through a proxy that sends every host here.
-bool LoopbackServer::MakeCertificate() {
-  const std::string dir = folder_.path(), ca = AuthorityPath(), caKey = dir + "/ca.key";
-  const std::string key = dir + "/key.pem", leaf = dir + "/leaf.pem", log = dir + "/openssl.log";
-  const char* names =
-      "subjectAltName=IP:127.0.0.1,DNS:localhost,DNS:talvo.us,DNS:*.talvo.us,DNS:talvo.com,DNS:*.talvo.com,"
-      "DNS:vantrel.com,DNS:*.vantrel.com,DNS:example.org,DNS:*.example.org";
-  const char* authority[] = {"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
-                             "-nodes", "-keyout", caKey.c_str(), "-out", ca.c_str(), "-days", "2",
-                             "-subj", "/CN=Test Server Authority", nullptr};
-  const char* server[] = {"openssl", "req", "-x509", "-CA", ca.c_str(), "-CAkey", caKey.c_str(), "-newkey", "ec",
-                          "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key.c_str(),
-                          "-out", leaf.c_str(), "-days", "2", "-subj", "/CN=127.0.0.1", "-addext", names,
-                          "-addext", "basicConstraints=critical,CA:FALSE", "-addext",
-                          "extendedKeyUsage=serverAuth", nullptr};
-  return RunCommand(authority, log) == 0 && RunCommand(server, log) == 0 &&
-         WriteFile(dir + "/cert.pem", ReadFile(leaf) + ReadFile(ca));
-}
-
 bool LoopbackServer::Start(const std::vector<std::string>& options) {
   const std::string& dir = folder_.path();
   const std::string portFile = dir + "/port", log = dir + "/server.log";
-  if (dir.empty() || !MakeDirs(dir + "/www") || !MakeCertificate()) {
-    error_ = "cannot make the server's folder and certificate: " + ReadFile(dir + "/openssl.log");
+  if (dir.empty() || !MakeDirs(dir + "/www")) {
+    error_ = "cannot make the server's folder";
     return false;
   }
   std::vector<std::string> args = {"python3", std::string(GPC_SOURCE_DIR) + "/tests/support/loopback_server.py",

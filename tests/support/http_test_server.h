@@ -46,8 +46,6 @@ class LoopbackServer {
  public:
   LoopbackServer() : folder_("loopback") {}
   ~LoopbackServer();
-  LoopbackServer(const LoopbackServer&) = delete;
-  LoopbackServer& operator=(const LoopbackServer&) = delete;
   // Before Start: at most `rate` bytes a second per response, "256k", "1m" or a count.
   void SetLimitRate(const std::string& rate) { rate_ = rate; }
   // Starts the server with further options of the script; false (the reason in error()) when it
@@ -71,7 +69,6 @@ class LoopbackServer {
   std::string AccessLogPath() const { return folder_.path() + "/access.log"; }
 
  private:
-  bool MakeCertificate();
   TempFolder folder_;
   pid_t pid_ = -1;
   int httpPort_ = 0;

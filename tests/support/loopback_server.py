@@ -2,9 +2,9 @@
 """Loopback HTTP(S) server for the tests: the files under --root, else the answers of Handler.scripted,
 else 404 (200 "ok" with --answer-ok). --fail SUBSTRING=STATUS[xCOUNT] answers STATUS to paths holding
 SUBSTRING (COUNT times); --rate caps each answer's bytes a second; --log gets each request as a JSON line;
---port-file gets "HTTP HTTPS". The http port is also a proxy (absolute URLs and CONNECT), demanding
---proxy-auth USER:PASSWORD when given; --connect-to PORT tunnels every other host name to that port.
-"""
+--port-file gets "HTTP HTTPS"; a --certificate that does not exist is made, with its authority beside it
+(ca.pem). The http port is also a proxy (absolute URLs and CONNECT), demanding --proxy-auth USER:PASSWORD
+when given; --connect-to PORT tunnels every other host name to that port."""
 import argparse
 import base64
 import http.server
@@ -14,6 +14,7 @@ import select
 import socket
 import ssl
 import struct
+import subprocess
 import sys
 import threading
 import time
@@ -29,9 +30,6 @@ def pattern(n):
 
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
-
-    def log_message(self, fmt, *args):
-        pass
 
     def setup(self):
         if self.server.tls:
@@ -189,8 +187,20 @@ class Server(http.server.ThreadingHTTPServer):
         super().__init__(("127.0.0.1", 0), Handler)
         self.state, self.tls = state, tls
 
-    def handle_error(self, request, address):
-        pass
+
+def make_certificate(certificate, key):
+    """A test authority and a server certificate it signs (both sent) for loopback and the test domains."""
+    folder = os.path.dirname(os.path.abspath(certificate))
+    ca, leaf = os.path.join(folder, "ca"), os.path.join(folder, "leaf.pem")
+    domains = ",".join(f"DNS:{name},DNS:*.{name}" for name in ("talvo.us", "talvo.com", "vantrel.com", "example.org"))
+    for request in (["-keyout", ca + ".key", "-out", ca + ".pem", "-subj", "/CN=Test Server Authority"],
+                    ["-CA", ca + ".pem", "-CAkey", ca + ".key", "-keyout", key, "-out", leaf, "-subj", "/CN=127.0.0.1",
+                     "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost," + domains, "-addext",
+                     "basicConstraints=critical,CA:FALSE", "-addext", "extendedKeyUsage=serverAuth"]):
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                        "-nodes", "-days", "2", *request], check=True)
+    with open(certificate, "w") as out, open(leaf) as server, open(ca + ".pem") as authority:
+        out.write(server.read() + authority.read())
 
 
 def main(argv):
@@ -204,6 +214,8 @@ def main(argv):
     args = parser.parse_args(argv)
     state = State(args)
     servers = [Server(state)]
+    if args.certificate and not os.path.exists(args.certificate):
+        make_certificate(args.certificate, args.key)
     if args.certificate:
         tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         tls.load_cert_chain(args.certificate, args.key)
