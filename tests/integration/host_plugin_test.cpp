@@ -24,9 +24,9 @@ class HostPlugin : public ::testing::Test {
     server_ = std::make_unique<gpctest::LoopbackServer>();
     EXPECT_TRUE(server_->Start(options)) << server_->error();
   }
-  // Runs a meeting page on the server started last, or on a new one with `failRules`.
-  HostRun RunPage(const std::vector<std::string>& extra, const std::vector<std::string>& failRules = {}) {
-    if (server_ == nullptr) Serve(failRules);
+  // Runs a meeting page on the server started last, or on a new one.
+  HostRun RunPage(const std::vector<std::string>& extra) {
+    if (server_ == nullptr) Serve();
     std::vector<std::string> args = {"--param", "GpcProductVersion=3,1,0,7", "--param", "MeetingID=m42",
                                      "--param", "SessionID=s7", "--param", "LoggingURL=" + server_->Url("/log?"),
                                      "--param", "GpcErrorPageUrl=" + server_->Url("/error"), "--param", "gpclocalsetting=1"};
@@ -64,8 +64,8 @@ TEST_F(HostPlugin, PageWithoutUrlRootReportsStartThenErrorThenShowsTheErrorPage)
 TEST_F(HostPlugin, RefusedUrlRootHaltsAndAFailedReportHoldsTheQueue) {
   for (const bool failReports : {false, true}) {
     SCOPED_TRACE(failReports ? "failed report" : "refused root");
-    server_.reset();
-    const HostRun run = failReports ? RunPage({"--run-ms", "1500"}, {"/log=500"})
+    Serve(failReports ? std::vector<std::string>{"/log=500"} : std::vector<std::string>{});
+    const HostRun run = failReports ? RunPage({"--run-ms", "1500"})
                                     : RunPage({"--param", "GpcUrlRoot=https://downloads.example.org/client/", "--param",
                                                "GpcExtVersion=1,0,0,1", "--run-ms", "1500"});
     ASSERT_EQ(run.Of("request").size(), 1u);
