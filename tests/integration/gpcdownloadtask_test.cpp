@@ -89,23 +89,30 @@ class DownloadTaskTest : public ::testing::Test {
   static inline gpctest::LoopbackServer server_;
 };
 
-// The task's file goes when the task is stopped, unless (names under /tmp being shared) another
-// process's download took the name after the package was deleted.
+// The file goes with the task, unless (names under /tmp being shared) another process's download
+// took the name after the package was deleted; memory mode saves the body under a counted name ending
+// in the wall-clock second, kept after the task.
 TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
+  FakeClock wall(platform::SetWallClockOverride, platform::WallClockMicros());
   const std::string content = PatternBytes(5 * 1024 * 1024 + 3, 21);
+  const std::string seconds = "_" + std::to_string(platform::WallClockMicros() / 1000000);
   ASSERT_TRUE(server_.AddFile("task.bin", content));
-  for (const bool taken : {false, true}) {
-    SCOPED_TRACE(taken ? "name taken by another file" : "own file");
+  for (const char* row : {"own file", "name taken by another file", "memory mode"}) {
+    SCOPED_TRACE(row);
+    const bool taken = row[0] == 'n', memory = row[0] == 'm';
     Notify notify;
     int item = 0;
     auto task = std::make_unique<GPCDownloadTask>(server_.HttpsUrl("task.bin").c_str(), false, &notify);
     task->SetItem(&item);
+    task->SetFileMode(memory ? 0 : 1);
     ASSERT_EQ(task->Start(), 0u);
     ASSERT_TRUE(WaitForStatus(*task, kDownloadFinished));
     EXPECT_EQ(notify.received, content.size());
     EXPECT_EQ(notify.lastItem, &item);
     EXPECT_EQ(task->GetDownloadedSize(), content.size());
     const std::string local = task->GetLocalFile();
+    EXPECT_EQ(local.rfind("/tmp/gpc_tmp_", 0), 0u) << local;
+    EXPECT_EQ(local.size() > seconds.size() && local.substr(local.size() - seconds.size()) == seconds, memory);
     EXPECT_TRUE(ReadFile(local) == content);
     task->Start();  // a task that still has its client only refreshes its counters
     EXPECT_EQ(task->GetCheckTimes(), 2);
@@ -118,31 +125,11 @@ TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
       task->Stop();
       EXPECT_EQ(task->GetStatus(), kDownloadStopped);
     }
-    EXPECT_EQ(ReadFile(local), taken ? "another's" : "");
-    EXPECT_EQ(Exists(local), taken);
+    const std::string kept = taken ? "another's" : memory ? content : "";
+    EXPECT_TRUE(ReadFile(local) == kept);
+    EXPECT_EQ(Exists(local), !kept.empty());
     unlink(local.c_str());
   }
-}
-
-// Memory mode saves the body under a counted name ending in the wall-clock second, kept after the task.
-TEST_F(DownloadTaskTest, MemoryModeSavesTheBodyUnderACountedName) {
-  FakeClock wall(platform::SetWallClockOverride, platform::WallClockMicros());
-  const std::string content = PatternBytes(40000, 8);
-  ASSERT_TRUE(server_.AddFile("memory.bin", content));
-  Notify notify;
-  std::string local;
-  {
-    GPCDownloadTask task(server_.HttpUrl("memory.bin").c_str(), false, &notify);
-    task.SetFileMode(0);
-    ASSERT_EQ(task.Start(), 0u);
-    ASSERT_TRUE(WaitForStatus(task, kDownloadFinished));
-    local = task.GetLocalFile();
-    const std::string seconds = "_" + std::to_string(platform::WallClockMicros() / 1000000);
-    EXPECT_EQ(local.rfind("/tmp/gpc_tmp_", 0), 0u) << local;
-    EXPECT_EQ(local.substr(local.size() - seconds.size()), seconds) << local;
-  }
-  EXPECT_TRUE(ReadFile(local) == content);
-  unlink(local.c_str());
 }
 
 // Bad addresses, empty and cut bodies, challenges and bodies that cannot be stored: no notification,
