@@ -129,10 +129,7 @@ TEST_F(WindowFetchTest, CredentialChallengeMovesEveryItemToTheBrowser) {
     NPReason reason;
     std::vector<std::string> events;
   } endings[] = {
-      {"http://127.0.0.1:9/files/f0.bin",
-       "via-browser",
-       NPRES_DONE,
-       {"progress 100", "progress 11", "complete via-browser"}},
+      {"http://127.0.0.1:9/files/f0.bin", "b", NPRES_DONE, {"progress 100", "progress 1", "complete b"}},
       {"http://127.0.0.1:9/files/f1.bin", "", NPRES_NETWORK_ERR, {"complete null"}},
       {"http://127.0.0.1:9/elsewhere", "moved", NPRES_DONE, {"complete "}},  // redirected
       {nullptr, "", NPRES_USER_BREAK, {"complete null"}},
@@ -166,10 +163,10 @@ TEST_F(WindowFetchTest, FailedStartSwitchesToTheBrowserAndStopHaltsTheQueue) {
   EXPECT_TRUE(Browser().requests.empty());
 }
 
-// Someone plants a link at the download file's name between the choice of the name and its
-// opening: the link is not followed, the download goes to a file of its own; teardown removes a
-// half-written download.
-TEST_F(WindowFetchTest, BrowserDownloadNeverWritesThroughALinkAndTeardownRemovesItsFile) {
+// Someone plants a link at the download file's name between the choice of the name and its opening:
+// the link is not followed, the download goes to a file of its own. A full disk while the stream is
+// written shows 109. Teardown removes a half-written download.
+TEST_F(WindowFetchTest, BrowserDownloadsNeverWriteThroughALinkShow109OnAFullDiskAndGoWithTheInstance) {
   const std::string victim = env.dir() + "/victim", logged = "CGpcWindow::OpenDownloadingStreamFile,file=";
   ASSERT_TRUE(gpctest::WriteFile(victim, "precious"));
   std::string planted;
@@ -181,7 +178,8 @@ TEST_F(WindowFetchTest, BrowserDownloadNeverWritesThroughALinkAndTeardownRemoves
           EXPECT_EQ(symlink(victim.c_str(), planted.c_str()), 0);
         }
       });
-  CGpcWindow* window = Create(2, true);
+  CGpcWindow* window = Create(3, true);
+  window->SetParameterVector("GpcErrorPageUrl", "https://e.example/err");
   window->OnTimer();
   gpc::GPCNotificationCenter::defaultCenter().removeObserver(attacker);
   ASSERT_FALSE(planted.empty());
@@ -192,30 +190,24 @@ TEST_F(WindowFetchTest, BrowserDownloadNeverWritesThroughALinkAndTeardownRemoves
   unlink(planted.c_str());
 
   window->OnTimer();
-  ASSERT_EQ(Browser().requests.size(), 2u);
-  const std::string partial = window->m_strStreamFilePath;
-  ASSERT_TRUE(FileExists(partial));
-  NPP_Destroy(&npp, nullptr);
-  EXPECT_FALSE(FileExists(partial));
-  EXPECT_TRUE(requesters[1].events.empty());
-}
-
-// A full disk while the browser's stream is written shows 109.
-TEST_F(WindowFetchTest, FullDiskWhileTheBrowserDownloadIsWrittenShows109) {
-  CGpcWindow* window = Create(1, true);
-  window->SetParameterVector("GpcErrorPageUrl", "https://e.example/err");
-  window->OnTimer();
   signal(SIGXFSZ, SIG_IGN);  // writes beyond the limit fail with EFBIG instead of ending the process
   rlimit saved = {};
   getrlimit(RLIMIT_FSIZE, &saved);
   const rlimit lowered = {1000000, saved.rlim_max};
   setrlimit(RLIMIT_FSIZE, &lowered);
-  Answer(0, Browser().requests.at(0).url.c_str(), std::string(3000000, 'x'), NPRES_DONE);
+  Answer(1, Browser().requests.at(1).url.c_str(), std::string(3000000, 'x'), NPRES_DONE);
   setrlimit(RLIMIT_FSIZE, &saved);
   const std::vector<std::string> shown = gpctest::RunNavigations(*window);
   EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [](const std::string& url) {
     return url.rfind("_top https://e.example/err?", 0) == 0 && url.find("%5B109%5D") != std::string::npos;
   })) << ::testing::PrintToString(shown);
+
+  window->OnTimer();
+  const std::string partial = window->m_strStreamFilePath;
+  ASSERT_TRUE(FileExists(partial));
+  NPP_Destroy(&npp, nullptr);
+  EXPECT_FALSE(FileExists(partial));
+  EXPECT_TRUE(requesters[2].events.empty());
 }
 
 }  // namespace
