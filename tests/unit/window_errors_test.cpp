@@ -47,8 +47,8 @@ TEST_F(WindowErrorsTest, ErrorPageQueryFollowsTheUrlsShape) {
   }
 }
 
-// Each report carries the warnings and errors traced since the one before; a code without a text
-// sends only its report.
+// Each report carries the warnings and errors (not the information lines) traced since the one before;
+// a code without a text sends only its report.
 TEST_F(WindowErrorsTest, ReportsCarryTheTraceSinceTheLast) {
   Set(window, {{"LoggingURL", "https://log.example/l?"},
                {"MeetingID", "m1"},
@@ -57,6 +57,7 @@ TEST_F(WindowErrorsTest, ReportsCarryTheTraceSinceTheLast) {
   MacErrorTrace("alphamarker");
   window.ShowMessage(103, "extra text");
   MacWarnTrace("betamarker");
+  MacInfoTrace("gammamarker");
   window.ShowMessage(104, nullptr);
   const Asked asked = gpctest::RunNavigations(window);
   ASSERT_EQ(asked.size(), 3u);
@@ -69,6 +70,7 @@ TEST_F(WindowErrorsTest, ReportsCarryTheTraceSinceTheLast) {
   EXPECT_NE(asked[2].find("ErrorCode=104&OptInfo3="), std::string::npos);
   EXPECT_NE(asked[2].find("betamarker"), std::string::npos);
   EXPECT_EQ(asked[2].find("alphamarker"), std::string::npos);
+  EXPECT_EQ(asked[2].find("gammamarker"), std::string::npos);
 }
 
 // The report's URL follows the logging URL's shape; no report without all three parameters.
