@@ -71,10 +71,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
         url = urllib.parse.urlsplit(self.path)
         body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
         state.record(self.command, self.path, self.requestline, body)
-        failure = state.failure(url.path)
-        file = os.path.join(state.root, urllib.parse.unquote(url.path).lstrip("/"))
         if url.scheme and self.refused_by_proxy():
             return
+        failure = state.failure(url.path)
+        file = os.path.join(state.root, urllib.parse.unquote(url.path).lstrip("/"))
         if failure:
             self.send(failure, b"failed")
         elif state.root and ".." not in url.path.split("/") and os.path.isfile(file):
