@@ -1,6 +1,5 @@
-// The browser side of the instance targets: the module is started once through NP_Initialize with
-// the tests' fake browser table, and every instance is made and destroyed through the plug-in
-// table it filled, in a scratch data and temporary folder that is emptied after each run.
+// The browser side of the instance targets: the module starts once through NP_Initialize with the
+// fake browser table; instances live in a scratch data and temporary folder emptied after each run.
 #pragma once
 
 #include <cstdlib>
@@ -25,10 +24,8 @@ class PluginHarness {
     if (NP_Initialize(&browser, &m_plugin) != NPERR_NO_ERROR) Fail("NP_Initialize refused the fake browser");
   }
   const NPPluginFuncs& plugin() const { return m_plugin; }
-  // Forgets the browser's earlier requests; call before each run.
   void BeginRun() { gpctest::Browser() = gpctest::FakeBrowser(); }
-  // After the run's instances are destroyed: no browser memory may be left, and the folders are
-  // emptied for the next run.
+  // After the run's instances are gone no browser memory may be left; the folders are emptied.
   void EndRun() {
     if (gpctest::Browser().liveAllocations != 0) Fail("%d blocks never freed", gpctest::Browser().liveAllocations);
     EmptyFolder(m_scratch + "/data");
