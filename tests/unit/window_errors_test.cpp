@@ -50,9 +50,7 @@ TEST_F(WindowErrorsTest, ErrorPageQueryFollowsTheUrlsShape) {
 // Each report carries the warnings and errors (not the information lines) traced since the one before;
 // a code without a text sends only its report.
 TEST_F(WindowErrorsTest, ReportsCarryTheTraceSinceTheLast) {
-  Set(window, {{"LoggingURL", "https://log.example/l?"},
-               {"MeetingID", "m1"},
-               {"SessionID", "s1"},
+  Set(window, {{"LoggingURL", "https://log.example/l?"}, {"MeetingID", "m1"}, {"SessionID", "s1"},
                {"GpcErrorPageUrl", "https://e.example/err"}});
   MacErrorTrace("alphamarker");
   window.ShowMessage(103, "extra text");

@@ -23,13 +23,9 @@ std::string Folder() { return platform::UserApplicationSupportDir() + "/Talvo Fo
 void InstallBundle(const std::string& name, const std::string& version) {
   const std::string bundle = Folder() + "/" + name + ".bundle/Contents/";
   ASSERT_TRUE(platform::MakeDirectories(bundle + "MacOS", 0755) &&
-              gpctest::WriteFile(bundle + "MacOS/" + name,
-                                 "\x7f"
-                                 "ELF"));
-  ASSERT_TRUE(gpctest::WriteFile(bundle + "Info.plist",
-                                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">"
-                                 "<dict><key>CFBundleVersion</key><string>" +
-                                     version + "</string></dict></plist>\n"));
+              gpctest::WriteFile(bundle + "MacOS/" + name, "\177ELF"));
+  ASSERT_TRUE(gpctest::WriteFile(bundle + "Info.plist", "<plist version=\"1.0\"><dict><key>CFBundleVersion"
+                                                        "</key><string>" + version + "</string></dict></plist>"));
 }
 
 class WindowUpdateTest : public ::testing::Test {
@@ -64,20 +60,16 @@ TEST_F(WindowUpdateTest, DownloadsOnlyWhenTheInstalledVersionDiffers) {
     CGpcWindow window(&npp);
     window.m_bHalted = 0;  // as a page's parameters leave it
     for (const auto& [name, value] : {std::pair<const char*, const char*>{"GpcUrlRoot", c.root},
-                                      {"GpcUnpackVersion", "1,0"},
-                                      {"GpcCompressMethod", "7zip"},
-                                      {"GpcProductVersion", "/5.0/"},
-                                      {"MeetingID", c.meeting},
-                                      {"GpcExtName", c.extName},
-                                      {"GpcExtVersion", c.required},
+                                      {"GpcUnpackVersion", "1,0"}, {"GpcCompressMethod", "7zip"},
+                                      {"GpcProductVersion", "/5.0/"}, {"MeetingID", c.meeting},
+                                      {"GpcExtName", c.extName}, {"GpcExtVersion", c.required},
                                       {"GpcErrorPageUrl", "https://e.example/err"}})
       if (value) window.SetParameterVector(name, value);
     window.m_extMgr.Init();
     std::string queued;
     for (const CGetFileItem* item : window.m_vectorFileItem)
       queued += item->m_pfnCallback == CGpcExtMgr::GpcGetFileNotify && item->m_pContext == &window.m_extMgr
-                    ? item->m_strUrl
-                    : "(another)";
+                    ? item->m_strUrl : "(another)";
     EXPECT_EQ(queued, c.queued);
     EXPECT_EQ(window.m_bNeedInitExtension != 0, c.ready);
     const std::string file = gpctest::ReadFile(Folder() + "/5.0/Info.plist");
