@@ -24,8 +24,9 @@ void InstallBundle(const std::string& name, const std::string& version) {
   const std::string bundle = Folder() + "/" + name + ".bundle/Contents/";
   ASSERT_TRUE(platform::MakeDirectories(bundle + "MacOS", 0755) &&
               gpctest::WriteFile(bundle + "MacOS/" + name, "\177ELF"));
-  ASSERT_TRUE(gpctest::WriteFile(bundle + "Info.plist", "<plist version=\"1.0\"><dict><key>CFBundleVersion"
-                                                        "</key><string>" + version + "</string></dict></plist>"));
+  const std::string plist = "<plist version=\"1.0\"><dict><key>CFBundleVersion</key><string>" + version +
+                            "</string></dict></plist>";
+  ASSERT_TRUE(gpctest::WriteFile(bundle + "Info.plist", plist));
 }
 
 class WindowUpdateTest : public ::testing::Test {
