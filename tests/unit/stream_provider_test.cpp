@@ -80,6 +80,7 @@ TEST_F(StreamProviderTest, OneRequestAtATime) {
   CGpcSap stranger(provider, Record, &a);
   EXPECT_EQ(provider->StreamGet(&stranger, "https://h/a", 0, &first), GPC_ERR_SAP_NOT_REGISTERED);
   EXPECT_EQ(first, nullptr);
+  EXPECT_EQ(provider->StreamGet(sapA, nullptr, 0, &first), GPC_ERR_NULL_ARGUMENT);
   EXPECT_EQ(provider->StreamPost(sapA, "https://h/p", nullptr, 4, 0, &first), GPC_ERR_NULL_ARGUMENT);
   EXPECT_EQ(provider->AbortStream(&stranger, &stranger), GPC_ERR_SAP_NOT_REGISTERED);
   CGpcProvider detached(nullptr, nullptr);
