@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
   for (const char* name : {"http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY"}) {
     unsetenv(name);
   }
-  gpctest::NginxTestServer server;
+  gpctest::LoopbackServer server;
   if (!server.Start()) {
     fprintf(stderr, "download_bench: %s\n", server.error().c_str());
     return 1;

@@ -109,7 +109,7 @@ double TimeCurl(const std::vector<std::string>& urls, const std::string& dir, lo
 
 // Best times of both over one server; false when the server does not start or a batch fails.
 bool Measure(const char* limitRate, int files, long long size, double* instance, double* curl) {
-  gpctest::NginxTestServer server;
+  gpctest::LoopbackServer server;
   if (limitRate != nullptr) server.SetLimitRate(limitRate);
   if (!server.Start()) {
     fprintf(stderr, "fetch_bench: %s\n", server.error().c_str());

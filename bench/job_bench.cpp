@@ -100,7 +100,7 @@ bool MakeBigBundle(const std::string& work, int megabytes) {
 int main(int argc, char** argv) {
   const int megabytes = argc > 1 ? std::atoi(argv[1]) : 60;
   gpctest::TempFolder work("jobbench");
-  gpctest::NginxTestServer server;
+  gpctest::LoopbackServer server;
   mkdir((work.path() + "/pki").c_str(), 0700);
   gpctest::PackageSigner signer(work.path() + "/pki");
   const std::string package = work.path() + "/zrgpcext64.bundle.7z";

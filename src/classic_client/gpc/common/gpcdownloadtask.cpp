@@ -58,7 +58,7 @@ void GPCDownloadTask::Stop() {
 void GPCDownloadTask::ReleaseClient() {
   if (!m_pHttp) return;
   char partial[1024] = "";
-  if (m_pHttp->GetFilePath()) snprintf(partial, sizeof partial, "%s", m_pHttp->GetFilePath());
+  CopyBounded(partial, sizeof partial, m_pHttp->GetFilePath());  // copies "" for none
   const char* ours = !m_strLocalFile.empty() ? m_strLocalFile.c_str() : partial;
   // A file already deleted (an installed package) may have lent its name to another process's
   // download since: only our own file goes.

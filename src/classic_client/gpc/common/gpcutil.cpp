@@ -232,9 +232,22 @@ std::string GetApplicationSupportDirectory() {
   return path;
 }
 
+std::string TalvoFolderFor(const char* caller) {
+  constexpr int kFolderNotFound = -43;  // the lookup's "folder not found"
+  bool tooLong = false;
+  std::string path = platform::TalvoFolderPath(&tooLong);
+  if (path.empty()) {
+    MacErrorTrace("%s,call FSFindFolder result code =%d", caller, kFolderNotFound);
+  } else if (tooLong) {
+    MacErrorTrace("%s,call FSRefMakePath result code =%d", caller, kPathTooLongResult);
+    path.clear();
+  }
+  return path;
+}
+
 bool MakeDirectory(const char* path) {
   if (!GPCUTIL_ASSERT_TEXT(path != nullptr, "path")) return false;
-  return mkdir(path, 0775) == 0;
+  return mkdir(path, 0775) == 0;  // fails on an existing entry, as a single mkdir does
 }
 
 std::string GetTempPath() {

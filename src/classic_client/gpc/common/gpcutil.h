@@ -81,6 +81,14 @@ uint32_t CalcSequenceDistance(uint32_t a, uint32_t b);
 // The user's application-support folder; an empty string when there is none.
 std::string GetApplicationSupportDirectory();
 
+// "<application support>/Talvo Folder" (not created), or an empty string after an error line in the
+// folder lookups' words: "<caller>,call FSFindFolder result code =-43" when there is no
+// application-support folder, "<caller>,call FSRefMakePath result code =-2110" when the path would
+// be longer than 1023 bytes.
+std::string TalvoFolderFor(const char* caller);
+// The result code logged for a path longer than 1023 bytes.
+constexpr int kPathTooLongResult = -2110;
+
 // Creates one folder level with mode 0775. True on success.
 bool MakeDirectory(const char* path);
 inline bool MakeDirectory(const std::string& path) { return MakeDirectory(path.c_str()); }

@@ -10,7 +10,6 @@
 
 #include "common/boundary.h"
 #include "common/gpcutil.h"
-#include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
 #include "common/trace.h"
@@ -573,21 +572,8 @@ void GpcStopDownload(void* instance) try {
 GPC_BOUNDARY_CATCH_VOID
 
 unsigned GpcGetPluginDir(char* buffer, unsigned size) try {
-  // Codes of the folder lookup as the logs report them.
-  constexpr int kFolderNotFound = -43;
-  constexpr int kPathTooLong = -2110;
-
-  bool tooLong = false;
-  std::string path = platform::TalvoFolderPath(&tooLong);
-  if (path.empty()) {
-    MacErrorTrace("GpcGetPluginDir,call FSFindFolder result code =%d", kFolderNotFound);
-    return 0;
-  }
-  if (tooLong) {
-    MacErrorTrace("GpcGetPluginDir,call FSRefMakePath result code =%d", kPathTooLong);
-    return 0;
-  }
-
+  const std::string path = TalvoFolderFor("GpcGetPluginDir");
+  if (path.empty()) return 0;
   // Callers receive at most a pointer's size of it, terminator included (kept as it always was).
   return static_cast<unsigned>(CopyBounded(buffer, std::min<size_t>(size, sizeof(void*)), path));
 }

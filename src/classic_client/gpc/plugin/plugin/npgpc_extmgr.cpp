@@ -1,6 +1,5 @@
 // The extension manager: where the extension lives, what it is called, where its package comes
 // from, and the update decision: load what is installed, or fetch the package.
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -29,9 +28,6 @@ const size_t kLongestUrlRoot = 949;
 const size_t kVersionBufferSize = 256;
 // The bound given for texts of unknown length.
 const size_t kUnboundedText = 0x7fffffff;
-
-// The "folder not found" result of the folder lookups.
-const int kFolderNotFound = -43;
 
 // The numeric components of a comma-separated version ("2,10,0" -> 2 10 0); text counts as 0.
 std::vector<unsigned long> VersionComponents(const std::string& version) {
@@ -141,24 +137,14 @@ std::string CGpcExtMgr::GetExtensionDir(bool local) {
     dir = platform::PluginBundlePath();
     if (dir.empty()) return std::string();
     if (dir.size() > kLongestPath) {
-      MacErrorTrace("CGpcExtMgr::GetExtensionDir,Local,call FSRefMakePath result code =%d", -ENAMETOOLONG);
+      MacErrorTrace("CGpcExtMgr::GetExtensionDir,Local,call FSRefMakePath result code =%d", kPathTooLongResult);
       return std::string();
     }
     AppendSlash(&dir);
     dir += "Contents/Frameworks";
     return dir;
   }
-  bool tooLong = false;
-  dir = platform::TalvoFolderPath(&tooLong);
-  if (dir.empty()) {
-    MacErrorTrace("CGpcExtMgr::GetExtensionDir,call FSFindFolder result code =%d", kFolderNotFound);
-    return std::string();
-  }
-  if (tooLong) {
-    MacErrorTrace("CGpcExtMgr::GetExtensionDir,call FSRefMakePath result code =%d", -ENAMETOOLONG);
-    return std::string();
-  }
-  return dir;
+  return TalvoFolderFor("CGpcExtMgr::GetExtensionDir");
 }
 
 std::string CGpcExtMgr::GetExtensionName() {

@@ -9,6 +9,7 @@
 
 #include <glib.h>
 
+#include "common/gpcutil.h"
 #include "plugin/plugin/npgpc_text.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "platform/clock.h"
@@ -18,9 +19,6 @@
 namespace {
 
 const char kParameterFileName[] = "talvoparameters.txt";
-
-// The file-not-found result the folder lookups report.
-const int kFileNotFound = -43;
 
 const char* ProductVersionOf(int argc, char** argn, char** argv) {
   for (int i = 0; i < argc; ++i) {
@@ -44,16 +42,8 @@ std::string StartTimeText() {
 }  // namespace
 
 bool SaveParameters(int argc, char** argn, char** argv) {
-  bool tooLong = false;
-  std::string path = platform::TalvoFolderPath(&tooLong);
-  if (path.empty()) {
-    MacErrorTrace("SaveParameters,call FSFindFolder result code =%d", kFileNotFound);
-    return false;
-  }
-  if (tooLong) {
-    MacErrorTrace("SaveParameters,call FSRefMakePath result code =%d", -ENAMETOOLONG);
-    return false;
-  }
+  std::string path = TalvoFolderFor("SaveParameters");
+  if (path.empty()) return false;
   if (int result = platform::MakeFolder(path, 0755); result != 0) {
     MacErrorTrace("SaveParameters,talvo folder,call FSPathMakeRef result code =%d", result);
     return false;
