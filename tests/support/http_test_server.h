@@ -77,6 +77,4 @@ class LoopbackServer {
   std::string error_;
 };
 
-using NginxTestServer = LoopbackServer;
-
 }  // namespace gpctest
