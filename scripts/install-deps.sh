@@ -6,7 +6,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev
   libglib2.0-dev libcurl4-openssl-dev libssl-dev libarchive-dev libplist-dev liburiparser-dev
   openssl ca-certificates 7zip p7zip-full libarchive-tools curl valgrind clang libclang-rt-14-dev
-  tinyproxy python3 procps
+  python3 procps
   xvfb xauth python3-pyqt5.qtwebkit libqt5webkit5 chromium firefox-esr libnss3-tools
 )
 missing=()
