@@ -1,9 +1,9 @@
-// Small helpers shared by the fuzz targets: a private scratch folder under $TMPDIR, files written
-// from an input, the input cut into lines, and a failed property that stops the fuzzer.
+// Helpers of the fuzz targets: scratch folders under $TMPDIR, files, the input as text, lines or a
+// stream of fields, and a broken property that stops the fuzzer.
 #pragma once
 
+#include <algorithm>
 #include <cstdarg>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +13,7 @@
 
 namespace fuzz {
 
-// Reports a broken property and aborts, which libFuzzer records as a crash with its input.
+// A broken property: libFuzzer records the abort as a crash with its input.
 [[noreturn]] inline void Fail(const char* format, ...) {
   va_list args;
   va_start(args, format);
@@ -24,59 +24,41 @@ namespace fuzz {
   abort();
 }
 
-// $TMPDIR when it is an absolute path, else /tmp.
 inline std::string TempBase() {
   const char* tmp = getenv("TMPDIR");
   return (tmp != nullptr && tmp[0] == '/') ? std::string(tmp) : std::string("/tmp");
 }
-
-// A new folder of this process under $TMPDIR; aborts when none can be made.
 inline std::string MakeScratchFolder(const char* name) {
   std::string pattern = TempBase() + "/gpcfuzz-" + name + "-XXXXXX";
   if (mkdtemp(&pattern[0]) == nullptr) Fail("cannot make a scratch folder at %s", pattern.c_str());
   return pattern;
 }
-
 inline void MakeFolder(const std::string& path) {
   std::error_code error;
-  std::filesystem::create_directories(path, error);
-  if (error) Fail("cannot make %s: %s", path.c_str(), error.message().c_str());
+  if (!std::filesystem::create_directories(path, error) && error) Fail("cannot make %s", path.c_str());
 }
-
-// Removes everything inside `folder`, keeping the folder itself.
-inline void EmptyFolder(const std::string& folder) {
-  std::error_code error;
-  for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
-    std::error_code ignored;
-    std::filesystem::remove_all(it->path(), ignored);
-  }
-}
-
 inline void RemoveTree(const std::string& path) {
   std::error_code ignored;
   std::filesystem::remove_all(path, ignored);
 }
-
+// Removes everything inside `folder`, keeping the folder itself.
+inline void EmptyFolder(const std::string& folder) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end; it.increment(error))
+    RemoveTree(it->path());
+}
 inline void WriteFile(const std::string& path, const void* data, size_t size) {
   FILE* file = fopen(path.c_str(), "wb");
-  if (file == nullptr) Fail("cannot write %s", path.c_str());
-  if (size > 0 && fwrite(data, 1, size, file) != size) Fail("short write to %s", path.c_str());
-  if (fclose(file) != 0) Fail("cannot close %s", path.c_str());
+  if (file == nullptr || (size > 0 && fwrite(data, 1, size, file) != size) || fclose(file) != 0)
+    Fail("cannot write %s", path.c_str());
 }
-
-inline std::string AsText(const uint8_t* data, size_t size) {
-  return std::string(reinterpret_cast<const char*>(data), size);
-}
-
+inline std::string AsText(const uint8_t* data, size_t size) { return std::string(reinterpret_cast<const char*>(data), size); }
 // The text cut at each "\n" (a last empty line is dropped).
 inline std::vector<std::string> SplitLines(const std::string& text) {
   std::vector<std::string> lines;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
+  for (size_t start = 0, end; start < text.size(); start = end + 1) {
+    end = std::min(text.find('\n', start), text.size());
     lines.push_back(text.substr(start, end - start));
-    start = end + 1;
   }
   return lines;
 }
@@ -88,22 +70,19 @@ class Reader {
   bool empty() const { return m_at >= m_size; }
   uint8_t Byte() { return m_at < m_size ? m_data[m_at++] : 0; }
   uint16_t Word() {
-    uint16_t high = Byte();
+    const uint16_t high = Byte();
     return static_cast<uint16_t>(high << 8 | Byte());
   }
   // Up to `longest` bytes, as many as the next byte says.
   std::string Text(size_t longest) {
-    size_t length = Byte() % (longest + 1);
-    if (length > m_size - (m_at < m_size ? m_at : m_size)) length = m_size - (m_at < m_size ? m_at : m_size);
-    std::string text(reinterpret_cast<const char*>(m_data + m_at), length);
+    const size_t length = std::min<size_t>(Byte() % (longest + 1), m_size - m_at);
     m_at += length;
-    return text;
+    return std::string(reinterpret_cast<const char*>(m_data + m_at - length), length);
   }
 
  private:
   const uint8_t* m_data;
-  size_t m_size;
-  size_t m_at = 0;
+  size_t m_size, m_at = 0;
 };
 
 }  // namespace fuzz

@@ -1,12 +1,11 @@
-// Version strings and Info.plist files (versionfordylib.h). Input: the Info.plist of a bundle and of
-// a framework; the same bytes as a version text to normalise; and its first line, when it can be a
-// file name, names a versioned library ("libfoo-1.2.so") whose version comes from its name.
+// Version strings and Info.plist files. Input: a bundle's Info.plist; the same bytes as a version
+// text to normalise; its first line, when it can be a file name, names a library ("libfoo-1.2.so").
 #include <cstring>
 #include <string>
 
+#include "common/versionfordylib.h"
 #include "fuzz_support.h"
 #include "fuzz_trace.h"
-#include "common/versionfordylib.h"
 
 namespace {
 
@@ -23,16 +22,9 @@ void ReadVersion(const std::string& path) {
     fuzz::Fail("version of %s: %.*s", path.c_str(), static_cast<int>(length), dest);
 }
 
-// The version in a library's name: dots turned to commas.
-void ReadLibraryVersion(const std::string& path) {
-  fuzz::WriteFile(path, "", 0);
-  std::string version;
-  if (GetVersionFromDylib(path.c_str(), version) && version.find('.') != std::string::npos)
-    fuzz::Fail("library version keeps a dot: %s", version.c_str());
-  ReadVersion(path);
-  (void)IsDylibFileExists(path.c_str(), false);
-  (void)IsDylibFileExists(path.c_str(), true);
-  fuzz::EmptyFolder(*g_folder + "/lib");
+bool IsFileName(const std::string& name) {
+  return !name.empty() && name.size() <= 200 && name != "." && name != ".." &&
+         name.find_first_of(std::string("/\0", 2)) == std::string::npos;
 }
 
 }  // namespace
@@ -42,26 +34,24 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   g_trace = new fuzz::ScratchTrace(*g_folder);
   fuzz::MakeFolder(*g_folder + "/T.bundle/Contents/MacOS");
   fuzz::WriteFile(*g_folder + "/T.bundle/Contents/MacOS/T", "", 0);
-  fuzz::MakeFolder(*g_folder + "/T.framework/Versions/A/Resources");
-  fuzz::WriteFile(*g_folder + "/T.framework/Versions/A/T", "", 0);
   fuzz::MakeFolder(*g_folder + "/lib");
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::WriteFile(*g_folder + "/T.bundle/Contents/Info.plist", data, size);
-  fuzz::WriteFile(*g_folder + "/T.framework/Versions/A/Resources/Info.plist", data, size);
   ReadVersion(*g_folder + "/T.bundle");
-  ReadVersion(*g_folder + "/T.framework");
-
-  const std::string text = fuzz::AsText(data, size);
-  std::string out = "unchanged";
+  const std::string text = fuzz::AsText(data, size), name = text.substr(0, text.find('\n'));
+  std::string out;
   FormalizeVersionString(out, text.c_str());
   if (out.find_first_of(" \t\r\n") != std::string::npos) fuzz::Fail("normal form keeps a separator: [%s]", out.c_str());
-
-  const std::string name = text.substr(0, text.find('\n'));
-  if (!name.empty() && name.size() <= 200 && name != "." && name != ".." && name.find_first_of(std::string("/\0", 2)) == std::string::npos)
-    ReadLibraryVersion(*g_folder + "/lib/" + name);
+  if (IsFileName(name)) {
+    const std::string path = *g_folder + "/lib/" + name;
+    fuzz::WriteFile(path, "", 0);
+    ReadVersion(path);  // from the library's name
+    (void)IsDylibFileExists(path.c_str(), true);
+    fuzz::EmptyFolder(*g_folder + "/lib");
+  }
   g_trace->Tick();
   return 0;
 }

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "safestring/safe_lib.h"
