@@ -108,6 +108,7 @@ TEST(Browsers, MeetingPagesEndWhereThePlugInSendsThem) {
     ScopedEnv homeEnv("HOME", home.path()), dataEnv("XDG_DATA_HOME", home.path() + "/data");
     ScopedEnv proxyEnv("https_proxy", qt ? proxyUrl.c_str() : nullptr), noProxyEnv("no_proxy", nullptr);
     const size_t logged = gpctest::ReadFile(site.AccessLogPath()).size();
+    const int fetched = site.RequestCount("/client/zrgpcext64.bundle.7z");
     std::vector<std::string> argv = {
         "timeout", "-k", "5", "90", "/usr/bin/python3",
         std::string(GPC_SOURCE_DIR "/tests/browser/") + (qt ? "qtwebkit_page.py" : "chromium_page.py"),
@@ -132,6 +133,7 @@ TEST(Browsers, MeetingPagesEndWhereThePlugInSendsThem) {
     EXPECT_EQ(gpctest::PiecesInTmp(package), std::vector<std::string>());
     // QtWebKit hands the plug-in the attributes in lower case; it finds its parameters and keeps them so.
     const std::string kept = gpctest::ReadFile(home.path() + "/data/Talvo Folder/3.1.0/talvoparameters.txt");
+    EXPECT_TRUE(!qt || site.RequestCount("/client/zrgpcext64.bundle.7z") == fetched + 1);  // fetched once
     EXPECT_TRUE(!qt || kept.find("[NAME]-=-gpcproductversion-=-[VALUE]-=-3.1.0-=-\r") != kept.npos) << kept;
     if (qt) continue;
     // The box showed the bridge at work first; a host was started, and none outlived its tab (when that

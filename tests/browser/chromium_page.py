@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Opens one page in headless Chromium with the bridge extension and --host as its native-messaging host,
-and reports a JSON line "end": url, the first request holding --until that the server logged ("" when none
-came within --timeout seconds: exit status 3), and left, the hosts running 10 s after the browser quit or,
-when the page's URL has a fragment (its tab then closes), after that request, the browser staying open."""
+"""Opens one page in headless Chromium with the bridge extension and --host as native-messaging host. Reports
+a JSON line "end": url, the first request holding --until in the server's log ("" when none came within
+--timeout s: exit status 3), and left, the hosts running 10 s after the browser quit or, when the page's
+URL has a fragment (its tab then closes), after that request, the browser staying open."""
 import argparse
 import contextlib
 import json
@@ -29,8 +29,7 @@ def arguments():
 
 
 def install_host(args):
-    """Names --host to the browser through a wrapper (a manifest's "path" takes no arguments) that adds each
-    host's process id to --host-pids."""
+    """Names --host to the browser by a wrapper (a manifest's "path" takes no arguments) noting its pids."""
     folder, wrapper = os.path.join(args.user_data_dir, "NativeMessagingHosts"), args.host_pids + ".sh"
     os.makedirs(folder, exist_ok=True)
     with open(wrapper, "w") as script:
