@@ -22,7 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   if (length == 0 || length % 4 != 0 || strspn(text.get(), kAlphabet) != length - padding) return 0;
   GpcBytes expected(length / 4 * 3);
-  EVP_DecodeBlock(expected.data(), reinterpret_cast<const unsigned char*>(text.get()), static_cast<int>(length));
+  EVP_DecodeBlock(expected.data(), reinterpret_cast<const unsigned char*>(text.get()),
+                  static_cast<int>(length));
   expected.resize(expected.size() - padding);
   if (decoded != expected) fuzz::Fail("canonical base64 of %zu characters decoded wrongly", length);
   return 0;

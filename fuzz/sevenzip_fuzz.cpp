@@ -11,7 +11,9 @@ namespace fs = std::filesystem;
 
 // libarchive sizes some buffers by what a 7z header claims and gives up cleanly when malloc refuses: as
 // on a machine without that memory, 2000 MiB or more is refused rather than reported.
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1:max_allocation_size_mb=2000"; }
+extern "C" const char* __asan_default_options() {
+  return "allocator_may_return_null=1:max_allocation_size_mb=2000";
+}
 
 namespace {
 
@@ -23,7 +25,9 @@ void RemoveExtraction(const fs::path& run) {
   std::error_code error;
   fs::permissions(run, fs::perms::owner_all, fs::perm_options::add, error);
   for (fs::recursive_directory_iterator it(run, error), end; !error && it != end; it.increment(error)) {
-    if (!it->is_symlink(error)) fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, error);
+    std::error_code ignored;
+    if (!it->is_symlink(ignored)) fs::permissions(it->path(), fs::perms::owner_all,
+                                                  fs::perm_options::add, ignored);
   }
   fuzz::RemoveTree(run.string());
 }
@@ -35,10 +39,12 @@ void CheckExtraction(const fs::path& run, const fs::path& destination) {
   }
   if (!fs::exists(fs::symlink_status(destination))) return;
   if (fs::canonical(destination, error) != destination) fuzz::Fail("the destination itself became a link");
-  for (fs::recursive_directory_iterator it(destination, error), end; !error && it != end; it.increment(error)) {
+  fs::recursive_directory_iterator it(destination, error), end;
+  for (; !error && it != end; it.increment(error)) {
     const fs::path target = fs::read_symlink(it->path(), error);
     if (error) continue;  // no link
-    if (target.is_absolute()) fuzz::Fail("link %s leads to the absolute %s", it->path().c_str(), target.c_str());
+    if (target.is_absolute()) fuzz::Fail("link %s leads to the absolute %s", it->path().c_str(),
+                                         target.c_str());
     // Where the link leads as far as the disk can tell; a loop of links leads nowhere.
     const fs::path resolved = fs::weakly_canonical(it->path().parent_path() / target, error);
     const fs::path relative = resolved.lexically_relative(destination);

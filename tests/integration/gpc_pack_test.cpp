@@ -38,13 +38,14 @@ ToolRun Pack(const gpctest::PackageSigner& signer, const std::vector<std::string
 struct Packed {
   gpctest::TempFolder folder{"gpcpack"};
   gpctest::PackageSigner signer{folder.path()};
-  const std::string package = folder.path() + "/zrgpcext64.bundle.7z", params = folder.path() + "/params.json";
+  const std::string package = folder.path() + "/zrgpcext64.bundle.7z";
+  const std::string params = folder.path() + "/params.json";
   ToolRun run = signer.ok() && signer.AddSigner("foreign", "/CN=gpc.signer.example.com")
                     ? Pack(signer, {"--out", folder.path(), kSampleBundle})
                     : ToolRun();
   const size_t json = run.out.rfind('{');  // the JSON object is the last line, the HTML element before it
   const bool saved = json != std::string::npos && gpctest::WriteFile(params, run.out.substr(json));
-  std::string Param(const std::string& name) const { return gpchost::JsonEvent{run.out.substr(json)}.Str(name.c_str()); }
+  std::string Param(const char* name) const { return gpchost::JsonEvent{run.out.substr(json)}.Str(name); }
 };
 const Packed& Shared() {
   static const Packed packed;
@@ -75,27 +76,29 @@ TEST(GpcPack, PrintsParametersThatVerifyForAPackageThePluginUnpacksToTheBundle) 
       {"GpcExtSignature", p.signer.Sign(p.Param("GpcExtHash"))},
       {"GpcCertification", p.signer.Chain()}};  // the root first, the signer last
   for (const auto& [name, value] : expected) {
-    EXPECT_EQ(p.Param(name), value) << name;
+    EXPECT_EQ(p.Param(name.c_str()), value) << name;
     EXPECT_NE(html.find(name + "=\"" + value + "\""), std::string::npos) << name;
   }
   EXPECT_EQ(Verify(p.package, {}).out, "ok\n");
 
   void* library = dlopen(GPC_BUNDLE_DIR "/Contents/Frameworks/lib7zip.so", RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(library, nullptr) << dlerror();
-  auto decompress = reinterpret_cast<int32_t (*)(const char*, const char*)>(dlsym(library, "GpcDecompressFile7z"));
-  const std::string into = p.folder.path() + "/unpacked";
-  ASSERT_EQ(decompress(p.package.c_str(), into.c_str()), kGpc7zSuccess);
+  auto unpack =
+      reinterpret_cast<int32_t (*)(const char*, const char*)>(dlsym(library, "GpcDecompressFile7z"));
+  const std::string into = p.folder.path() + "/unpacked", copy = ShellQuote(into + "/zrgpcext64.bundle");
+  ASSERT_EQ(unpack(p.package.c_str(), into.c_str()), kGpc7zSuccess);
   const std::string list = "find . -printf '%P %y %m %s %l\\n' | LC_ALL=C sort";
   EXPECT_EQ(Sh("cd " + ShellQuote(into) + " && ls && cd zrgpcext64.bundle && " + list),
             "zrgpcext64.bundle\n" + Sh("cd " + ShellQuote(kSampleBundle) + " && " + list));
-  EXPECT_EQ(Sh("diff -r " + ShellQuote(kSampleBundle) + " " + ShellQuote(into + "/zrgpcext64.bundle") + " && echo same"),
-            "same\n");
+  EXPECT_EQ(Sh("diff -r " + ShellQuote(kSampleBundle) + " " + copy + " && echo same"), "same\n");
 }
 
 TEST(GpcPack, EscapesWhatItPrintsAsJson) {
-  const std::string name = "a\\\"b", out = Shared().folder.path() + "/odd", bundle = out + "/" + name + ".bundle";
-  ASSERT_EQ(Sh("mkdir -p " + ShellQuote(out) + " && cp -a " + ShellQuote(kSampleBundle) + " " + ShellQuote(bundle) +
-               " && cd " + ShellQuote(bundle) + "/Contents/MacOS && mv zrgpcext64 " + ShellQuote(name) + " && echo ok"),
+  const std::string name = "a\\\"b", out = Shared().folder.path() + "/odd";
+  const std::string bundle = out + "/" + name + ".bundle";
+  ASSERT_EQ(Sh("mkdir -p " + ShellQuote(out) + " && cp -a " + ShellQuote(kSampleBundle) + " " +
+               ShellQuote(bundle) + " && cd " + ShellQuote(bundle) + "/Contents/MacOS && mv zrgpcext64 " +
+               ShellQuote(name) + " && echo ok"),
             "ok\n");
   const ToolRun run = Pack(Shared().signer, {"--out", out, bundle}, "json");
   ASSERT_EQ(run.exitCode, 0) << run.err;
@@ -105,17 +108,19 @@ TEST(GpcPack, EscapesWhatItPrintsAsJson) {
 TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
   const Packed& p = Shared();
   ASSERT_TRUE(p.saved) << p.run.err;
-  const std::string hash = p.Param("GpcExtHash"), tampered = p.folder.path() + "/tampered.bundle.7z";
+  const std::string foreign = p.signer.Sign(p.Param("GpcExtHash"), "foreign"),
+                    tampered = p.folder.path() + "/tampered.bundle.7z";
   std::string bytes = gpctest::ReadFile(p.package);
   bytes[bytes.size() / 2] ^= 0x01;
   ASSERT_TRUE(gpctest::WriteFile(tampered, bytes));
   const std::tuple<std::string, PageParams, std::string> cases[] = {  // package, parameters changed, verdict
       {tampered, {}, "digest mismatch (message 111)\n"},
-      {p.package, {{"GpcExtSignature", p.signer.Sign(hash, "foreign")}}, "signature does not verify (message 103)\n"},
-      {p.package, {{"GpcCertification", p.signer.Chain("foreign")}, {"GpcExtSignature", p.signer.Sign(hash, "foreign")}},
+      {p.package, {{"GpcExtSignature", foreign}}, "signature does not verify (message 103)\n"},
+      {p.package, {{"GpcCertification", p.signer.Chain("foreign")}, {"GpcExtSignature", foreign}},
        "signer's common name is not the vendor's (message 103)\n"},
       {p.package, {{"GpcCertification", "null"}}, "no package, digest or certificate chain (message 111)\n"},
-      {p.package, {{"GpcExtName", "other"}}, "the archive's top folder is \"zrgpcext64.bundle\", not \"other.bundle\"\n"},
+      {p.package, {{"GpcExtName", "other"}},
+       "the archive's top folder is \"zrgpcext64.bundle\", not \"other.bundle\"\n"},
       {p.package, {{"GpcExtVersion", "9,9"}},
        "the bundle's version \"" + PageVersion() + "\" does not match GpcExtVersion \"9,9\"\n"},
   };
@@ -130,14 +135,12 @@ TEST(GpcPack, PackRefusesBadInputAndLeavesNothingBehind) {
   const gpctest::PackageSigner& signer = Shared().signer;
   const std::string work = Shared().folder.path() + "/bad", noPlist = work + "/n/zrgpcext64.bundle",
                     linkOut = work + "/l/zrgpcext64.bundle";
-  bool ok = false;
-  gpctest::ShellOutput("mkdir -p " + ShellQuote(work) + "/n " + ShellQuote(work) + "/l && cd " + ShellQuote(work) +
-                           " && cp -a " + ShellQuote(kSampleBundle) + " n/ && cp -a " + ShellQuote(kSampleBundle) +
-                           " l/ && rm n/zrgpcext64.bundle/Contents/Info.plist && ln -s ../../../../etc/passwd "
-                           "l/zrgpcext64.bundle/Contents/MacOS/passwd && openssl rsa -in " +
-                           ShellQuote(signer.Path("vendor.key")) + " -aes256 -passout pass:secret -out encrypted.key",
-                       &ok);
-  ASSERT_TRUE(ok);
+  ASSERT_EQ(Sh("b=" + ShellQuote(kSampleBundle) + " k=" + ShellQuote(signer.Path("vendor.key")) +
+               " && mkdir -p " + ShellQuote(work) + " && cd " + ShellQuote(work) +
+               " && mkdir n l && cp -a \"$b\" n/ && cp -a \"$b\" l/ && rm n/*/Contents/Info.plist"
+               " && ln -s ../../../../etc/passwd l/zrgpcext64.bundle/Contents/MacOS/passwd"
+               " && openssl rsa -in \"$k\" -aes256 -passout pass:s -out encrypted.key && echo ok"),
+            "ok\n");
   const struct {
     std::vector<std::string> args;
     bool existing;  // an older package already lies in the output folder
@@ -163,8 +166,8 @@ TEST(GpcPack, PackRefusesBadInputAndLeavesNothingBehind) {
     EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
     EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
     EXPECT_EQ(run.out, "");
-    // Neither a package nor a temporary file: only what was there before.
-    EXPECT_EQ(Sh("cd " + ShellQuote(out) + " && ls -A && cat * 2>/dev/null"), c.existing ? "zrgpcext64.bundle.7z\nolder" : "");
+    const std::string before = c.existing ? "zrgpcext64.bundle.7z\nolder" : "";
+    EXPECT_EQ(Sh("cd " + ShellQuote(out) + " && ls -A && cat *"), before) << "no package, no temporary file";
   }
 }
 

@@ -37,10 +37,19 @@ std::string DigestInfo(const std::string& digest) {
   return '\x30' + (static_cast<char>(body.size()) + body);
 }
 
+namespace {
+
+// Runs `command` through the shell in `folder` and returns its standard output; `ok` as ShellOutput's.
+std::string RunIn(const std::string& folder, const std::string& command, bool* ok) {
+  return ShellOutput("cd " + ShellQuote(folder) + " && " + command, ok);
+}
+
+}  // namespace
+
 PackageSigner::PackageSigner(const std::string& folder) : folder_(folder) {
-  ShellOutput("cd " + ShellQuote(folder_) + " && openssl req -x509 -newkey rsa:2048 -nodes -keyout root.key "
-              "-out root.pem -days 3650 -subj '/CN=Test Vendor Root' -addext basicConstraints=critical,CA:TRUE "
-              "-addext keyUsage=critical,keyCertSign,cRLSign", &ok_);
+  RunIn(folder_, "openssl req -x509 -newkey rsa:2048 -nodes -keyout root.key -out root.pem -days 3650 -subj "
+                 "'/CN=Test Vendor Root' -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,"
+                 "keyCertSign,cRLSign", &ok_);
   ok_ = ok_ && AddSigner("vendor", "/O=Vantrel/CN=gpc.signer.talvo.us");
 }
 
@@ -48,16 +57,14 @@ bool PackageSigner::AddSigner(const std::string& name, const std::string& subjec
   const std::string issue = " -out " + name + ".csr && openssl x509 -req -in " + name +
                             ".csr -CA root.pem -CAkey root.key -CAcreateserial";
   bool ok = false;
-  ShellOutput("cd " + ShellQuote(folder_) + " && openssl req -newkey rsa:2048 -nodes -keyout " + name +
-                  ".key -subj " + ShellQuote(subject) + (selfSigned ? " -x509" : issue) + " -days 3650 -out " +
-                  name + ".pem",
-              &ok);
+  RunIn(folder_, "openssl req -newkey rsa:2048 -nodes -keyout " + name + ".key -subj " + ShellQuote(subject) +
+                     (selfSigned ? " -x509" : issue) + " -days 3650 -out " + name + ".pem", &ok);
   return ok;
 }
 
 std::string PackageSigner::Chain(const std::string& name, bool withRoot) const {
   auto base64Der = [this](const std::string& pem) {
-    return ShellOutput("openssl x509 -in " + ShellQuote(Path(pem)) + " -outform DER | openssl base64 -A");
+    return RunIn(folder_, "openssl x509 -in " + pem + " -outform DER | openssl base64 -A", nullptr);
   };
   return withRoot ? base64Der("root.pem") + "|" + base64Der(name + ".pem") : base64Der(name + ".pem");
 }
@@ -66,9 +73,8 @@ std::string PackageSigner::Sign(const std::string& digest, const std::string& na
   // Type 1 padding over the DigestInfo as it stands (pkeyutl refuses inputs longer than a hash).
   WriteFile(Path("digestinfo.bin"), DigestInfo(digest));
   bool ok = false;
-  const std::string signature = ShellOutput("openssl rsautl -sign -inkey " + ShellQuote(Path(name + ".key")) +
-                                                " -in " + ShellQuote(Path("digestinfo.bin")) + " | openssl base64 -A",
-                                            &ok);
+  const std::string signature = RunIn(
+      folder_, "openssl rsautl -sign -inkey " + name + ".key -in digestinfo.bin | openssl base64 -A", &ok);
   return ok ? signature : std::string();
 }
 
@@ -91,8 +97,9 @@ bool PackExtension(const std::string& bundle, const std::string& version, const 
   bool ok = false;
   ShellOutput("rm -rf " + copy + " && cp -a " + ShellQuote(bundle) + " " + copy + " && cd " + copy +
                   " && sed -i '/<key>CFBundleVersion<\\/key>/{n;s|<string>.*</string>|<string>" + version +
-                  "</string>|}' Contents/Info.plist && rm -f " + ShellQuote(archive) + " && cd " + ShellQuote(work) +
-                  " && 7z a " + sevenZipOptions + " " + ShellQuote(archive) + " " + ShellQuote(name + ".bundle"),
+                  "</string>|}' Contents/Info.plist && rm -f " + ShellQuote(archive) + " && cd " +
+                  ShellQuote(work) + " && 7z a " + sevenZipOptions + " " + ShellQuote(archive) + " " +
+                  ShellQuote(name + ".bundle"),
               &ok);
   return ok;
 }
