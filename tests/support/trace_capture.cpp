@@ -1,5 +1,6 @@
 #include "trace_capture.h"
 
+#include <algorithm>
 #include <mutex>
 
 #include "common/gpcnotification.h"
@@ -11,14 +12,13 @@ auto* g_traces = new std::vector<CapturedTrace>;  // never freed: entries may ar
 
 // Starts listening on first use; the lock is held on return.
 std::unique_lock<std::mutex> Lock() {
-  static const auto observer = gpc::GPCNotificationCenter::defaultCenter().addObserver(
+  [[maybe_unused]] static const auto observer = gpc::GPCNotificationCenter::defaultCenter().addObserver(
       "TRACENOTIFICATIONNotification", [](const gpc::GPCNotification& note) {
         const auto level = note.userInfo ? note.userInfo->GetNumber("Levelkey") : std::nullopt;
         const auto text = note.userInfo ? note.userInfo->GetString("ContentKey") : std::nullopt;
         std::lock_guard<std::mutex> lock(g_mutex);
         if (level && text) g_traces->push_back({static_cast<int>(*level), *text});
       });
-  (void)observer;
   return std::unique_lock<std::mutex>(g_mutex);
 }
 
@@ -35,8 +35,7 @@ void ClearCapturedTraces() {
 }
 
 bool TraceContains(int level, const std::string& fragment) {
-  for (const CapturedTrace& t : CapturedTracesSnapshot()) {
-    if (t.level == level && t.text.find(fragment) != std::string::npos) return true;
-  }
-  return false;
+  const std::vector<CapturedTrace> traces = CapturedTracesSnapshot();
+  return std::any_of(traces.begin(), traces.end(),
+                     [&](const CapturedTrace& t) { return t.level == level && t.text.find(fragment) != std::string::npos; });
 }

@@ -1,52 +1,30 @@
-// An independent reader of the binary trace file for tests, written from the file layout alone:
-// every field is taken from its byte offset, little-endian, with no use of the writer's code.
+// Trace files read back with the tlvtracer tool, so that a test of the writer checks both ends.
 #pragma once
 
-#include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "extension_package.h"
+#include "gpc_host_run.h"
+
 namespace tvttest {
 
-inline uint32_t Le(const uint8_t* at, int size) {
-  uint32_t value = 0;
-  for (int i = size - 1; i >= 0; --i) value = value << 8 | at[i];
-  return value;
+// tlvtracer run with `args` to its end.
+inline gpctest::ToolRun Tlvtracer(std::vector<std::string> args) {
+  args.insert(args.begin(), GPC_BIN_DIR "/tlvtracer");
+  return gpctest::RunTool(args);
 }
 
-struct Record {
-  size_t offset = 0;           // in the file
-  std::vector<uint8_t> bytes;  // the whole record, padding included
-  uint32_t level() const { return Le(&bytes[8], 4); }
-  // The NUL-ended string whose offset the head holds at `field`: 30 module, 32 function, 34 text.
-  std::string String(size_t field) const {
-    std::string out;
-    for (size_t i = Le(&bytes[field], 2); i < bytes.size() && bytes[i] != 0; ++i) out += static_cast<char>(bytes[i]);
-    return out;
+// "level module|function|text" of each record of the file at `path`, then why tlvtracer failed if it did.
+inline std::vector<std::string> Records(const std::string& path) {
+  const gpctest::ToolRun run = Tlvtracer({"--json", path});
+  std::vector<std::string> out;
+  for (const gpchost::JsonEvent& record : gpchost::ParseJsonLines(run.out)) {
+    out.push_back(std::to_string(record.Int("level_value")) + " " + record.Str("module") + "|" +
+                  record.Str("function") + "|" + record.Str("text"));
   }
-  // "level module|function|text"
-  std::string Describe() const {
-    return std::to_string(level()) + " " + String(30) + "|" + String(32) + "|" + String(34);
-  }
-};
-
-inline std::vector<uint8_t> ReadBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// The records after the 48-byte header, up to the first that is not whole.
-inline std::vector<Record> ParseTraceFile(const std::string& path) {
-  const std::vector<uint8_t> bytes = ReadBytes(path);
-  std::vector<Record> records;
-  for (size_t at = 48, length; at + 48 <= bytes.size(); at += length) {
-    length = Le(&bytes[at], 2);
-    if (length < 48 || length % 4 != 0 || bytes.size() - at < length) break;
-    records.push_back({at, std::vector<uint8_t>(bytes.begin() + at, bytes.begin() + at + length)});
-  }
-  return records;
+  if (run.exitCode != 0) out.push_back("exit " + std::to_string(run.exitCode) + " " + run.err);
+  return out;
 }
 
 }  // namespace tvttest
