@@ -144,6 +144,7 @@ const TrustCase kTrustCases[] = {
     {"page anchor not valid yet", "self", {"self"}, nullptr, 2000, kFailed, kNotYet | kRoot | kAnchor, true,
      false, false},
     {"bad signature", "bad_sig", {"root"}, nullptr, 0, kFatal, 0, true, false, false},
+    {"signer without CA rights", "by_vendor", {"vendor", "root"}, nullptr, 0, kFailed, 0, true, false, false},
     {"system anchors stand in for the page's", "vendor", {}, "root.pem", 0, kGood, 0, false, true, true},
     {"trust settings of a system anchor", "self", {}, "system.anchors", 2000, kFailed,
      kNotYet | kRoot | kAnchor | kSettings, false, true, false},
