@@ -1,5 +1,5 @@
 // The plug-in in real browsers, on meeting pages from a loopback server serving the sample extension packed
-// and signed by gpc-pack: QtWebKit loads the module, Chromium reaches it by the bridge.
+// and signed by gpc-pack: QtWebKit loads the module, Chromium and Firefox ESR reach it by the bridge.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -45,13 +45,14 @@ std::string MeetingPage(const gpctest::PageParams& params, Markup markup, const 
          "}).observe(document, {childList: true, subtree: true, characterData: true});</script>";
 }
 
-// QtWebKit loads the module itself; Chromium reaches it by extension/ and the built gpc-host as native host.
+// QtWebKit loads the module itself; Chromium and Firefox reach it by extension/ and gpc-host as native host.
 // The server's log tells where each page went and (by the bridge) what its status box showed.
 TEST(Browsers, MeetingPagesEndWhereThePlugInSendsThem) {
-  enum Browser { kQtWebKit, kChromium };
+  enum Browser { kQtWebKit, kChromium, kFirefox };
   // QtWebKit opens plug-ins with RTLD_DEEPBIND, which the AddressSanitizer runtime refuses.
   const bool installed[] = {dlsym(RTLD_DEFAULT, "__asan_init") == nullptr,
-                            access("/usr/bin/chromium", X_OK) == 0};
+                            access("/usr/bin/chromium", X_OK) == 0,
+                            access("/usr/bin/firefox-esr", X_OK) == 0};
   // The sample extension made version 2.0.0.7 (PackExtension leaves that copy of the bundle beside its
   // archive) and packed by gpc-pack; a server for the pages and the package, one taking about four seconds
   // for the package, and a proxy taking every host name to the first.
@@ -83,6 +84,8 @@ TEST(Browsers, MeetingPagesEndWhereThePlugInSendsThem) {
       {"TamperedPackage", kChromium, Markup::kEmbed, kErrorPage},
       // Once its box shows "Downloading…", the page closes its tab, the browser staying open.
       {"TabClosedMidDownload", kChromium, Markup::kEmbed, kDownloading},
+      {"FirefoxMeetingPage", kFirefox, Markup::kEmbed, kRan},
+      {"FirefoxTamperedPackage", kFirefox, Markup::kEmbed, kErrorPage},
   };
   for (const Case& c : cases) {
     if (!installed[c.browser]) continue;
@@ -119,6 +122,8 @@ TEST(Browsers, MeetingPagesEndWhereThePlugInSendsThem) {
       argv.insert(argv.end(), {"--extension", GPC_SOURCE_DIR "/extension", "--access-log",
                                site.AccessLogPath(), "--host", GPC_BIN_DIR "/gpc-host", "--host-pids", pids,
                                "--browser-log", browserLog, "--user-data-dir", home.path() + "/profile"});
+    if (c.browser == kFirefox)
+      argv.insert(argv.end(), {"--firefox", "/usr/bin/firefox-esr", "--authority", site.AuthorityPath()});
     const gpctest::ToolRun run = gpctest::RunTool(argv);
     const std::string output = run.out + run.err + "\n--- browser ---\n" + gpctest::ReadFile(browserLog);
     const std::string requests = gpctest::ReadFile(site.AccessLogPath()).substr(logged);
