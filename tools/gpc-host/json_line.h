@@ -1,26 +1,38 @@
-// One event of the host, printed as one JSON object on one line of standard output.
+// JSON written by the host: one object as text, member by member, and one event of the host printed
+// as one such object on one line of standard output. Text values that are not well-formed UTF-8 have
+// their stray bytes replaced by U+FFFD.
 #pragma once
 #include <cstdint>
 #include <cstdio>
 #include <string>
 
+class JsonObjectText {
+ public:
+  JsonObjectText& Add(const char* key, const std::string& value);
+  JsonObjectText& Add(const char* key, const char* value);  // null gives JSON null
+  JsonObjectText& Add(const char* key, int64_t value);
+  JsonObjectText& AddBool(const char* key, bool value);
+  std::string Finish() const { return m_text.empty() ? "{}" : m_text + "}"; }
+
+ private:
+  void Key(const char* key);
+  std::string m_text;
+};
+
 class JsonLine {
  public:
-  explicit JsonLine(const char* event);
-  JsonLine& Add(const char* key, const std::string& value);
-  JsonLine& Add(const char* key, const char* value);  // null prints as JSON null
-  JsonLine& Add(const char* key, int64_t value);
+  explicit JsonLine(const char* event) { m_object.Add("event", event); }
+  JsonLine& Add(const char* key, const std::string& value) { return Put(m_object.Add(key, value)); }
+  JsonLine& Add(const char* key, const char* value) { return Put(m_object.Add(key, value)); }
+  JsonLine& Add(const char* key, int64_t value) { return Put(m_object.Add(key, value)); }
   JsonLine& Add(const char* key, int value) { return Add(key, static_cast<int64_t>(value)); }
-  JsonLine& AddBool(const char* key, bool value);
+  JsonLine& AddBool(const char* key, bool value) { return Put(m_object.AddBool(key, value)); }
   // Writes the line and flushes, so that a reader sees each event as it happens.
   void Emit();
   // Where Emit writes: standard output unless set (native messaging keeps stdout for its frames).
   static void SetOutput(FILE* out);
 
-  // Escapes `text` as the inside of a JSON string; bytes that are not UTF-8 become U+FFFD.
-  static std::string Escape(const std::string& text);
-
  private:
-  void Key(const char* key);
-  std::string m_text;
+  JsonLine& Put(JsonObjectText&) { return *this; }
+  JsonObjectText m_object;
 };

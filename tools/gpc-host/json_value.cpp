@@ -5,7 +5,6 @@
 #include <cstring>
 #include <glib.h>
 
-#include "json_line.h"
 
 namespace {
 
@@ -235,28 +234,4 @@ const JsonValue* JsonValue::Find(const std::string& key) const {
 bool ParseJson(const std::string& text, JsonValue* out, std::string* error) {
   *out = JsonValue();
   return Parser(text).ParseDocument(out, error);
-}
-
-
-void JsonObjectText::Key(const char* key) {
-  m_text += m_text.empty() ? "{" : ",";
-  m_text += "\"" + JsonLine::Escape(key) + "\":";
-}
-
-JsonObjectText& JsonObjectText::Add(const char* key, const std::string& value) {
-  Key(key);
-  m_text += "\"" + JsonLine::Escape(value) + "\"";
-  return *this;
-}
-
-JsonObjectText& JsonObjectText::Add(const char* key, int64_t value) {
-  Key(key);
-  m_text += std::to_string(value);
-  return *this;
-}
-
-JsonObjectText& JsonObjectText::AddBool(const char* key, bool value) {
-  Key(key);
-  m_text += value ? "true" : "false";
-  return *this;
 }

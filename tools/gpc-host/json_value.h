@@ -24,17 +24,3 @@ struct JsonValue {
 // Parses `text` as one JSON value (surrounding white space allowed). Returns false with a short
 // reason in `error` on bad syntax, invalid UTF-8 or nesting deeper than 64 levels.
 bool ParseJson(const std::string& text, JsonValue* out, std::string* error);
-
-// Builds one JSON object as text, member by member. Text values that are not well-formed UTF-8
-// have their stray bytes replaced by U+FFFD.
-class JsonObjectText {
- public:
-  JsonObjectText& Add(const char* key, const std::string& value);
-  JsonObjectText& Add(const char* key, int64_t value);
-  JsonObjectText& AddBool(const char* key, bool value);
-  std::string Finish() const { return m_text.empty() ? "{}" : m_text + "}"; }
-
- private:
-  void Key(const char* key);
-  std::string m_text;
-};
