@@ -171,7 +171,7 @@ TEST_F(EntryPoints, NewInstanceNegotiatesTheModelsTheBrowserSupports) {
     std::vector<std::pair<int, intptr_t>> set;
   } cases[] = {
       {0x1058, true, true, NPERR_NO_ERROR, NPERR_NO_ERROR, {}},  // an older system asks nothing
-      {0, false, true, NPERR_NO_ERROR, NPERR_NO_ERROR, {kDrawing}},
+      {0x1060, false, true, NPERR_NO_ERROR, NPERR_NO_ERROR, {kDrawing}},
       {0, true, true, NPERR_NO_ERROR, NPERR_GENERIC_ERROR, {kDrawing, kEvents}},  // both refused
       {0, true, true, NPERR_GENERIC_ERROR, NPERR_NO_ERROR, {}},                    // queries fail
       {0, true, false, NPERR_NO_ERROR, NPERR_NO_ERROR, {}},                        // no getvalue
@@ -188,7 +188,7 @@ TEST_F(EntryPoints, NewInstanceNegotiatesTheModelsTheBrowserSupports) {
     Browser().setValueResult = c.setValue;
     EXPECT_EQ(NewInstance(), NPERR_NO_ERROR);
     EXPECT_NE(npp_.pdata, nullptr);
-    EXPECT_EQ(Browser().valuesAsked == 0, c.system != 0 || !c.hasGetValue);
+    EXPECT_EQ(Browser().valuesAsked == 0, c.system == 0x1058 || !c.hasGetValue);
     EXPECT_EQ(Browser().valuesSet, c.set);
     plugin_.destroy(&npp_, nullptr);
   }
@@ -335,7 +335,7 @@ TEST_F(EntryPoints, DebugStringsAndCollectedTraceFollowTheModule) {
 }
 
 TEST(ModuleEntryPoints, DescribeThePluginAndExportOnlyTheEntryPoints) {
-  EXPECT_EQ(std::string(NP_GetMIMEDescription()).rfind("application/x-talvo-gpc:", 0), 0u);
+  EXPECT_EQ(std::string(NP_GetMIMEDescription()).rfind("application/x-talvo-gpc:gpc:", 0), 0u);
   const char* name = nullptr;
   const char* description = nullptr;
   ASSERT_EQ(NP_GetValue(nullptr, NPPVpluginNameString, &name), NPERR_NO_ERROR);

@@ -91,6 +91,9 @@ TEST_F(TraceCatcherTest, PostedEntriesReachTheListAndTheFile) {
          EXPECT_EQ(GpcTracePost(nullptr, 3, "x") + GpcTracePost("ZExt", 3, nullptr) + GpcTracePost("ZExt", 3, "\xFF"), 0);
        }, {}, {}},
       {[] { Post(Entry(7, "odd level")); }, {"7 GPCPlugin odd level"}, {}},
+      {[] {  // a flag as the level reads as the number 1
+         Post(GPCUserInfo::CreateImmutable({{"ContentKey", std::string("yes")}, {"ModuleKey", "m"}, {"Levelkey", true}}));
+       }, {"1 m yes"}, {"2 GPCPlugin||yes"}},
       {[] { EXPECT_EQ(GpcTracePost("ZExt", GPC_TRACE_WARNING, "ext %d"), 1); }, {"2 ZExt ext %d"}, {"4 GPCPlugin||ext %d"}},
   };
   for (size_t i = 0; i < std::size(cases); ++i) {

@@ -69,6 +69,11 @@ TEST_F(WindowErrorsTest, ReportsCarryTheTraceSinceTheLast) {
   EXPECT_NE(asked[2].find("betamarker"), std::string::npos);
   EXPECT_EQ(asked[2].find("alphamarker"), std::string::npos);
   EXPECT_EQ(asked[2].find("gammamarker"), std::string::npos);
+  for (int i = 0; i < 40; ++i) MacErrorTrace("%s", std::string(100, 'z').c_str());
+  window.ShowMessage(104, nullptr);
+  const std::string report = gpctest::RunNavigations(window).at(0);
+  const size_t trace = report.size() - report.find("OptInfo3=") - 9;
+  EXPECT_TRUE(trace > 2900 && trace < 3000) << trace << ": the newest entries that fit in 3000";
 }
 
 // The report's URL follows the logging URL's shape; no report without all three parameters.
