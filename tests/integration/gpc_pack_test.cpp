@@ -121,8 +121,11 @@ TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
       {p.package, {{"GpcCertification", "null"}}, "no package, digest or certificate chain (message 111)\n"},
       {p.package, {{"GpcExtName", "other"}},
        "the archive's top folder is \"zrgpcext64.bundle\", not \"other.bundle\"\n"},
-      {p.package, {{"GpcExtVersion", "9,9"}},
+      {p.package, {{"GpcCompressMethod", "7ZIP"}, {"GpcExtVersion", "9,9"}},
        "the bundle's version \"" + PageVersion() + "\" does not match GpcExtVersion \"9,9\"\n"},
+      {p.package, {{"GpcCompressMethod", ""}}, "GpcCompressMethod is missing: the plug-in would fetch a .bundle.zip\n"},
+      {p.package, {{"GpcCompressMethod", "7z"}},
+       "GpcCompressMethod is \"7z\", not \"7zip\": the plug-in would fetch a .bundle.zip\n"},
   };
   for (const auto& [package, overrides, verdict] : cases) {
     const ToolRun run = Verify(package, overrides);

@@ -110,7 +110,7 @@ TEST_F(NpwrapTest, HostPageIsJudgedByTheSiteLock) {
     const char* siteLock;
     const char* hostPage;
     bool halted;
-  } cases[] = {{false, nullptr, "https://www.talvo.us/meeting", false},
+  } cases[] = {{false, nullptr, "https://www.talvo.us", false},  // the whole URL, to its last byte
                {true, "0", "https://evil.example/talvo.us", false},
                {true, nullptr, "https://evil.example/talvo.us", true},
                {true, nullptr, "https://eviltalvo.us/meeting", true}};

@@ -224,6 +224,16 @@ TEST_F(WindowExtensionTest, UnpackReplacesTheBundleOnlyWithA7zArchiveAndAReadyLi
   EXPECT_EQ(window->UnpackFile(package.c_str(), target.c_str(), 0), 0u);
   EXPECT_EQ(gpctest::LogCount("Load 7zip.dylib success"), 1);
 
+  // A bundle-like target is replaced from its parent folder (the archive holds the bundle); another
+  // target is the folder the archive goes into.
+  gpc::SetHardenedForTesting(false);
+  for (const std::string to : {"t.app", "t.bundle/", "t.pkg", "t.framework", "t.plugin"}) {
+    ASSERT_TRUE(Copy(Made().package, package));
+    gpctest::RemoveTree(env.dir() + "/u");
+    EXPECT_EQ(window->UnpackFile(package.c_str(), (env.dir() + "/u/" + to).c_str(), 0), 0u) << to;
+    EXPECT_TRUE(FileExists(env.dir() + "/u/" + (to == "t.plugin" ? "t.plugin/" : "") + "zrgpcext64.bundle")) << to;
+  }
+
   // In another bundle, as the loader would hand back the library already loaded under the same name.
   CGpcWindow other(&npp);
   platform::SetPluginBundlePathOverride(otherBundle);

@@ -45,11 +45,13 @@ TEST_F(WindowUpdateTest, DownloadsOnlyWhenTheInstalledVersionDiffers) {
     bool ready;
     const char* stamps;  // milestones recorded; "-" when no file
     int message;
+    const char* unpack = "1,0";
   } cases[] = {
       {"Missing", nullptr, nullptr, "31.9.5", "m1", kRoot.c_str(), kPackage, false, "check update", 0},
       {"Equal", "zrext", "31.9.5.100", "31 9 5 100\r\n", "m1", kRoot.c_str(), "", true, "check", 0},
       {"Older", nullptr, "2.1", "2.0", "m1", kRoot.c_str(), kPackage, false, "check update", 0},
       {"NoVersionLoadsWhatIsOnDisk", nullptr, "2.1", nullptr, "m1", kRoot.c_str(), "", true, "check", 0},
+      {"NoUnpackVersionLoadsWhatIsOnDisk", nullptr, "2.1", "2.0", "m1", kRoot.c_str(), "", true, "check", 0, nullptr},
       {"EmptyMeetingIsNoMeeting", nullptr, nullptr, "1", "", kRoot.c_str(), kPackage, false, "-", 0},
       {"NoRoot", nullptr, nullptr, "1", "m1", nullptr, "", false, "-", 100},
   };
@@ -61,7 +63,7 @@ TEST_F(WindowUpdateTest, DownloadsOnlyWhenTheInstalledVersionDiffers) {
     CGpcWindow window(&npp);
     window.m_bHalted = 0;  // as a page's parameters leave it
     for (const auto& [name, value] : {std::pair<const char*, const char*>{"GpcUrlRoot", c.root},
-                                      {"GpcUnpackVersion", "1,0"}, {"GpcCompressMethod", "7zip"},
+                                      {"GpcUnpackVersion", c.unpack}, {"GpcCompressMethod", "7zip"},
                                       {"GpcProductVersion", "/5.0/"}, {"MeetingID", c.meeting},
                                       {"GpcExtName", c.extName}, {"GpcExtVersion", c.required},
                                       {"GpcErrorPageUrl", "https://e.example/err"}})
@@ -107,6 +109,8 @@ TEST_F(WindowUpdateTest, AnyDifferenceInTheNormalFormDownloads) {
           << c.required << (hardened ? " hardened" : "");
   }
   ASSERT_EQ(remove((path + "/Contents/MacOS/zrgpcext64").c_str()), 0);
+  EXPECT_TRUE(window.m_extMgr.NeedUpdate(path.c_str(), "2,1"));
+  InstallBundle("zrgpcext64", "2.1.0");  // trailing zeros make no version newer
   EXPECT_TRUE(window.m_extMgr.NeedUpdate(path.c_str(), "2,1"));
 }
 

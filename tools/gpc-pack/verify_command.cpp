@@ -37,8 +37,10 @@ std::string ExtensionNameOf(const EmbedParams& params) {
 // nothing does.
 std::string ArchiveRefusal(const std::string& path, const EmbedParams& params) {
   const std::string method = ParamValue(params, "GpcCompressMethod");
-  if (!method.empty() && strcasecmp(method.c_str(), "7zip") != 0) {
-    return "GpcCompressMethod is \"" + method + "\", not \"7zip\": the plug-in would fetch a .bundle.zip";
+  if (strcasecmp(method.c_str(), "7zip") != 0) {  // an empty or absent method fetches the zip too
+    return (method.empty() ? std::string("GpcCompressMethod is missing")
+                           : "GpcCompressMethod is \"" + method + "\", not \"7zip\"") +
+           ": the plug-in would fetch a .bundle.zip";
   }
   ArchiveFacts facts;
   std::string error;
