@@ -34,13 +34,21 @@ ToolRun Pack(const gpctest::PackageSigner& signer, const std::vector<std::string
   return gpctest::RunTool(all);
 }
 
-// The vendor, another signer "foreign", and the sample packed once: what `pack` printed, the JSON saved.
+// Appends line ends to the file at `path` until it holds `size` bytes.
+bool PadTo(const std::string& path, size_t size) {
+  const std::string bytes = gpctest::ReadFile(path);
+  return bytes.size() <= size && gpctest::WriteFile(path, bytes + std::string(size - bytes.size(), '\n'));
+}
+
+// The vendor (its key file as large as gpc-pack takes), another signer "foreign", and the sample
+// packed once: what `pack` printed, the JSON saved.
 struct Packed {
   gpctest::TempFolder folder{"gpcpack"};
   gpctest::PackageSigner signer{folder.path()};
   const std::string package = folder.path() + "/zrgpcext64.bundle.7z";
   const std::string params = folder.path() + "/params.json";
-  ToolRun run = signer.ok() && signer.AddSigner("foreign", "/CN=gpc.signer.example.com")
+  ToolRun run = signer.ok() && signer.AddSigner("foreign", "/CN=gpc.signer.example.com") &&
+                        PadTo(signer.Path("vendor.key"), 2045)
                     ? Pack(signer, {"--out", folder.path(), kSampleBundle})
                     : ToolRun();
   const size_t json = run.out.rfind('{');  // the JSON object is the last line, the HTML element before it
@@ -94,7 +102,7 @@ TEST(GpcPack, PrintsParametersThatVerifyForAPackageThePluginUnpacksToTheBundle) 
 }
 
 TEST(GpcPack, EscapesWhatItPrintsAsJson) {
-  const std::string name = "a\\\"b", out = Shared().folder.path() + "/odd";
+  const std::string name = "a\\\"b" + std::string(60, 'n'), out = Shared().folder.path() + "/odd";
   const std::string bundle = out + "/" + name + ".bundle";
   ASSERT_EQ(Sh("mkdir -p " + ShellQuote(out) + " && cp -a " + ShellQuote(kSampleBundle) + " " +
                ShellQuote(bundle) + " && cd " + ShellQuote(bundle) + "/Contents/MacOS && mv zrgpcext64 " +
@@ -141,7 +149,8 @@ TEST(GpcPack, PackRefusesBadInputAndLeavesNothingBehind) {
   ASSERT_EQ(Sh("b=" + ShellQuote(kSampleBundle) + " k=" + ShellQuote(signer.Path("vendor.key")) +
                " && mkdir -p " + ShellQuote(work) + " && cd " + ShellQuote(work) +
                " && mkdir n l && cp -a \"$b\" n/ && cp -a \"$b\" l/ && rm n/*/Contents/Info.plist"
-               " && ln -s ../../../../etc/passwd l/zrgpcext64.bundle/Contents/MacOS/passwd"
+               " && ln -s ../../../outside l/zrgpcext64.bundle/Contents/MacOS/passwd"
+               " && cp \"$k\" big.key && echo >> big.key"
                " && openssl rsa -in \"$k\" -aes256 -passout pass:s -out encrypted.key && echo ok"),
             "ok\n");
   const struct {
@@ -155,6 +164,7 @@ TEST(GpcPack, PackRefusesBadInputAndLeavesNothingBehind) {
       {{kSampleBundle}, true, 1, "exists; use --force"},
       {{"--key", work + "/absent.key", kSampleBundle}, false, 1, "cannot read the key"},
       {{"--key", work + "/encrypted.key", kSampleBundle}, false, 1, "is encrypted"},
+      {{"--key", work + "/big.key", kSampleBundle}, false, 1, "has 2046 bytes"},
       {{linkOut}, false, 1, "leads out of the bundle"},
       {{"--sign-harder", kSampleBundle}, false, 2, "unknown option \"--sign-harder\""},
   };

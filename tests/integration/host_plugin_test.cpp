@@ -82,7 +82,7 @@ TEST_F(HostPlugin, ParameterFileHoldsThePageParametersByteForByte) {
   const std::vector<std::pair<std::string, std::string>> params = {
       {"GpcProductVersion", "3,1,0,7"}, {"Odd Name", "a=b = c%d \"quoted\" [VALUE]"}, {"Unicode", "Grüße, 会议"},
       {"Empty", ""}, {"LoggingURL", "http://127.0.0.1:9/log?"}};
-  std::string file, expected;
+  std::string file = "# comment lines and empty ones are no parameters\n\n", expected;
   for (const auto& [name, value] : params) {
     file += name + "=" + value + "\n";
     expected += "[NAME]-=-" + name + "-=-[VALUE]-=-" + value + "-=-\r";

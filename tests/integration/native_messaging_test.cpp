@@ -166,12 +166,15 @@ class NativeMessaging : public ::testing::Test {
     setenv("XDG_DATA_HOME", data_.path().c_str(), 1);
     host_ = std::make_unique<NativeHost>(data_.path() + "/host.err");
   }
-  // The "embed" message of a meeting page whose package lies on `server` (or under `root`).
-  std::string Embed(const std::string& id, const gpctest::LoopbackServer& server, const std::string& root = "") {
+  // The "embed" message of a meeting page whose package lies on `server` (or under `root`), with or
+  // without an error page.
+  std::string Embed(const std::string& id, const gpctest::LoopbackServer& server, const std::string& root = "",
+                    bool errorPage = true) {
     gpctest::PageParams params = {
         {"gpcsitelock", "0"}, {"GpcUrlRoot", root.empty() ? server.HttpsUrl("client/") : root},
         {"GpcCompressMethod", "7zip"}, {"GpcUnpackVersion", "1,0"}, {"GpcExtVersion", "2,0,0,7"},
-        {"GpcProductVersion", "3,1,0,7"}, {"MeetingID", "m42"}, {"GpcErrorPageUrl", server.HttpsUrl("page/error")},
+        {"GpcProductVersion", "3,1,0,7"}, {"MeetingID", "m42"},
+        {"GpcErrorPageUrl", errorPage ? server.HttpsUrl("page/error") : ""},
         {"GpcSampleFiles", server.HttpsUrl("files/readme.txt")}, {"GpcSampleUnpackDir", data_.path() + "/u-" + id},
         {"GpcSampleDoneUrl", server.HttpsUrl("page/done")}};
     params.insert(params.end(), site_.package.begin(), site_.package.end());
@@ -224,7 +227,7 @@ TEST_F(NativeMessaging, EmbedsDestroyedAtAnyStageLeaveNothingHalfDoneAndTheOther
   gpctest::RemoveTree(folder);
   host_->Send(Embed("slow", site_.slow));
   ASSERT_TRUE(host_->WaitFor("status", "slow", "downloading"));
-  host_->Send(Embed("fast", site_.fast));
+  host_->Send(Embed("fast", site_.fast, "", false));  // no error page: no navigation halts it
   ASSERT_TRUE(host_->WaitFor("status", "fast", "checking"));
   host_->Send(Message("destroy", "slow"));
   ExpectDone("fast");
@@ -271,11 +274,13 @@ TEST_F(NativeMessaging, EveryBadMessageIsAnsweredWithAnErrorAndTheEmbedGoesOn) {
   struct Case {
     std::string bytes;
     const char* error;  // in the first error's message
-    const char* id;     // the first error's id
+    std::string id;     // the first error's id
   } const cases[] = {
       {Frame("{\"type\":\"destroy\","), "invalid JSON", ""},
       {Frame("[\"embed\"]"), "JSON object", ""},
       {Frame(Message("explode", "e1")), "unknown message type", "e1"},
+      {Frame(Message("explode", std::string(256, 'i'))), "unknown message type", std::string(256, 'i')},
+      {Frame(Message("explode", std::string(257, 'i'))), "1 to 256 bytes", ""},
       {Frame("{\"type\":\"destroy\"}"), "\"id\"", ""},
       {Frame(Embed("e1", site_.fast)), "exists already", "e1"},
       {Frame("{\"type\":\"embed\",\"id\":\"e2\",\"pageUrl\":\"https://127.0.0.1/\",\"params\":[" + many + "]}"), "at most", "e2"},

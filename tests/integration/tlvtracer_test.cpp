@@ -53,6 +53,8 @@ TEST(Tlvtracer, ListsRecordsByLevelAndStopsAtDamageNamingItsOffset) {
       {nullptr, good.size() - 5, 0, 'T', {"d", "one\ntwo", "w"}, "truncated record at byte offset 252"},
       {nullptr, 20, 0, 'T', {}, "truncated header at byte offset 0"},
       {nullptr, good.size(), 176 + 2, 9, {"d", "one\ntwo"}, "corrupt record at byte offset 176"},
+      {nullptr, good.size(), 176 + 6, 9, {"d", "one\ntwo"}, "corrupt record at byte offset 176"},
+      {nullptr, good.size(), 176 + 7, 1, {"d", "one\ntwo"}, "corrupt record at byte offset 176"},
       {nullptr, good.size(), 0, 'X', {}, "byte offset 0"},
   };
   for (const auto& c : cases) {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <fstream>
 
 #include "platform/bundle.h"
@@ -21,6 +23,17 @@ TEST(Platform, SystemVersionClockAndPascalStrings) {
   unsigned char pascal[256];
   platform::MakePascalString(std::string(300, 'x').c_str(), pascal);
   EXPECT_EQ(pascal[0], 255);
+}
+
+// GPC_SYSTEM_VERSION is read once, as hexadecimal: in a fresh process.
+TEST(Platform, SystemVersionFromTheEnvironment) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        setenv("GPC_SYSTEM_VERSION", "1058", 1);
+        _exit(platform::SystemVersion() == 0x1058 ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 TEST(Platform, Folders) {

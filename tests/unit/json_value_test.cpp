@@ -1,0 +1,38 @@
+// gpc-host's reader of the browser extension's messages: RFC 8259 values, and the reason for each refusal.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "json_value.h"
+
+namespace {
+
+TEST(JsonValue, ReadsOneValueAndRefusesAnythingElseWithItsReason) {
+  JsonValue value;
+  std::string error;
+  ASSERT_TRUE(ParseJson(" {\"a\":[true,false,null,-1.5e2,\"\\u00e9\\ud83d\\ude00\"],\"a\":{}}\r\n", &value, &error))
+      << error;
+  ASSERT_TRUE(value.Find("a") != nullptr && value.Find("a")->items.size() == 5);
+  const auto& items = value.Find("a")->items;
+  EXPECT_TRUE(items[0].kind == JsonValue::Kind::kBool && items[0].boolean);
+  EXPECT_TRUE(items[1].kind == JsonValue::Kind::kBool && !items[1].boolean);
+  EXPECT_EQ(items[2].kind, JsonValue::Kind::kNull);
+  EXPECT_EQ(items[3].number, -150);
+  EXPECT_EQ(items[4].text, "\xC3\xA9\xF0\x9F\x98\x80");
+  EXPECT_EQ(value.members.size(), 2u) << "a repeated key keeps both";
+
+  const std::pair<std::string, const char*> refused[] = {
+      {"{\"a\":1} x", "text after the value"},   {"\"\\udc00\"", "lone surrogate"},
+      {"\"\\ud800\\u0041\"", "lone surrogate"}, {"\"\xC3\"", "invalid UTF-8"},
+      {"\"a\nb\"", "control character"},        {"tru", "unexpected character"},
+      {"[1,]", "unexpected character"},        {std::string(66, '[') + std::string(66, ']'), "nested too deeply"},
+      {"", "unexpected character"},
+  };
+  for (const auto& [text, reason] : refused) {
+    error.clear();
+    EXPECT_FALSE(ParseJson(text, &value, &error)) << text;
+    EXPECT_NE(error.find(reason), std::string::npos) << text << ": " << error;
+  }
+}
+
+}  // namespace
