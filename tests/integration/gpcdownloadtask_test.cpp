@@ -154,6 +154,7 @@ TEST_F(DownloadTaskTest, FailuresEndWithoutNotificationOrFile) {
                 {server_.Url("/status/403"), 1, 0, false, 0, kDownloadNeedProxy},
                 {server_.Url("/status/407"), 1, 0, false, 0, kDownloadNeedProxy},
                 {server_.HttpUrl("full.bin"), 1, 4 * 1024 * 1024, false, 0, kDownloadFailed},  // while receiving
+                {server_.HttpUrl("full.bin"), 1, 6 * 1024 * 1024 - 1, false, 0, kDownloadFailed},  // its last byte
                 {server_.HttpUrl("full.bin"), 0, 0, true, 0, kDownloadFailed},
                 {server_.HttpUrl("full.bin"), 0, 4 * 1024 * 1024, false, 0, kDownloadFailed}};  // while saving
   for (const auto& c : kCases) {

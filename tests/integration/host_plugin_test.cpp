@@ -124,13 +124,14 @@ TEST_F(HostPlugin, RefusedHostPageShowsError111) {
 }
 
 // Without a version on the page the extension on disk runs: the one shipped with the plug-in. Its fetch
-// that meets a challenge goes through the browser, which drops the blanks at the end of a URL.
+// that meets a challenge goes through the browser, which drops the blanks at the end of a URL; a file
+// missing there fails.
 TEST_F(HostPlugin, ShippedExtensionRunsAndItsChallengedFetchGoesThroughTheBrowser) {
-  Serve({"readme=401x1"});
+  Serve({"readme=401x1", "none=401x1", "none=404"});
   const HostRun run = RunPage({"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=http://127.0.0.1:9/client/", "--param",
-                               "GpcSampleFiles=" + server_->Url("/files/readme.txt") + "  ", "--param",
+                               "GpcSampleFiles=" + server_->Url("/files/readme.txt") + "  |" + server_->Url("/files/none.txt"), "--param",
                                "GpcSampleDoneUrl=" + server_->Url("/done"), "--exit-on-navigate", "/done", "--run-ms", "8000"});
-  EXPECT_NE(Str(run, run.Find("navigate", "url", "/done?"), "url").find("/done?fetched=1&failed=0"), std::string::npos)
+  EXPECT_NE(Str(run, run.Find("navigate", "url", "/done?"), "url").find("/done?fetched=1&failed=1"), std::string::npos)
       << run.stderr_text;
 }
 

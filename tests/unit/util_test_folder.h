@@ -41,7 +41,7 @@ class ScratchFolder : public gpctest::TempFolder {
     std::set<std::string> names;
     for (const auto& e : std::filesystem::recursive_directory_iterator(path())) {
       std::string name = e.path().string().substr(path().size() + 1);
-      if (e.is_symlink()) name += "@" + std::filesystem::read_symlink(e.path()).filename().string();
+      if (e.is_symlink()) name += "@" + std::filesystem::read_symlink(e.path()).string();
       else if (e.is_directory()) name += "/";
       names.insert(name);
     }
