@@ -128,9 +128,10 @@ TEST_F(HostPlugin, RefusedHostPageShowsError111) {
 // missing there fails.
 TEST_F(HostPlugin, ShippedExtensionRunsAndItsChallengedFetchGoesThroughTheBrowser) {
   Serve({"readme=401x1", "none=401x1", "none=404"});
+  const std::string files = server_->Url("/files/readme.txt") + "  |" + server_->Url("/files/none.txt");
   const HostRun run = RunPage({"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=http://127.0.0.1:9/client/", "--param",
-                               "GpcSampleFiles=" + server_->Url("/files/readme.txt") + "  |" + server_->Url("/files/none.txt"), "--param",
-                               "GpcSampleDoneUrl=" + server_->Url("/done"), "--exit-on-navigate", "/done", "--run-ms", "8000"});
+                               "GpcSampleFiles=" + files, "--param", "GpcSampleDoneUrl=" + server_->Url("/done"),
+                               "--exit-on-navigate", "/done", "--run-ms", "8000"});
   EXPECT_NE(Str(run, run.Find("navigate", "url", "/done?"), "url").find("/done?fetched=1&failed=1"), std::string::npos)
       << run.stderr_text;
 }

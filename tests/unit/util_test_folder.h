@@ -26,9 +26,9 @@ class ScratchFolder : public gpctest::TempFolder {
     std::filesystem::create_directories(*this / name);
     return *this / name;
   }
-  // Lays out entries named in `spec`, separated by blanks: "a/b" a file, "d/" a folder, "l@t" a link to t.
-  void Lay(const std::string& spec) const {
-    std::istringstream words(spec);
+  // Lays out entries named in `layout`, separated by blanks: "a/b" a file, "d/" a folder, "l@t" a link to t.
+  void Lay(const std::string& layout) const {
+    std::istringstream words(layout);
     for (std::string w; words >> w;) {
       const size_t at = w.find('@');
       if (at != std::string::npos) symlink(w.substr(at + 1).c_str(), (*this / w.substr(0, at)).c_str());
@@ -36,7 +36,7 @@ class ScratchFolder : public gpctest::TempFolder {
       else Write(w);
     }
   }
-  // Everything inside, sorted, in Lay's notation; a link shows the last name of its target.
+  // Everything inside, sorted, in Lay's notation; a link shows its target as written.
   std::string Describe() const {
     std::set<std::string> names;
     for (const auto& e : std::filesystem::recursive_directory_iterator(path())) {

@@ -22,17 +22,21 @@ class JsonObjectText {
 class JsonLine {
  public:
   explicit JsonLine(const char* event) { m_object.Add("event", event); }
-  JsonLine& Add(const char* key, const std::string& value) { return Put(m_object.Add(key, value)); }
-  JsonLine& Add(const char* key, const char* value) { return Put(m_object.Add(key, value)); }
-  JsonLine& Add(const char* key, int64_t value) { return Put(m_object.Add(key, value)); }
+  template <typename Value>
+  JsonLine& Add(const char* key, const Value& value) {
+    m_object.Add(key, value);
+    return *this;
+  }
   JsonLine& Add(const char* key, int value) { return Add(key, static_cast<int64_t>(value)); }
-  JsonLine& AddBool(const char* key, bool value) { return Put(m_object.AddBool(key, value)); }
+  JsonLine& AddBool(const char* key, bool value) {
+    m_object.AddBool(key, value);
+    return *this;
+  }
   // Writes the line and flushes, so that a reader sees each event as it happens.
   void Emit();
   // Where Emit writes: standard output unless set (native messaging keeps stdout for its frames).
   static void SetOutput(FILE* out);
 
  private:
-  JsonLine& Put(JsonObjectText&) { return *this; }
   JsonObjectText m_object;
 };
