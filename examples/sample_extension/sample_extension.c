@@ -7,8 +7,10 @@
  * needs from the plug-in comes through the service table handed to GpcInitInstance, or is looked
  * up at run time.
  *
- * What it does, driven by three page parameters:
+ * What it does, driven by four page parameters:
  *   "GpcSampleFiles"      URLs separated by "|"; each is fetched with GpcGetFileAtUrl.
+ *   "GpcSampleStream"     one URL read as the browser's local copy, through a stream access point
+ *                         (GpcRegisterStreamSap, GpcGetStream); it counts as one more fetch.
  *   "GpcSampleUnpackDir"  a folder; every fetched file whose URL ends in ".7z" is unpacked there.
  *   "GpcSampleDoneUrl"    once every fetch has completed (successfully or not), the page goes to
  *                         this URL with "fetched=N&failed=M&unpacked=K&params=P" appended.
@@ -21,7 +23,11 @@
  *     plug-in passes it back on every call. It can be NULL (a failed GpcInitInstance), so every
  *     entry point checks it.
  *   - Strings returned by the services (parameters, fetched paths) belong to the plug-in. Copy what
- *     you keep, and use a fetched file's path only during the completion callback.
+ *     you keep, and use a fetched file's path only during the completion callback (for a stream,
+ *     during its GPC_STREAM_FILE message).
+ *   - The plug-in takes one stream request at a time: GpcGetStream answers GPC_ERR_REQUEST_PENDING
+ *     while another one waits for the browser, and every access point hears GPC_PENDING_RELEASE
+ *     when it may ask again.
  *   - The context given to GpcGetFileAtUrl must stay valid until GpcExitInstance: the plug-in may
  *     call back at any time until then, and drops its queue afterwards.
  *   - Never pass text you did not write as a format string.
@@ -47,6 +53,7 @@
 #define SAMPLE_FILES_PARAM "GpcSampleFiles"
 #define SAMPLE_UNPACK_DIR_PARAM "GpcSampleUnpackDir"
 #define SAMPLE_DONE_URL_PARAM "GpcSampleDoneUrl"
+#define SAMPLE_STREAM_PARAM "GpcSampleStream"
 #define SAMPLE_URL_SEPARATOR '|'
 #define SAMPLE_ARCHIVE_SUFFIX ".7z"
 /* Progress is traced for a file's first block and then once per this many bytes. */
@@ -83,6 +90,13 @@ typedef struct SampleState {
   size_t fetchCount;
   size_t pending; /* fetches queued and not yet completed */
   unsigned fetched, failed, unpacked;
+
+  /* The GpcSampleStream request. */
+  char* streamUrl;    /* our own copy; NULL when the page asks for no stream */
+  void* streamSap;    /* our access point; NULL when none is registered */
+  int streamAsked;    /* the plug-in took the request */
+  long streamBytes;   /* size of the browser's copy; -1 until it arrives */
+  int streamEnded;
 
   unsigned long heartbeats;
   unsigned long events;
@@ -191,7 +205,8 @@ static char* BuildDoneUrl(const SampleState* state, const char* doneUrl) {
 
 /* Runs once, as soon as no fetch is pending: navigates the whole page to GpcSampleDoneUrl. */
 static void FinishWhenAllFetched(SampleState* state) {
-  if (state->finished || state->pending > 0) return;
+  const int streaming = state->streamUrl != NULL && !state->streamEnded;
+  if (state->finished || state->pending > 0 || streaming) return;
   state->finished = 1;
   Trace(state, "all fetches complete: fetched=%u failed=%u unpacked=%u", state->fetched, state->failed,
         state->unpacked);
@@ -322,7 +337,90 @@ static int StartFetches(SampleState* state) {
   return 1;
 }
 
+/* ---- Reading a stream as a file ------------------------------------------------------------- */
+
+/* The stream counts like a fetch: fetched when the browser's copy arrived and the stream ended
+ * normally, failed otherwise. Stream messages come from inside the browser's calls, so the next
+ * heartbeat, not this one, navigates. */
+static void EndStream(SampleState* state, int32_t reason) {
+  if (state->streamEnded) return;
+  state->streamEnded = 1;
+  if (state->streamBytes >= 0 && reason == GPC_REASON_DONE) {
+    ++state->fetched;
+  } else {
+    ++state->failed;
+    Trace(state, "stream of %s failed, reason=%d", state->streamUrl, (int)reason);
+  }
+}
+
+/* Asks for the stream; while another request is pending, GPC_PENDING_RELEASE brings us back. */
+static void AskForStream(SampleState* state) {
+  void* stream = NULL;
+  uint32_t result = state->services->GpcGetStream(state->streamSap, state->streamUrl, 1, &stream);
+  if (result == GPC_RESULT_OK) {
+    state->streamAsked = 1;
+    Trace(state, "stream requested: %s", state->streamUrl);
+  } else if (result == GPC_ERR_REQUEST_PENDING) {
+    Trace(state, "stream of %s waits for the pending request", state->streamUrl);
+  } else {
+    Trace(state, "stream of %s refused, result=%u", state->streamUrl, (unsigned)result);
+    EndStream(state, GPC_REASON_NETWORK_ERROR);
+  }
+}
+
+/* The size of a file, or -1 when it cannot be read. */
+static long FileSize(const char* path) {
+  FILE* file = path != NULL ? fopen(path, "rb") : NULL;
+  if (file == NULL) return -1;
+  long size = fseek(file, 0, SEEK_END) == 0 ? ftell(file) : -1;
+  fclose(file);
+  return size;
+}
+
+/* The access point's callback; `context` is our state. */
+static int OnStreamMessage(GPCMessage* message) {
+  SampleState* state = message->context;
+  if (state == NULL || state->streamEnded) return 0;
+  switch (message->type) {
+    case GPC_PENDING_RELEASE:
+      if (!state->streamAsked) AskForStream(state);
+      break;
+    case GPC_STREAM_FILE:
+      /* The browser's copy is ours to read only now. */
+      state->streamBytes = FileSize(message->payload.file.fileName);
+      Trace(state, "streamed %s to %s, %ld bytes", state->streamUrl,
+            TextOrEmpty(message->payload.file.fileName), state->streamBytes);
+      break;
+    case GPC_STREAM_DELETE: /* the handle's last message, also after an abort */
+      EndStream(state, message->payload.destroy.reason);
+      break;
+    default: /* data is preset as consumed; an as-file stream needs none of it */
+      break;
+  }
+  return 0;
+}
+
+/* Registers an access point and asks for GpcSampleStream. Returns 0 when out of memory. */
+static int StartStream(SampleState* state) {
+  const char* url = NonEmptyParam(state, SAMPLE_STREAM_PARAM);
+  if (url == NULL) return 1;
+  state->streamUrl = strdup(url);
+  if (state->streamUrl == NULL) return 0;
+  state->streamBytes = -1;
+  uint32_t result =
+      state->services->GpcRegisterStreamSap(OnStreamMessage, state, state->instance, &state->streamSap);
+  if (result != GPC_RESULT_OK) {
+    state->streamSap = NULL;
+    Trace(state, "no stream access point, result=%u", (unsigned)result);
+    EndStream(state, GPC_REASON_NETWORK_ERROR);
+    return 1;
+  }
+  AskForStream(state);
+  return 1;
+}
+
 static void FreeState(SampleState* state) {
+  free(state->streamUrl);
   for (size_t index = 0; index < state->fetchCount; ++index) free(state->fetches[index].url);
   free(state->fetches);
   free(state);
@@ -353,7 +451,7 @@ SAMPLE_EXPORT int32_t GpcInitInstance(void* instance, GpcServiceTable* services,
   }
   Trace(state, "GpcInitInstance: service interface %d.%d", major, minor);
   TraceAllParams(state);
-  if (!StartFetches(state)) {
+  if (!StartFetches(state) || !StartStream(state)) {
     Trace(state, "GpcInitInstance: out of memory");
     FreeState(state);
     return SAMPLE_INIT_NO_MEMORY;
@@ -370,6 +468,8 @@ SAMPLE_EXPORT void GpcExitInstance(void* instance, void* extData) {
     state->services->GpcStopDownload(instance);
   }
   Trace(state, "GpcExitInstance after %lu heartbeats and %lu events", state->heartbeats, state->events);
+  /* A stream still running ends without further messages once its access point is gone. */
+  if (state->streamSap != NULL) state->services->GpcUnregisterStreamSap(state->streamSap);
   /* The plug-in drops its fetch queue now, so no callback can reach the records after this. */
   FreeState(state);
 }

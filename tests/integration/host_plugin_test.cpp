@@ -2,6 +2,7 @@
 // loopback HTTP server that records every request.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,7 +15,10 @@ using gpchost::HostRun;
 
 class HostPlugin : public ::testing::Test {
  protected:
-  void SetUp() override { setenv("XDG_DATA_HOME", data_.path().c_str(), 1); }
+  void SetUp() override {
+    setenv("XDG_DATA_HOME", data_.path().c_str(), 1);
+    setenv("TMPDIR", data_.path().c_str(), 1);  // where the host keeps the copies of as-file streams
+  }
 
   // Starts the server for the page's reports and error page, answering "ok" to every path but those of
   // `failRules` (SUBSTRING=STATUS[xCOUNT]).
@@ -125,15 +129,22 @@ TEST_F(HostPlugin, RefusedHostPageShowsError111) {
 
 // Without a version on the page the extension on disk runs: the one shipped with the plug-in. Its fetch
 // that meets a challenge goes through the browser, which drops the blanks at the end of a URL; a file
-// missing there fails.
+// missing there fails. Its stream arrives as the browser's copy, which is gone once the stream ends.
 TEST_F(HostPlugin, ShippedExtensionRunsAndItsChallengedFetchGoesThroughTheBrowser) {
   Serve({"readme=401x1", "none=401x1", "none=404"});
   const std::string files = server_->Url("/files/readme.txt") + "  |" + server_->Url("/files/none.txt");
   const HostRun run = RunPage({"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=http://127.0.0.1:9/client/", "--param",
-                               "GpcSampleFiles=" + files, "--param", "GpcSampleDoneUrl=" + server_->Url("/done"),
-                               "--exit-on-navigate", "/done", "--run-ms", "8000"});
-  EXPECT_NE(Str(run, run.Find("navigate", "url", "/done?"), "url").find("/done?fetched=1&failed=1"), std::string::npos)
+                               "GpcSampleFiles=" + files, "--param", "GpcSampleStream=" + server_->Url("/stream"),
+                               "--param", "GpcSampleDoneUrl=" + server_->Url("/done"), "--exit-on-navigate", "/done",
+                               "--run-ms", "8000"});
+  EXPECT_NE(Str(run, run.Find("navigate", "url", "/done?"), "url").find("/done?fetched=2&failed=1"), std::string::npos)
       << run.stderr_text;
+  const int start = run.Find("stream_start", "url", "/stream"), end = run.Find("stream_end", "url", "/stream");
+  ASSERT_TRUE(start >= 0 && end > start);
+  EXPECT_EQ(run.events[static_cast<size_t>(start)].Int("stype"), 4);  // NP_ASFILEONLY
+  EXPECT_EQ(run.events[static_cast<size_t>(end)].Int("bytes"), 2);    // "ok"
+  for (const auto& entry : std::filesystem::directory_iterator(data_.path()))
+    EXPECT_NE(entry.path().filename().string().rfind("gpc-host-", 0), 0u) << entry.path();
 }
 
 // A challenge moves the package fetch to the browser, whose fetch is redirected to something else: the

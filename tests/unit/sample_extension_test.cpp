@@ -22,7 +22,10 @@ struct FakeBrowser {
   Params params;
   uint32_t fetchResult = GPC_RESULT_OK, unpackResult = GPC_RESULT_OK;
   std::vector<std::pair<GpcGetFileNotifyProc, void*>> callbacks;
-  std::string log;  // "fetch URL, unpack ARCHIVE -> FOLDER, go URL TARGET, stop, "
+  uint32_t sapResult = GPC_RESULT_OK;
+  std::vector<uint32_t> streamResults;  // GpcGetStream's answers, in turn
+  std::pair<GPCStreamMessageProc, void*> sap;
+  std::string log;  // "fetch URL, unpack ARCHIVE -> FOLDER, go URL TARGET, stop, sap, stream URL, unsap, "
   std::vector<std::string> debugLines;
 };
 FakeBrowser* gBrowser = nullptr;  // for GpcGetVersion, the one service without an instance
@@ -59,6 +62,22 @@ GpcServiceTable Services() {
     B(instance).log += "unpack " + std::string(archive) + " -> " + destination + ", ";
     return B(instance).unpackResult;
   };
+  table.GpcRegisterStreamSap = [](GPCStreamMessageProc callback, void* context, void* instance, void** sap) {
+    B(instance).log += "sap, ";
+    B(instance).sap = {callback, context};
+    *sap = instance;
+    return B(instance).sapResult;
+  };
+  table.GpcGetStream = [](void* sap, const char* url, int asFile, void**) {
+    B(sap).log += "stream " + std::string(url) + (asFile ? " as file, " : ", ");
+    const uint32_t result = B(sap).streamResults.at(0);
+    B(sap).streamResults.erase(B(sap).streamResults.begin());
+    return result;
+  };
+  table.GpcUnregisterStreamSap = [](void* sap) {
+    B(sap).log += "unsap, ";
+    return GPC_RESULT_OK;
+  };
   table.GpcStopDownload = [](void* instance) { B(instance).log += "stop, "; };
   table.GpcOutputDebugString = [](void* instance, const char* text) { B(instance).debugLines.push_back(text); };
   return table;
@@ -87,6 +106,13 @@ class SampleExtension : public ::testing::Test {
     std::string local = path ? path : "";
     const auto& [callback, context] = browser.callbacks.at(fetch);
     callback(&browser, context, GPC_GETFILE_COMPLETE, path ? &local[0] : nullptr);
+  }
+  void TickTwiceAndExit() {
+    for (int tick = 0; tick < 2; ++tick) {
+      browser.log += "tick, ";
+      Heartbeat(&browser, datum);
+    }
+    Exit(&browser, datum);
   }
 
   FakeBrowser browser;
@@ -146,11 +172,7 @@ TEST_F(SampleExtension, FetchesUnpacksAndNavigatesOnceWhenDone) {
     int event = 0;
     EXPECT_EQ(HandleEvent(&browser, &event, true, datum), 0);
     SetWindow(&browser, nullptr, datum);
-    for (int tick = 0; tick < 2; ++tick) {
-      browser.log += "tick, ";
-      Heartbeat(&browser, datum);
-    }
-    Exit(&browser, datum);
+    TickTwiceAndExit();
     EXPECT_EQ(browser.log, c.log);
   }
 }
@@ -187,6 +209,58 @@ TEST_F(SampleExtension, TracesParametersAndProgressVerbatim) {
   for (const std::string& line : browser.debugLines) lines += line + "\n";
   EXPECT_NE(lines.find("Note=100%s %n done"), std::string::npos) << lines;
   EXPECT_THAT(lines, ::testing::ContainsRegex("http://h/a%d[^\n]*1234"));
+}
+
+// The stream is read as the browser's copy through an access point of its own and counts as a fetch:
+// fetched once the copy was readable and the stream ended normally. A busy provider is asked again
+// at its release, the next heartbeat navigates, and exit gives the access point back.
+TEST_F(SampleExtension, ReadsItsStreamAsTheBrowsersCopy) {
+  constexpr uint32_t kOk = GPC_RESULT_OK, kBusy = GPC_ERR_REQUEST_PENDING, kRefused = GPC_ERR_BROWSER_REFUSED;
+  const auto Done = [](const char* counts) { return "tick, go d?fetched=" + std::string(counts) + "&unpacked=0&params=2 _top, tick, "; };
+  const std::string asked = "sap, stream h/s as file, ";
+  struct Message {
+    int32_t type, reason;
+    const char* file;
+  };
+  const Message kCopy{GPC_STREAM_FILE, 0, kExecutable}, kEnd{GPC_STREAM_DELETE, 0, nullptr},
+      kRelease{GPC_PENDING_RELEASE, 0, nullptr};
+  struct Case {
+    const char* name;
+    uint32_t sapResult;
+    std::vector<uint32_t> streamResults;
+    std::vector<Message> messages;
+    std::string log;
+  } const cases[] = {
+      {"copy, then the end", kOk, {kOk}, {kCopy, {GPC_STREAM_DESTROY, 0, nullptr}, kEnd, {GPC_STREAM_DELETE, 1, nullptr}},
+       asked + Done("1&failed=0") + "unsap, "},
+      {"no copy", kOk, {kOk}, {kEnd}, asked + Done("0&failed=1") + "unsap, "},
+      {"unreadable copy", kOk, {kOk}, {{GPC_STREAM_FILE, 0, "/nonexistent/copy"}, kEnd}, asked + Done("0&failed=1") + "unsap, "},
+      {"network error", kOk, {kOk}, {kCopy, {GPC_STREAM_DELETE, 1, nullptr}}, asked + Done("0&failed=1") + "unsap, "},
+      {"busy, asked again once", kOk, {kBusy, kOk}, {kRelease, kRelease, kCopy, kEnd},
+       asked + "stream h/s as file, " + Done("1&failed=0") + "unsap, "},
+      {"refused", kOk, {kRefused}, {}, asked + Done("0&failed=1") + "unsap, "},
+      {"refused at the release", kOk, {kBusy, kRefused}, {kRelease}, asked + "stream h/s as file, " + Done("0&failed=1") + "unsap, "},
+      {"no access point", GPC_ERR_NO_INSTANCE, {}, {}, "sap, " + Done("0&failed=1")},
+      {"exit while streaming", kOk, {kOk}, {kCopy}, asked + "tick, tick, unsap, "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    browser = FakeBrowser{};
+    browser.params = {{"GpcSampleStream", "h/s"}, {"GpcSampleDoneUrl", "d"}};
+    browser.sapResult = c.sapResult;
+    browser.streamResults = c.streamResults;
+    ASSERT_EQ(Init(&browser, &table, &datum), 0);
+    for (const Message& m : c.messages) {
+      GPCMessage message{};
+      message.context = browser.sap.second;
+      message.type = m.type;
+      message.payload.destroy.reason = m.reason;
+      if (m.type == GPC_STREAM_FILE) message.payload.file.fileName = m.file;
+      browser.sap.first(&message);
+    }
+    TickTwiceAndExit();
+    EXPECT_EQ(browser.log, c.log);
+  }
 }
 
 }  // namespace
