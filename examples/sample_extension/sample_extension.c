@@ -400,23 +400,27 @@ static int OnStreamMessage(GPCMessage* message) {
   return 0;
 }
 
-/* Registers an access point and asks for GpcSampleStream. Returns 0 when out of memory. */
-static int StartStream(SampleState* state) {
+/* Copies the URL of GpcSampleStream. Returns 0 when out of memory. */
+static int CopyStreamUrl(SampleState* state) {
   const char* url = NonEmptyParam(state, SAMPLE_STREAM_PARAM);
+  state->streamBytes = -1;
   if (url == NULL) return 1;
   state->streamUrl = strdup(url);
-  if (state->streamUrl == NULL) return 0;
-  state->streamBytes = -1;
+  return state->streamUrl != NULL;
+}
+
+/* Registers an access point and asks for the stream. */
+static void StartStream(SampleState* state) {
+  if (state->streamUrl == NULL) return;
   uint32_t result =
       state->services->GpcRegisterStreamSap(OnStreamMessage, state, state->instance, &state->streamSap);
   if (result != GPC_RESULT_OK) {
     state->streamSap = NULL;
     Trace(state, "no stream access point, result=%u", (unsigned)result);
     EndStream(state, GPC_REASON_NETWORK_ERROR);
-    return 1;
+    return;
   }
   AskForStream(state);
-  return 1;
 }
 
 static void FreeState(SampleState* state) {
@@ -451,11 +455,13 @@ SAMPLE_EXPORT int32_t GpcInitInstance(void* instance, GpcServiceTable* services,
   }
   Trace(state, "GpcInitInstance: service interface %d.%d", major, minor);
   TraceAllParams(state);
-  if (!StartFetches(state) || !StartStream(state)) {
+  /* Everything is copied before the first request: a failure here leaves nothing queued. */
+  if (!CopyStreamUrl(state) || !StartFetches(state)) {
     Trace(state, "GpcInitInstance: out of memory");
     FreeState(state);
     return SAMPLE_INIT_NO_MEMORY;
   }
+  StartStream(state);
   *extData = state;
   return SAMPLE_INIT_OK;
 }
