@@ -9,8 +9,10 @@
 
 namespace fs = std::filesystem;
 
-// libarchive sizes some buffers by what a 7z header claims and gives up cleanly when malloc refuses: as
-// on a machine without that memory, 2000 MiB or more is refused rather than reported.
+// libarchive is linked as lib7zip.so links it, each piece it allocates bounded. liblzma, shared, still
+// sizes its dictionary by what an archive's coder claims (up to 4 GiB, touched only as data fills
+// it) and gives up cleanly when malloc refuses: as on a machine without that memory, 2000 MiB or
+// more is refused rather than reported.
 extern "C" const char* __asan_default_options() {
   return "allocator_may_return_null=1:max_allocation_size_mb=2000";
 }

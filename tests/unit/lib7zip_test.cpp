@@ -2,6 +2,8 @@
 // made by the 7z tool: what lands in the destination, what is refused, and that a refusal writes nothing.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -36,6 +38,7 @@ class Lib7zipTest : public ::testing::Test {
     decompress_ =
         reinterpret_cast<int32_t (*)(const char*, const char*)>(dlsym(library, "GpcDecompressFile7z"));
     ASSERT_NE(decompress_, nullptr);
+    EXPECT_EQ(dlsym(library, "archive_read_new"), nullptr) << "libarchive's symbols stay inside";
   }
   // Runs `script` in a fresh source folder, then archives `items` of it (links kept as links).
   std::string Pack(const std::string& script, const std::string& items, const std::string& options = "") {
@@ -146,6 +149,23 @@ TEST_F(Lib7zipTest, StopsAtTheEntryAndByteLimits) {
     EXPECT_EQ(Extract(archive, out_), expected);
     EXPECT_EQ(Exists(out_ + "/d/b"), expected == kGpc7zSuccess);
   }
+}
+
+// Forty-one bytes whose header claims 16843008 folders: libarchive alone would fill 1.7 GB of
+// folder records before finding the header too short. Run in a child to measure its memory.
+TEST_F(Lib7zipTest, RefusesAHeaderClaimingMillionsOfFoldersWithoutMakingRoomForThem) {
+  const std::string header("\x01\x04\x07\x0B\xE1\x00\x01\x01\x00", 9);  // header, streams, folders
+  // Signature, version, then start-header CRC and next-header offset, size and CRC (the CRCs zero:
+  // the header is parsed before they are checked).
+  const std::string archive = work_.Write("claims.7z", std::string("7z\xBC\xAF\x27\x1C\x00\x04", 8) +
+                                                           std::string(12, '\0') + '\x09' + std::string(11, '\0') + header);
+  const pid_t child = fork();
+  if (child == 0) _exit(Extract(archive, out_) == kGpc7zCannotReadArchive && !Exists(out_) ? 0 : 1);
+  int status = -1;
+  rusage usage{};
+  ASSERT_EQ(wait4(child, &status, 0, &usage), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_LT(usage.ru_maxrss, 512 * 1024) << "kB at most in the child";
 }
 
 }  // namespace
