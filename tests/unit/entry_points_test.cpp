@@ -318,20 +318,36 @@ TEST_F(EntryPoints, NoExceptionLeavesAnEntryPointWhenMemoryRunsOut) {
 }
 
 // The debug strings follow the life of the module; the trace catcher collects from NP_Initialize
-// on, and ending the last instance ends the collected trace.
+// on, ending the last instance ends the collected trace, a later instance starts it again, and
+// NP_Shutdown ends it.
 TEST_F(EntryPoints, DebugStringsAndCollectedTraceFollowTheModule) {
   ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
   const auto collected = [] { return gpc::GPCTraceCatcher::sharedInstance()->allTraceInfo(); };
   ASSERT_FALSE(collected().empty());
   EXPECT_EQ(gpc::traceContent(*collected().back()), "plugin,NP_GetEntryPoints end");
+  // Asked as an extension asks, which never makes a catcher of its own.
+  const auto collecting = [] { char answer[64]; return GpcTraceQueryWarnings(0, answer, sizeof answer) >= 0; };
+  NPP_t other{nullptr, nullptr};
   ASSERT_EQ(NewInstance(), NPERR_NO_ERROR);
+  ASSERT_EQ(plugin_.newp(const_cast<char*>("application/x-talvo-gpc"), &other, NP_EMBED, 0, nullptr, nullptr, nullptr),
+            NPERR_NO_ERROR);
   plugin_.destroy(&npp_, nullptr);
-  EXPECT_TRUE(collected().empty());
+  EXPECT_TRUE(collecting());
+  plugin_.destroy(&other, nullptr);
+  EXPECT_FALSE(collecting());
+  ASSERT_EQ(NewInstance(), NPERR_NO_ERROR);
+  EXPECT_TRUE(collecting());
+  plugin_.destroy(&npp_, nullptr);
   NP_Shutdown();
   EXPECT_EQ(debug_strings_, (std::vector<std::string>{"plugin,NP_Initialize start", "plugin,NP_Initialize end",
                                                       "plugin,NP_GetEntryPoints start", "Private_Initialize",
-                                                      "plugin,NP_GetEntryPoints end", "Private_New", "Private_Destroy",
+                                                      "plugin,NP_GetEntryPoints end", "Private_New", "Private_New",
+                                                      "Private_Destroy", "Private_Shutdown", "Private_Destroy",
+                                                      "Private_Shutdown", "Private_New", "Private_Destroy",
                                                       "Private_Shutdown", "NP_Shutdown", "Private_Shutdown"}));
+  ASSERT_EQ(Load(0x0013), NPERR_NO_ERROR);
+  NP_Shutdown();
+  EXPECT_FALSE(collecting());
 }
 
 TEST(ModuleEntryPoints, DescribeThePluginAndExportOnlyTheEntryPoints) {
@@ -340,7 +356,8 @@ TEST(ModuleEntryPoints, DescribeThePluginAndExportOnlyTheEntryPoints) {
   const char* description = nullptr;
   ASSERT_EQ(NP_GetValue(nullptr, NPPVpluginNameString, &name), NPERR_NO_ERROR);
   ASSERT_EQ(NP_GetValue(nullptr, NPPVpluginDescriptionString, &description), NPERR_NO_ERROR);
-  EXPECT_TRUE(std::string(name).find("GPC") != std::string::npos && description != nullptr);
+  EXPECT_STREQ(name, "Talvo GPC");
+  EXPECT_NE(description, nullptr);
   EXPECT_NE(NP_GetValue(nullptr, NPPVpluginNameString, nullptr), NPERR_NO_ERROR);
   EXPECT_NE(NP_GetValue(nullptr, NPPVpluginWindowBool, &name), NPERR_NO_ERROR);
   void* handle = dlopen((std::string(GPC_BUNDLE_DIR) + "/Contents/MacOS/libnpgpc.so").c_str(), RTLD_NOW | RTLD_LOCAL);
