@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -18,13 +20,14 @@ using V = std::vector<std::string>;
 
 TEST(Profile, ValuesAsTheReaderFindsThem) {
   const std::string longLines = "[A]\n" + std::string(2047, 'x') + "Key=tail\nBig=" + std::string(3000, 'v') + "\n";
-  const std::string odd = "[A]\nOdd='x\"\nOne=\"\n", twice = "Key=early\n[A]\nother=1\n[B]\nKey=late\n";
+  const std::string odd = "[A]\nOdd='x\"\nOne=\"\nTwo=\"\"\n", twice = "Key=early\n[A]\nother=1\n[B]\nKey=late\n";
   const std::string noComments = "[A]\n;Key=commented\n#x = 2\nno equals\n";
   struct Case { std::string text; const char *section, *key, *def; size_t size; std::string want; };
   const Case cases[] = {
       {"[Main]\nPath = 'x y' \n[Other]\n", "main", "PATH", "d", 256, "x y"},  // names ignore case
       {"[ Main ]\r\nName=\" a b \"\r\n", "MAIN", "name", "d", 256, "a b"},
       {odd, "A", "Odd", "d", 256, "'x\""}, {odd, "A", "One", "d", 256, "\""},  // quotes that differ are kept
+      {odd, "A", "Two", "d", 256, ""},
       {twice, "A", "Key", "d", 256, "d"}, {twice, "B", "Key", "d", 256, "late"},
       {"[A]\nlist=[1]\nKey=v\n", "A", "Key", "d", 256, "d"},  // a bracketed value is a section line
       {"[A]\nlist=[1]\nKey=v\n", "A", "list", "d", 256, "d"},
@@ -43,9 +46,10 @@ TEST(Profile, ValuesAsTheReaderFindsThem) {
     EXPECT_EQ(ZRGetPrivateProfileString(c.section, c.key, c.def, dest, c.size, path.c_str()), c.want.size());
     EXPECT_EQ(dest, c.want);
   }
-  std::string path = dir.Write("n.ini", "[A]\nn=12abc\nneg=  -7 \nword=abc\nempty=\nhuge=99999999999\n");
+  std::string path = dir.Write("n.ini", "[A]\nn=12abc\nneg=  -7 \nword=abc\nempty=\nhuge=99999999999\ntiny=-99999999999\n");
   const std::pair<const char*, int> numbers[] = {{"n", 12},    {"neg", -7},  {"word", 5},
-                                                 {"empty", 5}, {"absent", 5}, {"huge", 2147483647}};
+                                                 {"empty", 5}, {"absent", 5}, {"huge", 2147483647},
+                                                 {"tiny", INT_MIN}};
   for (const auto& [key, want] : numbers) EXPECT_EQ(ZRGetPrivateProfileInt("A", key, 5, path.c_str()), want) << key;
   EXPECT_EQ(ZRGetPrivateProfileInt("A", "n", 5, (dir / "missing.ini").c_str()), 5);
 
@@ -98,8 +102,10 @@ TEST(Files, FoldersTempNamesAndListings) {
   EXPECT_EQ(GetTempFileName(folder.c_str(), "APK", again), n + 2);
   EXPECT_EXIT(  // a child process, so the exhausted counter does not outlive this test
       {
-        for (uint32_t i = GetTempFileName(folder.c_str(), "T", again); i <= 9999; ++i) dir.Write("T" + std::to_string(i) + ".tmp");
-        exit(GetTempFileName(folder.c_str(), "T", again) == 0 && GetTempFileName(folder.c_str(), "U", again) == 0 ? 0 : 1);
+        for (uint32_t i = GetTempFileName(folder.c_str(), "T", again); i < 9999; ++i) dir.Write("T" + std::to_string(i) + ".tmp");
+        const bool last = GetTempFileName(folder.c_str(), "T", again) == 9999;  // the last number is handed out
+        dir.Write("T9999.tmp");
+        exit(last && GetTempFileName(folder.c_str(), "T", again) == 0 && GetTempFileName(folder.c_str(), "U", again) == 0 ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");  // gives up, and stays given up
 
@@ -107,7 +113,7 @@ TEST(Files, FoldersTempNamesAndListings) {
   list.Lay("f/ a.txt l@f dangling@nowhere");
   std::string file = list / "a.txt", link = list / "l";
   EXPECT_TRUE(isDir(list / "f") && !isDir(link) && isLink(link) && !isLink(file) && !isDir(list / "missing"));
-  EXPECT_TRUE(FileExists(file) && FileExists(list.path()));
+  EXPECT_TRUE(FileExists(file) && FileExists(list.path()) && FileExists(list / "dangling"));
   EXPECT_FALSE(FileExists(list / "missing") || FileExists(""));
   std::vector<FSDirectoryItem> items;
   ASSERT_EQ(FSGetDirectoryItems(list.path(), items), FSListStatus::kListed);
@@ -121,9 +127,9 @@ TEST(Files, FoldersTempNamesAndListings) {
 
 TEST(Files, DeleteFilesRemovesOnlyMatchingVersionsOfOneLibrary) {
   ScratchFolder dir;
-  dir.Lay("libfoo-1.0.so libfoo-2.0.so libfoo-2.0.dylib libbar-1.0.so libfoo.so libfoo-3.0.so@libfoo-2.0.so libfoo-4.0.so/");
+  dir.Lay("libfoo-1.0.so libfoo-2.0.so libfoo-2.0.dylib libbar-1.0.so libfoobar-1.0.so libfoo.so libfoo-3.0.so@libfoo-2.0.so libfoo-4.0.so/");
   DeleteFiles(dir.path().c_str(), "libfoo", "so");
-  EXPECT_EQ(dir.Describe(), "libbar-1.0.so libfoo-2.0.dylib libfoo-3.0.so@libfoo-2.0.so libfoo-4.0.so/ libfoo.so");
+  EXPECT_EQ(dir.Describe(), "libbar-1.0.so libfoo-2.0.dylib libfoo-3.0.so@libfoo-2.0.so libfoo-4.0.so/ libfoo.so libfoobar-1.0.so");
   DeleteFiles(dir.path().c_str(), "", "");  // any name-version file
   EXPECT_EQ(dir.Describe(), "libfoo-3.0.so@libfoo-2.0.so libfoo-4.0.so/ libfoo.so");
 }
@@ -132,7 +138,10 @@ TEST(Files, ProcessLookupIgnoresCase) {
   std::string name;  // another copy of this program may be the one found
   std::getline(std::ifstream("/proc/" + std::to_string(GetPIDForProcessName("GPCUTIL_TEST")) + "/comm"), name);
   EXPECT_EQ(name, "gpcutil_test");
+  auto openFiles = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  const auto before = openFiles();
   EXPECT_EQ(GetPIDForProcessName("no-such-process"), 0);
+  EXPECT_EQ(openFiles(), before);  // nothing stays open after a lookup
 }
 
 // Even root cannot unlink or rename an entry with the immutable attribute.
@@ -148,14 +157,15 @@ bool SetImmutable(const std::string& path, bool on) {
 TEST(RemoveFile, PlainEntriesGoLinkTargetsStayUndeletableOnesAreMovedAsideOrReported) {
   ScratchFolder dir, outside;
   outside.Write("keep/me.txt");
-  dir.Lay("ext.bundle/Contents/MacOS/ext APK1.tmp ext.bundle/Contents/outside@" + outside / "keep");
-  EXPECT_TRUE(RemoveFile(dir / "ext.bundle") && RemoveFile(dir / "APK1.tmp"));
+  dir.Lay("ext.bundle/Contents/MacOS/ext APK1.tmp dangling@nowhere ext.bundle/Contents/outside@" + outside / "keep");
+  EXPECT_TRUE(RemoveFile(dir / "ext.bundle") && RemoveFile(dir / "APK1.tmp") && RemoveFile(dir / "dangling"));
   EXPECT_EQ(dir.Describe() + "|" + outside.Describe(), "|keep/ keep/me.txt");
   EXPECT_FALSE(RemoveFile(dir / "missing") || RemoveFile(""));
   // `stuck` is made immutable; `target` is removed (a bare name, from inside the folder, when
   // `bare`); afterwards the folder holds one entry whose name starts with `left`.
   struct Case { const char *stuck, *target; bool bare, removed; const char* left; };
   const Case cases[] = {{"ext.bundle/stuck", "ext.bundle", false, true, ".ext.bundle."},
+                        {"ext.bundle/stuck", "ext.bundle/", false, true, ".ext.bundle."},
                         {"pkg/stuck", "pkg", true, true, "pkg.deltmp"},  // a bare name: no hidden name beside it
                         {"locked.bin", "locked.bin", false, false, "locked.bin"}};
   char cwd[4096];
@@ -171,7 +181,7 @@ TEST(RemoveFile, PlainEntriesGoLinkTargetsStayUndeletableOnesAreMovedAsideOrRepo
     FSGetDirectoryItems(dir.path(), items);
     ASSERT_EQ(items.size(), 1u);
     EXPECT_EQ(items[0].name.rfind(c.left, 0), 0u) << items[0].name;
-    EXPECT_TRUE(SetImmutable(dir / items[0].name + std::string(c.stuck).substr(strlen(c.target)), false));
+    EXPECT_TRUE(SetImmutable(dir / items[0].name + (c.stuck + strcspn(c.stuck, "/")), false));
   }
 }
 

@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <elf.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstring>
 #include <fstream>
 
 #include "platform/bundle.h"
@@ -20,6 +24,12 @@ TEST(Platform, SystemVersionClockAndPascalStrings) {
   platform::SetWallClockOverride([] { return int64_t(978307200) * 1000000 + 1500000; });
   EXPECT_DOUBLE_EQ(platform::AbsoluteTimeGetCurrent(), 1.5);  // seconds since 2001-01-01 GMT
   platform::SetWallClockOverride(nullptr);
+  using namespace std::chrono;
+  auto micros = [](auto at) { return int64_t(duration_cast<microseconds>(at.time_since_epoch()).count()); };
+  const int64_t wallBefore = micros(system_clock::now()), wall = platform::WallClockMicros();
+  EXPECT_TRUE(wallBefore <= wall && wall <= micros(system_clock::now())) << wall;  // to the microsecond
+  const int64_t steadyBefore = micros(steady_clock::now()), steady = platform::MonotonicMicros();
+  EXPECT_TRUE(steadyBefore <= steady && steady <= micros(steady_clock::now())) << steady;
   unsigned char pascal[256];
   platform::MakePascalString(std::string(300, 'x').c_str(), pascal);
   EXPECT_EQ(pascal[0], 255);
@@ -61,12 +71,34 @@ TEST(Platform, BundlesAndExecutables) {
   EXPECT_EQ(platform::BundleInfoString(bundle, "CFBundleIdentifier"), platform::kPluginBundleIdentifier);
   EXPECT_EQ(platform::BundleInfoString(bundle, "CFBundleVersion") + platform::BundleInfoString(dir.path(), "x"), "");
   EXPECT_EQ(platform::PluginBundlePath(), "");  // a test program lies in no bundle
+  dir.Write("e.bundle/Contents/Info.plist", "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key>"
+                                            "<string>../../evil</string></dict></plist>\n");
+  dir.Lay("e.bundle/evil e.bundle/Contents/MacOS/e");
+  EXPECT_EQ(platform::BundleExecutablePath(dir / "e.bundle"), dir / "e.bundle/Contents/MacOS/e");  // a name, not a path
 
   std::ifstream self("/proc/self/exe", std::ios::binary);
   std::string elf((std::istreambuf_iterator<char>(self)), std::istreambuf_iterator<char>());
   EXPECT_TRUE(platform::ExecutableMatchesOwnArchitecture(dir.Write("same", elf)));
+  std::string x32 = elf;
+  x32[EI_CLASS] = ELFCLASS32;  // this machine, the 32-bit class
+  EXPECT_FALSE(platform::ExecutableMatchesOwnArchitecture(dir.Write("x32", x32)));
   elf[18] ^= 0x01;  // e_machine: another machine
   EXPECT_FALSE(platform::ExecutableMatchesOwnArchitecture(dir.Write("other", elf)));
+
+  // A library whose last loadable segment ends exactly at the end of the file is complete.
+  std::ifstream in(GPC_BUNDLE_DIR "/Contents/Frameworks/zrgpcext64.bundle/Contents/MacOS/zrgpcext64", std::ios::binary);
+  std::string lib((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>()), error;
+  Elf64_Ehdr header{};
+  memcpy(&header, lib.data(), std::min(lib.size(), sizeof header));
+  uint64_t end = 0;
+  for (unsigned i = 0; i < header.e_phnum; ++i) {
+    Elf64_Phdr segment;
+    memcpy(&segment, lib.data() + header.e_phoff + i * sizeof segment, sizeof segment);
+    if (segment.p_type == PT_LOAD) end = std::max(end, segment.p_offset + segment.p_filesz);
+  }
+  void* library = platform::OpenLibrary(dir.Write("cut", lib.substr(0, end)), &error);
+  EXPECT_NE(library, nullptr) << error;
+  platform::CloseLibrary(library);
 }
 
 }  // namespace
