@@ -40,6 +40,7 @@ struct Pki {
             issue + "-in vendor.csr -CA inter.pem -CAkey inter.key -out inter_leaf.pem && " +
             issue + "-in inter.csr -CA vendor.pem -CAkey vendor.key -out by_vendor.pem && "
             "openssl x509 -in self.pem -addtrust anyExtendedKeyUsage -trustout -out trusted_self.pem && "
+            "openssl x509 -in self.pem -addreject anyExtendedKeyUsage -trustout -out rejected_self.pem && "
             "cat root.pem trusted_self.pem > system.anchors && : > empty.anchors && "
             "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ec.key "
             "-subj /CN=ec -out ec.pem && "
@@ -101,7 +102,7 @@ TEST(Certificates, VendorNamesEndWithTheVendorsSuffix) {
   gpc::SetHardenedForTesting(-1);
 }
 
-constexpr GpcTrustResult kGood = kGpcTrustResultUnspecified, kFailed = kGpcTrustResultRecoverableTrustFailure,
+constexpr GpcTrustResult kProceed = kGpcTrustResultProceed, kGood = kGpcTrustResultUnspecified, kFailed = kGpcTrustResultRecoverableTrustFailure,
                          kFatal = kGpcTrustResultFatalTrustFailure;
 constexpr uint32_t kExpired = kGpcCertStatusExpired, kNotYet = kGpcCertStatusNotValidYet,
                    kRoot = kGpcCertStatusIsRoot, kAnchor = kGpcCertStatusIsInAnchors,
@@ -126,7 +127,7 @@ struct Panel {
 struct TrustCase {
   const char *name, *leaf;
   std::vector<std::string> page;   // the page's certificates: extra anchors, or intermediates when hardened
-  const char* system;              // SSL_CERT_FILE, a file of the test PKI, or null for the machine's anchors
+  const char* system;              // SSL_CERT_FILE: a file of the test PKI, "" or null for the machine's anchors
   int year;                        // of the clock, 0 for now
   GpcTrustResult first;            // of the first evaluation
   uint32_t leafStatus;             // among kShownStatus
@@ -148,6 +149,10 @@ const TrustCase kTrustCases[] = {
     {"system anchors stand in for the page's", "vendor", {}, "root.pem", 0, kGood, 0, false, true, true},
     {"trust settings of a system anchor", "self", {}, "system.anchors", 2000, kFailed,
      kNotYet | kRoot | kAnchor | kSettings, false, true, false},
+    {"trusted system anchor in time", "self", {}, "system.anchors", 0, kProceed, kRoot | kAnchor | kSettings, false,
+     true, false},
+    {"system anchor its settings reject", "self", {}, "rejected_self.pem", 0, kFatal, kRoot, true, false, false},
+    {"empty SSL_CERT_FILE: the machine's anchors", "vendor", {"root"}, "", 0, kGood, 0, false, true, true},
     {"no system anchors: the page's are ignored", "vendor", {"root"}, "empty.anchors", 0, kFailed, 0, true,
      false, true},
     {"unreadable system anchors", "vendor", {"root"}, "missing.pem", 0, kFailed, 0, true, false, true},
@@ -157,7 +162,7 @@ TEST(Trust, OutcomesOfChains) {
   for (const TrustCase& c : kTrustCases) {
     SCOPED_TRACE(c.name);
     std::unique_ptr<ScopedEnv> system;
-    if (c.system != nullptr) system = std::make_unique<ScopedEnv>("SSL_CERT_FILE", Path(c.system));
+    if (c.system != nullptr) system = std::make_unique<ScopedEnv>("SSL_CERT_FILE", *c.system ? Path(c.system) : "");
     const int64_t micros = (c.year - 1970) * int64_t{31556952} * 1000000;
     if (c.year != 0) platform::SetWallClockOverride([micros] { return micros; });
     const GpcCertificateRef leaf = Cert(c.leaf);
@@ -178,6 +183,7 @@ TEST(Trust, OutcomesOfChains) {
     EXPECT_EQ(panel.shown, c.panel ? 1 : 0);
     if (c.panel) {
       EXPECT_EQ(panel.last.commonName, CommonNameOfCert(leaf.get()));
+      EXPECT_NE(panel.last.subject.find("CN=" + panel.last.commonName), std::string::npos) << panel.last.subject;
       EXPECT_EQ(panel.last.leafStatus & kShownStatus, c.leafStatus);
       EXPECT_EQ(panel.last.alternateButtonTitle, "Cancel");
       panel.answer = true;
@@ -270,7 +276,8 @@ TEST(Signatures, OwnSignaturesAreTheToolsAndNeedAnUnencryptedRsaKeyInTheFirst204
   ScratchFolder folder;
   MustRun("openssl genrsa -aes128 -passout pass:secret -out '" + (folder / "locked.key") + "' 2048");
   const std::string key = gpctest::ReadFile(Path("vendor.key"));
-  const std::string cut = std::string(2045 - key.size() + 40, '#') + "\n" + key;  // ends past byte 2045
+  // Its last byte, the closing line's last dash, is byte 2046.
+  const std::string cut = std::string(2046 - key.size(), '#') + "\n" + key.substr(0, key.size() - 1);
   gpctest::WriteFile(folder / "cut.key", cut);
   gpctest::WriteFile(folder / "fits.key", cut.substr(80));
   for (const auto& [path, dataSize, signatureSize] : std::vector<std::tuple<std::string, size_t, size_t>>{

@@ -147,6 +147,7 @@ TEST_F(TraceCatcherTest, ReportHoldsWarningsAndErrorsNewestThatFitOldestFirst) {
       {{Entry(2, "x"), Entry(2, std::string(10, 'y')), Entry(2, "zz")}, 10, "zz"},  // the walk stops at y
       {{Entry(2, "old"), Entry(2, "ab"), Entry(2, "abc")}, 6, "ab\nabc"},           // the line feed may reach it
       {{Entry(2, "\xE6\x97\xA5\xE6\x9C\xAC")}, 3000, "%E6%97%A5%E6"},  // six bytes a character: limit 12
+      {{Entry(2, "\xF0\x9F\x98\x80")}, 3000, "%F0%9F%98%80"},           // a surrogate pair: limit 12 too
   };
   for (const auto& c : cases) EXPECT_EQ(catcher_->stringValueForAllTrace(c.list, c.limit), c.text) << c.limit;
 }
@@ -164,7 +165,7 @@ TEST_F(TraceCatcherTest, QueriesAnswerRecentWarningsAndResetWhenAsked) {
   const auto fixed = GPCUserInfo::CreateImmutable({{"RESETTRACES", true}});
   GPCNotificationCenter::defaultCenter().postNotification("QUERYWARINGMESSAGENOTIFICTION", nullptr, fixed);
   EXPECT_EQ(ask(0, 8), "20 ext%20%") << "an immutable query neither got an answer nor reset";
-  EXPECT_EQ(ask(1), "20 ext%20%25d%20warning");
+  EXPECT_EQ(ask(2), "20 ext%20%25d%20warning") << "any non-zero flag resets";
   EXPECT_TRUE(catcher_->allTraceInfo().empty()) << "info entries go too";
   MacErrorTrace("%s", std::string(999, ' ').c_str());
   EXPECT_EQ(GpcTraceQueryWarnings(0, answer, sizeof answer), 2997);
