@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <tuple>
@@ -22,6 +23,9 @@ using gpctest::PatternBytes;
 using gpctest::ReadFile;
 using gpctest::RunMainLoopFor;
 using gpctest::RunMainLoopUntil;
+
+// Whether another program made the shared download folder before these tests could.
+const bool kTalvoFolderWasThere = access("/tmp/talvo", F_OK) == 0;
 
 // Records the callbacks (a file handed over is read and removed); a challenge is answered once with
 // "gpcuser" and `password` when it is set.
@@ -121,8 +125,9 @@ TEST_F(NetworkHttpTest, RequestsEndAsTheServerAndTheProxyAnswer) {
       {server_.Url("/status/404"), false, 0, -1, nullptr, nullptr, "", 0, 1, "challenge"},
       {"http://127.0.0.1:1/refused", false, 0, -1, nullptr, nullptr, "", 0, 1, ""},
       {server_.Url("/reset"), true, 0, -1, nullptr, nullptr, "", 0, 1, ""},
-      {server_.Url("/never"), false, 50, -1, nullptr, nullptr, "", 0, 1, ""},
+      {server_.Url("/never"), false, 100, -1, nullptr, nullptr, "", 0, 1, ""},
       {server_.HttpsUrl("target.bin"), false, 0, 1, nullptr, nullptr, "", 0, 1, ""},  // a server nobody vouches for
+      {"HTTPS" + server_.HttpsUrl("target.bin").substr(5), false, 0, -1, nullptr, nullptr, "", 0, 1, content},
       {server_.Url("/status/401"), true, 0, -1, nullptr, nullptr, "", 1, 0, ""},
       {server_.Url("/status/403"), true, 0, -1, nullptr, nullptr, "", 1, 0, ""},
       {server_.Url("/status/407"), true, 0, -1, nullptr, nullptr, "", 1, 0, ""},
@@ -141,7 +146,10 @@ TEST_F(NetworkHttpTest, RequestsEndAsTheServerAndTheProxyAnswer) {
     GPCNetworkHttp client;
     Sink sink;
     sink.password = c.password;
+    const auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(Fetch(client, c.url, sink, c.file, c.timeoutMs), 0u);
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_TRUE(c.timeoutMs == 0 || took < std::chrono::milliseconds(9 * c.timeoutMs)) << "ended by its time-out";
     RunMainLoopFor(50);
     gpc::SetHardenedForTesting(-1);
     EXPECT_EQ(sink.asks, c.asks);
@@ -156,14 +164,16 @@ TEST_F(NetworkHttpTest, RequestsThatCannotStartFailWithoutCallback) {
   Sink sink;
   for (const char* url : {static_cast<const char*>(nullptr), "http:", "http://a.b/", "not a url at all"})
     EXPECT_EQ(client.GetURL(url, &sink, 0, true, false), 0xFFFFFFFFu) << (url ? url : "null");
+  EXPECT_EQ(GPCNetworkHttp().GetURL("http://[::1]", &sink, 0, false, false), 0u);  // twelve characters start
   RunMainLoopFor(50);
   EXPECT_EQ(sink.returns + sink.asks, 0);
 }
 
 // Generated names skip what is there (a file is not overwritten, a dangling link not followed); a
-// chosen name lies under /tmp, beside the /tmp/talvo folder, and a link planted there is refused.
+// chosen name lies under /tmp, beside the /tmp/talvo folder open to all, and replaces an older file;
+// a link planted there, or another file put there after the first piece, is refused.
 TEST_F(NetworkHttpTest, DownloadFilesNeverOverwriteNorFollowWhatIsThere) {
-  ASSERT_TRUE(server_.AddFile("file.bin", "content"));
+  ASSERT_TRUE(server_.AddFile("file.bin", "content") && server_.AddFile("large.bin", PatternBytes(4 << 20)));
   gpctest::TempFolder folder("victim");
   const std::string victim = folder.path() + "/victim", name = "gpc_named_" + std::to_string(getpid());
   const int next = GPCNetworkHttp::GetTempFileCounter() + 1;
@@ -172,14 +182,21 @@ TEST_F(NetworkHttpTest, DownloadFilesNeverOverwriteNorFollowWhatIsThere) {
   struct stat info;
   if (lstat(occupied.c_str(), &info) == 0 || lstat(trap.c_str(), &info) == 0) GTEST_SKIP() << "names in use";
   ASSERT_TRUE(gpctest::WriteFile(occupied, "occupied") && symlink(victim.c_str(), trap.c_str()) == 0);
-  unlink(named.c_str());
-  for (const int round : {0, 1, 2}) {  // a generated name, the chosen one free, a link planted at it
-    ASSERT_TRUE(round < 2 || symlink(victim.c_str(), named.c_str()) == 0);  // the sink removed the file
+  for (const int round : {0, 1, 2, 3}) {  // a generated name, the chosen one, a link at it, a file put there
+    unlink(named.c_str());
+    ASSERT_TRUE(round != 1 || gpctest::WriteFile(named, "an older, longer file"));
+    ASSERT_TRUE(round != 2 || symlink(victim.c_str(), named.c_str()) == 0);
     GPCNetworkHttp client;
     if (round > 0) client.SetFileName(name.c_str());
     client.SetFileName(nullptr);  // ignored
     Sink sink;
-    ASSERT_EQ(Fetch(client, server_.HttpUrl("file.bin"), sink, true), 0u);
+    const std::string other = named + ".new";
+    sink.onData = [&] {  // replaces the file begun with the first piece
+      if (round == 3 && sink.dataEvents == 1) {
+        ASSERT_TRUE(gpctest::WriteFile(other, "planted") && rename(other.c_str(), named.c_str()) == 0);
+      }
+    };
+    ASSERT_EQ(Fetch(client, server_.HttpUrl(round == 3 ? "large.bin" : "file.bin"), sink, true), 0u);
     const std::string generated = "/tmp/gpc_tmp_" + std::to_string(GPCNetworkHttp::GetTempFileCounter());
     const std::string expected = round == 0 ? generated : round == 1 ? named : "";
     EXPECT_EQ(sink.file, expected) << round;  // every piece refused: ends like an empty body
@@ -187,10 +204,12 @@ TEST_F(NetworkHttpTest, DownloadFilesNeverOverwriteNorFollowWhatIsThere) {
     EXPECT_NE(lstat(victim.c_str(), &info), 0) << "a link was followed";
   }
   EXPECT_EQ(ReadFile(occupied), "occupied");
+  EXPECT_EQ(ReadFile(named), "planted");
   unlink(occupied.c_str());
   unlink(trap.c_str());
   unlink(named.c_str());
   EXPECT_TRUE(stat("/tmp/talvo", &info) == 0 && S_ISDIR(info.st_mode));
+  EXPECT_TRUE(kTalvoFolderWasThere || (info.st_mode & 07777) == 0777) << std::oct << info.st_mode;
 }
 
 // Blocking requests return after the end, or without a callback after a cancel, while timers run.
