@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -64,13 +65,14 @@ TEST_F(Lib7zipTest, ExtractsANestedBundleWithModesTimesAndLinksIntoAFolderItCrea
       Pack("mkdir -p A.bundle/Contents/MacOS A.bundle/Contents/Resources A.bundle/Empty && cd A.bundle && "
            "printf plist > Contents/Info.plist && printf '#!/bin/sh' > Contents/MacOS/run && "
            "printf strings > Contents/Resources/R\xC3\xA9sum\xC3\xA9.strings && ln -s Contents/Info.plist Current && "
-           "ln -s ../MacOS/run Contents/Resources/Tool && chmod 755 . Contents Contents/Resources Empty && "
-           "chmod 664 Contents/Info.plist && chmod 751 Contents/MacOS/run && chmod 750 Contents/MacOS && "
-           "chmod 644 Contents/Resources/*.strings && touch -d @1000000000 Contents/MacOS/run && cd ..",
+           "ln -s ../MacOS/run Contents/Resources/Tool && chmod 755 . Contents Contents/Resources && "
+           "chmod 1755 Empty && chmod 664 Contents/Info.plist && chmod 4751 Contents/MacOS/run && "
+           "chmod 750 Contents/MacOS && chmod 644 Contents/Resources/*.strings && "
+           "touch -d @1000000000 Contents/MacOS/run && cd ..",
            "A.bundle");
   const std::string destination = out_ + "/not/yet/there";
   ASSERT_EQ(Extract(archive, destination), kGpc7zSuccess);
-  EXPECT_EQ(Listing(destination),
+  EXPECT_EQ(Listing(destination),  // without the set-id and sticky bits
             "A.bundle d 755 \nA.bundle/Contents d 755 \nA.bundle/Contents/Info.plist f 664 \n"
             "A.bundle/Contents/MacOS d 750 \nA.bundle/Contents/MacOS/run f 751 \nA.bundle/Contents/Resources d 755 \n"
             "A.bundle/Contents/Resources/R\xC3\xA9sum\xC3\xA9.strings f 644 \n"
@@ -92,6 +94,12 @@ TEST_F(Lib7zipTest, ReplacesFilesThatExistWithoutWritingThroughTheirOtherNames) 
 
 TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
   const std::string escape = box_ / "escape", linkInOut = "mkdir -p out escape && ln -s ../escape out/ext";
+  // A name that makes the destination's real path, "/" and the name PATH_MAX bytes (realpath's
+  // newline stands for the "/"), in parts the file system takes.
+  const size_t deepBytes = PATH_MAX - gpctest::ShellOutput("realpath " + ShellQuote(out_)).size();
+  std::string deep;
+  while (deepBytes - deep.size() > 255) deep += std::string(200, 'd') + "/";
+  deep += std::string(deepBytes - deep.size(), 'f');
   struct Case {
     const char* what;
     std::string script, items, options, rename, prepare;  // rename: "from to" inside the archive
@@ -106,6 +114,7 @@ TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
        "s/file inner/file", ""},
       {"an entry below a link in the destination", "mkdir ext && echo x > ext/file", "ext/file", "", "", linkInOut},
       {"a link through a link in the destination", "ln -s ext/file mine", "mine", "", "", linkInOut},
+      {"a full path of PATH_MAX bytes", "echo x > f", "f", "", "f " + deep, "mkdir out"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -122,16 +131,18 @@ TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
 TEST_F(Lib7zipTest, FailsOnBadArgumentsAndArchivesItCannotRead) {
   const std::string good = Pack("mkdir A && head -c 4000 /dev/urandom > A/Info.plist", "A");
   const std::string half = work_ / "half.7z", zip = work_ / "a.zip", missing = work_ / "missing.7z",
-                    file = box_.Write("file", "x");
+                    secret = work_ / "secret.7z", file = box_.Write("file", "x");
   ASSERT_TRUE(Sh("head -c 2000 " + ShellQuote(good) + " > " + ShellQuote(half) + " && cd " +
-                 ShellQuote(work_ / "src") + " && 7z a -tzip " + ShellQuote(zip) + " A"));
+                 ShellQuote(work_ / "src") + " && 7z a -tzip " + ShellQuote(zip) + " A && 7z a -psecret " +
+                 ShellQuote(secret) + " A"));  // entries encrypted, their names not
   const std::string before = Listing(box_.path());
   const char* const out = out_.c_str();
   typedef std::tuple<const char*, const char*, int32_t> Case;  // archive, destination, result
   for (const auto& [archive, destination, expected] : std::vector<Case>{
            {nullptr, out, kGpc7zBadArguments}, {good.c_str(), "", kGpc7zBadArguments},
            {missing.c_str(), out, kGpc7zCannotReadArchive}, {zip.c_str(), out, kGpc7zCannotReadArchive},
-           {half.c_str(), out, kGpc7zCannotReadArchive}, {good.c_str(), file.c_str(), kGpc7zWriteFailed}}) {
+           {half.c_str(), out, kGpc7zCannotReadArchive}, {secret.c_str(), out, kGpc7zCannotReadArchive},
+           {good.c_str(), file.c_str(), kGpc7zWriteFailed}}) {
     EXPECT_EQ(decompress_(archive, destination), expected) << (archive ? archive : "-") << " " << destination;
     EXPECT_EQ(Listing(box_.path()), before);
   }

@@ -89,11 +89,13 @@ TEST(SafeString, AnswersWithinBounds) {
   EXPECT_EQ(strfirstchar_s(text, kUnknown, '\0', &at), ESNOTFND);  // the NUL is not searched
 
   char buf[16] = "0123456789";
-  EXPECT_EQ(memcpy_s(buf + 4, 4, buf, 4), EOK);  // adjacent, not overlapping
+  EXPECT_EQ(memcpy_s(buf, 4, buf + 4, 4), EOK);  // adjacent, not overlapping, either way round
+  EXPECT_EQ(memcpy_s(buf + 4, 4, buf, 4), EOK);
+  EXPECT_EQ(memmove_s(buf, 4, buf + 1, 4), EOK);  // fills the destination exactly
   EXPECT_EQ(memmove_s(buf + 2, 8, buf, 6), EOK);
   EXPECT_EQ(memmove_s(buf, 10, buf + 4, 6), EOK);
   EXPECT_EQ(memset_s(buf, kUnknown, 'z', 2), EOK);
-  EXPECT_STREQ(buf, "zz01890189");
+  EXPECT_STREQ(buf, "zz45894589");
   int diff = 99;
   EXPECT_TRUE(memcmp_s("abcX", 4, "abcY", 3, &diff) == EOK && diff == 0);
   EXPECT_TRUE(memcmp_s("abcX", 4, "abcY", 4, &diff) == EOK && diff < 0);

@@ -46,7 +46,9 @@ TEST(SiteLock, ApprovedPagesAreHttpsOnTheTenDomains) {
       {"http://www.talvo.us", false},
       {"https://evil.com/www.talvo.us", false}, {"ftp://www.talvo.us/", false}, {"", false},
       {"www.talvo.us", false}, {"https://www.talvo.us/a b", false}, {"https://www.tal vo.us/", false},
-      {"https://[::1/", false}, {"mailto:someone@talvo.us", false}, {"https://" + std::string(5000, 'a') + ".talvo.us/", false}};
+      {"https://[::1/", false}, {"mailto:someone@talvo.us", false}, {"https://" + std::string(5000, 'a') + ".talvo.us/", false},
+      {"https://" + std::string(4086, 'a') + ".talvo.us/", true},  // a host of 4095 bytes, the most looked at
+      {"https://" + std::string(4087, 'a') + ".talvo.us/", false}};
   for (const auto& [url, ok] : urls) EXPECT_EQ(approves(url), ok) << url.substr(0, 60);
   const SiteList denyFirst[] = {{1, "https", "bad.talvo.us"}, {0, "HTTPS", "talvo.us"}};  // first match decides
   EXPECT_FALSE(approves("https://bad.talvo.us/", denyFirst, 2));
