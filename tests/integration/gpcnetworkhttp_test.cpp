@@ -107,7 +107,8 @@ INSTANTIATE_TEST_SUITE_P(Sizes, BodyTest,
 // One request each: what the sink is told, and when.
 TEST_F(NetworkHttpTest, RequestsEndAsTheServerAndTheProxyAnswer) {
   const std::string content = PatternBytes(70000, 11), bytes("\0\1\2", 3);
-  ASSERT_TRUE(server_.AddFile("target.bin", content) && server_.AddFile("with blank.txt", "blank ok"));
+  ASSERT_TRUE(server_.AddFile("target.bin", content) && server_.AddFile("with blank.txt", "blank ok") &&
+              server_.AddFile("del\x7f.txt", "del ok"));
   const struct {
     std::string url;
     bool file;
@@ -122,6 +123,7 @@ TEST_F(NetworkHttpTest, RequestsEndAsTheServerAndTheProxyAnswer) {
       {server_.Url("/redirect?n=3&to=" + server_.HttpUrl("target.bin")), false, 0, -1, nullptr, nullptr, "", 0, 1,
        content},
       {server_.HttpUrl("with blank.txt"), false, 0, -1, nullptr, nullptr, "", 0, 1, "blank ok"},
+      {server_.HttpUrl("del\x7f.txt"), false, 0, -1, nullptr, nullptr, "", 0, 1, "del ok"},
       {server_.Url("/status/404"), false, 0, -1, nullptr, nullptr, "", 0, 1, "challenge"},
       {"http://127.0.0.1:1/refused", false, 0, -1, nullptr, nullptr, "", 0, 1, ""},
       {server_.Url("/reset"), true, 0, -1, nullptr, nullptr, "", 0, 1, ""},

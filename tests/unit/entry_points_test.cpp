@@ -230,6 +230,10 @@ TEST_F(EntryPoints, HandlersWithoutAnInstanceAnswerAndTouchNothing) {
   plugin_.destroy(&npp_, nullptr);
   callEach(&npp_, "destroyed");
   EXPECT_TRUE(Browser().requests.empty());
+  // So do the services an extension calls.
+  EXPECT_EQ(GpcSetHook(nullptr), GPC_ERR_NO_INSTANCE);
+  EXPECT_EQ(GpcCheckDigitalSignature(nullptr, "/tmp/x"), 0);
+  EXPECT_EQ(GpcCheckDigitalSignature(&npp_, "/tmp/x"), 1);
 }
 
 int IgnoreMessage(GPCMessage*) { return 0; }

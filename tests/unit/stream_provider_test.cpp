@@ -82,6 +82,7 @@ TEST_F(StreamProviderTest, OneRequestAtATime) {
   EXPECT_EQ(first, nullptr);
   EXPECT_EQ(provider->StreamGet(sapA, nullptr, 0, &first), GPC_ERR_NULL_ARGUMENT);
   EXPECT_EQ(provider->StreamPost(sapA, "https://h/p", nullptr, 4, 0, &first), GPC_ERR_NULL_ARGUMENT);
+  EXPECT_EQ(provider->StreamPostWithHook(sapA, "https://h/p", nullptr, 4, 0, &first), GPC_ERR_NULL_ARGUMENT);
   EXPECT_EQ(provider->AbortStream(&stranger, &stranger), GPC_ERR_SAP_NOT_REGISTERED);
   CGpcProvider detached(nullptr, nullptr);
   EXPECT_EQ(detached.StreamGet(detached.RegisterSap(Record, &a), "https://h/a", 0, &first),

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -15,6 +17,7 @@
 #include "http_test_server.h"
 #include "fake_browser.h"
 #include "plugin/plugin/npgpcimp.h"
+#include "scoped_env.h"
 
 namespace {
 
@@ -158,9 +161,15 @@ TEST_F(WindowFetchTest, FailedStartSwitchesToTheBrowserAndStopHaltsTheQueue) {
   EXPECT_EQ(BusySlots(window), 0);
   EXPECT_EQ(window->m_nFetchReady, 0);
   EXPECT_TRUE(requesters[0].events.empty());
+  const std::string tmp = env.dir() + "/tmp";  // a refused GET leaves no stream file there
+  ASSERT_EQ(mkdir(tmp.c_str(), 0700), 0);
+  ScopedEnv tmpdir("TMPDIR", tmp);
+  Browser().answers = {NPERR_GENERIC_ERROR};
+  window->OnTimer();
+  EXPECT_TRUE(Browser().requests.size() == 1 && std::filesystem::is_empty(tmp));
   window->StopDownload();
   window->OnTimer();
-  EXPECT_TRUE(Browser().requests.empty());
+  EXPECT_EQ(Browser().requests.size(), 1u);
 }
 
 // Someone plants a link at the download file's name between the choice of the name and its opening:
