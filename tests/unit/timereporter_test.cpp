@@ -62,7 +62,10 @@ TEST_F(TimeReporterTest, StampsBelongToOneMeetingAndWritesReplaceTheFileWhole) {
   for (int i = 0; i < 5; ++i) gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_finish_update_extension);
   EXPECT_EQ(Stamps(), "JMTRoot= gpc_finish_update_extension=1002.5 meetingid=A ");
   gpctimereporter::appendTimeStamp("/0.0.0/", "A", tmr_gpc_check_extension);  // a missing version folder loses it
-  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(kTalvo), {}), 2) << "7.1.2/Info.plist, no temporaries";
+  fs::remove(path);
+  fs::create_directory(path);  // a stamp file that cannot be put in place
+  gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_check_extension);
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(kTalvo), {}), 2) << "7.1.2/Info.plist/, no temporaries";
 }
 
 TEST_F(TimeReporterTest, TextFormIsAppendedToAnExistingParameterFileOnly) {

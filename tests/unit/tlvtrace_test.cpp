@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -12,6 +13,7 @@
 #include "common/tlvtrace/tlvtraceu.h"
 #include "http_test_server.h"
 #include "platform/clock.h"
+#include "scoped_env.h"
 #include "tvt_reader.h"
 
 namespace {
@@ -60,6 +62,23 @@ TEST_F(TraceFileTest, RecordHeadHoldsLevelProcessThreadAndLocalTime) {
   tlvtra_get_time(small, sizeof small);  // the clock keeps size - 2 characters, the date the last byte
   EXPECT_EQ(std::string(small), std::string(text, 6) + text[13]);
   platform::SetWallClockOverride(nullptr);
+  const pid_t child = fork();
+  if (child == 0) _exit(TLVINFO("child") == TLVTRACE_WRITTEN ? 0 : 1);
+  ASSERT_EQ(waitpid(child, nullptr, 0), child);
+  uint32_t pid = 0;
+  memcpy(&pid, gpctest::ReadFile(path_).c_str() + 48 + 64 + 12, sizeof pid);
+  EXPECT_EQ(pid, uint32_t(child)) << "a forked child's records carry its own pid";
+}
+
+// A relative name would land in whatever folder the browser runs in: the default file is taken instead.
+TEST_F(TraceFileTest, RelativeTraceFileNameIsNotTaken) {
+  char cwd[4096];
+  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+  ASSERT_EQ(chdir(folder_.path().c_str()), 0);
+  ScopedEnv name("GPC_TRACE_FILE", "rel.tvt");
+  if (FILE* fp = tlvtra_create_tracefile()) fclose(fp);  // the shared default file, when it can be made
+  EXPECT_EQ(chdir(cwd), 0);
+  EXPECT_NE(access((folder_.path() + "/rel.tvt").c_str(), F_OK), 0) << "no file in the working folder";
 }
 
 TEST_F(TraceFileTest, WritersRecordOrSayWhyNot) {
@@ -119,6 +138,8 @@ TEST(TraceHelpers, DebugModeNameAndBoundedCopies) {
     EXPECT_FALSE(tlvtra_is_debugmode(name)) << name;
   }
   EXPECT_FALSE(tlvtra_is_debugmode(nullptr));
+  const uint32_t older[3] = {0, 0, 1}, newer[3] = {0, 0, 5};
+  EXPECT_EQ(tlvtra_comparefiles(older, newer), 4) << "descending by the third word";
   char b[8] = "abcdefg";
   EXPECT_EQ(nlFormat(nullptr, 8, "abc"), -1);
   nlStrCpy(b, 6, nullptr);

@@ -33,6 +33,9 @@ TEST(Version, FolderLayoutsAndTheirPropertyLists) {
       {"x", kit, Plist("2.5"), "K.framework", false, ""},
       {"K.framework/Versions/A/K", kit, Plist("2.5"), "K.framework", true, "2,5"},
       {"T.app/Contents/MacOS/T", "T.app/Contents/Info.plist", Plist("7.1"), "T.app", true, "7,1"},
+      {"F.framework/T.app/Contents/MacOS/T", "F.framework/T.app/Versions/A/Resources/Info.plist", Plist("7.2"),
+       "F.framework/T.app", true, "7,2"},  // an application inside a framework keeps its own executable
+      {"real/l.bundle/Contents/MacOS/l", "real/l.bundle/Contents/Info.plist", Plist("4.4"), "l.bundle", true, "4,4"},
       {"p/Contents/MacOS/p", "p/Contents/Info.plist", Plist("3"), "p", true, "3"},  // no suffix: a bundle
       {exe, info, "<plist><dict><key>CFBundleVersion</key>", "b.bundle", false, ""},
       {exe, info, "<plist version=\"1.0\"><dict><key>CFBundleName</key><string>a</string></dict></plist>", "b.bundle",
@@ -46,6 +49,7 @@ TEST(Version, FolderLayoutsAndTheirPropertyLists) {
     ScratchFolder dir;
     dir.Write(c.exe);
     dir.Write(c.plistPath, c.plist);
+    dir.Lay("l.bundle@real/l.bundle");  // a link to a bundle is followed
     char dest[256] = "stale";
     EXPECT_EQ(GetFileVersionString((dir / c.asked).c_str(), dest, sizeof dest), c.ok);
     EXPECT_EQ(dest, c.want);
