@@ -76,7 +76,13 @@ TEST_F(TraceFileTest, RelativeTraceFileNameIsNotTaken) {
   ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
   ASSERT_EQ(chdir(folder_.path().c_str()), 0);
   ScopedEnv name("GPC_TRACE_FILE", "rel.tvt");
-  if (FILE* fp = tlvtra_create_tracefile()) fclose(fp);  // the shared default file, when it can be made
+  // The machine's default trace file is started afresh by this: it is given back as it was.
+  const char* const shared = "/tmp/tlvgpc.tvt";
+  const bool existed = access(shared, F_OK) == 0;
+  const std::string before = gpctest::ReadFile(shared);
+  if (FILE* fp = tlvtra_create_tracefile()) fclose(fp);
+  if (existed) gpctest::WriteFile(shared, before);
+  if (!existed) unlink(shared);
   EXPECT_EQ(chdir(cwd), 0);
   EXPECT_NE(access((folder_.path() + "/rel.tvt").c_str(), F_OK), 0) << "no file in the working folder";
 }
