@@ -39,6 +39,13 @@ if [ -z "$tree" ]; then
   fi
 fi
 build=${build:-$tree/build-mutate}
+# A run stopped without its traps (killed) leaves the objects of its last fault newer than the
+# unchanged file the copy above put back: that file is touched so that it is built again.
+if [ -f "$build/mutate-planted" ]; then
+  planted=$(cat "$build/mutate-planted")
+  [ -f "$tree/$planted" ] && touch "$tree/$planted"
+  rm -f "$build/mutate-planted"
+fi
 select=(-L 'unit|integration')
 [ -n "$tests" ] && select=(-R "$tests")
 
@@ -94,6 +101,7 @@ restore() {
   if [ -n "$target" ] && [ -f "$target.unmutated" ]; then
     mv "$target.unmutated" "$target"
     touch "$target"
+    rm -f "$build/mutate-planted"
   fi
   target=""
 }
@@ -119,6 +127,7 @@ while IFS=$'\t' read -r -u 3 file substitution only || [ -n "$file" ]; do
   else
     target="$tree/$file"
     cp -p "$target" "$target.unmutated"
+    printf '%s\n' "$file" >"$build/mutate-planted"
     if ! perl -0777 -pi -e "$substitution" "$target" 2>"$build/mutate-perl.log"; then
       verdict="bad substitution"
     elif cmp -s "$target" "$target.unmutated"; then
