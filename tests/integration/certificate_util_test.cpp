@@ -42,6 +42,7 @@ struct Pki {
             "openssl x509 -in self.pem -addtrust anyExtendedKeyUsage -trustout -out trusted_self.pem && "
             "openssl x509 -in self.pem -addreject anyExtendedKeyUsage -trustout -out rejected_self.pem && "
             "cat root.pem trusted_self.pem > system.anchors && : > empty.anchors && "
+            "mkdir hashed && cp root.pem hashed/ && openssl rehash hashed && "
             "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ec.key "
             "-subj /CN=ec -out ec.pem && "
             "for c in *.pem; do openssl x509 -in $c -outform DER -out ${c%pem}der; done");
@@ -127,7 +128,8 @@ struct Panel {
 struct TrustCase {
   const char *name, *leaf;
   std::vector<std::string> page;   // the page's certificates: extra anchors, or intermediates when hardened
-  const char* system;              // SSL_CERT_FILE: a file of the test PKI, "" or null for the machine's anchors
+  const char* system;              // SSL_CERT_FILE: a file of the test PKI, "" or null for the machine's anchors;
+                                   // a folder ("x/"): SSL_CERT_DIR, on a machine without an anchors file
   int year;                        // of the clock, 0 for now
   GpcTrustResult first;            // of the first evaluation
   uint32_t leafStatus;             // among kShownStatus
@@ -156,13 +158,17 @@ const TrustCase kTrustCases[] = {
     {"no system anchors: the page's are ignored", "vendor", {"root"}, "empty.anchors", 0, kFailed, 0, true,
      false, true},
     {"unreadable system anchors", "vendor", {"root"}, "missing.pem", 0, kFailed, 0, true, false, true},
+    {"anchors only in a hashed folder", "vendor", {}, "hashed/", 0, kGood, 0, false, true, true},
 };
 
 TEST(Trust, OutcomesOfChains) {
   for (const TrustCase& c : kTrustCases) {
     SCOPED_TRACE(c.name);
     std::unique_ptr<ScopedEnv> system;
-    if (c.system != nullptr) system = std::make_unique<ScopedEnv>("SSL_CERT_FILE", *c.system ? Path(c.system) : "");
+    const bool folder = c.system != nullptr && *c.system && std::string(c.system).back() == '/';
+    if (c.system != nullptr)
+      system = std::make_unique<ScopedEnv>("SSL_CERT_FILE", folder ? Path("missing.pem") : *c.system ? Path(c.system) : "");
+    ScopedEnv folderOfAnchors("SSL_CERT_DIR", folder ? Path(c.system).c_str() : nullptr);
     const int64_t micros = (c.year - 1970) * int64_t{31556952} * 1000000;
     if (c.year != 0) platform::SetWallClockOverride([micros] { return micros; });
     const GpcCertificateRef leaf = Cert(c.leaf);
