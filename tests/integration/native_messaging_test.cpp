@@ -266,8 +266,14 @@ TEST_F(NativeMessaging, ThePackageFetchedByTheHostReportsItsBytes) {
   EXPECT_EQ(host_->CloseAndWait(), 0);
 }
 
+// Embeds without a package root take no stage of e1's: "stopped", older, is sent to its error page and
+// halts; "idle", made with e1, has no error page and stays started.
 TEST_F(NativeMessaging, EveryBadMessageIsAnsweredWithAnErrorAndTheEmbedGoesOn) {
-  host_->Send(Embed("e1", site_.slow));
+  const std::string bare = "{\"type\":\"embed\",\"pageUrl\":\"https://127.0.0.1/\",\"id\":";
+  host_->Send(bare + "\"stopped\",\"params\":[[\"gpcsitelock\",\"0\"],[\"GpcProductVersion\",\"1\"],"
+                     "[\"GpcErrorPageUrl\",\"https://127.0.0.1/error\"]]}");
+  ASSERT_TRUE(host_->WaitFor("status", "stopped", "halted")) << Seen();
+  host_->SendRaw(Frame(Embed("e1", site_.slow)) + Frame(bare + "\"idle\"}"));
   ASSERT_TRUE(host_->WaitFor("status", "e1", "started"));
   std::string many = "[\"P0\",\"v\"]";
   for (int i = 1; i < 10000; ++i) many += ",[\"P" + std::to_string(i) + "\",\"v\"]";
@@ -281,10 +287,15 @@ TEST_F(NativeMessaging, EveryBadMessageIsAnsweredWithAnErrorAndTheEmbedGoesOn) {
       {Frame(Message("explode", "e1")), "unknown message type", "e1"},
       {Frame(Message("explode", std::string(256, 'i'))), "unknown message type", std::string(256, 'i')},
       {Frame(Message("explode", std::string(257, 'i'))), "1 to 256 bytes", ""},
+      {Frame(Message("destroy", "")), "1 to 256 bytes", ""},
+      {Frame(Message(std::string(1 << 20, 't'), "e1")), "exceeds the 1 MB limit", "e1"},
       {Frame("{\"type\":\"destroy\"}"), "\"id\"", ""},
       {Frame(Embed("e1", site_.fast)), "exists already", "e1"},
       {Frame("{\"type\":\"embed\",\"id\":\"e2\",\"pageUrl\":\"https://127.0.0.1/\",\"params\":[" + many + "]}"), "at most", "e2"},
       {Frame("{\"type\":\"navigated\",\"id\":\"e1\",\"request\":99,\"ok\":true}"), "no navigation", "e1"},
+      {Frame("{\"type\":\"navigated\",\"id\":\"stopped\",\"request\":1.5,\"ok\":true}"), "no navigation 1 ", "stopped"},
+      {Frame("{\"type\":\"embed\",\"id\":\"e3\",\"pageUrl\":\"\"}"), "\"pageUrl\"", "e3"},
+      {Frame(bare + "\"e3\",\"params\":[[\"\",\"v\"]]}"), "pairs of strings", "e3"},
       {Frame("", 0), "empty", ""},
       {Frame(Message("destroy", "e1"), 5), "invalid JSON", ""},
       {Frame("{\"blob\":\"" + std::string(4096, 'x') + "\"}", (64u << 20) + 1), "larger than the limit", ""},
@@ -305,6 +316,8 @@ TEST_F(NativeMessaging, EveryBadMessageIsAnsweredWithAnErrorAndTheEmbedGoesOn) {
     EXPECT_EQ(first->Str("id"), c.id);
   }
   ExpectDone("e1");
+  ASSERT_TRUE(host_->WaitFor("status", "e1", "running")) << Seen();
+  EXPECT_EQ(host_->Stages("idle"), std::vector<std::string>{"started"});
   // A frame cut short by the end of the input is reported before the process exits.
   host_->SendRaw(Frame("{\"type\":\"destroy\"", 100));
   host_->CloseInput();
