@@ -111,6 +111,10 @@ TEST_F(HostPlugin, ModuleStartsLikeABrowserLoadsItAndTheHostRefusesWhatItCannotL
       {{"--plugin", data_.path() + "/none.so", "--run-ms", "10"}, 1},
       {{"--param", "novalue"}, 2},
       {{"--param", "GpcProductVersion=3", "--exit-on-navigate", "never", "--run-ms", "50"}, 3},
+      {{"--param", "=value", "--run-ms", "10"}, 2},
+      {{"--window", "65536x480", "--run-ms", "10"}, 2},
+      {{"--run-ms", "-5", "--plugin", data_.path() + "/none.so"}, 2},
+      {{"chrome-extension://id/"}, 0},  // started by a browser: native messaging until its input ends
   };
   for (const Case& c : cases) EXPECT_EQ(gpchost::RunHost(c.args).exit_code, c.exitCode) << c.args[0];
 }
@@ -129,13 +133,13 @@ TEST_F(HostPlugin, RefusedHostPageShowsError111) {
 
 // Without a version on the page the extension on disk runs: the one shipped with the plug-in. Its fetch
 // that meets a challenge goes through the browser, which drops the blanks at the end of a URL; a file
-// missing there fails. Its stream counts only when it arrived as the browser's copy, which is gone
-// once the stream ends.
+// missing there fails. Its stream, whose URL holds a tab the browser drops and whose body is empty,
+// counts only when it arrived as the browser's copy, which is gone once the stream ends.
 TEST_F(HostPlugin, ShippedExtensionRunsAndItsChallengedFetchGoesThroughTheBrowser) {
   Serve({"readme=401x1", "none=401x1", "none=404"});
   const std::string files = server_->Url("/files/readme.txt") + "  |" + server_->Url("/files/none.txt");
   const HostRun run = RunPage({"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=http://127.0.0.1:9/client/", "--param",
-                               "GpcSampleFiles=" + files, "--param", "GpcSampleStream=" + server_->Url("/stream"),
+                               "GpcSampleFiles=" + files, "--param", "GpcSampleStream=" + server_->Url("/by\ttes?n=0"),
                                "--param", "GpcSampleDoneUrl=" + server_->Url("/done"), "--exit-on-navigate", "/done",
                                "--run-ms", "8000"});
   EXPECT_NE(Str(run, run.Find("navigate", "url", "/done?"), "url").find("/done?fetched=2&failed=1"), std::string::npos)
@@ -161,6 +165,18 @@ TEST_F(HostPlugin, PackageFetchRedirectedByTheBrowserEndsAndShowsTheErrorPage) {
   EXPECT_GT(notified, stream);
   EXPECT_GT(run.Find("navigate", "url", "/error?ErrorType=1&ErrorMsg=", notified), notified);
   EXPECT_EQ(packages.RequestCount(package.substr(package.find("/client/"))), 2);
+}
+
+// A request still open when the run ends ends as the user leaving the page would end it; the
+// redirects before it were followed.
+TEST_F(HostPlugin, RequestOpenAtTheEndOfTheRunEndsAsAUserBreak) {
+  Serve();
+  const HostRun run = RunPage({"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=http://127.0.0.1:9/client/", "--param",
+                               "GpcSampleStream=" + server_->Url("/redirect?n=3&to=/stall"), "--run-ms", "2000"});
+  const int end = run.Find("fetch_end", "url", "/redirect?");
+  ASSERT_GE(end, 0) << run.stderr_text;
+  EXPECT_EQ(run.events[static_cast<size_t>(end)].Int("reason"), 2);
+  EXPECT_EQ(run.events[static_cast<size_t>(end)].Int("status"), 200);
 }
 
 }  // namespace
