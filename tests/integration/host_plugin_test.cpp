@@ -114,6 +114,7 @@ TEST_F(HostPlugin, ModuleStartsLikeABrowserLoadsItAndTheHostRefusesWhatItCannotL
       {{"--param", "=value", "--run-ms", "10"}, 2},
       {{"--window", "65536x480", "--run-ms", "10"}, 2},
       {{"--run-ms", "-5", "--plugin", data_.path() + "/none.so"}, 2},
+      {{"--run-ms", "4294967296", "--plugin", data_.path() + "/none.so"}, 2},
       {{"chrome-extension://id/"}, 0},  // started by a browser: native messaging until its input ends
   };
   for (const Case& c : cases) EXPECT_EQ(gpchost::RunHost(c.args).exit_code, c.exitCode) << c.args[0];

@@ -1,6 +1,7 @@
 #include "host_options.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -143,7 +144,8 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* out, std::string* erro
     } else if (option == "--run-ms") {
       char* end = nullptr;
       long ms = std::strtol(value, &end, 10);
-      if (end == value || *end != '\0' || ms < 0) {
+      // The loop's timer counts milliseconds in an unsigned int: a larger number would be cut down.
+      if (end == value || *end != '\0' || ms < 0 || static_cast<unsigned long>(ms) > UINT_MAX) {
         *error = std::string("--run-ms expects a number of milliseconds, got ") + value;
         return false;
       }

@@ -247,7 +247,10 @@ bool PluginHost::Load() {
   m_shutdown = reinterpret_cast<NP_ShutdownFunc>(dlsym(m_module, "NP_Shutdown"));
   bool complete = initialize != nullptr && m_shutdown != nullptr;
   JsonLine("load").Add("plugin", m_options.plugin).AddBool("ok", complete).Emit();
-  if (!complete) return false;
+  if (!complete) {
+    m_shutdown = nullptr;  // a module that cannot start is not shut down either
+    return false;
+  }
 
   if (mime_description != nullptr)
     JsonLine("entry").Add("name", "NP_GetMIMEDescription").Add("value", mime_description()).Emit();
