@@ -1,8 +1,9 @@
 // gpc-pack as the vendor uses it: the sample extension packed and signed with certificates made by openssl
 // and unpacked by the plug-in's own lib7zip, broken packages refused by `verify` for the plug-in's reason,
-// and bad input to `pack` refused without leaving anything behind.
+// bad input to `pack` refused without leaving anything behind and other spellings of good input taken.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <string>
@@ -13,6 +14,7 @@
 #include "http_test_server.h"
 #include "lib7zip/lib7zip.h"
 #include "platform/bundle.h"
+#include "scoped_env.h"
 
 namespace {
 
@@ -48,6 +50,7 @@ struct Packed {
   const std::string package = folder.path() + "/zrgpcext64.bundle.7z";
   const std::string params = folder.path() + "/params.json";
   ToolRun run = signer.ok() && signer.AddSigner("foreign", "/CN=gpc.signer.example.com") &&
+                        signer.AddSigner("lone", "/CN=lone.talvo.us", true) &&  // self-signed, no CA given
                         PadTo(signer.Path("vendor.key"), 2045)
                     ? Pack(signer, {"--out", folder.path(), kSampleBundle})
                     : ToolRun();
@@ -60,9 +63,10 @@ const Packed& Shared() {
   return packed;
 }
 
-ToolRun Verify(const std::string& package, const PageParams& overrides) {
+ToolRun Verify(const std::string& package, const PageParams& overrides,
+               const std::string& params = Shared().params) {
   std::vector<std::string> args = {GPC_BIN_DIR "/gpc-pack", "verify", "--package", package, "--params",
-                                   Shared().params};
+                                   params};
   for (const auto& [name, value] : overrides) args.insert(args.end(), {"--param", name + "=" + value});
   return gpctest::RunTool(args);
 }
@@ -78,6 +82,7 @@ TEST(GpcPack, PrintsParametersThatVerifyForAPackageThePluginUnpacksToTheBundle) 
   ASSERT_TRUE(p.saved) << p.run.err;
   const std::string html = p.run.out.substr(0, p.json);
   EXPECT_EQ(html.rfind("<embed type=\"application/x-talvo-gpc\"", 0), 0u) << html;
+  EXPECT_NE(p.run.out.find(">\n\n{"), std::string::npos) << "a blank line between HTML and JSON";
   const PageParams expected = {
       {"GpcExtName", "zrgpcext64"}, {"GpcExtVersion", PageVersion()}, {"GpcCompressMethod", "7zip"},
       {"GpcHashMethod", "sha256"}, {"GpcExtHash", gpctest::FileDigest(p.package, "sha256")},
@@ -88,6 +93,11 @@ TEST(GpcPack, PrintsParametersThatVerifyForAPackageThePluginUnpacksToTheBundle) 
     EXPECT_NE(html.find(name + "=\"" + value + "\""), std::string::npos) << name;
   }
   EXPECT_EQ(Verify(p.package, {}).out, "ok\n");
+  struct stat info;
+  const mode_t mask = umask(0);
+  umask(mask);
+  ASSERT_EQ(stat(p.package.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0666 & ~mask) << "the mode of any new file";
 
   void* library = dlopen(GPC_BUNDLE_DIR "/Contents/Frameworks/lib7zip.so", RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(library, nullptr) << dlerror();
@@ -101,26 +111,33 @@ TEST(GpcPack, PrintsParametersThatVerifyForAPackageThePluginUnpacksToTheBundle) 
   EXPECT_EQ(Sh("diff -r " + ShellQuote(kSampleBundle) + " " + copy + " && echo same"), "same\n");
 }
 
-TEST(GpcPack, EscapesWhatItPrintsAsJson) {
-  const std::string name = "a\\\"b" + std::string(60, 'n'), out = Shared().folder.path() + "/odd";
+TEST(GpcPack, EscapesWhatItPrintsAsJsonAndHtml) {
+  const std::string name = "a\\\"'&b\x1f" + std::string(57, 'n'), out = Shared().folder.path() + "/odd";
   const std::string bundle = out + "/" + name + ".bundle";
   ASSERT_EQ(Sh("mkdir -p " + ShellQuote(out) + " && cp -a " + ShellQuote(kSampleBundle) + " " +
                ShellQuote(bundle) + " && cd " + ShellQuote(bundle) + "/Contents/MacOS && mv zrgpcext64 " +
                ShellQuote(name) + " && echo ok"),
             "ok\n");
-  const ToolRun run = Pack(Shared().signer, {"--out", out, bundle}, "json");
+  const ToolRun run = Pack(Shared().signer, {"--out", out, bundle});
   ASSERT_EQ(run.exitCode, 0) << run.err;
   EXPECT_EQ(gpchost::JsonEvent{run.out}.Str("GpcExtName"), name) << run.out;
+  EXPECT_NE(run.out.find("\"a\\\\\\\"'&b\\u001fn"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("GpcExtName=\"a\\&quot;&#39;&amp;b\x1f" "n"), std::string::npos) << run.out;
 }
 
 TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
   const Packed& p = Shared();
   ASSERT_TRUE(p.saved) << p.run.err;
   const std::string foreign = p.signer.Sign(p.Param("GpcExtHash"), "foreign"),
-                    tampered = p.folder.path() + "/tampered.bundle.7z";
+                    tampered = p.folder.path() + "/tampered.bundle.7z",
+                    noExecutable = p.folder.path() + "/noexe.7z", topFile = p.folder.path() + "/topfile.7z";
   std::string bytes = gpctest::ReadFile(p.package);
   bytes[bytes.size() / 2] ^= 0x01;
   ASSERT_TRUE(gpctest::WriteFile(tampered, bytes));
+  ASSERT_EQ(Sh("cd " + ShellQuote(kSampleBundle + "/..") + " && 7z a -mx=1 " + ShellQuote(noExecutable) +
+               " zrgpcext64.bundle '-xr!zrgpcext64' >/dev/null && cd " + ShellQuote(p.folder.path()) +
+               " && echo x > zrgpcext64.bundle && 7z a topfile.7z zrgpcext64.bundle >/dev/null && echo ok"),
+            "ok\n");
   const std::tuple<std::string, PageParams, std::string> cases[] = {  // package, parameters changed, verdict
       {tampered, {}, "digest mismatch (message 111)\n"},
       {p.package, {{"GpcExtSignature", foreign}}, "signature does not verify (message 103)\n"},
@@ -134,23 +151,59 @@ TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
       {p.package, {{"GpcCompressMethod", ""}}, "GpcCompressMethod is missing: the plug-in would fetch a .bundle.zip\n"},
       {p.package, {{"GpcCompressMethod", "7z"}},
        "GpcCompressMethod is \"7z\", not \"7zip\": the plug-in would fetch a .bundle.zip\n"},
+      {noExecutable, p.signer.PackageParameters(noExecutable),
+       "the archive has no zrgpcext64.bundle/Contents/MacOS/zrgpcext64: the plug-in would not see the "
+       "version it installed\n"},
+      {topFile, p.signer.PackageParameters(topFile),  // a file, no folder
+       "the archive's top folder is \"(none)\", not \"zrgpcext64.bundle\"\n"},
+      {p.package, {{"GpcExtVersion", ""}}, "ok\n"},  // no version to match
   };
   for (const auto& [package, overrides, verdict] : cases) {
     const ToolRun run = Verify(package, overrides);
-    EXPECT_EQ(run.exitCode, 1) << verdict << run.err;
+    EXPECT_EQ(run.exitCode, verdict == "ok\n" ? 0 : 1) << verdict << run.err;
     EXPECT_EQ(run.out, verdict);
+  }
+  ScopedEnv oldSystem("GPC_SYSTEM_VERSION", "1050");
+  EXPECT_EQ(Verify(p.package, {}).out, "ok: accepted unchecked (sha256 on an old system)\n");
+}
+
+TEST(GpcPack, VerifyReadsTheParametersFileAsStrictJsonWithNamesInAnyCase) {
+  const Packed& p = Shared();
+  ASSERT_TRUE(p.saved) << p.run.err;
+  const std::string file = p.folder.path() + "/page.json", rest = "," + p.run.out.substr(p.json + 1);
+  const std::pair<std::string, std::string> cases[] = {  // the file, a part of what verify prints
+      {"{\"GpcExtName\":\"\\u0800\"" + rest, "not \"\xe0\xa0\x80.bundle\"\n"},  // the first of a name counts
+      {"{\"gpcextname\":\"other\"" + rest, "not \"other.bundle\"\n"},
+      {"{\"GpcExtName\":\"\\ud800\\u0041\"" + rest, "the value of \"GpcExtName\" must be a string"},
+      {"{\"GpcExtName\":\"\\udc00\"" + rest, "the value of \"GpcExtName\" must be a string"},
+      {"{\"GpcExtName\":\"a\tb\"" + rest, "the value of \"GpcExtName\" must be a string"},
+      {p.run.out.substr(p.json) + "x", "text after the JSON object"},
+  };
+  for (const auto& [json, said] : cases) {
+    ASSERT_TRUE(gpctest::WriteFile(file, json));
+    const ToolRun run = Verify(p.package, {}, file);
+    EXPECT_EQ(run.exitCode, 1) << json;
+    EXPECT_NE((run.out + run.err).find(said), std::string::npos) << said << "\n" << run.out << run.err;
   }
 }
 
-TEST(GpcPack, PackRefusesBadInputAndLeavesNothingBehind) {
+TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoodInput) {
   const gpctest::PackageSigner& signer = Shared().signer;
-  const std::string work = Shared().folder.path() + "/bad", noPlist = work + "/n/zrgpcext64.bundle",
-                    linkOut = work + "/l/zrgpcext64.bundle";
+  const std::string work = Shared().folder.path() + "/bad", good = work + "/zrgpcext64.bundle";
+  const std::string out = good + "2";  // beside the bundle, its name starting with the bundle's
+  auto copy = [&work](const char* folder) { return work + "/" + folder + "/zrgpcext64.bundle"; };
   ASSERT_EQ(Sh("b=" + ShellQuote(kSampleBundle) + " k=" + ShellQuote(signer.Path("vendor.key")) +
-               " && mkdir -p " + ShellQuote(work) + " && cd " + ShellQuote(work) +
-               " && mkdir n l && cp -a \"$b\" n/ && cp -a \"$b\" l/ && rm n/*/Contents/Info.plist"
+               " c=" + ShellQuote(signer.Path("vendor.pem")) + " && mkdir -p " + ShellQuote(work) +
+               " && cd " + ShellQuote(work) + " && for d in n l a v x; do mkdir $d && cp -a \"$b\" $d/; done"
+               " && cp -a \"$b\" ."
+               " && mkdir e s && cp -a \"$b\" e/.bundle && ln -s ../zrgpcext64.bundle s/"
+               " && rm n/*/Contents/Info.plist x/*/Contents/MacOS/*"
                " && ln -s ../../../outside l/zrgpcext64.bundle/Contents/MacOS/passwd"
-               " && cp \"$k\" big.key && echo >> big.key"
+               " && ln -s /etc/passwd a/zrgpcext64.bundle/Contents/passwd"
+               " && sed -i \"/>CFBundleVersion</{n;s/>.*</>$(printf %0256d 0)</}\" v/*/Contents/Info.plist"
+               " && cp \"$k\" big.key && echo >> big.key && cat \"$c\" \"$c\" > two.pem"
+               " && openssl x509 -in \"$c\" -outform DER -out vendor.der"
+               " && openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ec.key"
                " && openssl rsa -in \"$k\" -aes256 -passout pass:s -out encrypted.key && echo ok"),
             "ok\n");
   const struct {
@@ -159,18 +212,34 @@ TEST(GpcPack, PackRefusesBadInputAndLeavesNothingBehind) {
     int exitCode;
     const char* message;
   } cases[] = {
-      {{noPlist}, false, 1, "Contents/Info.plist"},
+      {{copy("n")}, false, 1, "Contents/Info.plist"},
       {{"--key", signer.Path("foreign.key"), kSampleBundle}, false, 1, "does not belong to"},
       {{kSampleBundle}, true, 1, "exists; use --force"},
       {{"--key", work + "/absent.key", kSampleBundle}, false, 1, "cannot read the key"},
       {{"--key", work + "/encrypted.key", kSampleBundle}, false, 1, "is encrypted"},
       {{"--key", work + "/big.key", kSampleBundle}, false, 1, "has 2046 bytes"},
-      {{linkOut}, false, 1, "leads out of the bundle"},
+      {{"--key", work + "/ec.key", kSampleBundle}, false, 1, "is no RSA key"},
+      {{"--key", work, kSampleBundle}, false, 1, "is no file"},
+      {{"--cert", work + "/two.pem", kSampleBundle}, false, 1, "holds 2 certificates"},
+      {{"--key", signer.Path("lone.key"), "--cert", signer.Path("lone.pem"), kSampleBundle}, false, 1,
+       "chains neither to a system anchor nor to a certificate given"},
+      {{copy("l")}, false, 1, "leads out of the bundle"},
+      {{copy("a")}, false, 1, "-> /etc/passwd leads out of the bundle"},
+      {{copy("v")}, false, 1, "cannot be matched by any page"},
+      {{work + "/e/.bundle"}, false, 1, "must be <name>.bundle, not \".bundle\""},
+      {{copy("x")}, false, 1, "has no executable"},
+      {{"--out", good, good}, false, 1, "lies inside the bundle"},
       {{"--sign-harder", kSampleBundle}, false, 2, "unknown option \"--sign-harder\""},
+      {{"--hash", "md5", kSampleBundle}, false, 2, "--hash must be sha1 or sha256"},
+      {{"--format=xml", kSampleBundle}, false, 2, "--format must be json, html or both"},
+      {{kSampleBundle, kSampleBundle}, false, 2, "unexpected argument"},
+      {{good}, false, 0, "wrote"},
+      {{copy("s")}, false, 0, "wrote"},  // a link to the bundle
+      {{good + "//"}, false, 0, "wrote"},
+      {{"--force", "--cert", work + "/vendor.der", kSampleBundle}, true, 0, "wrote"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.message);
-    const std::string out = work + "/out";
+    SCOPED_TRACE(testing::PrintToString(c.args));
     ASSERT_EQ(Sh("rm -rf " + ShellQuote(out) + " && mkdir " + ShellQuote(out) + " && echo ok"), "ok\n");
     ASSERT_TRUE(!c.existing || gpctest::WriteFile(out + "/zrgpcext64.bundle.7z", "older"));
     std::vector<std::string> args = {"--out", out};
@@ -178,9 +247,12 @@ TEST(GpcPack, PackRefusesBadInputAndLeavesNothingBehind) {
     const ToolRun run = Pack(signer, args);
     EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
     EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
-    EXPECT_EQ(run.out, "");
-    const std::string before = c.existing ? "zrgpcext64.bundle.7z\nolder" : "";
-    EXPECT_EQ(Sh("cd " + ShellQuote(out) + " && ls -A && cat *"), before) << "no package, no temporary file";
+    EXPECT_EQ(run.out.empty(), c.exitCode != 0) << run.out;
+    const std::string left = c.exitCode == 0 ? "zrgpcext64.bundle.7z\n7z\xbc\xaf'"
+                             : c.existing    ? "zrgpcext64.bundle.7z\nolder"
+                                             : "";
+    EXPECT_EQ(Sh("cd " + ShellQuote(out) + " && ls -A && cat * | head -c 5"), left)
+        << "the new package alone, or no package and no temporary file";
   }
 }
 
