@@ -79,6 +79,13 @@ std::string ParamValue(const std::vector<std::pair<std::string, std::string>>& p
   return std::string();
 }
 
+// A JSON number as the page sent it (1.5, 1e+30): no integer conversion, which any size would overflow.
+std::string NumberText(double number) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.15g", number);
+  return text;
+}
+
 bool StartsWith(const std::string& text, const std::string& prefix) {
   return !prefix.empty() && text.compare(0, prefix.size(), prefix) == 0;
 }
@@ -383,7 +390,7 @@ class Bridge {
     }
     int number = request->number >= 1 && request->number <= 1e9 ? static_cast<int>(request->number) : 0;
     if (number != request->number || !embed->Answer(number, ok->boolean))
-      m_outbox->Error(id, "no navigation " + std::to_string(static_cast<int64_t>(request->number)) + " waits for an answer");
+      m_outbox->Error(id, "no navigation " + NumberText(request->number) + " waits for an answer");
   }
 
   const HostOptions& m_options;
