@@ -157,7 +157,7 @@ TEST_F(SampleExtension, FetchesUnpacksAndNavigatesOnceWhenDone) {
       {"refused fetches count as failed", {{kFiles, "h/a|h/b"}, {kDone, "d"}}, GPC_ERR_NO_INSTANCE, 0, {},
        "fetch h/a, fetch h/b, tick, go d?fetched=0&failed=2&unpacked=0&params=2 _top, tick, "},
       {"no done URL", {{kFiles, "h/a.7z"}, {kDir, "/u"}}, 0, 0, {{0, "/l/a"}}, "fetch h/a.7z, unpack /l/a -> /u, tick, tick, "},
-      {"nothing at all", {}, 0, 0, {}, "tick, tick, "},
+      {"empty values count as missing", {{kFiles, ""}, {kDone, ""}}, 0, 0, {}, "tick, tick, "},
       {"exit with both pending", {{kFiles, "h/a|h/b"}, {kDone, "d"}}, 0, 0, {}, "fetch h/a, fetch h/b, tick, tick, stop, "},
       {"exit with one pending", {{kFiles, "h/a|h/b"}, {kDone, "d"}}, 0, 0, {{1, "/l/b"}}, "fetch h/a, fetch h/b, tick, tick, stop, "},
   };
