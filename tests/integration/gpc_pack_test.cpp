@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -93,11 +94,9 @@ TEST(GpcPack, PrintsParametersThatVerifyForAPackageThePluginUnpacksToTheBundle) 
     EXPECT_NE(html.find(name + "=\"" + value + "\""), std::string::npos) << name;
   }
   EXPECT_EQ(Verify(p.package, {}).out, "ok\n");
-  struct stat info;
   const mode_t mask = umask(0);
   umask(mask);
-  ASSERT_EQ(stat(p.package.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0666 & ~mask) << "the mode of any new file";
+  EXPECT_EQ(static_cast<mode_t>(std::filesystem::status(p.package).permissions()), 0666 & ~mask) << "any new file's";
 
   void* library = dlopen(GPC_BUNDLE_DIR "/Contents/Frameworks/lib7zip.so", RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(library, nullptr) << dlerror();
