@@ -183,4 +183,17 @@ TEST_F(HostPlugin, RequestOpenAtTheEndOfTheRunEndsAsAUserBreak) {
   EXPECT_EQ(run.events[static_cast<size_t>(end)].Int("status"), 200);
 }
 
+// A redirect chain that breaks off (one hop more than a browser follows) opens no stream: the fetch
+// ends as a network failure.
+TEST_F(HostPlugin, RedirectChainThatBreaksOffOpensNoStream) {
+  Serve();
+  const HostRun run = RunPage({"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=http://127.0.0.1:9/client/", "--param",
+                               "GpcSampleStream=" + server_->Url("/redirect?n=11&to=/bytes?n=10"), "--param",
+                               "GpcSampleDoneUrl=" + server_->Url("/done"), "--exit-on-navigate", "/done"});
+  const int notified = run.Find("url_notify", "url", "/redirect?");
+  ASSERT_GE(notified, 0) << run.stderr_text;
+  EXPECT_EQ(run.events[static_cast<size_t>(notified)].Int("reason"), 1);  // a network error
+  EXPECT_LT(run.Find("stream_start", "url", "/redirect?"), 0);
+}
+
 }  // namespace

@@ -514,8 +514,11 @@ bool PluginHost::Advance(Request* request) {
     return true;
   }
   if (!transfer->headers_done) return false;
-  bool failed_before_answer = transfer->finished && transfer->result != CURLE_OK && transfer->status == 0 &&
-                              transfer->data.empty();
+  // No answer to stream: nothing came back, or a redirect chain broke off (too many hops, a bad
+  // Location) at a 3xx whose body is not the resource. A browser opens no stream for either.
+  const bool redirect_status = transfer->status >= 300 && transfer->status < 400;
+  bool failed_before_answer = transfer->finished && transfer->result != CURLE_OK &&
+                              (transfer->status == 0 || redirect_status) && transfer->data.empty();
   if (!request->stream_open && !request->http_failed && !failed_before_answer) {
     if (transfer->status >= 400) {
       request->http_failed = true;  // no stream for an error page
