@@ -114,7 +114,7 @@ TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
        "s/file inner/file", ""},
       {"an entry below a link in the destination", "mkdir ext && echo x > ext/file", "ext/file", "", "", linkInOut},
       {"a link through a link in the destination", "ln -s ext/file mine", "mine", "", "", linkInOut},
-      {"a full path of PATH_MAX bytes", "echo x > f", "f", "", "f " + deep, "mkdir out"},
+      {"a full path of PATH_MAX bytes", "echo x > f", "f", "", "f " + deep, ""},  // "out" not made either
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);

@@ -330,6 +330,27 @@ int32_t PrepareDestination(const std::string& folder, std::string* destination) 
   return kGpc7zSuccess;
 }
 
+// The real path `folder` will have once it is made: the real path of its deepest part already
+// there, followed by the parts still missing. Missing parts hold no links, so the real path can
+// only be shorter (a ".." among them), and checking lengths against this one needs no folder.
+std::string RealPathToBe(std::string there) {
+  std::string missing;
+  for (;;) {
+    while (there.size() > 1 && there.back() == '/') there.pop_back();
+    char* real = realpath(there.c_str(), nullptr);
+    if (real != nullptr) {
+      std::string path = real;
+      free(real);
+      if (!missing.empty()) path += (path == "/" ? "" : "/") + missing;
+      return path;
+    }
+    if (there == "." || there == "/") return there + "/" + missing;  // the folder check fails later
+    const size_t slash = there.find_last_of('/');
+    missing = there.substr(slash + 1) + (missing.empty() ? "" : "/" + missing);
+    there = slash == std::string::npos ? "." : there.substr(0, slash == 0 ? 1 : slash);
+  }
+}
+
 bool FitsPathMax(const std::string& destination, const std::string& name) {
   return destination.size() + 1 + name.size() < PATH_MAX;
 }
@@ -437,6 +458,9 @@ int32_t Decompress(const char* archivePath, const std::string& folder) {
   std::vector<Entry> plan;
   int32_t result = ReadPlan(archivePath, limits, &plan);
   if (result == kGpc7zSuccess) result = CheckLinks(plan, folder);
+  // Checked before the destination is made, so that this refusal too writes nothing; and again
+  // once it is there, in case a link appeared along its path meanwhile.
+  if (result == kGpc7zSuccess) result = CheckPathLengths(plan, RealPathToBe(folder));
   std::string destination;
   if (result == kGpc7zSuccess) result = PrepareDestination(folder, &destination);
   if (result == kGpc7zSuccess) result = CheckPathLengths(plan, destination);
