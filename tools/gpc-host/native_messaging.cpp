@@ -118,6 +118,8 @@ const StageMark kStageMarks[] = {
 // The record that starts the handling of a finished download, and where its URL starts.
 constexpr char kHandlingDownload[] = "CGpcWindow::CheckDownloadingTasks,begin handle stream[";
 constexpr char kUrlStart[] = "url[";
+// The record of a message the plug-in could not show: the embed stopped without navigating.
+constexpr char kNoErrorPage[] = "CGpcWindow::ShowMessage: ErrorPageURL is nil.";
 
 // One embed: an instance of the module and the milestones the extension hears of.
 class Embed : public HostEvents {
@@ -152,13 +154,16 @@ class Embed : public HostEvents {
     return from && (!mark.about_package || StartsWith(url, package_root_));
   }
   void Pass(Stage stage) { Send(stage); }
+  // Halts this embed when it is one the plug-in can stop without navigating: one still going
+  // with no error page. False when it is not.
+  bool HaltWithoutErrorPage() {
+    if (m_halted || !error_page_.empty()) return false;
+    Halt();
+    return true;
+  }
 
   bool OnNavigate(int request, const std::string& url, const std::string& target) override {
-    if (StartsWith(url, error_page_) && !m_halted) {
-      m_halted = true;
-      JsonObjectText message;
-      m_outbox->Send(message.Add("type", "status").Add("id", m_id).Add("stage", "halted").Finish(), m_id);
-    }
+    if (StartsWith(url, error_page_) && !m_halted) Halt();
     JsonObjectText message;
     message.Add("type", "navigate").Add("id", m_id).Add("request", request).Add("url", url).Add("target", target);
     std::string json = message.Finish();
@@ -185,6 +190,11 @@ class Embed : public HostEvents {
   }
 
  private:
+  void Halt() {
+    m_halted = true;
+    JsonObjectText message;
+    m_outbox->Send(message.Add("type", "status").Add("id", m_id).Add("stage", "halted").Finish(), m_id);
+  }
   void Send(Stage stage) {
     m_stage = stage;
     JsonObjectText message;
@@ -245,6 +255,11 @@ class Bridge {
     if (StartsWith(text, kHandlingDownload)) {
       size_t start = text.find(kUrlStart);
       handled_url_ = start == std::string::npos ? std::string() : text.substr(start + std::strlen(kUrlStart));
+      return;
+    }
+    if (StartsWith(text, kNoErrorPage)) {
+      for (auto& embed : m_embeds)
+        if (embed->HaltWithoutErrorPage()) break;
       return;
     }
     for (const StageMark& mark : kStageMarks) {
