@@ -157,8 +157,10 @@ bool SetImmutable(const std::string& path, bool on) {
 TEST(RemoveFile, PlainEntriesGoLinkTargetsStayUndeletableOnesAreMovedAsideOrReported) {
   ScratchFolder dir, outside;
   outside.Write("keep/me.txt");
-  dir.Lay("ext.bundle/Contents/MacOS/ext APK1.tmp dangling@nowhere ext.bundle/Contents/outside@" + outside / "keep");
-  EXPECT_TRUE(RemoveFile(dir / "ext.bundle") && RemoveFile(dir / "APK1.tmp") && RemoveFile(dir / "dangling"));
+  dir.Lay("ext.bundle/Contents/MacOS/ext APK1.tmp dangling@nowhere ext.bundle/Contents/outside@" + outside / "keep" +
+          " linked@" + outside / "keep");
+  EXPECT_TRUE(RemoveFile(dir / "ext.bundle") && RemoveFile(dir / "APK1.tmp") && RemoveFile(dir / "dangling") &&
+              RemoveFile(dir / "linked//"));  // the link goes, not what it points to
   EXPECT_EQ(dir.Describe() + "|" + outside.Describe(), "|keep/ keep/me.txt");
   EXPECT_FALSE(RemoveFile(dir / "missing") || RemoveFile(""));
   // `stuck` is made immutable; `target` is removed (a bare name, from inside the folder, when

@@ -48,7 +48,8 @@ TEST(SiteLock, ApprovedPagesAreHttpsOnTheTenDomains) {
       {"www.talvo.us", false}, {"https://www.talvo.us/a b", false}, {"https://www.tal vo.us/", false},
       {"https://[::1/", false}, {"mailto:someone@talvo.us", false}, {"https://" + std::string(5000, 'a') + ".talvo.us/", false},
       {"https://" + std::string(4086, 'a') + ".talvo.us/", true},  // a host of 4095 bytes, the most looked at
-      {"https://" + std::string(4087, 'a') + ".talvo.us/", false}};
+      {"https://" + std::string(4087, 'a') + ".talvo.us/", false},
+      {"https://www.talvo.us/" + std::string(5000, 'p'), true}};  // the path plays no part
   for (const auto& [url, ok] : urls) EXPECT_EQ(approves(url), ok) << url.substr(0, 60);
   const SiteList denyFirst[] = {{1, "https", "bad.talvo.us"}, {0, "HTTPS", "talvo.us"}};  // first match decides
   EXPECT_FALSE(approves("https://bad.talvo.us/", denyFirst, 2));
@@ -84,6 +85,10 @@ TEST(SiteLock, UrlRootsAreApprovedHttpsUnderClient) {
                            "https://www.talvo.us/client/../a/", "https://www.talvo.us/client/a%20b/",
                            "https://www.talvo.us/client/~a/", "https://www.talvo.us/client/a+b/"})
     EXPECT_EQ(open.CorrectSchemaofUrlRoot(root), "") << root;
+  for (size_t name : {4086, 4087}) {  // a root's path of 4095 bytes, the most taken, and one byte more
+    const std::string root = "https://www.talvo.us/client/" + std::string(name, 'a') + "/";
+    EXPECT_EQ(open.CorrectSchemaofUrlRoot(root.c_str()), name == 4086 ? root : "") << name;
+  }
   for (const char* flag : {"", "1", "00", " 0"}) {
     TestLock lock;
     lock.flag = flag;

@@ -5,6 +5,7 @@
 #include <glib.h>
 
 #include <memory>
+#include <new>
 
 #include "fake_browser.h"
 #include "platform/system_version.h"
@@ -75,6 +76,14 @@ TEST_F(WindowLifecycleTest, ReenteredOrSuspendedHeartbeatSkipsFetchAndNavigation
   window->OnTimer();
   EXPECT_EQ(Browser().requests.size(), 2u);
   EXPECT_EQ(g_heartbeats, 4);
+  // Memory running out inside a step ends that heartbeat only.
+  window->OnGetUrlNotify("https://www.talvo.us/one", NPRES_DONE);
+  window->ChangeLocation(nullptr, "https://www.talvo.us/two");
+  Browser().onRequest = [] { throw std::bad_alloc(); };
+  EXPECT_THROW(window->OnTimer(), std::bad_alloc);
+  Browser().onRequest = nullptr;
+  window->OnTimer();
+  EXPECT_EQ(Browser().requests.size(), 4u);
 }
 
 // The heartbeat's source on the default context fires at once, then every 50 ms, and goes with

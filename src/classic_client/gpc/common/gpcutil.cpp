@@ -373,9 +373,12 @@ bool RemoveTryingHarder(const char* path) {
 
 bool RemoveFile(const char* path) noexcept {
   if (path == nullptr || path[0] == '\0') return false;
-  if (!EntryExists(path)) return false;
   try {
-    return RemoveTryingHarder(path);
+    // "x/" names what a link x points to; the entry itself, a link included, is what goes.
+    std::string entry = path;
+    while (entry.size() > 1 && entry.back() == '/') entry.pop_back();
+    if (!EntryExists(entry.c_str())) return false;
+    return RemoveTryingHarder(entry.c_str());
   } catch (...) {
     // Without memory for the harder ways, the plain system call is what is left.
     if (isDir(path)) rmdir(path); else unlink(path);

@@ -57,8 +57,8 @@ bool ParseUrl(const char* url, UrlParts* parts) {
   }
   uriFreeUriMembersA(&uri);
   if (!decomposable) return false;
-  return parts->scheme.size() <= kMaxComponentBytes && parts->host.size() <= kMaxComponentBytes &&
-         parts->path.size() <= kMaxComponentBytes;
+  // A page's path plays no part in its approval; a root's path is bounded where it is checked.
+  return parts->scheme.size() <= kMaxComponentBytes && parts->host.size() <= kMaxComponentBytes;
 }
 
 int32_t CaseInsensitiveCompare(const char* a, const char* b) {
@@ -135,7 +135,7 @@ bool HasDotSegment(const std::string& path) {
 }
 
 bool IsAcceptableUrlRootPath(const std::string& path) {
-  if (path.compare(0, 8, "/client/") != 0) return false;
+  if (path.size() > kMaxComponentBytes || path.compare(0, 8, "/client/") != 0) return false;
   if (path.find("/../") != std::string::npos) return false;
   if (gpc::GpcHardened() && HasDotSegment(path)) return false;
   for (unsigned char c : path) {

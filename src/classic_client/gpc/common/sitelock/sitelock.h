@@ -42,7 +42,7 @@ struct UrlParts {
 };
 
 // Parses `url` as an absolute, hierarchical URL (strict RFC 3986). False for NULL, for text
-// that is not such a URL, and when the scheme, host or path exceeds 4095 bytes.
+// that is not such a URL, and when the scheme or host exceeds 4095 bytes.
 bool ParseUrl(const char* url, UrlParts* parts);
 
 // The plain trusted-site test of FApprovedDomain (logs as it).

@@ -128,10 +128,13 @@ void CGpcWindow::OnTimer() {
   // A heartbeat entered again from inside these steps (an event during a dialog, say) must
   // not run them a second time.
   if (m_bSuspendFetching == 0 && m_nTimerDepth < 1) {
-    ++m_nTimerDepth;
+    // Lowered however the steps end: one that throws must not stop them on every later heartbeat.
+    struct DepthGuard {
+      int32_t& depth;
+      ~DepthGuard() { --depth; }
+    } const guard{++m_nTimerDepth};
     CheckFileDownloading();
     CheckLocationChanging();
-    --m_nTimerDepth;
   }
 }
 
