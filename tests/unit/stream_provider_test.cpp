@@ -264,17 +264,21 @@ TEST(Services, StreamsParametersNavigationsAndStop) {
   EXPECT_EQ(GpcGetParamCount(&window), 1);
   ASSERT_EQ(GpcChangeLocation(&window, "https://www.talvo.us/next", "_top"), GPC_RESULT_OK);
   EXPECT_EQ(gpctest::RunNavigations(window).back(), "_top https://www.talvo.us/next");
-  // A network error ends the instance's fetch in progress, empty, and only for the fetch's own URL.
+  // A network error ends the instance's fetch while its request is outstanding, empty, and only for
+  // the fetch's own URL; a fetch not yet asked for is not ended.
   void* data = &stream;
   GpcGetFileNotifyProc record = [](void*, void* context, GPCGetFileNotifyMessageType type, void* file) {
     if (type == GPC_GETFILE_COMPLETE) *static_cast<void**>(context) = file;
   };
   ASSERT_EQ(GpcGetFileAtUrl(&window, record, &data, "https://www.talvo.us/client/pkg.7z"), GPC_RESULT_OK);
+  window.m_provider.OnNppUrlNotify("https://www.talvo.us/client/pkg.7z", NPRES_NETWORK_ERR, &data);
+  window.m_streamSapId = &data;  // the instance's own request, as the notice names it
   window.m_provider.OnNppUrlNotify("https://www.talvo.us/client/other", NPRES_NETWORK_ERR, &data);
   window.m_provider.OnNppUrlNotify("https://www.talvo.us/client/pkg.7z", NPRES_DONE, &data);
   EXPECT_EQ(data, &stream);
   window.m_provider.OnNppUrlNotify("https://www.talvo.us/client/pkg.7z", NPRES_NETWORK_ERR, &data);
   EXPECT_EQ(data, nullptr);
+  window.m_streamSapId = nullptr;
   window.m_bHalted = 0;
   GpcStopDownload(&window);
   EXPECT_EQ(window.m_bHalted, 1);

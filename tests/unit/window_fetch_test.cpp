@@ -116,9 +116,11 @@ TEST_F(WindowFetchTest, FiveSlotsTheNextRequestInTheFirstFreedOneAndStopStartsNo
 }
 
 // A credentials challenge moves every item to the browser, one file at a time, head first, for good.
-// However the browser ends a request, its item completes once and the queue moves on.
+// However the browser ends a request, its item completes once and the queue moves on; the third
+// asks for the second's file again, and the second's failure is not the third's.
 TEST_F(WindowFetchTest, CredentialChallengeMovesEveryItemToTheBrowser) {
   CGpcWindow* window = Create(5);
+  window->m_vectorFileItem[2]->m_strUrl = Url(1);
   window->OnTimer();
   window->m_downloadSlots[0].task->OnDataReceived(100);  // progress from the direct attempt
   std::string user, password;
@@ -142,7 +144,7 @@ TEST_F(WindowFetchTest, CredentialChallengeMovesEveryItemToTheBrowser) {
     window->OnTimer();
     window->OnTimer();
     ASSERT_EQ(Browser().requests.size(), i + 1);
-    EXPECT_EQ(Browser().requests[i].url, Url(static_cast<int>(i)));
+    EXPECT_EQ(Browser().requests[i].url, Url(i == 2 ? 1 : static_cast<int>(i)));
     Answer(i, endings[i].streamUrl, endings[i].body, endings[i].reason);
     EXPECT_EQ(requesters[i].events, endings[i].events);
     EXPECT_FALSE(FileExists(requesters[i].path)) << "lives only during the callback";
@@ -202,9 +204,10 @@ TEST_F(WindowFetchTest, BrowserDownloadsNeverWriteThroughALinkShow109OnAFullDisk
   signal(SIGXFSZ, SIG_IGN);  // writes beyond the limit fail with EFBIG instead of ending the process
   rlimit saved = {};
   getrlimit(RLIMIT_FSIZE, &saved);
-  const rlimit lowered = {1000000, saved.rlim_max};
+  const rlimit lowered = {1000, saved.rlim_max};
   setrlimit(RLIMIT_FSIZE, &lowered);
-  Answer(1, Browser().requests.at(1).url.c_str(), std::string(3000000, 'x'), NPRES_DONE);
+  // Small enough for a stdio buffer: the failure must show at the write, not be lost at the close.
+  Answer(1, Browser().requests.at(1).url.c_str(), std::string(2000, 'x'), NPRES_DONE);
   setrlimit(RLIMIT_FSIZE, &saved);
   const std::vector<std::string> shown = gpctest::RunNavigations(*window);
   EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [](const std::string& url) {

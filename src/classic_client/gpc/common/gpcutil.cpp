@@ -295,7 +295,11 @@ FILE* CreateNewFile(const char* path) {
     close(fd);
     unlink(path);
     errno = error;
+    return nullptr;
   }
+  // Unbuffered: a write that fails (a full disk) fails at its fwrite, where it is reported,
+  // instead of at an fclose whose result nobody reads.
+  setvbuf(file, nullptr, _IONBF, 0);
   return file;
 }
 

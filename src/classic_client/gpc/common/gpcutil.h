@@ -124,8 +124,8 @@ class TempNameSeries {
 uint32_t GetTempFileName(const char* directory, const char* prefix, std::string& result);
 
 // Creates `path` as a new file, readable and writable by its owner only, and opens it for
-// writing. Null, with errno set (EEXIST among others), when anything is at that name already, a
-// symbolic link included: nothing planted at the name is ever written through.
+// writing, unbuffered. Null, with errno set (EEXIST among others), when anything is at that name
+// already, a symbolic link included: nothing planted at the name is ever written through.
 FILE* CreateNewFile(const char* path);
 inline FILE* CreateNewFile(const std::string& path) { return CreateNewFile(path.c_str()); }
 

@@ -445,8 +445,11 @@ void CGpcProvider::OnNppUrlNotify(const char* url, NPReason reason, void* notify
   const bool unopened = IsLiveStream(own);
   if (reason == NPRES_NETWORK_ERR) {
     MacErrorTrace("CGpcProvider::OnNppUrlNotify, receive NPRES_NETWORK_ERR");
-    // The instance's own unopened request is finished by its GPC_STREAM_DESTROY below.
-    if (!unopened && m_pWindow != nullptr && m_pWindow->isMyURL(url ? url : "")) {
+    // The instance's own unopened request is finished by its GPC_STREAM_DESTROY below, and an
+    // opened one by the GPC_STREAM_DESTROY of its stream's end, which clears m_streamSapId: the
+    // first entry is then the next fetch, which may name the same URL and has not begun.
+    if (!unopened && m_pWindow != nullptr && own == m_pWindow->m_streamSapId &&
+        m_pWindow->isMyURL(url ? url : "")) {
       m_pWindow->FinishDownloadingStreamFile(false);
     }
   }
