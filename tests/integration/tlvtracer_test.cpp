@@ -1,6 +1,8 @@
 // tlvtracer run as a real process on trace files written through the trace library.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <unistd.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -75,8 +77,9 @@ TEST(Tlvtracer, ListsRecordsByLevelAndStopsAtDamageNamingItsOffset) {
   EXPECT_EQ(gpctest::ShellOutput("cd " + folder + " && GPC_TRACE_FILE=trace.tvt" + read).find("one\\ntwo"), std::string::npos);
 }
 
-// The text of the next JSON line from `fd`, "<eof>", or "<timeout>" once `seconds` pass.
-std::string ReadText(int fd, std::string* rest, int seconds) {
+// The text of the next JSON line from `fd` ("pid text" with `pid`), "<eof>", or "<timeout>" once
+// `seconds` pass.
+std::string ReadText(int fd, std::string* rest, int seconds, bool pid = false) {
   while (rest->find('\n') == std::string::npos) {
     struct pollfd ready = {fd, POLLIN, 0};
     if (poll(&ready, 1, seconds * 1000) <= 0) return "<timeout>";
@@ -87,7 +90,109 @@ std::string ReadText(int fd, std::string* rest, int seconds) {
   }
   const std::string line = rest->substr(0, rest->find('\n'));
   rest->erase(0, line.size() + 1);
-  return line.front() == '{' ? gpchost::JsonEvent{line}.Str("text") : line;
+  if (line.front() != '{') return line;
+  const gpchost::JsonEvent record{line};
+  return pid ? std::to_string(record.Int("pid")) + " " + record.Str("text") : record.Str("text");
+}
+
+// One info record as the plug-in in process `pid` writes it; `header` receives the file header.
+std::string Record(uint32_t pid, const std::string& text, std::string* header = nullptr) {
+  const std::string scratch = kFolder.path() + "/record.tvt";
+  EXPECT_TRUE(tlvtra_reopen_for_testing(scratch.c_str()));
+  TLVINFO(text.c_str());
+  std::string bytes = gpctest::ReadFile(scratch);
+  if (header != nullptr) *header = bytes.substr(0, 48);
+  for (int i = 0; i < 4; ++i) bytes[48 + 12 + i] = static_cast<char>(pid >> 8 * i);
+  return bytes.substr(48);
+}
+
+// Writes `bytes` at `offset` through a descriptor of its own, as the plug-in of another process
+// does; `truncate` first cuts the file to nothing in place, as a plug-in loading does.
+void WriteAt(const std::string& path, size_t offset, const std::string& bytes, bool truncate = false) {
+  const int fd = open(path.c_str(), O_WRONLY);
+  ASSERT_GE(fd, 0);
+  if (truncate) {
+    EXPECT_EQ(ftruncate(fd, 0), 0);
+  }
+  EXPECT_EQ(pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)), static_cast<ssize_t>(bytes.size()));
+  close(fd);
+}
+
+// `tlvtracer --follow --json` on a file, stopped when the object ends.
+class Following {
+ public:
+  explicit Following(const std::string& path)
+      : m_out(popen(("echo $$; exec " GPC_BIN_DIR "/tlvtracer --follow --json " + path).c_str(), "r")),
+        m_pid(std::stoi(ReadText(fileno(m_out), &m_rest, 10))) {}
+  ~Following() {
+    kill(m_pid, SIGTERM);
+    pclose(m_out);
+  }
+  // "pid text" of the next record shown, "<eof>" or "<timeout>".
+  std::string Next(int seconds = 10) { return ReadText(fileno(m_out), &m_rest, seconds, true); }
+
+ private:
+  FILE* m_out;
+  std::string m_rest;
+  pid_t m_pid;
+};
+
+TEST(Tlvtracer, FollowShowsAFileStartedAnewBetweenTwoPollsOnceFromItsStart) {
+  std::string header, fresh;
+  const std::string old1 = Record(111, "old 1", &header), old2 = Record(111, "old 2");
+  const struct {
+    std::string before;
+    Lines shown;
+  } cases[] = {
+      {header + old1 + old2, {"111 old 1", "111 old 2"}},
+      {header + old1.substr(0, 30), {"<timeout>"}},  // the first record read only in part
+  };
+  Lines wanted;
+  for (const char* text : {"new 1", "new 2", "new 3", "new 4"}) {
+    fresh += Record(222, text);
+    wanted.push_back(std::string("222 ") + text);
+  }
+  wanted.push_back("222 new 5");
+  const std::string later = Record(222, "new 5");
+  for (const auto& c : cases) {
+    gpctest::WriteFile(kPath, c.before);
+    Following follow(kPath);
+    for (const std::string& line : c.shown) EXPECT_EQ(follow.Next(1), line);
+    WriteAt(kPath, 0, header + fresh, true);  // all of it between two polls
+    WriteAt(kPath, header.size() + fresh.size(), later);
+    Lines shown;
+    for (size_t i = 0; i < wanted.size(); ++i) shown.push_back(follow.Next());
+    EXPECT_EQ(shown, wanted) << c.before.size();
+  }
+}
+
+TEST(Tlvtracer, FollowGoesOnPastTheHoleAnOlderWriterLeavesAndShowsWhatFillsIt) {
+  std::string header;
+  const std::string older = Record(111, "first 1", &header) + Record(111, "first 2") + Record(111, "first 3");
+  gpctest::WriteFile(kPath, header + older);
+  Following follow(kPath);
+  Lines shown;
+  for (int i = 0; i < 3; ++i) shown.push_back(follow.Next());
+  // A plug-in loading in process 222 starts the file anew; the one in 111 writes on at its own offset.
+  const std::string newer = header + Record(222, "second 1"), fourth = Record(111, "first 4");
+  WriteAt(kPath, 0, newer, true);
+  WriteAt(kPath, header.size() + older.size(), fourth);
+  for (int i = 0; i < 2; ++i) shown.push_back(follow.Next());
+  const std::string second = Record(222, "second 2");
+  WriteAt(kPath, newer.size(), second);  // into the hole
+  shown.push_back(follow.Next());
+  WriteAt(kPath, header.size() + older.size() + fourth.size(), Record(111, "first 5"));
+  shown.push_back(follow.Next());
+  EXPECT_EQ(shown, (Lines{"111 first 1", "111 first 2", "111 first 3", "222 second 1", "111 first 4", "222 second 2",
+                          "111 first 5"}));
+  // Read once, the file shows every record in file order and names the hole it stepped over.
+  const gpctest::ToolRun once = tvttest::Tlvtracer({"--json", kPath});
+  Lines texts;
+  for (const gpchost::JsonEvent& record : gpchost::ParseJsonLines(once.out)) texts.push_back(record.Str("text"));
+  EXPECT_EQ(texts, (Lines{"second 1", "second 2", "first 4", "first 5"}));
+  EXPECT_EQ(once.exitCode, 0);
+  EXPECT_NE(once.err.find("zero bytes at byte offset " + std::to_string(newer.size() + second.size())), std::string::npos)
+      << once.err;
 }
 
 TEST(Tlvtracer, FollowWaitsForPartialRecordsAndStopsOnSignal) {

@@ -1,5 +1,6 @@
 // tlvtracer: shows the plug-in's binary trace file as readable lines or JSON, once or as it grows.
 // While a process of this name runs, plug-ins loaded afterwards also write their debug records.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -94,6 +95,14 @@ void Pause() {
   nanosleep(&wait, nullptr);
 }
 
+// A stretch of the file that was zero when the reader passed it: the front of a writer in another
+// process that a later writer had cut short. The records that writer adds land here, from `start`.
+struct Gap {
+  uint64_t start = 0;
+  uint64_t end = 0;                        // where the records read past the hole begin
+  std::vector<unsigned char> unconfirmed;  // a record seen at `start` on the last poll, maybe half-copied
+};
+
 // Reads a trace file from its start, printing each record as soon as it is whole.
 class TraceReader {
  public:
@@ -119,12 +128,13 @@ class TraceReader {
         if (errno == EINTR) continue;
         return false;
       }
+      KeepFirstRecord(chunk, static_cast<size_t>(got));
       m_pending.insert(m_pending.end(), chunk, chunk + got);
       read_end_ += static_cast<uint64_t>(got);
     }
   }
 
-  // Prints every whole record read so far. False at a corrupt header or record.
+  // Prints every whole record read so far, stepping over holes. False at a corrupt header or record.
   bool Drain() {
     size_t at = 0;
     bool good = true;
@@ -139,12 +149,18 @@ class TraceReader {
         at += tlvtracer::kHeaderSize;
         continue;
       }
+      const size_t hole = tlvtracer::HoleLength(data, size);
+      if (hole == tlvtracer::kHoleUnended) break;
+      if (hole > 0) {
+        SkipHole(m_base + at, hole);
+        at += hole;
+        continue;
+      }
       tlvtracer::TraceRecord record;
       size_t used = 0;
       const tlvtracer::DecodeResult result = tlvtracer::DecodeRecord(data, size, m_base + at, &record, &used, &m_problem);
       if (result == tlvtracer::DecodeResult::kCorrupt) good = false;
       if (result != tlvtracer::DecodeResult::kRecord) break;
-      if (first_record_.empty()) first_record_.assign(data, data + used);
       Print(record);
       at += used;
     }
@@ -154,6 +170,17 @@ class TraceReader {
     return good;
   }
 
+  // Prints the records that writers left behind have added in their gaps since the last poll.
+  void ReadGaps() {
+    for (auto gap = m_gaps.begin(); gap != m_gaps.end();) {
+      ReadGap(&*gap);
+      // A writer that reached the records read past its hole now writes over them: nothing it
+      // writes after that can be told apart from what was shown.
+      gap = gap->start >= gap->end ? m_gaps.erase(gap) : gap + 1;
+    }
+    fflush(stdout);
+  }
+
   // Offset of the first byte not yet decoded, and how many bytes follow it.
   uint64_t Offset() const { return m_base; }
   size_t Leftover() const { return m_pending.size(); }
@@ -161,21 +188,23 @@ class TraceReader {
   const std::string& Problem() const { return m_problem; }
 
   // True when the file at the path was replaced, cut short, or started anew by a plug-in loading
-  // (its first record differs from the one read).
+  // (the bytes of its first record, as far as they were read, changed).
   bool WasRestarted() const {
     struct stat info;
     if (stat(m_options.path.c_str(), &info) != 0) return false;
     if (info.st_ino != m_inode || static_cast<uint64_t>(info.st_size) < read_end_) return true;
-    if (first_record_.empty()) return false;
-    std::vector<unsigned char> now(first_record_.size());
-    const ssize_t got = pread(m_fd, now.data(), now.size(), tlvtracer::kHeaderSize);
-    return got != static_cast<ssize_t>(now.size()) || now != first_record_;
+    const size_t span = FirstRecordSpan();
+    if (span == 0) return false;
+    std::vector<unsigned char> now(span);
+    const ssize_t got = pread(m_fd, now.data(), span, tlvtracer::kHeaderSize);
+    return got != static_cast<ssize_t>(span) || !std::equal(now.begin(), now.end(), m_first.begin());
   }
 
   void Restart() {
     Close();
     m_pending.clear();
-    first_record_.clear();
+    m_first.clear();
+    m_gaps.clear();
     m_base = read_end_ = 0;
     header_seen_ = false;
     Open();
@@ -189,6 +218,58 @@ class TraceReader {
     fputc('\n', stdout);
   }
 
+  // Keeps the bytes read from where the first record starts, one longest record at most.
+  void KeepFirstRecord(const unsigned char* chunk, size_t size) {
+    const uint64_t begin = tlvtracer::kHeaderSize, end = begin + tlvtracer::kMaxRecordSize;
+    const uint64_t from = std::max(read_end_, begin), to = std::min(read_end_ + size, end);
+    if (from < to) m_first.insert(m_first.end(), chunk + (from - read_end_), chunk + (to - read_end_));
+  }
+
+  // How many of the kept bytes belong to the first record. None when the records start with a
+  // hole: a writer may still fill it, which is no new start.
+  size_t FirstRecordSpan() const {
+    if (m_first.size() < 2) return m_first.size();
+    const size_t length = m_first[0] | m_first[1] << 8;
+    return std::min(length, m_first.size());
+  }
+
+  void SkipHole(uint64_t offset, size_t length) {
+    fprintf(stderr, "tlvtracer: %s: %zu zero bytes at byte offset %llu, left by a writer in another process; skipped\n",
+            m_options.path.c_str(), length, static_cast<unsigned long long>(offset));
+    Gap gap;
+    gap.start = offset;
+    gap.end = offset + length;
+    m_gaps.push_back(gap);
+  }
+
+  // Prints the whole records written at the gap's start. A record is known whole when a later one
+  // follows it or it reads the same on two polls: a write in progress may show a record whose
+  // tail is still zero.
+  void ReadGap(Gap* gap) {
+    unsigned char bytes[tlvtracer::kMaxRecordSize + 4];
+    while (gap->start < gap->end) {
+      const ssize_t got = pread(m_fd, bytes, sizeof bytes, static_cast<off_t>(gap->start));
+      if (got <= 0) return;
+      const size_t size = static_cast<size_t>(got);
+      if (tlvtracer::HoleLength(bytes, size) != 0) return;  // nothing new written there yet
+      tlvtracer::TraceRecord record;
+      size_t used = 0;
+      std::string problem;
+      if (tlvtracer::DecodeRecord(bytes, size, gap->start, &record, &used, &problem) != tlvtracer::DecodeResult::kRecord) {
+        return;  // still being written, or never whole: printed only once it decodes
+      }
+      const bool followed = gap->start + used < gap->end && used + 4 <= size && tlvtracer::HoleLength(bytes + used, 4) == 0;
+      const std::vector<unsigned char> seen(bytes, bytes + used);
+      if (!followed && seen != gap->unconfirmed) {
+        gap->unconfirmed = seen;
+        return;
+      }
+      gap->unconfirmed.clear();
+      Print(record);
+      gap->start += used;
+    }
+  }
+
   void Close() {
     if (m_fd >= 0) close(m_fd);
     m_fd = -1;
@@ -198,7 +279,8 @@ class TraceReader {
   int m_fd = -1;
   ino_t m_inode = 0;
   std::vector<unsigned char> m_pending;
-  std::vector<unsigned char> first_record_;
+  std::vector<unsigned char> m_first;  // bytes read from offset 48 on, one longest record at most
+  std::vector<Gap> m_gaps;
   uint64_t m_base = 0;      // file offset of m_pending[0]
   uint64_t read_end_ = 0;  // file offset just past the last byte read
   bool header_seen_ = false;
@@ -248,12 +330,15 @@ int Follow(const Options& options) {
       fprintf(stderr, "tlvtracer: cannot read %s: %s\n", options.path.c_str(), strerror(errno));
       return 1;
     }
-    const bool good = reader.Drain();
+    // Checked before decoding: when a plug-in started the file anew since the last poll, what was
+    // just read from the old offset may belong to the new file.
     if (reader.WasRestarted()) {
       fprintf(stderr, "tlvtracer: %s started anew; reading from its beginning\n", options.path.c_str());
       reader.Restart();
       continue;
     }
+    const bool good = reader.Drain();
+    reader.ReadGaps();
     if (!good) {
       ReportCorrupt(options, reader);
       return 1;

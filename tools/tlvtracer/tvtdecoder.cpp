@@ -78,6 +78,13 @@ DecodeResult DecodeRecord(const unsigned char* data, size_t size, uint64_t offse
   return DecodeResult::kRecord;
 }
 
+size_t HoleLength(const unsigned char* data, size_t size) {
+  size_t zeros = 0;
+  while (zeros < size && data[zeros] == 0) ++zeros;
+  if (zeros == size) return kHoleUnended;
+  return zeros & ~static_cast<size_t>(3);
+}
+
 std::string LevelName(uint32_t level) {
   switch (level) {
     case 1: return "debug";

@@ -37,6 +37,15 @@ DecodeResult CheckHeader(const unsigned char* data, size_t size, std::string* pr
 DecodeResult DecodeRecord(const unsigned char* data, size_t size, uint64_t offset, TraceRecord* record,
                           size_t* used, std::string* problem);
 
+// Where a record should start but the bytes are zero, another process's writer left a hole: a
+// plug-in loaded later cut the file short and an older one wrote on at its own offset. Records
+// start on 4-byte boundaries and the third byte of every record is its format version (3), so the
+// first 4-byte word that is not all zero starts the next record. Returns the length of the zero
+// run at the start of `data` that ends before such a word (0 when `data` starts with a record), or
+// kHoleUnended when `data` holds nothing but zeros, so that where the run ends is not known yet.
+constexpr size_t kHoleUnended = static_cast<size_t>(-1);
+size_t HoleLength(const unsigned char* data, size_t size);
+
 // "debug", "info", "warn", "error", or "level<N>" for any other value.
 std::string LevelName(uint32_t level);
 
