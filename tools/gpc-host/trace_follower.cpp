@@ -30,21 +30,35 @@ std::string TracerPath() {
 TraceFollower::TraceFollower(std::function<void(const std::string&)> on_record) : on_record_(std::move(on_record)) {}
 
 TraceFollower::~TraceFollower() {
+  if (m_restart != 0) g_source_remove(m_restart);
+  Stop();
+}
+
+void TraceFollower::Stop() {
   if (m_watch != 0) g_source_remove(m_watch);
+  m_watch = 0;
   if (m_output >= 0) close(m_output);
+  m_output = -1;
   if (m_child > 0) {
     kill(m_child, SIGTERM);
     while (waitpid(m_child, nullptr, 0) < 0 && errno == EINTR) {
     }
   }
+  m_child = -1;
+  m_pending.clear();
 }
 
 bool TraceFollower::Start() {
-  const std::string tracer = TracerPath();
-  if (tracer.empty() || access(tracer.c_str(), X_OK) != 0) {
+  m_tracer = TracerPath();
+  if (m_tracer.empty() || access(m_tracer.c_str(), X_OK) != 0) {
     std::fprintf(stderr, "gpc-host: no tlvtracer beside gpc-host; stages are not followed\n");
     return false;
   }
+  return Launch(m_tracer);
+}
+
+bool TraceFollower::Launch(const std::string& tracer) {
+  m_started_at = g_get_monotonic_time();
   int pipe_fds[2];
   if (pipe2(pipe_fds, O_CLOEXEC) != 0) return false;
   const pid_t parent = getpid();
@@ -70,13 +84,30 @@ bool TraceFollower::Start() {
   return true;
 }
 
+// tlvtracer only closes its output when it ends: it is reaped and, a second after its last start
+// at the soonest, started again.
+void TraceFollower::ScheduleRestart() {
+  m_watch = 0;  // removed by returning G_SOURCE_REMOVE
+  Stop();
+  std::fprintf(stderr, "gpc-host: tlvtracer ended; starting it again\n");
+  const gint64 due = m_started_at + G_USEC_PER_SEC - g_get_monotonic_time();
+  m_restart = g_timeout_add(due > 0 ? static_cast<guint>(due / 1000) : 0, &TraceFollower::OnRestart, this);
+}
+
+gboolean TraceFollower::OnRestart(gpointer self) {
+  auto* follower = static_cast<TraceFollower*>(self);
+  follower->m_restart = 0;
+  if (!follower->Launch(follower->m_tracer)) follower->ScheduleRestart();
+  return G_SOURCE_REMOVE;
+}
+
 gboolean TraceFollower::OnOutput(gint fd, GIOCondition, gpointer self) {
   auto* follower = static_cast<TraceFollower*>(self);
   char buffer[16 * 1024];
   ssize_t got = read(fd, buffer, sizeof buffer);
   if (got < 0 && errno == EINTR) return G_SOURCE_CONTINUE;
   if (got <= 0) {
-    follower->m_watch = 0;
+    follower->ScheduleRestart();
     return G_SOURCE_REMOVE;
   }
   follower->m_pending.append(buffer, static_cast<size_t>(got));
@@ -97,5 +128,16 @@ void TraceFollower::TakeLine(const std::string& line) {
   const JsonValue* text = record.Find("text");
   // The file is shared by every process that loads the plug-in; only this one's records count.
   if (pid == nullptr || pid->kind != JsonValue::Kind::kNumber || pid->number != getpid()) return;
+  const JsonValue* offset = record.Find("offset");
+  const JsonValue* seconds = record.Find("seconds");
+  const JsonValue* millis = record.Find("milliseconds");
+  if (offset != nullptr && seconds != nullptr && millis != nullptr && offset->kind == JsonValue::Kind::kNumber &&
+      seconds->kind == JsonValue::Kind::kNumber && millis->kind == JsonValue::Kind::kNumber) {
+    // A plug-in loaded again in this process writes from the file's start, but later.
+    const double time = seconds->number * 1000 + millis->number;
+    if (offset->number <= m_last_offset && time <= m_last_time) return;
+    m_last_offset = offset->number;
+    m_last_time = time;
+  }
   if (text != nullptr && text->IsString()) on_record_(text->text);
 }

@@ -19,15 +19,28 @@ class TraceFollower {
 
   // Starts tlvtracer; false (with the reason on standard error) when it cannot run. Records
   // arrive from the default main context, within tlvtracer's poll interval of being written.
+  // Should tlvtracer end while the host runs, it is started again, once a second at most, and the
+  // records it shows again are not handed on twice.
   bool Start();
 
  private:
   static gboolean OnOutput(gint fd, GIOCondition condition, gpointer self);
+  static gboolean OnRestart(gpointer self);
+  bool Launch(const std::string& tracer);
+  void Stop();
+  void ScheduleRestart();
   void TakeLine(const std::string& line);
 
   std::function<void(const std::string&)> on_record_;
+  std::string m_tracer;
   pid_t m_child = -1;
   int m_output = -1;
   guint m_watch = 0;
-  std::string m_pending;  // an incomplete last line
+  guint m_restart = 0;
+  gint64 m_started_at = 0;  // monotonic microseconds of the last launch
+  std::string m_pending;    // an incomplete last line
+  // The last record handed on. This process's writer only moves forward in the file, so a record
+  // of it at or before this offset and time was handed on already.
+  double m_last_offset = -1;
+  double m_last_time = -1;
 };
