@@ -30,6 +30,8 @@ mutants=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 if [ -z "$tree" ]; then
   tree=$(dirname "$root")/gpc-mutate
   mkdir -p "$tree"
+  copied="$tree/build-copied-at"  # when the last copy began; kept with the build folders
+  touch "$copied.new"
   if command -v rsync >/dev/null; then
     rsync -a --delete --exclude '/build*' --exclude '/.git' "$root/" "$tree/"
   else
@@ -37,6 +39,13 @@ if [ -z "$tree" ]; then
     find "$tree" -mindepth 1 -maxdepth 1 ! -name 'build*' -exec rm -rf {} +
     (cd "$root" && tar -cf - --exclude='./build*' --exclude='./.git' .) | (cd "$tree" && tar -xf -)
   fi
+  # A file changed since the last copy keeps its own time stamp in the copy, which may be older
+  # than the objects built from the last copy: it gets a new one, so that it is rebuilt.
+  if [ -f "$copied" ]; then
+    (cd "$root" && find . \( -path './build*' -o -path ./.git \) -prune -o -type f -newer "$copied" -print0) |
+      (cd "$tree" && xargs -0 -r touch)
+  fi
+  mv "$copied.new" "$copied"
 fi
 build=${build:-$tree/build-mutate}
 # A run stopped without its traps (killed) leaves the objects of its last fault newer than the

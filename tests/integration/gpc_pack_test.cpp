@@ -85,7 +85,8 @@ TEST(GpcPack, PrintsParametersThatVerifyForAPackageThePluginUnpacksToTheBundle) 
   EXPECT_EQ(html.rfind("<embed type=\"application/x-talvo-gpc\"", 0), 0u) << html;
   EXPECT_NE(p.run.out.find(">\n\n{"), std::string::npos) << "a blank line between HTML and JSON";
   const PageParams expected = {
-      {"GpcExtName", "zrgpcext64"}, {"GpcExtVersion", PageVersion()}, {"GpcCompressMethod", "7zip"},
+      {"GpcExtName", "zrgpcext64"}, {"GpcExtVersion", PageVersion()}, {"GpcUnpackVersion", "1,0"},
+      {"GpcCompressMethod", "7zip"},
       {"GpcHashMethod", "sha256"}, {"GpcExtHash", gpctest::FileDigest(p.package, "sha256")},
       {"GpcExtSignature", p.signer.Sign(p.Param("GpcExtHash"))},
       {"GpcCertification", p.signer.Chain()}};  // the root first, the signer last
@@ -108,6 +109,12 @@ TEST(GpcPack, PrintsParametersThatVerifyForAPackageThePluginUnpacksToTheBundle) 
   EXPECT_EQ(Sh("cd " + ShellQuote(into) + " && ls && cd zrgpcext64.bundle && " + list),
             "zrgpcext64.bundle\n" + Sh("cd " + ShellQuote(kSampleBundle) + " && " + list));
   EXPECT_EQ(Sh("diff -r " + ShellQuote(kSampleBundle) + " " + copy + " && echo same"), "same\n");
+  // A running browser's trace file is left as it is.
+  const std::string trace = p.folder.path() + "/browser.tvt";
+  ASSERT_TRUE(gpctest::WriteFile(trace, "records"));
+  ScopedEnv traceFile("GPC_TRACE_FILE", trace);
+  EXPECT_EQ(gpctest::RunTool({GPC_BIN_DIR "/gpc-pack", "--help"}).exitCode, 0);
+  EXPECT_EQ(gpctest::ReadFile(trace), "records");
 }
 
 TEST(GpcPack, EscapesWhatItPrintsAsJsonAndHtml) {
@@ -155,6 +162,10 @@ TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
        "version it installed\n"},
       {topFile, p.signer.PackageParameters(topFile),  // a file, no folder
        "the archive's top folder is \"(none)\", not \"zrgpcext64.bundle\"\n"},
+      {p.package, {{"GpcUnpackVersion", ""}},
+       "GpcUnpackVersion is missing: the plug-in would compare no versions and never fetch the package\n"},
+      {p.package, {{"GpcExtName", "a#b"}},
+       "the extension name \"a#b\" holds \"#\": the plug-in would fetch another URL than the package's\n"},
       {p.package, {{"GpcExtVersion", ""}}, "ok\n"},  // no version to match
   };
   for (const auto& [package, overrides, verdict] : cases) {
@@ -193,12 +204,14 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
   auto copy = [&work](const char* folder) { return work + "/" + folder + "/zrgpcext64.bundle"; };
   ASSERT_EQ(Sh("b=" + ShellQuote(kSampleBundle) + " k=" + ShellQuote(signer.Path("vendor.key")) +
                " c=" + ShellQuote(signer.Path("vendor.pem")) + " && mkdir -p " + ShellQuote(work) +
-               " && cd " + ShellQuote(work) + " && for d in n l a v x; do mkdir $d && cp -a \"$b\" $d/; done"
-               " && cp -a \"$b\" ."
+               " && cd " + ShellQuote(work) + " && for d in n l a v x k; do mkdir $d && cp -a \"$b\" $d/; done"
+               " && cp -a \"$b\" . && touch zrgpcext64.bundle/Contents/caf\xC3\xA9"
+               " && mkdir h && cp -a \"$b\" 'h/a#b.bundle' && cp -a \"$b\" h/my.framework.bundle"
                " && mkdir e s && cp -a \"$b\" e/.bundle && ln -s ../zrgpcext64.bundle s/"
                " && rm n/*/Contents/Info.plist x/*/Contents/MacOS/*"
                " && ln -s ../../../outside l/zrgpcext64.bundle/Contents/MacOS/passwd"
                " && ln -s /etc/passwd a/zrgpcext64.bundle/Contents/passwd"
+               " && ln -s MacOS k/zrgpcext64.bundle/Contents/bin && ln -s bin/../Info.plist k/zrgpcext64.bundle/Contents/info"
                " && sed -i \"/>CFBundleVersion</{n;s/>.*</>$(printf %0256d 0)</}\" v/*/Contents/Info.plist"
                " && cp \"$k\" big.key && echo >> big.key && cat \"$c\" \"$c\" > two.pem"
                " && openssl x509 -in \"$c\" -outform DER -out vendor.der"
@@ -224,15 +237,18 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
        "chains neither to a system anchor nor to a certificate given"},
       {{copy("l")}, false, 1, "leads out of the bundle"},
       {{copy("a")}, false, 1, "-> /etc/passwd leads out of the bundle"},
+      {{copy("k")}, false, 1, "-> bin/../Info.plist leads out of the bundle, or back out of a link"},
       {{copy("v")}, false, 1, "cannot be matched by any page"},
       {{work + "/e/.bundle"}, false, 1, "must be <name>.bundle, not \".bundle\""},
       {{copy("x")}, false, 1, "has no executable"},
+      {{work + "/h/a#b.bundle"}, false, 1, "holds \"#\""},
+      {{work + "/h/my.framework.bundle"}, false, 1, "holds \".framework\""},
       {{"--out", good, good}, false, 1, "lies inside the bundle"},
       {{"--sign-harder", kSampleBundle}, false, 2, "unknown option \"--sign-harder\""},
       {{"--hash", "md5", kSampleBundle}, false, 2, "--hash must be sha1 or sha256"},
       {{"--format=xml", kSampleBundle}, false, 2, "--format must be json, html or both"},
       {{kSampleBundle, kSampleBundle}, false, 2, "unexpected argument"},
-      {{good}, false, 0, "wrote"},
+      {{good}, false, 0, "wrote"},  // a file name outside ASCII
       {{copy("s")}, false, 0, "wrote"},  // a link to the bundle
       {{good + "//"}, false, 0, "wrote"},
       {{"--force", "--cert", work + "/vendor.der", kSampleBundle}, true, 0, "wrote"},

@@ -266,14 +266,16 @@ TEST_F(NativeMessaging, ThePackageFetchedByTheHostReportsItsBytes) {
   EXPECT_EQ(host_->CloseAndWait(), 0);
 }
 
-// Embeds stopped before their job take no stage of e1's: "stopped" is sent to its error page and halts;
-// "idle", made just before e1, has no error page, and the plug-in's record of that halts it.
+// Other embeds take no stage of e1's: "stopped" is sent to its error page and halts; "idle", made just
+// before e1, has no error page, and the plug-in's record of that halts it; "other", older than e1,
+// waits for ever on its own package, which lies elsewhere.
 TEST_F(NativeMessaging, EveryBadMessageIsAnsweredWithAnErrorAndTheEmbedGoesOn) {
   const std::string bare = "{\"type\":\"embed\",\"pageUrl\":\"https://127.0.0.1/\",\"id\":";
   host_->Send(bare + "\"stopped\",\"params\":[[\"gpcsitelock\",\"0\"],[\"GpcProductVersion\",\"1\"],"
                      "[\"GpcErrorPageUrl\",\"https://127.0.0.1/error\"]]}");
   ASSERT_TRUE(host_->WaitFor("status", "stopped", "halted")) << Seen();
-  host_->SendRaw(Frame(bare + "\"idle\"}") + Frame(Embed("e1", site_.slow)));
+  host_->SendRaw(Frame(bare + "\"idle\"}") + Frame(Embed("other", site_.fast, site_.fast.HttpsUrl("client/fault/never/0/"))) +
+                 Frame(Embed("e1", site_.slow)));
   ASSERT_TRUE(host_->WaitFor("status", "e1", "started"));
   std::string many = "[\"P0\",\"v\"]";
   for (int i = 1; i < 10000; ++i) many += ",[\"P" + std::to_string(i) + "\",\"v\"]";
@@ -319,6 +321,7 @@ TEST_F(NativeMessaging, EveryBadMessageIsAnsweredWithAnErrorAndTheEmbedGoesOn) {
   ExpectDone("e1");
   ASSERT_TRUE(host_->WaitFor("status", "e1", "running")) << Seen();
   EXPECT_EQ(host_->Stages("idle"), (std::vector<std::string>{"started", "halted"}));
+  EXPECT_EQ(host_->Stages("other"), (std::vector<std::string>{"started", "checking", "downloading"}));
   // A frame cut short by the end of the input is reported before the process exits.
   host_->SendRaw(Frame("{\"type\":\"destroy\"", 100));
   host_->CloseInput();

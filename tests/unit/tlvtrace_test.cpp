@@ -44,6 +44,17 @@ TEST_F(TraceFileTest, NewFileHoldsTheHeaderAloneAndNeverFollowsALink) {
   }
 }
 
+// Another process's load starts the file anew: this process's next record follows what that load
+// wrote, with no run of zero bytes where its own earlier records were.
+TEST_F(TraceFileTest, RecordsFollowWhatAnotherLoadWroteAfterStartingTheFileAnew) {
+  const std::string header = gpctest::ReadFile(path_);
+  EXPECT_EQ(TLVINFO("first"), TLVTRACE_WRITTEN);
+  ASSERT_TRUE(gpctest::WriteFile(path_, header));  // truncated in place, as a load does
+  EXPECT_EQ(TLVINFO("second"), TLVTRACE_WRITTEN);
+  EXPECT_NE(gpctest::ReadFile(path_).compare(header.size(), 4, std::string(4, '\0')), 0);
+  EXPECT_EQ(tvttest::Records(path_), std::vector<std::string>{"2 GPCPlugin||second"});
+}
+
 TEST_F(TraceFileTest, RecordHeadHoldsLevelProcessThreadAndLocalTime) {
   platform::SetWallClockOverride([] { return int64_t{1700000000123456}; });
   EXPECT_EQ(TLVINFO("abc"), TLVTRACE_WRITTEN);

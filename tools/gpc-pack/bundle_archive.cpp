@@ -95,21 +95,30 @@ bool CheckMatchableVersion(const std::string& bundleVersion, std::string* error)
 
 // ---- Writing -------------------------------------------------------------------------------
 
-// A link target that stays inside the bundle: relative, and never climbing above the top folder
-// from the link's folder `depth` levels below it.
-bool LinkStaysInside(const std::string& target, int depth) {
+// A link target the plug-in's unpacker takes: relative, never climbing above the top folder from
+// the link's folder `linkFolder`, `depth` levels below it, and never stepping back ("..") out of
+// another link it passed through, whose real place is not its name's.
+bool LinkStaysInside(const std::string& target, std::string linkFolder, int depth) {
   if (target.empty() || target[0] == '/') return false;
+  std::vector<bool> throughLink;  // for each part taken below the link's folder
   size_t start = 0;
   while (start <= target.size()) {
     size_t slash = target.find('/', start);
     if (slash == std::string::npos) slash = target.size();
     const std::string part = target.substr(start, slash - start);
-    if (part == "..") {
-      if (--depth < 0) return false;
-    } else if (!part.empty() && part != ".") {
-      ++depth;
-    }
     start = slash + 1;
+    if (part.empty() || part == ".") continue;
+    if (part == "..") {
+      if (--depth < 0 || (!throughLink.empty() && throughLink.back())) return false;
+      if (!throughLink.empty()) throughLink.pop_back();
+      linkFolder.erase(linkFolder.rfind('/'));
+      continue;
+    }
+    ++depth;
+    const bool already = !throughLink.empty() && throughLink.back();
+    linkFolder += "/" + part;
+    struct stat info;
+    throughLink.push_back(already || (lstat(linkFolder.c_str(), &info) == 0 && S_ISLNK(info.st_mode)));
   }
   return true;
 }
@@ -174,8 +183,9 @@ class BundleWriter {
     }
     const std::string text(target.data(), static_cast<size_t>(length));
     // The unpacker refuses a whole archive with a link out of its destination.
-    if (!LinkStaysInside(text, depth)) {
-      *m_error = "the symbolic link " + diskPath + " -> " + text + " leads out of the bundle";
+    if (!LinkStaysInside(text, diskPath.substr(0, diskPath.rfind('/')), depth)) {
+      *m_error = "the symbolic link " + diskPath + " -> " + text +
+                 " leads out of the bundle, or back out of a link it passes through";
       return false;
     }
     archive_entry_set_filetype(entry, AE_IFLNK);
@@ -249,6 +259,19 @@ std::string PageVersionOf(const std::string& bundleVersion) {
   return version;
 }
 
+std::string ExtensionNameRefusal(const std::string& name) {
+  const size_t urlCharacter = name.find_first_of("#?%");
+  if (urlCharacter != std::string::npos) {
+    return "the extension name \"" + name + "\" holds \"" + name[urlCharacter] +
+           "\": the plug-in would fetch another URL than the package's";
+  }
+  if (name.find(".framework") != std::string::npos) {
+    return "the extension name \"" + name + "\" holds \".framework\": the plug-in would look for a " +
+           "framework's Info.plist in the installed bundle and download it on every visit";
+  }
+  return std::string();
+}
+
 bool ReadBundleFacts(const std::string& path, BundleFacts* facts, std::string* error) {
   std::string folder = path;
   while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
@@ -268,6 +291,8 @@ bool ReadBundleFacts(const std::string& path, BundleFacts* facts, std::string* e
     *error = "the extension name \"" + name + "\" is longer than 64 bytes; the plug-in would ignore it";
     return false;
   }
+  *error = ExtensionNameRefusal(name);
+  if (!error->empty()) return false;
   const std::string plistPath = folder + "/Contents/Info.plist";
   std::string plist, bundleVersion;
   if (!ReadWholeFile(plistPath, &plist)) {

@@ -15,8 +15,14 @@ struct BundleFacts {
 // Reads the facts of the bundle folder at `path`. False with a message in `error` when the folder
 // is no bundle the plug-in could install and then recognise as installed: a name not ending in
 // ".bundle" or too long for the plug-in, no readable Contents/Info.plist with a "CFBundleVersion"
-// string, a version no page value can match, or no Contents/MacOS/<name>.
+// string, a version no page value can match, a name ExtensionNameRefusal refuses, or no
+// Contents/MacOS/<name>.
 bool ReadBundleFacts(const std::string& path, BundleFacts* facts, std::string* error);
+
+// Why the plug-in could not install an extension of this name and find it again, or empty: the
+// package's URL is the root, the name and ".bundle.7z", unescaped, so "#", "?" and "%" would
+// change it; and in a path holding ".framework" the plug-in reads a framework's layout.
+std::string ExtensionNameRefusal(const std::string& name);
 
 // Writes the bundle folder as the top folder "<name>.bundle" of a 7z archive (LZMA2 when
 // libarchive offers it) to the open file `fd`, which stays open. Modes and modification times

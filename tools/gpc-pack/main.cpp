@@ -1,12 +1,16 @@
 // gpc-pack: the vendor's packaging tool. `pack` turns an extension bundle folder into a signed
 // package and prints the embed parameters a page needs; `verify` checks a package and its
 // parameters as the plug-in will.
+#include <clocale>
 #include <cstdio>
 #include <exception>
 #include <string>
 
 #include "commands.h"
 #include "pack_options.h"
+
+// gpc-pack traces nowhere: creating the trace file would start anew that of a running browser.
+extern "C" const bool gpc_program_keeps_no_trace_file = true;
 
 namespace {
 
@@ -34,6 +38,9 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // File names are taken as UTF-8, as the plug-in's unpacker writes them, whatever the user's
+  // locale; in the "C" locale libarchive could store no name outside ASCII.
+  if (setlocale(LC_CTYPE, "C.UTF-8") == nullptr) setlocale(LC_CTYPE, "C.utf8");
   try {
     return Run(argc, argv);
   } catch (const std::exception& failure) {

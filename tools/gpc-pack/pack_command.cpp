@@ -165,7 +165,8 @@ int RunPack(const PackOptions& options) {
 
   const EmbedParams params = {
       {"GpcExtName", bundle.name},         {"GpcExtVersion", bundle.version},
-      {"GpcCompressMethod", "7zip"},       {"GpcHashMethod", options.hash},
+      {"GpcUnpackVersion", "1,0"},         {"GpcCompressMethod", "7zip"},
+      {"GpcHashMethod", options.hash},
       {"GpcExtHash", digest},              {"GpcExtSignature", signature},
       {"GpcCertification", CertificationText(identity)},
   };

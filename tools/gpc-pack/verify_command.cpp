@@ -42,6 +42,12 @@ std::string ArchiveRefusal(const std::string& path, const EmbedParams& params) {
                            : "GpcCompressMethod is \"" + method + "\", not \"7zip\"") +
            ": the plug-in would fetch a .bundle.zip";
   }
+  const std::string wanted = ParamValue(params, "GpcExtVersion");
+  if (!wanted.empty() && ParamValue(params, "GpcUnpackVersion").empty()) {
+    return "GpcUnpackVersion is missing: the plug-in would compare no versions and never fetch the package";
+  }
+  const std::string nameRefusal = ExtensionNameRefusal(ExtensionNameOf(params));
+  if (!nameRefusal.empty()) return nameRefusal;
   ArchiveFacts facts;
   std::string error;
   if (!InspectArchive(path, &facts, &error)) return error;
@@ -50,7 +56,6 @@ std::string ArchiveRefusal(const std::string& path, const EmbedParams& params) {
     return "the archive's top folder is \"" + (facts.topFolder.empty() ? std::string("(none)") : facts.topFolder) +
            "\", not \"" + bundle + "\"";
   }
-  const std::string wanted = ParamValue(params, "GpcExtVersion");
   if (wanted.empty()) return std::string();
   std::string required;
   FormalizeVersionString(required, wanted.c_str());

@@ -93,15 +93,13 @@ bool MoveAsideAndRemove(const std::string& path, const std::string& moved) {
   return !EntryExists(path.c_str());
 }
 
-// The hidden name "<parent>/.<name>.<number>" beside `path`; empty when `path` has no parent
-// or no last component.
+// The hidden name "<parent>/.<name>.<number>" beside `path` (given without trailing "/"); empty
+// when `path` has no parent or no last component.
 std::string HiddenNameBeside(const std::string& path, uint32_t number) {
-  std::string trimmed = path;
-  while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.pop_back();
-  std::string::size_type slash = trimmed.rfind('/');
-  if (slash == std::string::npos || slash + 1 >= trimmed.size()) return std::string();
-  std::string parent = slash == 0 ? std::string() : trimmed.substr(0, slash);
-  return parent + "/." + trimmed.substr(slash + 1) + "." + std::to_string(number);
+  std::string::size_type slash = path.rfind('/');
+  if (slash == std::string::npos || slash + 1 >= path.size()) return std::string();
+  std::string parent = slash == 0 ? std::string() : path.substr(0, slash);
+  return parent + "/." + path.substr(slash + 1) + "." + std::to_string(number);
 }
 
 // The part of a file name before its first "-" and after its last ".".

@@ -18,6 +18,10 @@
 #include "common/tlvtrace/tlvtrace_testing.h"
 #include "platform/folders.h"
 
+// A program that links the trace writer without being the plug-in (gpc-pack) defines this, so
+// that running it does not start anew the trace file of a browser that has the plug-in loaded.
+extern "C" __attribute__((weak)) const bool gpc_program_keeps_no_trace_file;
+
 namespace {
 
 // Process-wide state, set at load. The flag and the file are read without the lock: they change
@@ -54,15 +58,17 @@ void TraceFilePath(char* path, size_t size) {
 
 // Opens the trace file at its start, truncated, creating it when missing. Only a plain file that
 // has no other name is taken: a link planted at the name (symbolic or hard) is never written
-// through, nor is a pipe or a device.
+// through, nor is a pipe or a device. Records are appended: when another process's load starts
+// the file anew, this process's next record follows what that one wrote instead of landing at
+// its old offset past a run of zero bytes.
 FILE* OpenTraceFileForWriting(const char* path) {
   const int fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
   if (fd < 0) return nullptr;
   struct stat info;
   FILE* fp = nullptr;
   if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1 && ftruncate(fd, 0) == 0 &&
-      fcntl(fd, F_SETFL, 0) == 0) {
-    fp = fdopen(fd, "wb");
+      fcntl(fd, F_SETFL, O_APPEND) == 0) {
+    fp = fdopen(fd, "ab");
   }
   if (fp == nullptr) close(fd);
   return fp;
@@ -108,12 +114,16 @@ class tlvtra_init_class {
     pthread_mutex_init(&g_tlvtra_mutex, nullptr);
     RememberPid();
     pthread_atfork(nullptr, nullptr, RememberPid);
+    if (&gpc_program_keeps_no_trace_file != nullptr) return;
     g_tlvtra_fp.store(tlvtra_create_tracefile(), std::memory_order_relaxed);
   }
+  // Another thread may be tracing while the module goes: the file is closed under the mutex, and
+  // the mutex stays usable for a writer that comes later and finds no file.
   ~tlvtra_init_class() {
+    pthread_mutex_lock(&g_tlvtra_mutex);
     FILE* fp = g_tlvtra_fp.exchange(nullptr);
-    pthread_mutex_destroy(&g_tlvtra_mutex);
     if (fp != nullptr) fclose(fp);
+    pthread_mutex_unlock(&g_tlvtra_mutex);
   }
   tlvtra_init_class(const tlvtra_init_class&) = delete;
   tlvtra_init_class& operator=(const tlvtra_init_class&) = delete;
