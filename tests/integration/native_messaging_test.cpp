@@ -240,6 +240,7 @@ TEST_F(NativeMessaging, EmbedsDestroyedAtAnyStageLeaveNothingHalfDoneAndTheOther
   EXPECT_EQ(host_->Stages("fast").front(), "started");
   EXPECT_EQ(at, job.end() - 1) << Seen();
   EXPECT_EQ(host_->Stages("slow"), (std::vector<std::string>{"started", "checking", "downloading"}));
+  EXPECT_EQ(Seen().find("tlvtracer ended"), std::string::npos) << "one tlvtracer follows the whole run";
   bool childrenGone = false;
   EXPECT_EQ(host_->CloseAndWait(&childrenGone), 0);
   EXPECT_TRUE(childrenGone);
