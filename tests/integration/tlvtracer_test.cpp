@@ -71,10 +71,12 @@ TEST(Tlvtracer, ListsRecordsByLevelAndStopsAtDamageNamingItsOffset) {
     EXPECT_NE(run.err.find(c.error), std::string::npos) << run.err;
   }
   EXPECT_NE(tvttest::Tlvtracer({bad + ".missing"}).err.find("cannot open"), std::string::npos);
-  // With no file named, GPC_TRACE_FILE names it when it is an absolute path, as for the plug-in.
+  // With no file named, GPC_TRACE_FILE names it when it is an absolute path the plug-in takes.
   const std::string read = " " GPC_BIN_DIR "/tlvtracer --json 2>&1", folder = gpctest::ShellQuote(kFolder.path());
   EXPECT_NE(gpctest::ShellOutput("GPC_TRACE_FILE=" + folder + "/trace.tvt" + read).find("one\\ntwo"), std::string::npos);
   EXPECT_EQ(gpctest::ShellOutput("cd " + folder + " && GPC_TRACE_FILE=trace.tvt" + read).find("one\\ntwo"), std::string::npos);
+  const std::string tooLong = "/" + std::string(254, 'x');  // one byte more than the writer takes
+  EXPECT_EQ(gpctest::ShellOutput("GPC_TRACE_FILE=" + tooLong + read).find(tooLong), std::string::npos);
 }
 
 // The text of the next JSON line from `fd` ("pid text" with `pid`), "<eof>", or "<timeout>" once

@@ -43,9 +43,11 @@ void PrintUsage(FILE* to) {
           kDefaultPath.c_str());
 }
 
+// The file the plug-in writes: GPC_TRACE_FILE when it is an absolute path of at most 254 bytes
+// (the writer's limit), else the default.
 std::string DefaultPath() {
   const char* wanted = getenv("GPC_TRACE_FILE");
-  return wanted != nullptr && wanted[0] == '/' ? wanted : kDefaultPath;
+  return wanted != nullptr && wanted[0] == '/' && strlen(wanted) <= 254 ? wanted : kDefaultPath;
 }
 
 // Returns 0 when the options are good, else the exit code to leave with.
