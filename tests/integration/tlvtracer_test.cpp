@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 
 #include <csignal>
-#include <fstream>
 #include <sstream>
 
 #include "common/tlvtrace/tlvtrace_testing.h"
@@ -79,9 +78,9 @@ TEST(Tlvtracer, ListsRecordsByLevelAndStopsAtDamageNamingItsOffset) {
   EXPECT_EQ(gpctest::ShellOutput("GPC_TRACE_FILE=" + tooLong + read).find(tooLong), std::string::npos);
 }
 
-// The text of the next JSON line from `fd` ("pid text" with `pid`), "<eof>", or "<timeout>" once
+// "pid text" of the next JSON line from `fd`, another line as it is, "<eof>", or "<timeout>" once
 // `seconds` pass.
-std::string ReadText(int fd, std::string* rest, int seconds, bool pid = false) {
+std::string ReadText(int fd, std::string* rest, int seconds) {
   while (rest->find('\n') == std::string::npos) {
     struct pollfd ready = {fd, POLLIN, 0};
     if (poll(&ready, 1, seconds * 1000) <= 0) return "<timeout>";
@@ -94,7 +93,7 @@ std::string ReadText(int fd, std::string* rest, int seconds, bool pid = false) {
   rest->erase(0, line.size() + 1);
   if (line.front() != '{') return line;
   const gpchost::JsonEvent record{line};
-  return pid ? std::to_string(record.Int("pid")) + " " + record.Str("text") : record.Str("text");
+  return std::to_string(record.Int("pid")) + " " + record.Str("text");
 }
 
 // One info record as the plug-in in process `pid` writes it; `header` receives the file header.
@@ -127,11 +126,17 @@ class Following {
       : m_out(popen(("echo $$; exec " GPC_BIN_DIR "/tlvtracer --follow --json " + path).c_str(), "r")),
         m_pid(std::stoi(ReadText(fileno(m_out), &m_rest, 10))) {}
   ~Following() {
-    kill(m_pid, SIGTERM);
-    pclose(m_out);
+    if (m_out != nullptr) Stop();
   }
   // "pid text" of the next record shown, "<eof>" or "<timeout>".
-  std::string Next(int seconds = 10) { return ReadText(fileno(m_out), &m_rest, seconds, true); }
+  std::string Next(int seconds = 10) { return ReadText(fileno(m_out), &m_rest, seconds); }
+  // Sends the stop signal; the exit status.
+  int Stop() {
+    kill(m_pid, SIGTERM);
+    const int status = pclose(m_out);
+    m_out = nullptr;
+    return status;
+  }
 
  private:
   FILE* m_out;
@@ -149,12 +154,8 @@ TEST(Tlvtracer, FollowShowsAFileStartedAnewBetweenTwoPollsOnceFromItsStart) {
       {header + old1 + old2, {"111 old 1", "111 old 2"}},
       {header + old1.substr(0, 30), {"<timeout>"}},  // the first record read only in part
   };
-  Lines wanted;
-  for (const char* text : {"new 1", "new 2", "new 3", "new 4"}) {
-    fresh += Record(222, text);
-    wanted.push_back(std::string("222 ") + text);
-  }
-  wanted.push_back("222 new 5");
+  const Lines wanted = {"222 new 1", "222 new 2", "222 new 3", "222 new 4", "222 new 5"};
+  for (size_t i = 0; i < 4; ++i) fresh += Record(222, wanted[i].substr(4));
   const std::string later = Record(222, "new 5");
   for (const auto& c : cases) {
     gpctest::WriteFile(kPath, c.before);
@@ -200,24 +201,21 @@ TEST(Tlvtracer, FollowGoesOnPastTheHoleAnOlderWriterLeavesAndShowsWhatFillsIt) {
 TEST(Tlvtracer, FollowWaitsForPartialRecordsAndStopsOnSignal) {
   ASSERT_TRUE(tlvtra_reopen_for_testing(kPath.c_str()));
   TLVINFO("before start");
-  const std::string record = gpctest::ReadFile(kPath).substr(48);  // appended again, in two parts
-  FILE* out = popen(("echo $$; exec " GPC_BIN_DIR "/tlvtracer --follow --json " + kPath).c_str(), "r");
-  std::string rest;
-  const pid_t pid = std::stoi(ReadText(fileno(out), &rest, 10));
-  EXPECT_EQ(ReadText(fileno(out), &rest, 10), "before start");
+  const std::string record = gpctest::ReadFile(kPath).substr(48), me = std::to_string(getpid()) + " ";
+  Following follow(kPath);
+  EXPECT_EQ(follow.Next(), me + "before start");
   EXPECT_TRUE(tlvtra_is_debugmode()) << "a running tlvtracer turns debug mode on for plug-ins loaded now";
   TLVWARN("while following");
-  EXPECT_EQ(ReadText(fileno(out), &rest, 10), "while following");
-  std::ofstream append(kPath, std::ios::binary | std::ios::app);
-  append.write(record.data(), 30).flush();
-  EXPECT_EQ(ReadText(fileno(out), &rest, 1), "<timeout>") << "half a record is waited for, not reported";
-  append.write(record.data() + 30, record.size() - 30).flush();
-  EXPECT_EQ(ReadText(fileno(out), &rest, 10), "before start");
+  EXPECT_EQ(follow.Next(), me + "while following");
+  const size_t end = gpctest::ReadFile(kPath).size();  // the record appended again, in two parts
+  WriteAt(kPath, end, record.substr(0, 30));
+  EXPECT_EQ(follow.Next(1), "<timeout>") << "half a record is waited for, not reported";
+  WriteAt(kPath, end + 30, record.substr(30));
+  EXPECT_EQ(follow.Next(), me + "before start");
   ASSERT_TRUE(tlvtra_reopen_for_testing(kPath.c_str()));  // a plug-in loading anew: reading starts over
   TLVERROR("after restart");
-  EXPECT_EQ(ReadText(fileno(out), &rest, 10), "after restart");
-  kill(pid, SIGTERM);
-  const int status = pclose(out);
+  EXPECT_EQ(follow.Next(), me + "after restart");
+  const int status = follow.Stop();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a stop signal ends it cleanly";
 }
 

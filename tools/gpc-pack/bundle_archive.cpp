@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "common/versionfordylib.h"
+#include "lib7zip/link_target.h"
 
 namespace {
 
@@ -95,44 +96,18 @@ bool CheckMatchableVersion(const std::string& bundleVersion, std::string* error)
 
 // ---- Writing -------------------------------------------------------------------------------
 
-// A link target the plug-in's unpacker takes: relative, never climbing above the top folder from
-// the link's folder `linkFolder`, `depth` levels below it, and never stepping back ("..") out of
-// another link it passed through, whose real place is not its name's.
-bool LinkStaysInside(const std::string& target, std::string linkFolder, int depth) {
-  if (target.empty() || target[0] == '/') return false;
-  std::vector<bool> throughLink;  // for each part taken below the link's folder
-  size_t start = 0;
-  while (start <= target.size()) {
-    size_t slash = target.find('/', start);
-    if (slash == std::string::npos) slash = target.size();
-    const std::string part = target.substr(start, slash - start);
-    start = slash + 1;
-    if (part.empty() || part == ".") continue;
-    if (part == "..") {
-      if (--depth < 0 || (!throughLink.empty() && throughLink.back())) return false;
-      if (!throughLink.empty()) throughLink.pop_back();
-      linkFolder.erase(linkFolder.rfind('/'));
-      continue;
-    }
-    ++depth;
-    const bool already = !throughLink.empty() && throughLink.back();
-    linkFolder += "/" + part;
-    struct stat info;
-    throughLink.push_back(already || (lstat(linkFolder.c_str(), &info) == 0 && S_ISLNK(info.st_mode)));
-  }
-  return true;
-}
-
 class BundleWriter {
  public:
   BundleWriter(archive* a, std::string* error) : m_archive(a), m_error(error) {}
 
-  // Adds `diskPath` as `archivePath` and, for a folder, everything below it; `depth` is how far
-  // below the top folder the entry's own folder lies.
-  bool Add(const std::string& diskPath, const std::string& archivePath, int depth) {
+  // Adds `diskPath` as `archivePath` and, for a folder, everything below it; the first call adds
+  // the top folder.
+  bool Add(const std::string& diskPath, const std::string& archivePath) {
     struct stat info;
     // The top folder may be reached through a link; everything inside is taken as it is.
-    if ((depth < 0 ? stat(diskPath.c_str(), &info) : lstat(diskPath.c_str(), &info)) != 0) {
+    const bool top = m_top.empty();
+    if (top) m_top = diskPath;
+    if ((top ? stat(diskPath.c_str(), &info) : lstat(diskPath.c_str(), &info)) != 0) {
       *m_error = ErrnoText("cannot read", diskPath);
       return false;
     }
@@ -142,9 +117,9 @@ class BundleWriter {
     archive_entry_set_mtime(entry.get(), info.st_mtim.tv_sec, info.st_mtim.tv_nsec);
     if (S_ISDIR(info.st_mode)) {
       archive_entry_set_filetype(entry.get(), AE_IFDIR);
-      return WriteHeader(entry.get()) && AddChildren(diskPath, archivePath, depth + 1);
+      return WriteHeader(entry.get()) && AddChildren(diskPath, archivePath);
     }
-    if (S_ISLNK(info.st_mode)) return AddLink(diskPath, entry.get(), depth);
+    if (S_ISLNK(info.st_mode)) return AddLink(diskPath, archivePath, entry.get());
     if (S_ISREG(info.st_mode)) {
       archive_entry_set_filetype(entry.get(), AE_IFREG);
       archive_entry_set_size(entry.get(), info.st_size);
@@ -155,7 +130,7 @@ class BundleWriter {
   }
 
  private:
-  bool AddChildren(const std::string& diskPath, const std::string& archivePath, int depth) {
+  bool AddChildren(const std::string& diskPath, const std::string& archivePath) {
     std::vector<std::string> names;
     DIR* folder = opendir(diskPath.c_str());
     if (folder == nullptr) {
@@ -169,12 +144,12 @@ class BundleWriter {
     // Sorted, so that the same folder gives the same archive.
     std::sort(names.begin(), names.end());
     for (const std::string& name : names) {
-      if (!Add(diskPath + "/" + name, archivePath + "/" + name, depth)) return false;
+      if (!Add(diskPath + "/" + name, archivePath + "/" + name)) return false;
     }
     return true;
   }
 
-  bool AddLink(const std::string& diskPath, archive_entry* entry, int depth) {
+  bool AddLink(const std::string& diskPath, const std::string& archivePath, archive_entry* entry) {
     std::vector<char> target(PATH_MAX + 1);
     const ssize_t length = readlink(diskPath.c_str(), target.data(), PATH_MAX);
     if (length < 0) {
@@ -182,8 +157,20 @@ class BundleWriter {
       return false;
     }
     const std::string text(target.data(), static_cast<size_t>(length));
-    // The unpacker refuses a whole archive with a link out of its destination.
-    if (!LinkStaysInside(text, diskPath.substr(0, diskPath.rfind('/')), depth)) {
+    // The unpacker refuses a whole archive with a link it would not follow; here the link may not
+    // even leave the bundle. Links in the bundle are judged as the unpacker judges those it brings.
+    std::vector<std::string> folder;  // the link's folder, below the top folder
+    for (size_t at = archivePath.find('/'); at != archivePath.rfind('/');) {
+      const size_t next = archivePath.find('/', at + 1);
+      folder.push_back(archivePath.substr(at + 1, next - at - 1));
+      at = next;
+    }
+    const auto linkAt = [this](const std::string& path) {
+      struct stat info;
+      const bool link = lstat((m_top + "/" + path).c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+      return link ? gpc7z::LinkAt::kChecked : gpc7z::LinkAt::kNone;
+    };
+    if (!gpc7z::LinkTargetStaysInside(folder, text, linkAt)) {
       *m_error = "the symbolic link " + diskPath + " -> " + text +
                  " leads out of the bundle, or back out of a link it passes through";
       return false;
@@ -234,6 +221,7 @@ class BundleWriter {
 
   archive* m_archive;
   std::string* m_error;
+  std::string m_top;  // the bundle folder on disk
 };
 
 // ---- Reading -------------------------------------------------------------------------------
@@ -333,7 +321,7 @@ bool WriteBundleArchive(const BundleFacts& bundle, int fd, std::string* error) {
     return false;
   }
   BundleWriter writer(a.get(), error);
-  if (!writer.Add(bundle.folder, bundle.name + kBundleSuffix, -1)) return false;
+  if (!writer.Add(bundle.folder, bundle.name + kBundleSuffix)) return false;
   // The 7z header is written on close: only then is the archive whole.
   if (archive_write_close(a.get()) != ARCHIVE_OK) {
     *error = "cannot finish the archive: " + ArchiveErrorText(a.get());

@@ -24,6 +24,7 @@
 // second pass counts the bytes it really writes and stops at the same limit, leaving behind
 // what it had written so far.
 #include "lib7zip/lib7zip.h"
+#include "lib7zip/link_target.h"
 
 #include "platform/folders.h"
 
@@ -232,7 +233,6 @@ int32_t ReadPlan(const char* archivePath, const Limits& limits, std::vector<Entr
 // replace whatever lies there) and those already on disk.
 class LinkIndex {
  public:
-  enum class Link { kNone, kFromArchive, kOnDisk };
 
   LinkIndex(const std::vector<Entry>& plan, std::string destination)
       : m_destination(std::move(destination)) {
@@ -241,8 +241,9 @@ class LinkIndex {
     }
   }
 
-  Link Find(const std::string& name) {
-    if (m_archiveLinks.count(name) != 0) return Link::kFromArchive;
+  // A link the archive brings is checked with the others; one already on disk is not.
+  gpc7z::LinkAt Find(const std::string& name) {
+    if (m_archiveLinks.count(name) != 0) return gpc7z::LinkAt::kChecked;
     auto known = m_diskLinks.find(name);
     if (known == m_diskLinks.end()) {
       struct stat info;
@@ -250,10 +251,10 @@ class LinkIndex {
       const bool link = lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
       known = m_diskLinks.emplace(name, link).first;
     }
-    return known->second ? Link::kOnDisk : Link::kNone;
+    return known->second ? gpc7z::LinkAt::kUnchecked : gpc7z::LinkAt::kNone;
   }
 
-  bool IsLink(const std::string& name) { return Find(name) != Link::kNone; }
+  bool IsLink(const std::string& name) { return Find(name) != gpc7z::LinkAt::kNone; }
 
  private:
   std::string m_destination;
@@ -274,32 +275,10 @@ bool LiesBelowLink(const std::string& name, LinkIndex* links) {
 // True when the target of the link `name`, followed part by part from the link's folder, stays
 // below the destination without stepping back out of a link or through a link already on disk.
 bool SymlinkStaysInside(const std::string& name, const std::string& target, LinkIndex* links) {
-  if (target[0] == '/') return false;
-  Parts place;
-  SplitSafeName(name, &place);
-  place.pop_back();
-  std::vector<bool> throughLink(place.size(), false);  // LiesBelowLink already ruled these out
-  size_t start = 0;
-  while (start <= target.size()) {
-    size_t slash = target.find('/', start);
-    if (slash == std::string::npos) slash = target.size();
-    const std::string part = target.substr(start, slash - start);
-    start = slash + 1;
-    if (part.empty() || part == ".") continue;
-    if (part == "..") {
-      if (place.empty() || throughLink.back()) return false;
-      place.pop_back();
-      throughLink.pop_back();
-      continue;
-    }
-    const bool alreadyThroughLink = !throughLink.empty() && throughLink.back();
-    place.push_back(part);
-    LinkIndex::Link link = LinkIndex::Link::kNone;
-    if (!alreadyThroughLink) link = links->Find(JoinParts(place, place.size()));
-    if (link == LinkIndex::Link::kOnDisk) return false;
-    throughLink.push_back(alreadyThroughLink || link == LinkIndex::Link::kFromArchive);
-  }
-  return true;
+  Parts folder;
+  SplitSafeName(name, &folder);
+  folder.pop_back();
+  return gpc7z::LinkTargetStaysInside(folder, target, [links](const std::string& path) { return links->Find(path); });
 }
 
 // Checks of the entries against each other and against what already lies in the destination.
