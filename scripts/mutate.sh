@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Plants faults in the code one at a time and tells which of them the tests miss.
 #
-#   scripts/mutate.sh [--tree DIR] [--build DIR] [--tests REGEX] MUTANTS
+#   scripts/mutate.sh [--tree DIR] [--build DIR] [--tests REGEX] [--kills FILE] MUTANTS
 #
 # MUTANTS holds one fault per line: a path relative to the tree, a tab, a Perl substitution
 # applied to the whole file at once (s/old/new/ changes the first match in the file), and
@@ -16,16 +16,17 @@
 # (the regex selects no test) or "bad substitution". Exit status: missed faults (at most 100).
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-tree="" build="" tests=""
+tree="" build="" tests="" kills=""
 while [ $# -gt 1 ]; do
   case "$1" in
     --tree) tree=$2; shift 2 ;;
     --build) build=$2; shift 2 ;;
     --tests) tests=$2; shift 2 ;;
+    --kills) kills=$(cd "$(dirname "$2")" && pwd)/$(basename "$2"); shift 2 ;;
     *) break ;;
   esac
 done
-[ $# -eq 1 ] && [ -f "$1" ] || { sed -n '2,16s/^# \{0,1\}//p' "$0" >&2; exit 2; }
+[ $# -eq 1 ] && [ -f "$1" ] || { sed -n '2,19s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 mutants=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 if [ -z "$tree" ]; then
   tree=$(dirname "$root")/gpc-mutate
@@ -123,6 +124,26 @@ cmake --build "$build" -j2 >"$build/mutate-build.log" 2>&1 || { echo "the unchan
 run_ctest "$build" -j2 "${select[@]}" >"$build/mutate-test.log" 2>&1 ||
   { echo "the tests fail on the unchanged tree: $build/mutate-test.log" >&2; exit 2; }
 
+# The failed cases of the last run, from the reports GoogleTest writes into $build/mutate-xml.
+failed_cases() {
+  local program
+  for program in $(sed -nE 's/^[[:space:]]*[0-9]+ - ([^ ]+) .*/\1/p' "$build/mutate-test.log"); do
+    if [ -f "$build/mutate-xml/$program.xml" ]; then
+      python3 - "$build/mutate-xml/$program.xml" "$program" <<'PY'
+import re, sys, xml.etree.ElementTree as tree
+# A failure message may quote control characters, which XML does not allow.
+text = re.sub(r"[\x00-\x08\x0b\x0c\x0e-\x1f]", "", open(sys.argv[1], errors="replace").read())
+for case in tree.fromstring(text).iter("testcase"):
+    if case.find("failure") is not None or case.find("error") is not None:
+        print(f"{sys.argv[2]}.{case.get('classname')}.{case.get('name')}")
+PY
+    else
+      echo "$program.*"
+    fi
+  done | tr '\n' ' '
+}
+
+[ -n "$kills" ] && : >"$kills"
 missed=0 number=0
 while IFS=$'\t' read -r -u 3 file substitution only || [ -n "$file" ]; do
   case "$file" in '' | '#'*) continue ;; esac
@@ -143,12 +164,14 @@ while IFS=$'\t' read -r -u 3 file substitution only || [ -n "$file" ]; do
       verdict="not applied"
     elif ! build_for "${regex:-$tests}" >"$build/mutate-build.log" 2>&1; then
       verdict="no build"
-    elif if [ -n "$regex" ]; then run_ctest "$build" -j2 -R "$regex" --timeout 300; else run_ctest "$build" -j2 "${select[@]}" --timeout 300; fi \
+    elif rm -rf "$build/mutate-xml" && export GTEST_OUTPUT="xml:$build/mutate-xml/" &&
+      if [ -n "$regex" ]; then run_ctest "$build" -j2 -R "$regex" --timeout 300; else run_ctest "$build" -j2 "${select[@]}" --timeout 300; fi \
         >"$build/mutate-test.log" 2>&1; then
       verdict="MISSED"
       missed=$((missed + 1))
     else
       verdict="caught ($(grep -oE '[0-9]+ tests failed' "$build/mutate-test.log" | head -n 1))"
+      [ -n "$kills" ] && printf '%d\t%s\n' "$number" "$(failed_cases)" >>"$kills"
     fi
     restore
   fi

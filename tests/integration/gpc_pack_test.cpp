@@ -272,3 +272,46 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
 }
 
 }  // namespace
+
+// A hardened gpc-pack trusts only the anchors a plug-in bundle ships, as the hardened plug-in does:
+// it refuses to start without such a bundle, refuses a signer whose root is not among them, and
+// packs and verifies once it is.
+TEST(GpcPack, AHardenedBuildTrustsTheAnchorsOfThePluginBundleItIsGiven) {
+  const Packed& p = Shared();
+  const std::string plugin = p.folder.path() + "/hardened.plugin", anchors = plugin + "/Contents/Resources/Anchors";
+  ASSERT_EQ(Sh("mkdir -p " + ShellQuote(anchors) + " " + ShellQuote(plugin + "-bare") + " " +
+               ShellQuote(p.folder.path() + "/hardened") + " && openssl x509 -in " +
+               ShellQuote(p.signer.Path("lone.pem")) + " -outform DER -out " + ShellQuote(anchors + "/lone.der") +
+               " && echo ok"),
+            "ok\n");
+  auto pack = [&](const std::vector<std::string>& plugin) {
+    std::vector<std::string> args = {GPC_BIN_DIR "/gpc-pack-hardened", "pack", "--key", p.signer.Path("vendor.key"),
+                                     "--cert", p.signer.Path("vendor.pem"), "--chain", p.signer.Path("root.pem"),
+                                     "--format", "json", "--force", "--out", p.folder.path() + "/hardened"};
+    args.insert(args.end(), plugin.begin(), plugin.end());
+    args.push_back(kSampleBundle);
+    return gpctest::RunTool(args);
+  };
+  const struct {
+    std::vector<std::string> plugin;
+    std::string refusal;
+  } refused[] = {{{}, "name the bundle with --plugin"},
+                 {{"--plugin", plugin + "-bare"}, "/Contents/Resources/Anchors is no folder"},
+                 {{"--plugin", plugin}, "chains to none of the anchors in " + anchors}};
+  for (const auto& c : refused) {
+    const ToolRun run = pack(c.plugin);
+    EXPECT_EQ(run.exitCode, 1) << c.refusal;
+    EXPECT_NE(run.err.find(c.refusal), std::string::npos) << run.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(p.folder.path() + "/hardened/zrgpcext64.bundle.7z"));
+  ASSERT_EQ(Sh("openssl x509 -in " + ShellQuote(p.signer.Path("root.pem")) + " -outform DER -out " +
+               ShellQuote(anchors + "/root.der") + " && echo ok"),
+            "ok\n");
+  const ToolRun packed = pack({"--plugin=" + plugin});
+  ASSERT_EQ(packed.exitCode, 0) << packed.err;
+  const std::string params = p.folder.path() + "/hardened/params.json";
+  ASSERT_TRUE(gpctest::WriteFile(params, packed.out));
+  const std::string verify = GPC_BIN_DIR "/gpc-pack-hardened", package = p.folder.path() + "/hardened/zrgpcext64.bundle.7z";
+  EXPECT_EQ(gpctest::RunTool({verify, "verify", "--package", package, "--params", params, "--plugin", plugin}).out, "ok\n");
+  EXPECT_EQ(gpctest::RunTool({verify, "verify", "--package", package, "--params", params}).exitCode, 1);
+}

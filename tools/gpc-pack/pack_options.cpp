@@ -4,8 +4,8 @@
 
 const char kPackHelp[] =
     "usage: gpc-pack pack --key KEY.pem --cert SIGNER.pem [--chain CA.pem]... [--hash sha1|sha256]\n"
-    "                     [--out DIR] [--format json|html|both] [--force] BUNDLE_DIR\n"
-    "       gpc-pack verify --package FILE (--params JSON_FILE | --param NAME=VALUE...)\n"
+    "                     [--out DIR] [--format json|html|both] [--force] [--plugin DIR] BUNDLE_DIR\n"
+    "       gpc-pack verify --package FILE (--params JSON_FILE | --param NAME=VALUE...) [--plugin DIR]\n"
     "\n"
     "pack    writes DIR/<name>.bundle.7z from the folder <name>.bundle, signs its digest and prints\n"
     "        the embed parameters a page needs (an HTML <embed> element and/or one JSON object).\n"
@@ -21,6 +21,10 @@ const char kPackHelp[] =
     "  --package FILE     the package\n"
     "  --params FILE      the parameters as one JSON object (what pack --format json prints)\n"
     "  --param NAME=VALUE one parameter (repeatable; wins over the same name in --params)\n"
+    "both    --plugin DIR   the plug-in bundle (talvo-gpc64.plugin) whose Contents/Resources/Anchors\n"
+    "                       a hardened build trusts; a hardened gpc-pack needs it unless it lies\n"
+    "                       in that bundle; the default build trusts the system's anchors and the\n"
+    "                       chain, and ignores it\n"
     "\n"
     "Exit codes: 0 done or accepted, 1 failure or refusal, 2 bad command line.\n";
 
@@ -48,6 +52,8 @@ bool TakeValue(const std::string& name, const std::string& value, PackOptions* o
   } else if (pack && name == "--format") {
     if (value != "json" && value != "html" && value != "both") return Fail(error, "--format must be json, html or both");
     options->format = value;
+  } else if (name == "--plugin") {
+    options->plugin = value;
   } else if (!pack && name == "--package") {
     options->package = value;
   } else if (!pack && name == "--params") {

@@ -16,6 +16,8 @@ struct PackOptions {
   std::string out = ".";
   std::string format = "both";  // json, html or both
   bool force = false;
+  // both: the plug-in bundle whose anchors a hardened build trusts
+  std::string plugin;
   // verify
   std::string package, paramsFile;
   std::vector<std::pair<std::string, std::string>> params;  // from --param, in order

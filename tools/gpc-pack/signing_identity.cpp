@@ -13,7 +13,9 @@
 #include <cstring>
 #include <memory>
 
+#include "common/hardening.h"
 #include "common/packagecheck.h"
+#include "platform/bundle.h"
 
 namespace {
 
@@ -142,10 +144,10 @@ bool LoadSigningIdentity(const std::string& keyPath, const std::string& certPath
     return false;
   }
   if (!CheckCommonName(*signers[0], certPath, error)) return false;
-  // The plug-in takes the page's CA certificates as anchors besides the system's.
-  if (!TrustCertification(signers[0], chain)) {
-    *error = "the certificate " + certPath +
-             " is not trusted: it chains neither to a system anchor nor to a certificate given with --chain";
+  if (!IsTrustedSigner(signers[0], chain)) {
+    *error = "the certificate " + certPath + " is not trusted: it chains " +
+             (gpc::GpcHardened() ? "to none of the anchors in " + platform::PluginBundlePath() + "/Contents/Resources/Anchors"
+                                 : std::string("neither to a system anchor nor to a certificate given with --chain"));
     return false;
   }
   identity->keyPath = keyPath;

@@ -42,12 +42,6 @@ GpcCertificateList ShippedAnchors() {
   return anchors;
 }
 
-bool Trusted(const GpcCertificateRef& leaf, const GpcCertificateList& intermediates) {
-  if (gpc::GpcHardened()) return ChainIsTrustedBy(leaf, intermediates, ShippedAnchors());
-  // The page's certificates become anchors, and expiry is forgiven.
-  return TrustCertification(leaf, intermediates) != nullptr;
-}
-
 // The chain's leaf (its last piece) and the intermediates before it that decode.
 GpcCertificateRef DecodeChain(const std::string& certification, GpcCertificateList* intermediates) {
   std::vector<std::string> pieces;
@@ -67,7 +61,7 @@ GpcPackageCheck CheckCertificateAndSignature(const GpcPackageParameters& page, c
   GpcCertificateList intermediates;
   GpcCertificateRef leaf = DecodeChain(page.certification, &intermediates);
   if (!leaf) return GpcPackageCheck::kLeafUnreadable;
-  if (!Trusted(leaf, intermediates)) return GpcPackageCheck::kUntrusted;
+  if (!IsTrustedSigner(leaf, intermediates)) return GpcPackageCheck::kUntrusted;
   const std::string commonName = CommonNameOfCert(leaf.get());
   if (commonName.empty()) return GpcPackageCheck::kNoCommonName;
   if (!IsVendorCommonName(commonName)) return GpcPackageCheck::kForeignCommonName;
@@ -80,6 +74,12 @@ GpcPackageCheck CheckCertificateAndSignature(const GpcPackageParameters& page, c
 }
 
 }  // namespace
+
+bool IsTrustedSigner(const GpcCertificateRef& leaf, const GpcCertificateList& intermediates) {
+  if (gpc::GpcHardened()) return ChainIsTrustedBy(leaf, intermediates, ShippedAnchors());
+  // The page's certificates become anchors, and expiry is forgiven.
+  return TrustCertification(leaf, intermediates) != nullptr;
+}
 
 GpcPackageParameters ReadPackageParameters(const std::function<const char*(const char* name)>& lookup) {
   auto text = [&lookup](const char* name) {

@@ -8,6 +8,8 @@
 #include <functional>
 #include <string>
 
+#include "common/CertificateUtil.h"
+
 // What the page says of the package; an absent parameter is the empty string.
 struct GpcPackageParameters {
   std::string hash;           // "GpcExtHash"
@@ -52,6 +54,11 @@ constexpr const char* kGpcVendorOrganisationSuffix = "Vantrel Talvo LLC";
 // Whether a signer's common name is the vendor's: it ends with either of the two above (the
 // hardened build wants whole labels of the domain, or exactly the organisation).
 bool IsVendorCommonName(const std::string& name);
+
+// Whether the plug-in trusts the signer `leaf` with the page's `intermediates`: the system's anchors
+// and the page's certificates, expiry forgiven; in the hardened build only the DER certificates
+// the plug-in bundle ships in Contents/Resources/Anchors, each valid now.
+bool IsTrustedSigner(const GpcCertificateRef& leaf, const GpcCertificateList& intermediates);
 
 // Checks the file at `path` (null: the download failed) against `page`. `systemVersion` is the
 // operating-system version the "sha256" rule depends on.
