@@ -136,13 +136,16 @@ TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
   ASSERT_TRUE(p.saved) << p.run.err;
   const std::string foreign = p.signer.Sign(p.Param("GpcExtHash"), "foreign"),
                     tampered = p.folder.path() + "/tampered.bundle.7z",
-                    noExecutable = p.folder.path() + "/noexe.7z", topFile = p.folder.path() + "/topfile.7z";
+                    noExecutable = p.folder.path() + "/noexe.7z", topFile = p.folder.path() + "/topfile.7z",
+                    escape = p.folder.path() + "/escape.7z";
   std::string bytes = gpctest::ReadFile(p.package);
   bytes[bytes.size() / 2] ^= 0x01;
   ASSERT_TRUE(gpctest::WriteFile(tampered, bytes));
   ASSERT_EQ(Sh("cd " + ShellQuote(kSampleBundle + "/..") + " && 7z a -mx=1 " + ShellQuote(noExecutable) +
                " zrgpcext64.bundle '-xr!zrgpcext64' >/dev/null && cd " + ShellQuote(p.folder.path()) +
-               " && echo x > zrgpcext64.bundle && 7z a topfile.7z zrgpcext64.bundle >/dev/null && echo ok"),
+               " && echo x > zrgpcext64.bundle && 7z a topfile.7z zrgpcext64.bundle >/dev/null && mkdir escape &&"
+               " cp -a " + ShellQuote(kSampleBundle) + " escape && ln -s ../../../../outside escape/zrgpcext64.bundle/Contents/out"
+               " && cd escape && 7z a -snl ../escape.7z zrgpcext64.bundle >/dev/null && echo ok"),
             "ok\n");
   const std::tuple<std::string, PageParams, std::string> cases[] = {  // package, parameters changed, verdict
       {tampered, {}, "digest mismatch (message 111)\n"},
@@ -160,6 +163,9 @@ TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
       {noExecutable, p.signer.PackageParameters(noExecutable),
        "the archive has no zrgpcext64.bundle/Contents/MacOS/zrgpcext64: the plug-in would not see the "
        "version it installed\n"},
+      {escape, p.signer.PackageParameters(escape),  // made by another tool
+       "the plug-in's unpacker refuses the archive: an entry would land or point outside the folder it is "
+       "unpacked in (lib7zip code 3)\n"},
       {topFile, p.signer.PackageParameters(topFile),  // a file, no folder
        "the archive's top folder is \"(none)\", not \"zrgpcext64.bundle\"\n"},
       {p.package, {{"GpcUnpackVersion", ""}},
@@ -168,11 +174,14 @@ TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
        "the extension name \"a#b\" holds \"#\": the plug-in would fetch another URL than the package's\n"},
       {p.package, {{"GpcExtVersion", ""}}, "ok\n"},  // no version to match
   };
+  const gpctest::TempFolder tmp("gpcpacktmp");  // where verify unpacks, and leaves nothing
+  ScopedEnv tmpdir("TMPDIR", tmp.path());
   for (const auto& [package, overrides, verdict] : cases) {
     const ToolRun run = Verify(package, overrides);
     EXPECT_EQ(run.exitCode, verdict == "ok\n" ? 0 : 1) << verdict << run.err;
     EXPECT_EQ(run.out, verdict);
   }
+  EXPECT_TRUE(std::filesystem::is_empty(tmp.path()));
   ScopedEnv oldSystem("GPC_SYSTEM_VERSION", "1050");
   EXPECT_EQ(Verify(p.package, {}).out, "ok: accepted unchecked (sha256 on an old system)\n");
 }

@@ -5,14 +5,18 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 
 #include "bundle_archive.h"
 #include "commands.h"
-#include "platform/system_version.h"
+#include "common/gpcutil.h"
 #include "common/versionfordylib.h"
+#include "lib7zip/lib7zip.h"
+#include "platform/folders.h"
+#include "platform/system_version.h"
 
 namespace {
 
@@ -31,6 +35,28 @@ GpcPackageParameters PageOf(const EmbedParams& params) {
 std::string ExtensionNameOf(const EmbedParams& params) {
   const std::string name = ParamValue(params, "GpcExtName");
   return name.empty() || name.size() > kLongestExtensionName ? kDefaultExtensionName : name;
+}
+
+const char* UnpackFailureText(int32_t code) {
+  switch (code) {
+    case kGpc7zCannotReadArchive: return "it is unreadable, truncated, encrypted or no 7z archive";
+    case kGpc7zUnsafeEntry: return "an entry would land or point outside the folder it is unpacked in";
+    case kGpc7zWriteFailed: return "a folder or file could not be written";
+    case kGpc7zLimitExceeded: return "it holds too many entries or bytes";
+    default: return "it ran out of memory";
+  }
+}
+
+// What the plug-in's own unpacker says of the archive, unpacking it into a private temporary
+// folder: empty when it unpacks.
+std::string UnpackRefusal(const std::string& path) {
+  std::string folder = platform::TempDir() + "gpc-pack-XXXXXX";
+  if (mkdtemp(&folder[0]) == nullptr) return "cannot make a folder to unpack in: " + std::string(strerror(errno));
+  const int32_t code = GpcDecompressFile7z(path.c_str(), (folder + "/unpacked").c_str());
+  RemoveFile(folder);
+  if (code == kGpc7zSuccess) return std::string();
+  return std::string("the plug-in's unpacker refuses the archive: ") + UnpackFailureText(code) + " (lib7zip code " +
+         std::to_string(code) + ")";
 }
 
 // What keeps a package that passed CheckPackage from being installed and recognised; empty when
@@ -56,6 +82,8 @@ std::string ArchiveRefusal(const std::string& path, const EmbedParams& params) {
     return "the archive's top folder is \"" + (facts.topFolder.empty() ? std::string("(none)") : facts.topFolder) +
            "\", not \"" + bundle + "\"";
   }
+  const std::string unpackRefusal = UnpackRefusal(path);
+  if (!unpackRefusal.empty()) return unpackRefusal;
   if (wanted.empty()) return std::string();
   std::string required;
   FormalizeVersionString(required, wanted.c_str());
