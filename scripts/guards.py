@@ -6,7 +6,8 @@
 Prints every test case of the unit and integration programs in BUILD_DIR with the number of faults
 it catches and how many of those no other case catches, the cases that catch none, and a small set
 of cases that together catch every caught fault (chosen greedily). A fault is tried only against
-the programs its line in the mutants file names, so a case is credited only for those faults."""
+the programs its line in the mutants file names, so a case is credited only for those faults. A
+program that failed without naming a case ("program.*") is listed apart and left out of the set."""
 import json
 import subprocess
 import sys
@@ -49,13 +50,17 @@ def main():
         print(f"{len(mine):4d} {only:4d}  {case}")
     crashed = sorted(name for name in catches if name.endswith(".*"))
     if crashed:
-        print("programs that stopped without a report:", " ".join(crashed))
-    left, cover = set(kills), []
+        print("programs that failed without naming a case:", " ".join(crashed))
+    named = sorted(name for name in catches if not name.endswith(".*"))
+    left = {n for n, names in kills.items() if any(not name.endswith(".*") for name in names)}
+    unnamed = sorted(set(kills) - left)
+    cover = []
     while left:
-        best = max(catches, key=lambda c: len(catches[c] & left))
+        best = min(named, key=lambda c: (-len(catches[c] & left), c))  # ties: the first by name
         cover.append(best)
         left -= catches[best]
-    print(f"{len(cover)} cases catch every caught fault:")
+    print(f"{len(cover)} cases catch every fault that a named case catches"
+          f"{f'; faults caught only by a whole program: {unnamed}' if unnamed else ''}:")
     for case in cover:
         print("  ", case)
 

@@ -22,7 +22,7 @@ while [ $# -gt 1 ]; do
     --tree) tree=$2; shift 2 ;;
     --build) build=$2; shift 2 ;;
     --tests) tests=$2; shift 2 ;;
-    --kills) kills=$(cd "$(dirname "$2")" && pwd)/$(basename "$2"); shift 2 ;;
+    --kills) kills=$(realpath -m "$2"); shift 2 ;;
     *) break ;;
   esac
 done
@@ -128,18 +128,18 @@ run_ctest "$build" -j2 "${select[@]}" >"$build/mutate-test.log" 2>&1 ||
 failed_cases() {
   local program
   for program in $(sed -nE 's/^[[:space:]]*[0-9]+ - ([^ ]+) .*/\1/p' "$build/mutate-test.log"); do
-    if [ -f "$build/mutate-xml/$program.xml" ]; then
-      python3 - "$build/mutate-xml/$program.xml" "$program" <<'PY'
-import re, sys, xml.etree.ElementTree as tree
-# A failure message may quote control characters, which XML does not allow.
-text = re.sub(r"[\x00-\x08\x0b\x0c\x0e-\x1f]", "", open(sys.argv[1], errors="replace").read())
-for case in tree.fromstring(text).iter("testcase"):
-    if case.find("failure") is not None or case.find("error") is not None:
-        print(f"{sys.argv[2]}.{case.get('classname')}.{case.get('name')}")
+    # A program that failed without a failed case in its report (none written, or a crash after
+    # it was) counts as a whole.
+    python3 - "$build/mutate-xml/$program.xml" "$program" <<'PY'
+import os, re, sys, xml.etree.ElementTree as tree
+failed = []
+if os.path.exists(sys.argv[1]):
+    # A failure message may quote control characters, which XML does not allow.
+    text = re.sub(r"[\x00-\x08\x0b\x0c\x0e-\x1f]", "", open(sys.argv[1], errors="replace").read())
+    failed = [f"{sys.argv[2]}.{case.get('classname')}.{case.get('name')}" for case in tree.fromstring(text).iter("testcase")
+              if case.find("failure") is not None or case.find("error") is not None]
+print("\n".join(failed or [sys.argv[2] + ".*"]))
 PY
-    else
-      echo "$program.*"
-    fi
   done | tr '\n' ' '
 }
 

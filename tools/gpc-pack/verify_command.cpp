@@ -1,7 +1,11 @@
 // `gpc-pack verify` and the judgement of a package that `pack` also makes on what it wrote.
 #include <fcntl.h>
+#include <ftw.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <cerrno>
 #include <cstdio>
@@ -41,20 +45,39 @@ const char* UnpackFailureText(int32_t code) {
   switch (code) {
     case kGpc7zCannotReadArchive: return "it is unreadable, truncated, encrypted or no 7z archive";
     case kGpc7zUnsafeEntry: return "an entry would land or point outside the folder it is unpacked in";
-    case kGpc7zWriteFailed: return "a folder or file could not be written";
     case kGpc7zLimitExceeded: return "it holds too many entries or bytes";
     default: return "it ran out of memory";
   }
 }
 
+// The unpacker restores the bundle's folder modes; a read-only one would keep its contents from
+// being removed by anyone but root.
+int OpenFolderForRemoval(const char* path, const struct stat* info, int type, FTW*) {
+  if (type == FTW_D || type == FTW_DNR) chmod(path, (info->st_mode & 07777) | S_IRWXU);
+  return 0;
+}
+
 // What the plug-in's own unpacker says of the archive, unpacking it into a private temporary
-// folder: empty when it unpacks.
+// folder: empty when it unpacks. A stop asked for meanwhile waits until the folder is gone.
 std::string UnpackRefusal(const std::string& path) {
-  std::string folder = platform::TempDir() + "gpc-pack-XXXXXX";
-  if (mkdtemp(&folder[0]) == nullptr) return "cannot make a folder to unpack in: " + std::string(strerror(errno));
-  const int32_t code = GpcDecompressFile7z(path.c_str(), (folder + "/unpacked").c_str());
-  RemoveFile(folder);
+  sigset_t stops, before;
+  sigemptyset(&stops);
+  for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stops, number);
+  sigprocmask(SIG_BLOCK, &stops, &before);
+  const std::string temp = platform::TempDir();
+  std::string folder = temp + "gpc-pack-XXXXXX";
+  int32_t code = kGpc7zWriteFailed;
+  if (!temp.empty() && mkdtemp(&folder[0]) != nullptr) {
+    code = GpcDecompressFile7z(path.c_str(), (folder + "/unpacked").c_str());
+    nftw(folder.c_str(), OpenFolderForRemoval, 16, FTW_PHYS);
+    RemoveFile(folder);
+  }
+  sigprocmask(SIG_SETMASK, &before, nullptr);
   if (code == kGpc7zSuccess) return std::string();
+  if (code == kGpc7zWriteFailed) {  // this machine's limit, not the plug-in's verdict
+    return "cannot check the archive: unpacking it into " + (temp.empty() ? std::string("$TMPDIR") : temp) +
+           " failed (is there room?)";
+  }
   return std::string("the plug-in's unpacker refuses the archive: ") + UnpackFailureText(code) + " (lib7zip code " +
          std::to_string(code) + ")";
 }
