@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/hardening.h"
 #include "fake_browser.h"
 #include "plugin/plugin/npgpcimp.h"
 
@@ -32,6 +33,7 @@ gpctest::EmbedArgs GoodPage() {
 class NpwrapTest : public ::testing::Test {
  protected:
   void TearDown() override {
+    gpc::SetHardenedForTesting(-1);
     NPP_Destroy(&npp, nullptr);
     EXPECT_EQ(Browser().liveAllocations, 0);
   }
@@ -109,24 +111,29 @@ TEST_F(NpwrapTest, HostPageIsJudgedByTheSiteLock) {
     bool goodPage;
     const char* siteLock;
     const char* hostPage;
-    bool halted;
-  } cases[] = {{false, nullptr, "https://www.talvo.us", false},  // the whole URL, to its last byte
-               {true, "0", "https://evil.example/talvo.us", false},
-               {true, nullptr, "https://evil.example/talvo.us", true},
-               {true, nullptr, "https://eviltalvo.us/meeting", true}};
+    bool halted, hardenedHalted;
+  } cases[] = {{false, nullptr, "https://www.talvo.us", false, false},  // the whole URL, to its last byte
+               {true, "0", "https://evil.example/talvo.us", false, true},
+               {true, nullptr, "https://evil.example/talvo.us", true, true},
+               {true, nullptr, "https://eviltalvo.us/meeting", true, true}};
+  for (const bool hardened : {false, true})
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.hostPage);
+    SCOPED_TRACE(std::string(c.hostPage) + (hardened ? " hardened" : ""));
+    gpc::SetHardenedForTesting(hardened);
     gpctest::EmbedArgs page = c.goodPage ? GoodPage() : gpctest::EmbedArgs{{"NoVersion", "x"}};
     if (c.siteLock) page.Add("gpcsitelock", c.siteLock);
     ASSERT_EQ(Create(page), NPERR_NO_ERROR);
-    Window()->m_bHalted = 1;
+    // A refusal leaves the default build's halt as it was: a page it halts for another reason
+    // shows error 111. The hardened build halts a refused page that was going to run.
+    Window()->m_bHalted = hardened ? 0 : 1;
+    const bool halted = hardened ? c.hardenedHalted : c.halted;
     NPStream stream{};
     stream.notifyData = kHostSite;
     NPP_Write(&npp, &stream, 0, static_cast<int32_t>(strlen(c.hostPage)), const_cast<char*>(c.hostPage));
-    EXPECT_EQ(Window()->m_bHalted, c.halted ? 1 : 0);
+    EXPECT_EQ(Window()->m_bHalted, halted ? 1 : 0);
     const std::vector<std::string> asked = gpctest::RunNavigations(*Window());
-    ASSERT_EQ(asked.size(), c.halted ? 2u : 0u);
-    if (c.halted) {
+    ASSERT_EQ(asked.size(), halted ? 2u : 0u);
+    if (halted) {
       EXPECT_NE(asked[0].find("ErrorCode=111"), std::string::npos);
       EXPECT_EQ(asked[1].rfind("_top https://e.example/err?ErrorType=1&ErrorMsg=", 0), 0u);
       EXPECT_NE(asked[1].find("Error%20%5B111%5D"), std::string::npos);

@@ -219,6 +219,28 @@ TEST_F(StreamProviderTest, CallbacksMayUnregisterOrRequestAgain) {
   EXPECT_EQ(provider->OnNppDestroyStream(&stream, NPRES_DONE), NPERR_NO_ERROR);
   EXPECT_EQ(a.heard.back(), "destroy https://h/a 0");
   EXPECT_EQ(provider->SapCount(), 1u);
+  // A handle kept after unregistering is known for what it is, never read.
+  void* handle = nullptr;
+  EXPECT_EQ(GpcUnregisterStreamSap(sapA), GPC_RESULT_OK);
+  EXPECT_EQ(GpcGetStream(sapA, "https://h/c", 0, &handle), GPC_ERR_SAP_NOT_REGISTERED);
+  EXPECT_EQ(GpcPostStream(sapA, "https://h/c", "x", 1, 0, &handle), GPC_ERR_SAP_NOT_REGISTERED);
+  EXPECT_EQ(GpcAbortStream(sapA, second), GPC_ERR_SAP_NOT_REGISTERED);
+}
+
+// Every SAP hears that the provider is free, also when one before it unregisters meanwhile.
+TEST_F(StreamProviderTest, ReleaseReachesEverySapWhileOthersUnregister) {
+  Client c;
+  CGpcSap* sapC = provider->RegisterSap(Record, &c);
+  a.onMessage = [this](GPCMessage* message) {
+    if (message->type == GPC_PENDING_RELEASE) GpcUnregisterStreamSap(sapA);
+  };
+  Get(sapB, "https://h/b");
+  NPStream stream{};
+  Open(&stream, "https://h/b");
+  EXPECT_EQ(a.heard, Lines{"release"});
+  EXPECT_EQ(b.heard, Lines{"release"});
+  EXPECT_EQ(c.heard, Lines{"release"});
+  EXPECT_EQ(provider->SapCount(), 2u) << sapC;
 }
 
 // A post goes as given; with the hook, after two newlines (its closing newline is not sent).

@@ -190,8 +190,20 @@ TEST_F(WindowExtensionTest, TheHardenedBuildKeepsTheInstalledExtensionWhenUnpack
     ASSERT_TRUE(Copy(Made().package, package));
     EXPECT_EQ(window->UnpackFile(package.c_str(), UserBundle().c_str(), 0), 0u);
     EXPECT_EQ(InstalledVersion(), kPackageVersion);
+    // An older package never replaces a newer extension in the hardened build.
+    ASSERT_TRUE(Copy(Made().old + "/old.7z", package));
+    EXPECT_EQ(window->UnpackFile(package.c_str(), UserBundle().c_str(), 0) == 0, !hardened);
+    EXPECT_EQ(InstalledVersion(), hardened ? kPackageVersion : "1.0.0.0");
     EXPECT_EQ(gpctest::ShellOutput("ls -A " + gpctest::ShellQuote(UserBundle() + "/..")),
               "zrgpcext64.bundle\n");
+    // Targets in folders not made yet, a bundle and a plain folder: made, and open to read.
+    for (const char* target : {"/new/deep/zrgpcext64.bundle", "/new/files"}) {
+      const std::string path = env.dir() + (hardened ? "/hardened" : "/default") + target;
+      ASSERT_TRUE(Copy(Made().package, package));
+      EXPECT_EQ(GpcUnpackFile(window.get(), package.c_str(), path.c_str()), 0u) << path;
+      struct stat info {};
+      EXPECT_TRUE(stat(path.c_str(), &info) == 0 && (info.st_mode & 0555) == 0555) << path;
+    }
   }
 }
 

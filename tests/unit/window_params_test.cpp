@@ -6,6 +6,7 @@
 
 #include "fake_browser.h"
 #include "common/gpcutil.h"
+#include "common/hardening.h"
 #include "http_test_server.h"
 #include "platform/clock.h"
 #include "platform/folders.h"
@@ -110,6 +111,15 @@ TEST_F(WindowParamsTest, ParameterFileHoldsEveryRecordAndTheTimeLast) {
   blocked.Add("GpcProductVersion", "blocked");
   std::ofstream(folder + "blocked") << "x";
   EXPECT_FALSE(SaveParameters(blocked.argc(), blocked.argn(), blocked.argv()));
+  // The default build takes a version that leads out of the folder; the hardened build does not.
+  for (const bool hardened : {false, true}) {
+    gpc::SetHardenedForTesting(hardened);
+    const std::string outside = hardened ? "../outside-hardened" : "../outside";
+    gpctest::EmbedArgs escaping{{"GpcProductVersion", outside.c_str()}};
+    EXPECT_EQ(SaveParameters(escaping.argc(), escaping.argn(), escaping.argv()), !hardened);
+    EXPECT_EQ(FileExists(folder + outside + "/talvoparameters.txt"), !hardened);
+  }
+  gpc::SetHardenedForTesting(-1);
 }
 
 }  // namespace

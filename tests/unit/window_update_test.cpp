@@ -100,8 +100,8 @@ TEST_F(WindowUpdateTest, AnyDifferenceInTheNormalFormDownloads) {
   const struct {
     const char* required;
     bool update, hardenedUpdate;
-  } cases[] = {{"2,0", true, false},  {"2,1,0", true, true}, {"2.1", true, false},
-               {"2,1", false, false}, {"2,1,1", true, true}, {"10", true, true}};
+  } cases[] = {{"2,0", true, false},  {"2,1,0", true, true}, {"2.1", true, true},
+               {"2,1", false, false}, {"2,1,1", true, true}, {"10", true, true}, {"2,,1", true, true}};
   for (const bool hardened : {false, true}) {
     gpc::SetHardenedForTesting(hardened);
     for (const auto& c : cases)

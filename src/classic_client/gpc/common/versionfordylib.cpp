@@ -134,6 +134,22 @@ std::string UnversionedLibraryPath(const std::string& versioned) {
   return versioned.substr(0, dash) + extension;
 }
 
+// The numbers of a comma-separated version, trailing zeros dropped; false for a piece that is
+// not all digits.
+bool VersionNumbers(const std::string& version, std::vector<unsigned long>* numbers) {
+  size_t start = 0;
+  while (start <= version.size()) {
+    size_t comma = version.find(',', start);
+    if (comma == std::string::npos) comma = version.size();
+    const std::string piece = version.substr(start, comma - start);
+    if (piece.empty() || piece.find_first_not_of("0123456789") != std::string::npos) return false;
+    numbers->push_back(strtoul(piece.c_str(), nullptr, 10));
+    start = comma + 1;
+  }
+  while (numbers->size() > 1 && numbers->back() == 0) numbers->pop_back();
+  return true;
+}
+
 }  // namespace
 
 void FormalizeVersionString(std::string& out, const char* text) {
@@ -232,4 +248,9 @@ bool IsDylibFileExists(const char* versionedPath, bool makeLink) {
   }
   // A relative target keeps the link valid when the folder moves.
   return symlink(LastComponent(versioned).c_str(), unversioned.c_str()) == 0;
+}
+
+bool IsVersionNewer(const std::string& a, const std::string& b) {
+  std::vector<unsigned long> first, second;
+  return VersionNumbers(a, &first) && VersionNumbers(b, &second) && first > second;
 }

@@ -10,6 +10,11 @@
 // joined with single commas. `out` is left unchanged for a null text or one without pieces.
 void FormalizeVersionString(std::string& out, const char* text);
 
+// Whether the comma-separated version `a` is newer than `b`, compared number by number, trailing
+// zeros ignored ("2,10" > "2,9,9"; "2,1,0" equals "2,1"). False when either holds a piece that is
+// not all digits ("2.1", "2,,1"): such versions are not ordered.
+bool IsVersionNewer(const std::string& a, const std::string& b);
+
 // Stores the version of the bundle, application or framework folder at `path` (from its
 // Info.plist "CFBundleVersion", dots turned to commas), or of the loose library file at `path`
 // (from its name-version.extension file name), in `dest`. `dest` is emptied first; callers pass

@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <set>
 
 #include "common/boundary.h"
 #include "common/gpcutil.h"
@@ -28,6 +30,18 @@ unsigned LowBits(const void* pointer) {
 
 CGpcSap* AsSap(void* sap) { return static_cast<CGpcSap*>(sap); }
 CGpcWindow* AsWindow(void* instance) { return static_cast<CGpcWindow*>(instance); }
+
+// Every registered SAP of the process. A handle the extension still holds after unregistering it
+// (or one it never had) is recognised without being read: it points at freed memory.
+std::mutex g_liveSapsMutex;
+std::set<const CGpcSap*>& LiveSaps() {
+  static std::set<const CGpcSap*> saps;
+  return saps;
+}
+bool IsLiveSap(const void* sap) {
+  std::lock_guard<std::mutex> lock(g_liveSapsMutex);
+  return LiveSaps().count(static_cast<const CGpcSap*>(sap)) != 0;
+}
 
 }  // namespace
 
@@ -110,6 +124,13 @@ CGpcSap* CGpcProvider::RegisterSap(GPCStreamMessageProc callback, void* context)
 bool CGpcProvider::AddSap(CGpcSap* sap) {
   CGpcAutoLock lock(m_lock);
   m_vectorSap.push_back(sap);
+  try {
+    std::lock_guard<std::mutex> live(g_liveSapsMutex);
+    LiveSaps().insert(sap);
+  } catch (...) {
+    m_vectorSap.pop_back();
+    throw;
+  }
   return true;
 }
 
@@ -133,6 +154,8 @@ CGpcSap* CGpcProvider::RemoveSap(CGpcSap* sap) {
   auto found = std::find(m_vectorSap.begin(), m_vectorSap.end(), sap);
   if (found == m_vectorSap.end()) return nullptr;
   m_vectorSap.erase(found);
+  std::lock_guard<std::mutex> live(g_liveSapsMutex);
+  LiveSaps().erase(sap);
   return sap;
 }
 
@@ -328,9 +351,15 @@ uint32_t CGpcProvider::AbortStream(void* sap, void* stream) {
 void CGpcProvider::PendingReleased() {
   CGpcAutoLock lock(m_lock);
   m_pPendingStream = nullptr;
-  // A callback may register or unregister SAPs: the list is read afresh for every call.
-  for (size_t i = 0; i < m_vectorSap.size(); ++i) {
+  // A callback may register or unregister SAPs, moving the others in the list: the place just
+  // told is looked at again, and each SAP is told once.
+  std::set<const CGpcSap*> told;
+  for (size_t i = 0; i < m_vectorSap.size();) {
     CGpcSap* sap = m_vectorSap[i];
+    if (!told.insert(sap).second) {
+      ++i;
+      continue;
+    }
     GPCMessage message = {};
     message.type = GPC_PENDING_RELEASE;
     sap->SendMessage(&message);
@@ -480,6 +509,7 @@ GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 uint32_t GpcUnregisterStreamSap(void* sap) try {
   if (sap == nullptr) return GPC_ERR_NULL_ARGUMENT;
   MacInfoTrace("GpcUnregisterStreamSap");
+  if (!IsLiveSap(sap)) return GPC_RESULT_OK;  // already gone, or never registered
   CGpcProvider* provider = AsSap(sap)->m_pProvider;
   if (provider == nullptr) return GPC_ERR_NO_PROVIDER;
   provider->UnregisterSap(sap);
@@ -490,6 +520,7 @@ GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 uint32_t GpcGetStream(void* sap, const char* url, int asFile, void** stream) try {
   if (sap == nullptr || url == nullptr) return GPC_ERR_NULL_ARGUMENT;
   MacInfoTrace("GpcGetStream,url = %s", url);
+  if (!IsLiveSap(sap)) return GPC_ERR_SAP_NOT_REGISTERED;
   CGpcProvider* provider = AsSap(sap)->m_pProvider;
   if (provider == nullptr) return GPC_ERR_NO_PROVIDER;
   return provider->StreamGet(sap, url, asFile, stream);
@@ -500,6 +531,7 @@ uint32_t GpcPostStream(void* sap, const char* url, const char* data, unsigned le
                        void** stream) try {
   if (sap == nullptr || url == nullptr) return GPC_ERR_NULL_ARGUMENT;
   MacInfoTrace("GpcPostStream,url = %s", url);
+  if (!IsLiveSap(sap)) return GPC_ERR_SAP_NOT_REGISTERED;
   CGpcProvider* provider = AsSap(sap)->m_pProvider;
   if (provider == nullptr) return GPC_ERR_NO_PROVIDER;
   int pluginMajor = 0, pluginMinor = 0, browserMajor = 0, browserMinor = 0;
@@ -511,6 +543,7 @@ GPC_BOUNDARY_CATCH(kGpcServiceOutOfMemory)
 uint32_t GpcAbortStream(void* sap, void* stream) try {
   if (sap == nullptr) return GPC_ERR_NULL_ARGUMENT;
   MacInfoTrace("GpcAbortStream");
+  if (!IsLiveSap(sap)) return GPC_ERR_SAP_NOT_REGISTERED;
   CGpcProvider* provider = AsSap(sap)->m_pProvider;
   if (provider == nullptr) return GPC_ERR_NO_PROVIDER;
   return provider->AbortStream(sap, stream);

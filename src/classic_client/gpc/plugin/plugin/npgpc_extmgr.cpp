@@ -29,24 +29,6 @@ const size_t kVersionBufferSize = 256;
 // The bound given for texts of unknown length.
 const size_t kUnboundedText = 0x7fffffff;
 
-// The numeric components of a comma-separated version ("2,10,0" -> 2 10 0); text counts as 0.
-std::vector<unsigned long> VersionComponents(const std::string& version) {
-  std::vector<unsigned long> parts;
-  size_t start = 0;
-  while (start <= version.size()) {
-    size_t comma = version.find(',', start);
-    if (comma == std::string::npos) comma = version.size();
-    parts.push_back(strtoul(version.substr(start, comma - start).c_str(), nullptr, 10));
-    start = comma + 1;
-  }
-  while (parts.size() > 1 && parts.back() == 0) parts.pop_back();
-  return parts;
-}
-
-bool IsNewer(const std::string& installed, const std::string& required) {
-  return VersionComponents(installed) > VersionComponents(required);
-}
-
 void AppendSlash(std::string* path) {
   if (path->empty() || path->back() != '/') path->push_back('/');
 }
@@ -109,7 +91,7 @@ bool CGpcExtMgr::NeedUpdate(const char* file, const char* requiredVersion) {
   // Equality only: a newer bundle is replaced too, so the page gets exactly what it names. The
   // hardened build keeps a newer one: an old, vulnerable extension cannot be brought back.
   int differs = 1;
-  if (gpc::GpcHardened() && IsNewer(installed, required)) {
+  if (gpc::GpcHardened() && IsVersionNewer(installed, required)) {
     MacInfoTrace("CGpcExtMgr::NeedUpdate,%s [%s] is newer than [%s], no downgrade!", file, installed, required.c_str());
     return false;
   }

@@ -10,6 +10,7 @@
 #include <glib.h>
 
 #include "common/gpcutil.h"
+#include "common/hardening.h"
 #include "plugin/plugin/npgpc_text.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "platform/clock.h"
@@ -39,6 +40,15 @@ std::string StartTimeText() {
   return text;
 }
 
+// A name that stays one folder below its parent: no "/", no "." or "..", no control bytes.
+bool IsOneFolderName(const char* name) {
+  if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) return false;
+  for (const char* c = name; *c != '\0'; ++c) {
+    if (*c == '/' || static_cast<unsigned char>(*c) < 0x20 || *c == 0x7f) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool SaveParameters(int argc, char** argn, char** argv) {
@@ -52,6 +62,11 @@ bool SaveParameters(int argc, char** argn, char** argv) {
   const char* version = ProductVersionOf(argc, argn, argv);
   if (version == nullptr || version[0] == '\0') {
     MacErrorTrace("SaveParameters,gpcproductversion is nil!");
+    return false;
+  }
+  // The hardened build keeps the file in "Talvo Folder": the version names one folder there.
+  if (gpc::GpcHardened() && !IsOneFolderName(version)) {
+    MacErrorTrace("SaveParameters,%s,call FSPathMakeRef result code =%d", version, -EINVAL);
     return false;
   }
   path.push_back('/');

@@ -11,8 +11,10 @@
 
 #include "common/gpcutil.h"
 #include "common/hardening.h"
+#include "common/versionfordylib.h"
 #include "platform/bundle.h"
 #include "platform/dynamic_library.h"
+#include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "common/trace.h"
 
@@ -80,6 +82,20 @@ std::string ParentOf(const std::string& path) {
   return slash == std::string::npos || slash == 0 ? std::string(slash == 0 ? "/" : ".") : path.substr(0, slash);
 }
 
+// Whether the bundle unpacked at `produced` is older than the one installed at `target`: the
+// hardened build never swaps it in, so a page cannot bring back an old, vulnerable extension by
+// naming a newer version than its package holds.
+bool WouldDowngrade(const std::string& produced, const std::string& target) {
+  char installed[256] = {}, arriving[256] = {};
+  if (!GetFileVersionString(target.c_str(), installed, sizeof installed) ||
+      !GetFileVersionString(produced.c_str(), arriving, sizeof arriving) || !IsVersionNewer(installed, arriving)) {
+    return false;
+  }
+  MacErrorTrace("CGpcWindow::UnpackFile,%s [%s] is newer than the package's [%s], no downgrade!", target.c_str(),
+                installed, arriving);
+  return true;
+}
+
 // The hardened build's unpacking: the archive goes into a private folder beside the target, and
 // only a complete extraction takes the target's place, in one exchange of names. A failure, a
 // full disk or a crash at any step leaves the installed extension as it was.
@@ -88,18 +104,24 @@ uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* ar
   std::string target = destination;
   if (target.size() > 1 && target.back() == '/') target.pop_back();
   const std::string parent = targetIsFolder ? folder : ParentOf(target);
-  MakeDirectory(parent);
+  platform::MakeFolders(parent, 0755);
   std::string staging = parent + "/.gpc-staging-XXXXXX";
   if (mkdtemp(&staging[0]) == nullptr) {
     MacErrorTrace("CGpcWindow::UnpackFile,cannot make a staging folder in %s: %s", parent.c_str(), strerror(errno));
     return kUnpackNoSource;
   }
+  // A target that is no bundle is the staging folder itself once in place: it gets a folder's mode.
+  if (!targetIsFolder) chmod(staging.c_str(), 0755);
   const int32_t result = decompress(archive, staging.c_str());
   const std::string produced = targetIsFolder ? staging + target.substr(target.rfind('/')) : staging;
   if (result != 0 || !FileExists(produced)) {
     MacErrorTrace("CGpcWindow::UnpackFile,call GpcDecompressFile7z failed[%d],destfile=%s!", result, destination);
     RemoveFile(staging);
     return result != 0 ? static_cast<uint32_t>(result) : kUnpackNot7z;
+  }
+  if (targetIsFolder && WouldDowngrade(produced, target)) {
+    RemoveFile(staging);
+    return kUnpackNoSource;
   }
   RemoveGroupAndOtherWrite(produced);
   const bool replaced = FileExists(target)

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "common/boundary.h"
+#include "common/hardening.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
 #include "common/trace.h"
@@ -36,7 +37,8 @@ unsigned Low32(const void* pointer) {
 }
 
 // The hosting page's URL, delivered as the body of the host-site stream, is judged by the site
-// lock: approval lets the heartbeat proceed, refusal shows error 111.
+// lock: approval lets the heartbeat proceed, refusal shows error 111. The hardened build also
+// halts a refused page, which would otherwise go on to load and drive the extension.
 void CheckHostSite(CGpcWindow* window, int32_t len, const void* buffer) {
   char* url = new (std::nothrow) char[static_cast<size_t>(len) + 1]();
   if (url == nullptr) return;
@@ -44,6 +46,7 @@ void CheckHostSite(CGpcWindow* window, int32_t len, const void* buffer) {
   if (window->FApprovedDomain(url, 0, rgslTrustedSites, kGpcTrustedSiteCount)) {
     window->m_bHalted = 0;
   } else {
+    if (gpc::GpcHardened()) window->m_bHalted = 1;
     window->ShowMessage(111, nullptr);
   }
   MacInfoTrace("NPWRAP : NPP_Write,The URL of the host page: %s", url);
