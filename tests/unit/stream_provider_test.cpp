@@ -227,20 +227,23 @@ TEST_F(StreamProviderTest, CallbacksMayUnregisterOrRequestAgain) {
   EXPECT_EQ(GpcAbortStream(sapA, second), GPC_ERR_SAP_NOT_REGISTERED);
 }
 
-// Every SAP hears that the provider is free, also when one before it unregisters meanwhile.
+// Every SAP registered when the provider is freed hears it once, also when a callback before it
+// unregisters others; one unregistered before its turn hears nothing.
 TEST_F(StreamProviderTest, ReleaseReachesEverySapWhileOthersUnregister) {
-  Client c;
-  CGpcSap* sapC = provider->RegisterSap(Record, &c);
-  a.onMessage = [this](GPCMessage* message) {
-    if (message->type == GPC_PENDING_RELEASE) GpcUnregisterStreamSap(sapA);
+  Client c, d, e;
+  provider->RegisterSap(Record, &c);
+  provider->RegisterSap(Record, &d);
+  CGpcSap* sapE = provider->RegisterSap(Record, &e);
+  c.onMessage = [&](GPCMessage* message) {
+    if (message->type != GPC_PENDING_RELEASE) return;
+    for (CGpcSap* sap : {sapA, sapB, sapE}) GpcUnregisterStreamSap(sap);
   };
   Get(sapB, "https://h/b");
   NPStream stream{};
   Open(&stream, "https://h/b");
-  EXPECT_EQ(a.heard, Lines{"release"});
-  EXPECT_EQ(b.heard, Lines{"release"});
-  EXPECT_EQ(c.heard, Lines{"release"});
-  EXPECT_EQ(provider->SapCount(), 2u) << sapC;
+  for (const Client* client : {&a, &b, &c, &d}) EXPECT_EQ(client->heard, Lines{"release"});
+  EXPECT_EQ(e.heard, Lines{});
+  EXPECT_EQ(provider->SapCount(), 2u);
 }
 
 // A post goes as given; with the hook, after two newlines (its closing newline is not sent).

@@ -351,15 +351,10 @@ uint32_t CGpcProvider::AbortStream(void* sap, void* stream) {
 void CGpcProvider::PendingReleased() {
   CGpcAutoLock lock(m_lock);
   m_pPendingStream = nullptr;
-  // A callback may register or unregister SAPs, moving the others in the list: the place just
-  // told is looked at again, and each SAP is told once.
-  std::set<const CGpcSap*> told;
-  for (size_t i = 0; i < m_vectorSap.size();) {
-    CGpcSap* sap = m_vectorSap[i];
-    if (!told.insert(sap).second) {
-      ++i;
-      continue;
-    }
+  // The SAPs registered now each hear it once, unless a callback before them unregisters them.
+  const std::vector<CGpcSap*> registered = m_vectorSap;
+  for (CGpcSap* sap : registered) {
+    if (GetSap(sap) == nullptr) continue;
     GPCMessage message = {};
     message.type = GPC_PENDING_RELEASE;
     sap->SendMessage(&message);
