@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "common/gpcutil.h"
 #include "common/versionfordylib.h"
 #include "util_test_folder.h"
@@ -19,6 +21,16 @@ TEST(Version, FormalizeSplitsAtFiveSeparatorsOnly) {
     FormalizeVersionString(out, text);
     EXPECT_EQ(out, want) << text;
   }
+}
+
+// Numbers compare as numbers of any size, trailing zeros aside; a piece that is no number (or
+// none at all) leaves two versions unordered.
+TEST(Version, NewerComparesNumberByNumber) {
+  const std::tuple<const char*, const char*, bool> cases[] = {
+      {"2,10", "2,9,9", true},  {"2,9,9", "2,10", false}, {"2,1,0", "2,1", false}, {"2,1,0,1", "2,1", true},
+      {"010", "20", false},     {"2.1", "1", false},      {"2,,1", "1", false},   {"2", "1,x", false},
+      {"99999999999999999999999", "99999999999999999999998", true}};
+  for (const auto& [a, b, newer] : cases) EXPECT_EQ(IsVersionNewer(a, b), newer) << a << " " << b;
 }
 
 TEST(Version, FolderLayoutsAndTheirPropertyLists) {

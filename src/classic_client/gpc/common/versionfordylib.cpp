@@ -134,19 +134,30 @@ std::string UnversionedLibraryPath(const std::string& versioned) {
   return versioned.substr(0, dash) + extension;
 }
 
+// One number of a version, of any length: its digits without leading zeros, which order as
+// numbers do when the shorter comes first.
+struct VersionNumber {
+  std::string digits;
+  bool operator<(const VersionNumber& other) const {
+    return digits.size() != other.digits.size() ? digits.size() < other.digits.size() : digits < other.digits;
+  }
+  bool operator>(const VersionNumber& other) const { return other < *this; }
+};
+
 // The numbers of a comma-separated version, trailing zeros dropped; false for a piece that is
 // not all digits.
-bool VersionNumbers(const std::string& version, std::vector<unsigned long>* numbers) {
+bool VersionNumbers(const std::string& version, std::vector<VersionNumber>* numbers) {
   size_t start = 0;
   while (start <= version.size()) {
     size_t comma = version.find(',', start);
     if (comma == std::string::npos) comma = version.size();
     const std::string piece = version.substr(start, comma - start);
     if (piece.empty() || piece.find_first_not_of("0123456789") != std::string::npos) return false;
-    numbers->push_back(strtoul(piece.c_str(), nullptr, 10));
+    const size_t first = piece.find_first_not_of('0');
+    numbers->push_back({first == std::string::npos ? std::string() : piece.substr(first)});
     start = comma + 1;
   }
-  while (numbers->size() > 1 && numbers->back() == 0) numbers->pop_back();
+  while (numbers->size() > 1 && numbers->back().digits.empty()) numbers->pop_back();
   return true;
 }
 
@@ -251,6 +262,6 @@ bool IsDylibFileExists(const char* versionedPath, bool makeLink) {
 }
 
 bool IsVersionNewer(const std::string& a, const std::string& b) {
-  std::vector<unsigned long> first, second;
-  return VersionNumbers(a, &first) && VersionNumbers(b, &second) && first > second;
+  std::vector<VersionNumber> first, second;
+  return VersionNumbers(a, &first) && VersionNumbers(b, &second) && second < first;
 }
