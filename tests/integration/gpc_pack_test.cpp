@@ -29,8 +29,8 @@ std::string Sh(const std::string& command) { return gpctest::ShellOutput(command
 
 // gpc-pack pack with the vendor's key and chain unless `args` name others.
 ToolRun Pack(const gpctest::PackageSigner& signer, const std::vector<std::string>& args,
-             const std::string& format = "both") {
-  std::vector<std::string> all = {GPC_BIN_DIR "/gpc-pack", "pack", "--format", format, "--key",
+             const std::string& format = "both", const char* program = GPC_BIN_DIR "/gpc-pack") {
+  std::vector<std::string> all = {program, "pack", "--format", format, "--key",
                                   signer.Path("vendor.key"), "--cert", signer.Path("vendor.pem"), "--chain",
                                   signer.Path("root.pem")};
   all.insert(all.end(), args.begin(), args.end());
@@ -287,40 +287,31 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
 // packs and verifies once it is.
 TEST(GpcPack, AHardenedBuildTrustsTheAnchorsOfThePluginBundleItIsGiven) {
   const Packed& p = Shared();
-  const std::string plugin = p.folder.path() + "/hardened.plugin", anchors = plugin + "/Contents/Resources/Anchors";
-  ASSERT_EQ(Sh("mkdir -p " + ShellQuote(anchors) + " " + ShellQuote(plugin + "-bare") + " " +
-               ShellQuote(p.folder.path() + "/hardened") + " && openssl x509 -in " +
-               ShellQuote(p.signer.Path("lone.pem")) + " -outform DER -out " + ShellQuote(anchors + "/lone.der") +
-               " && echo ok"),
-            "ok\n");
-  auto pack = [&](const std::vector<std::string>& plugin) {
-    std::vector<std::string> args = {GPC_BIN_DIR "/gpc-pack-hardened", "pack", "--key", p.signer.Path("vendor.key"),
-                                     "--cert", p.signer.Path("vendor.pem"), "--chain", p.signer.Path("root.pem"),
-                                     "--format", "json", "--force", "--out", p.folder.path() + "/hardened"};
-    args.insert(args.end(), plugin.begin(), plugin.end());
-    args.push_back(kSampleBundle);
-    return gpctest::RunTool(args);
+  const char* const hardened = GPC_BIN_DIR "/gpc-pack-hardened";
+  const std::string out = p.folder.path() + "/hardened", plugin = out + "/hardened.plugin",
+                    anchors = plugin + "/Contents/Resources/Anchors", package = out + "/zrgpcext64.bundle.7z";
+  const auto anchor = [&](const std::string& signer) {  // the signer's certificate among the bundle's anchors
+    return Sh("mkdir -p " + ShellQuote(anchors) + " && openssl x509 -in " + ShellQuote(p.signer.Path(signer + ".pem")) +
+              " -outform DER -out " + ShellQuote(anchors + "/" + signer + ".der") + " && echo ok");
   };
-  const struct {
-    std::vector<std::string> plugin;
-    std::string refusal;
-  } refused[] = {{{}, "name the bundle with --plugin"},
-                 {{"--plugin", plugin + "-bare"}, "/Contents/Resources/Anchors is no folder"},
-                 {{"--plugin", plugin}, "chains to none of the anchors in " + anchors}};
-  for (const auto& c : refused) {
-    const ToolRun run = pack(c.plugin);
-    EXPECT_EQ(run.exitCode, 1) << c.refusal;
-    EXPECT_NE(run.err.find(c.refusal), std::string::npos) << run.err;
+  const auto pack = [&](const std::string& bundle) {  // "--plugin" with no bundle is none
+    return Pack(p.signer, {"--force", "--out", out, "--plugin", bundle, kSampleBundle}, "json", hardened);
+  };
+  ASSERT_EQ(anchor("lone"), "ok\n");
+  const std::pair<std::string, std::string> refused[] = {{"", "name the bundle with --plugin"},
+                                                         {out, "/Contents/Resources/Anchors is no folder"},
+                                                         {plugin, "chains to none of the anchors in " + anchors}};
+  for (const auto& [bundle, refusal] : refused) {
+    const ToolRun run = pack(bundle);
+    EXPECT_TRUE(run.exitCode == 1 && run.err.find(refusal) != std::string::npos) << refusal << ": " << run.err;
   }
-  EXPECT_FALSE(std::filesystem::exists(p.folder.path() + "/hardened/zrgpcext64.bundle.7z"));
-  ASSERT_EQ(Sh("openssl x509 -in " + ShellQuote(p.signer.Path("root.pem")) + " -outform DER -out " +
-               ShellQuote(anchors + "/root.der") + " && echo ok"),
-            "ok\n");
-  const ToolRun packed = pack({"--plugin=" + plugin});
-  ASSERT_EQ(packed.exitCode, 0) << packed.err;
-  const std::string params = p.folder.path() + "/hardened/params.json";
-  ASSERT_TRUE(gpctest::WriteFile(params, packed.out));
-  const std::string verify = GPC_BIN_DIR "/gpc-pack-hardened", package = p.folder.path() + "/hardened/zrgpcext64.bundle.7z";
-  EXPECT_EQ(gpctest::RunTool({verify, "verify", "--package", package, "--params", params, "--plugin", plugin}).out, "ok\n");
-  EXPECT_EQ(gpctest::RunTool({verify, "verify", "--package", package, "--params", params}).exitCode, 1);
+  EXPECT_FALSE(std::filesystem::exists(package));
+  ASSERT_EQ(anchor("root"), "ok\n");
+  const ToolRun packed = pack(plugin);
+  ASSERT_TRUE(packed.exitCode == 0 && gpctest::WriteFile(out + "/params.json", packed.out)) << packed.err;
+  for (const std::string& bundle : {plugin, std::string()}) {
+    const ToolRun run = gpctest::RunTool({hardened, "verify", "--package", package, "--params", out + "/params.json",
+                                          "--plugin", bundle});
+    EXPECT_EQ(run.out + std::to_string(run.exitCode), bundle.empty() ? "1" : "ok\n0") << run.err;
+  }
 }

@@ -10,6 +10,7 @@
 
 #include "commands.h"
 #include "common/hardening.h"
+#include "common/packagecheck.h"
 #include "pack_options.h"
 #include "platform/bundle.h"
 
@@ -23,12 +24,11 @@ namespace {
 std::string AnchorsRefusal(const PackOptions& options) {
   if (!options.plugin.empty()) platform::SetPluginBundlePathOverride(options.plugin);
   if (!gpc::GpcHardened()) return "";
-  const std::string bundle = platform::PluginBundlePath();
-  if (bundle.empty()) {
+  const std::string anchors = ShippedAnchorsFolder();
+  if (anchors.empty()) {
     return "this hardened build trusts only the anchors a plug-in bundle ships: name the bundle with --plugin";
   }
   struct stat info;
-  const std::string anchors = bundle + "/Contents/Resources/Anchors";
   if (stat(anchors.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
     return anchors + " is no folder: this hardened build would trust no signer";
   }

@@ -15,7 +15,6 @@
 
 #include "common/hardening.h"
 #include "common/packagecheck.h"
-#include "platform/bundle.h"
 
 namespace {
 
@@ -146,7 +145,7 @@ bool LoadSigningIdentity(const std::string& keyPath, const std::string& certPath
   if (!CheckCommonName(*signers[0], certPath, error)) return false;
   if (!IsTrustedSigner(signers[0], chain)) {
     *error = "the certificate " + certPath + " is not trusted: it chains " +
-             (gpc::GpcHardened() ? "to none of the anchors in " + platform::PluginBundlePath() + "/Contents/Resources/Anchors"
+             (gpc::GpcHardened() ? "to none of the anchors in " + ShippedAnchorsFolder()
                                  : std::string("neither to a system anchor nor to a certificate given with --chain"));
     return false;
   }

@@ -28,9 +28,8 @@ bool EndsWith(const std::string& text, const char* suffix) {
 // Contents/Resources/Anchors. Never the page's.
 GpcCertificateList ShippedAnchors() {
   GpcCertificateList anchors;
-  const std::string bundle = platform::PluginBundlePath();
-  if (bundle.empty()) return anchors;
-  const std::string folder = bundle + "/Contents/Resources/Anchors";
+  const std::string folder = ShippedAnchorsFolder();
+  if (folder.empty()) return anchors;
   DIR* dir = opendir(folder.c_str());
   if (dir == nullptr) return anchors;
   while (const dirent* entry = readdir(dir)) {
@@ -74,6 +73,11 @@ GpcPackageCheck CheckCertificateAndSignature(const GpcPackageParameters& page, c
 }
 
 }  // namespace
+
+std::string ShippedAnchorsFolder() {
+  const std::string bundle = platform::PluginBundlePath();
+  return bundle.empty() ? bundle : bundle + "/Contents/Resources/Anchors";
+}
 
 bool IsTrustedSigner(const GpcCertificateRef& leaf, const GpcCertificateList& intermediates) {
   if (gpc::GpcHardened()) return ChainIsTrustedBy(leaf, intermediates, ShippedAnchors());

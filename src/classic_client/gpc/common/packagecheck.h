@@ -60,6 +60,10 @@ bool IsVendorCommonName(const std::string& name);
 // the plug-in bundle ships in Contents/Resources/Anchors, each valid now.
 bool IsTrustedSigner(const GpcCertificateRef& leaf, const GpcCertificateList& intermediates);
 
+// The folder of the hardened build's anchors: Contents/Resources/Anchors of the plug-in bundle;
+// empty when no bundle is found.
+std::string ShippedAnchorsFolder();
+
 // Checks the file at `path` (null: the download failed) against `page`. `systemVersion` is the
 // operating-system version the "sha256" rule depends on.
 GpcPackageVerdict CheckPackage(const char* path, const GpcPackageParameters& page, uint32_t systemVersion);
