@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <vector>
 
 #include "platform/bundle.h"
 #include "platform/clock.h"
@@ -18,6 +19,14 @@
 #include "util_test_folder.h"
 
 namespace {
+
+const char kExtension[] = GPC_BUNDLE_DIR "/Contents/Frameworks/zrgpcext64.bundle/Contents/MacOS/zrgpcext64";
+const char kUnpacker[] = GPC_BUNDLE_DIR "/Contents/Frameworks/lib7zip.so";
+
+std::string ReadAll(const char* path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
 
 TEST(Platform, SystemVersionClockAndPascalStrings) {
   EXPECT_GE(platform::SystemVersion(), 0x1060u);
@@ -86,8 +95,7 @@ TEST(Platform, BundlesAndExecutables) {
   EXPECT_FALSE(platform::ExecutableMatchesOwnArchitecture(dir.Write("other", elf)));
 
   // A library whose last loadable segment ends exactly at the end of the file is complete.
-  std::ifstream in(GPC_BUNDLE_DIR "/Contents/Frameworks/zrgpcext64.bundle/Contents/MacOS/zrgpcext64", std::ios::binary);
-  std::string lib((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>()), error;
+  std::string lib = ReadAll(kExtension), error;
   Elf64_Ehdr header{};
   memcpy(&header, lib.data(), std::min(lib.size(), sizeof header));
   uint64_t end = 0;
@@ -99,6 +107,29 @@ TEST(Platform, BundlesAndExecutables) {
   void* library = platform::OpenLibrary(dir.Write("cut", lib.substr(0, end)), &error);
   EXPECT_NE(library, nullptr) << error;
   platform::CloseLibrary(library);
+}
+
+// An update replaces a library that another instance still runs: each load gets the file that
+// lies at the path now, and no name made for it is left beside it.
+TEST(Platform, ALibraryReplacedWhileLoadedLoadsTheNewFile) {
+  ScratchFolder dir;
+  const std::string path = dir / "x.so";
+  std::vector<void*> handles;
+  const std::pair<const char*, const char*> loads[] = {
+      {kExtension, "GpcInitInstance"}, {kUnpacker, "GpcDecompressFile7z"}, {nullptr, "GpcDecompressFile7z"},
+      {kExtension, "GpcInitInstance"}, {kUnpacker, "GpcDecompressFile7z"}};
+  for (const auto& [file, symbol] : loads) {
+    if (file != nullptr) unlink(path.c_str()), dir.Write("x.so", ReadAll(file));
+    std::string error;
+    void* library = platform::OpenLibrary(path, &error);
+    ASSERT_NE(library, nullptr) << error;
+    EXPECT_NE(platform::LibrarySymbol(library, symbol), nullptr) << symbol;
+    // A new file is a new object; the same file again is the object already loaded.
+    EXPECT_EQ(std::find(handles.begin(), handles.end(), library) == handles.end(), file != nullptr) << symbol;
+    handles.push_back(library);
+  }
+  EXPECT_EQ(dir.Describe(), "x.so");
+  for (void* library : handles) platform::CloseLibrary(library);
 }
 
 }  // namespace
