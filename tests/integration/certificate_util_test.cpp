@@ -213,6 +213,10 @@ TEST(Trust, AnchorCountsAndRefusedArguments) {
             kGpcTrustErrNoCertificateList);
   EXPECT_EQ(EvaluateCert(Cert("vendor"), {}, policyForOID("1.2.3.4"), &result, &trust), kGpcTrustErrParam);
   EXPECT_FALSE(TrustCertification(Cert("self"), {}));  // without a handler the panel answers "cancel"
+  // Shipped anchors need not be roots: an intermediate or the signer itself may be pinned.
+  EXPECT_TRUE(ChainIsTrustedBy(Cert("inter_leaf"), {}, Certs({"inter"})) &&
+              ChainIsTrustedBy(Cert("vendor"), {}, Certs({"vendor"})));
+  EXPECT_FALSE(ChainIsTrustedBy(Cert("inter_leaf"), {}, Certs({"vendor"})));
 }
 
 const std::string kSha1Text = "a9993e364706816aba3e25717850c26c9cd0d89d";

@@ -215,7 +215,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
                " c=" + ShellQuote(signer.Path("vendor.pem")) + " && mkdir -p " + ShellQuote(work) +
                " && cd " + ShellQuote(work) + " && for d in n l a v x k; do mkdir $d && cp -a \"$b\" $d/; done"
                " && cp -a \"$b\" . && touch zrgpcext64.bundle/Contents/caf\xC3\xA9"
-               " && mkdir h && cp -a \"$b\" 'h/a#b.bundle' && cp -a \"$b\" h/my.framework.bundle"
+               " && mkdir h && cp -a \"$b\" 'h/a#b.bundle' && cp -a \"$b\" h/my.framework.bundle && cp -a \"$b\" h/my.dylib.bundle"
                " && mkdir e s && cp -a \"$b\" e/.bundle && ln -s ../zrgpcext64.bundle s/"
                " && rm n/*/Contents/Info.plist x/*/Contents/MacOS/*"
                " && ln -s ../../../outside l/zrgpcext64.bundle/Contents/MacOS/passwd"
@@ -252,6 +252,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
       {{copy("x")}, false, 1, "has no executable"},
       {{work + "/h/a#b.bundle"}, false, 1, "holds \"#\""},
       {{work + "/h/my.framework.bundle"}, false, 1, "holds \".framework\""},
+      {{work + "/h/my.dylib.bundle"}, false, 1, "holds \".dylib\""},
       {{"--out", good, good}, false, 1, "lies inside the bundle"},
       {{"--sign-harder", kSampleBundle}, false, 2, "unknown option \"--sign-harder\""},
       {{"--hash", "md5", kSampleBundle}, false, 2, "--hash must be sha1 or sha256"},

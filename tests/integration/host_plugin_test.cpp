@@ -104,6 +104,10 @@ TEST_F(HostPlugin, ModuleStartsLikeABrowserLoadsItAndTheHostRefusesWhatItCannotL
   EXPECT_EQ(run.Of("instance")[0].Int("result"), 0);
   EXPECT_EQ(run.Of("set_value").size(), 2u) << "the models offered are taken";
   EXPECT_EQ(run.Of("destroy").size(), 1u);
+  std::string lines;
+  for (int i = 0; i <= 32767; ++i) lines += "p=v\n";
+  const std::string many = data_.path() + "/many.params";
+  ASSERT_TRUE(gpctest::WriteFile(many, lines));
   struct Case {
     std::vector<std::string> args;
     int exitCode;
@@ -116,6 +120,9 @@ TEST_F(HostPlugin, ModuleStartsLikeABrowserLoadsItAndTheHostRefusesWhatItCannotL
       {{"--run-ms", "-5", "--plugin", data_.path() + "/none.so"}, 2},
       {{"--run-ms", "4294967296", "--plugin", data_.path() + "/none.so"}, 2},
       {{"chrome-extension://id/"}, 0},  // started by a browser: native messaging until its input ends
+      {{"--param", "GpcProductVersion=3", "GpcUrlRoot=x", "--run-ms", "10"}, 2},  // a word without --param
+      {{"--params", data_.path(), "--run-ms", "10"}, 2},
+      {{"--params", many, "--run-ms", "10"}, 2},  // more than the browser's 16-bit count
   };
   for (const Case& c : cases) EXPECT_EQ(gpchost::RunHost(c.args).exit_code, c.exitCode) << c.args[0];
 }
@@ -173,17 +180,20 @@ TEST_F(HostPlugin, PackageFetchRedirectedByTheBrowserEndsAndShowsTheErrorPage) {
 
 // A redirected request ends as a browser ends it: one still open when the run ends, as the user
 // leaving the page would end it, the redirects before it followed; a chain one hop past the tenth,
-// as a network error at its last 302, with no stream opened.
+// as a network error at its last 302, with no stream opened. A scheme other than http and https
+// is a network error before anything is sent.
 TEST_F(HostPlugin, RedirectedRequestsEndAsABrowserEndsThem) {
   Serve();
   const struct {
     const char* path;
     int reason, status;
     bool stream;
-  } cases[] = {{"/redirect?n=3&to=/stall", 2, 200, true}, {"/redirect?n=11&to=/bytes?n=10", 1, 302, false}};
+  } cases[] = {{"/redirect?n=3&to=/stall", 2, 200, true}, {"/redirect?n=11&to=/bytes?n=10", 1, 302, false},
+               {"gopher:/redirect?n=1", 1, 0, false}};
   for (const auto& c : cases) {
+    const std::string path = c.path, url = path[0] == '/' ? server_->Url(c.path) : "gopher" + server_->Url(c.path + 7).substr(4);
     const HostRun run = RunPage({"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=http://127.0.0.1:9/client/", "--param",
-                                 "GpcSampleStream=" + server_->Url(c.path), "--run-ms", "2000"});
+                                 "GpcSampleStream=" + url, "--run-ms", "2000"});
     const int end = run.Find("fetch_end", "url", "/redirect?"), notified = run.Find("url_notify", "url", "/redirect?");
     ASSERT_GE(end, 0) << run.stderr_text;
     EXPECT_EQ(run.events[static_cast<size_t>(end)].Int("reason"), c.reason) << c.path;

@@ -14,6 +14,7 @@
 
 #include "common/gpctracecatcher.h"
 #include "fake_browser.h"
+#include "tvt_reader.h"
 #include "gpc/gpc_trace.h"
 #include "platform/debug_string.h"
 #include "platform/system_version.h"
@@ -339,8 +340,17 @@ TEST_F(EntryPoints, DebugStringsAndCollectedTraceFollowTheModule) {
   EXPECT_TRUE(collecting());
   plugin_.destroy(&other, nullptr);
   EXPECT_FALSE(collecting());
+  // The later instance is traced from its first line on: the trace file gets its "NPP_New".
+  const char* traceFile = getenv("GPC_TRACE_FILE");
+  const auto starts = [&] {
+    const std::vector<std::string> records = tvttest::Records(traceFile ? traceFile : "/tmp/tlvgpc.tvt");
+    return std::count_if(records.begin(), records.end(),
+                         [](const std::string& r) { return r.find("|NPWRAP : NPP_New") != std::string::npos; });
+  };
+  const auto startsBefore = starts();
   ASSERT_EQ(NewInstance(), NPERR_NO_ERROR);
   EXPECT_TRUE(collecting());
+  EXPECT_EQ(starts(), startsBefore + 1);
   plugin_.destroy(&npp_, nullptr);
   NP_Shutdown();
   EXPECT_EQ(debug_strings_, (std::vector<std::string>{"plugin,NP_Initialize start", "plugin,NP_Initialize end",

@@ -6,8 +6,12 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <linux/capability.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "common/gpcutil.h"
@@ -163,28 +167,59 @@ TEST(RemoveFile, PlainEntriesGoLinkTargetsStayUndeletableOnesAreMovedAsideOrRepo
               RemoveFile(dir / "linked//"));  // the link goes, not what it points to
   EXPECT_EQ(dir.Describe() + "|" + outside.Describe(), "|keep/ keep/me.txt");
   EXPECT_FALSE(RemoveFile(dir / "missing") || RemoveFile(""));
-  // `stuck` is made immutable; `target` is removed (a bare name, from inside the folder, when
-  // `bare`); afterwards the folder holds one entry whose name starts with `left`.
-  struct Case { const char *stuck, *target; bool bare, removed; const char* left; };
-  const Case cases[] = {{"ext.bundle/stuck", "ext.bundle", false, true, ".ext.bundle."},
-                        {"ext.bundle/stuck", "ext.bundle/", false, true, ".ext.bundle."},
-                        {"pkg/stuck", "pkg", true, true, "pkg.deltmp"},  // a bare name: no hidden name beside it
-                        {"locked.bin", "locked.bin", false, false, "locked.bin"}};
+  // `stuck` is made immutable and `target` removed (a bare name, from inside the folder, when
+  // `bare`), `times` times over; afterwards the folder holds that many entries starting with `left`.
+  struct Case { const char *stuck, *target; bool bare, removed; const char* left; size_t times; };
+  const Case cases[] = {{"ext.bundle/stuck", "ext.bundle", false, true, ".ext.bundle.", 3},  // each under its own name
+                        {"ext.bundle/stuck", "ext.bundle/", false, true, ".ext.bundle.", 1},
+                        {"pkg/stuck", "pkg", true, true, "pkg.deltmp", 1},  // a bare name: no hidden name beside it
+                        {"locked.bin", "locked.bin", false, false, "locked.bin", 1}};
   char cwd[4096];
   ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+  platform::SetWallClockOverride([] { return int64_t(1700000000) * 1000000; });  // one time for all names
+  const struct ClockBack { ~ClockBack() { platform::SetWallClockOverride(nullptr); } } clockBack;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.target);
     ScratchFolder dir;
-    if (!SetImmutable(dir.Write(c.stuck), true)) GTEST_SKIP() << "this file system or user cannot set the immutable attribute";
-    EXPECT_EQ(chdir(c.bare ? dir.path().c_str() : cwd), 0);
-    EXPECT_EQ(RemoveFile(c.bare ? c.target : (dir / c.target).c_str()), c.removed);
-    EXPECT_EQ(chdir(cwd), 0);
+    for (size_t i = 0; i < c.times; ++i) {
+      if (!SetImmutable(dir.Write(c.stuck), true)) GTEST_SKIP() << "this file system or user cannot set the immutable attribute";
+      EXPECT_EQ(chdir(c.bare ? dir.path().c_str() : cwd), 0);
+      EXPECT_EQ(RemoveFile(c.bare ? c.target : (dir / c.target).c_str()), c.removed);
+      EXPECT_EQ(chdir(cwd), 0);
+    }
     std::vector<FSDirectoryItem> items;
     FSGetDirectoryItems(dir.path(), items);
-    ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(items[0].name.rfind(c.left, 0), 0u) << items[0].name;
-    EXPECT_TRUE(SetImmutable(dir / items[0].name + (c.stuck + strcspn(c.stuck, "/")), false));
+    EXPECT_EQ(items.size(), c.times);
+    for (const FSDirectoryItem& item : items) {
+      EXPECT_EQ(item.name.rfind(c.left, 0), 0u) << item.name;
+      EXPECT_TRUE(SetImmutable(dir / item.name + (c.stuck + strcspn(c.stuck, "/")), false));
+    }
   }
+}
+
+// Runs `body` in a child that, even as root, must respect file modes; true when it returned true.
+bool AsOrdinaryUser(const std::function<bool()>& body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct caps[2] = {};
+    syscall(SYS_capget, &header, caps);
+    caps[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+    _exit(syscall(SYS_capset, &header, caps) == 0 && body() ? 0 : 1);
+  }
+  int status = 0;
+  return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// A bundle packed with folders its owner may not write or list is still removed whole.
+TEST(RemoveFile, FoldersTheOwnerMayNotWriteAreOpenedUpAndRemoved) {
+  ScratchFolder dir;
+  dir.Lay("ro.bundle/Contents/MacOS/ro ro.bundle/Contents/Resources/r.strings");
+  chmod((dir / "ro.bundle/Contents/MacOS").c_str(), 0555);
+  chmod((dir / "ro.bundle/Contents/Resources").c_str(), 0311);
+  chmod((dir / "ro.bundle/Contents").c_str(), 0500);
+  EXPECT_TRUE(AsOrdinaryUser([&] { return RemoveFile(dir / "ro.bundle"); }));
+  EXPECT_EQ(dir.Describe(), "");
 }
 
 }  // namespace

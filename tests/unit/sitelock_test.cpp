@@ -96,11 +96,13 @@ TEST(SiteLock, UrlRootsAreApprovedHttpsUnderClient) {
   }
 }
 
-TEST(SiteLock, HardenedBuildHasNoEscapeAndNoDotSegments) {
+TEST(SiteLock, HardenedBuildHasNoEscapeNoDotSegmentsAndNoOtherScheme) {
   for (const bool hardened : {false, true}) {
     gpc::SetHardenedForTesting(hardened);
     TestLock lock;
-    for (const char* root : {"https://www.talvo.us/client/..", "https://www.talvo.us/client/a/./b/"})
+    for (const char* root : {"https://www.talvo.us/client/..", "https://www.talvo.us/client/a/./b/",
+                             "HTTPS://evil.example/client/a/", "gopher://evil.example/client/a/",
+                             "file:///client/a/"})
       EXPECT_EQ(lock.CorrectSchemaofUrlRoot(root).empty(), hardened) << root;
     lock.flag = "0";
     EXPECT_EQ(lock.CorrectSchemaofUrlRoot("https://downloads.example.org/client/a/").empty(), hardened);

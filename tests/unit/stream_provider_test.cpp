@@ -171,6 +171,7 @@ TEST_F(StreamProviderTest, AbortDeletesOnceAndFreesTheProvider) {
   b.heard.clear();
   handle = Get(sapA, "https://h/a");
   EXPECT_EQ(provider->AbortStream(sapB, handle), GPC_RESULT_OK);
+  EXPECT_EQ(provider->AbortStream(sapA, handle), GPC_RESULT_OK);  // heard of once
   EXPECT_EQ(a.heard, (Lines{"delete https://h/a 2", "release"}));
   EXPECT_EQ(b.heard, Lines{"release"});
   Get(sapB, "https://h/b");
@@ -182,6 +183,20 @@ TEST_F(StreamProviderTest, AbortDeletesOnceAndFreesTheProvider) {
   provider->OnNppUrlNotify("https://h/a", NPRES_USER_BREAK, handle);
   EXPECT_EQ(a.heard, Lines{"destroy https://h/a 2"});  // ended for good, deleted only once
   EXPECT_EQ(provider->StreamGet(sapA, "https://h/c", 0, &handle), GPC_ERR_REQUEST_PENDING);
+}
+
+// The browser names the request each stream answers: the late stream of an aborted request is not
+// the answer to a retry of the same URL.
+TEST_F(StreamProviderTest, ARetryOfTheSameUrlIsNotAnsweredByTheAbortedRequestsStream) {
+  void* first = Get(sapA, "https://h/a");
+  EXPECT_EQ(provider->AbortStream(sapA, first), GPC_RESULT_OK);
+  void* retry = Get(sapA, "https://h/a");
+  NPStream late{}, answer{};
+  late.notifyData = first;
+  answer.notifyData = retry;
+  Open(&late, "https://h/a");
+  Open(&answer, "https://h/a");
+  EXPECT_TRUE(late.pdata == nullptr && answer.pdata == retry);
 }
 
 TEST_F(StreamProviderTest, UnregisteredSapHearsNothingMoreOfItsStreams) {

@@ -1,6 +1,8 @@
 // Milestone stamps: the version's property list tied to one meeting, and the text form in the parameter file.
 #include <gtest/gtest.h>
 
+#include <clocale>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 
@@ -66,6 +68,22 @@ TEST_F(TimeReporterTest, StampsBelongToOneMeetingAndWritesReplaceTheFileWhole) {
   fs::create_directory(path);  // a stamp file that cannot be put in place
   gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_check_extension);
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator(kTalvo), {}), 2) << "7.1.2/Info.plist/, no temporaries";
+}
+
+// Under a locale that writes decimal commas, earlier stamps keep their fractions when the file is read again.
+TEST_F(TimeReporterTest, StampsKeepTheirFractionsUnderADecimalCommaLocale) {
+  gpctest::TempFolder locales("locales");
+  const std::string make = "localedef -i de_DE -f UTF-8 " + locales.path() + "/de_DE.UTF-8 >/dev/null 2>&1";
+  ASSERT_EQ(system(make.c_str()), 0) << "the locales package makes the de_DE locale";
+  setenv("LOCPATH", locales.path().c_str(), 1);
+  ASSERT_NE(setlocale(LC_NUMERIC, "de_DE.UTF-8"), nullptr);
+  SetNow(1000.125);
+  gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_check_extension);
+  SetNow(1002.5);
+  gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_start_update_extension);
+  setlocale(LC_NUMERIC, "C");
+  unsetenv("LOCPATH");
+  EXPECT_EQ(Stamps(), "JMTRoot= gpc_check_extension=1000.125 gpc_start_update_extension=1002.5 meetingid=A ");
 }
 
 TEST_F(TimeReporterTest, TextFormIsAppendedToAnExistingParameterFileOnly) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,11 +29,15 @@ class TraceFileTest : public ::testing::Test {
   const std::string path_ = folder_.path() + "/trace.tvt";
 };
 
-// A new file is a whole trace at once, even over an older file's bytes; a link at the name is never followed.
+// A new file is a whole trace at once, even over an older file's bytes, and for its owner's eyes
+// only; a link at the name is never followed, nor another user's file written.
 TEST_F(TraceFileTest, NewFileHoldsTheHeaderAloneAndNeverFollowsALink) {
   gpctest::WriteFile(path_, std::string(500, 's'));
+  chmod(path_.c_str(), 0666);
   ASSERT_TRUE(tlvtra_reopen_for_testing(path_.c_str()));
   EXPECT_EQ(tvttest::Records(path_), std::vector<std::string>{});
+  struct stat info {};
+  EXPECT_TRUE(stat(path_.c_str(), &info) == 0 && (info.st_mode & 0777) == 0600);
   const std::string victim = path_ + ".victim", planted = path_ + ".planted";
   for (auto make_link : {&symlink, &link}) {
     gpctest::WriteFile(victim, "precious");
@@ -42,6 +47,11 @@ TEST_F(TraceFileTest, NewFileHoldsTheHeaderAloneAndNeverFollowsALink) {
     EXPECT_EQ(gpctest::ReadFile(victim), "precious");
     unlink(planted.c_str());
   }
+  gpctest::WriteFile(planted, "precious");
+  if (geteuid() != 0) GTEST_SKIP() << "only root can plant another user's file";
+  ASSERT_EQ(chown(planted.c_str(), 65534, 65534) | chmod(planted.c_str(), 0666), 0);
+  EXPECT_FALSE(tlvtra_reopen_for_testing(planted.c_str()));
+  EXPECT_EQ(gpctest::ReadFile(planted), "precious");
 }
 
 // Another process's load starts the file anew: this process's next record follows what that load

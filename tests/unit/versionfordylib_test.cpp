@@ -111,6 +111,7 @@ TEST(Version, UnversionedLibraryNames) {
       {"libext-4.2.so libext.so@libext-4.1.so", "libext-4.2.so", true, true, true,
        "libext-4.2.so libext.so@libext-4.2.so"},
       {"libold-1.dylib", "libold-1.dylib", true, true, false, "libold-1.dylib"},
+      {"x-2.dylib.bundle/ x.bundle/", "x-2.dylib.bundle", true, false, false, "x.bundle/"},  // no library's name
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.before) + " / " + c.asked);

@@ -138,6 +138,7 @@ TEST_F(WindowErrorsTest, ExtensionNamesFoldersAndPackageUrl) {
     std::string name, root;
     const char* method;
     std::string bundle, url;
+    bool hardened = false;
   } cases[] = {
       {"", root + "/", nullptr, "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip"},
       {"", root, "7Zip", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.7z"},
@@ -146,8 +147,14 @@ TEST_F(WindowErrorsTest, ExtensionNamesFoldersAndPackageUrl) {
       {name64, root, "zip", name64 + ".bundle", root + "/" + name64 + ".bundle.zip"},
       {"", longRoot, "zip", "zrgpcext64.bundle", longRoot + "/zrgpcext64.bundle.zip"},
       {"", longRoot + "r", "zip", "zrgpcext64.bundle", longRoot + "r"},
+      {"../../x", root, "zip", "../../x.bundle", root + "/../../x.bundle.zip"},
+      // The hardened build keeps the bundle in its folder and the package under its root.
+      {"../../x", root, "zip", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip", true},
+      {"a%2fb", root, "zip", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip", true},
+      {"..", root, "zip", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip", true},
   };
   for (const auto& c : cases) {
+    gpc::SetHardenedForTesting(c.hardened);
     CGpcWindow other(&npp);
     Set(other, {{"GpcExtName", c.name.empty() ? nullptr : c.name.c_str()},
                 {"GpcCompressMethod", c.method},
@@ -155,6 +162,7 @@ TEST_F(WindowErrorsTest, ExtensionNamesFoldersAndPackageUrl) {
     EXPECT_EQ(other.m_extMgr.GetExtensionName(), c.bundle);
     EXPECT_EQ(other.m_extMgr.GetExtensionUrl(), c.url);
   }
+  gpc::SetHardenedForTesting(-1);
 }
 
 }  // namespace

@@ -204,6 +204,12 @@ TEST_F(WindowExtensionTest, TheHardenedBuildKeepsTheInstalledExtensionWhenUnpack
       struct stat info {};
       EXPECT_TRUE(stat(path.c_str(), &info) == 0 && (info.st_mode & 0555) == 0555) << path;
     }
+    // A bundle whose name holds ".dylib" is no library: once unpacked it is not deleted as one.
+    const std::string dylib = env.dir() + (hardened ? "/hardened" : "/default") + "/my.dylib.bundle";
+    ASSERT_TRUE(Shell("cd " + gpctest::ShellQuote(env.dir()) + " && rm -rf my.dylib.bundle d.7z && cp -a " +
+                      gpctest::ShellQuote(kSampleBundle) + " my.dylib.bundle && 7z a d.7z my.dylib.bundle"));
+    EXPECT_EQ(GpcUnpackFile(window.get(), (env.dir() + "/d.7z").c_str(), dylib.c_str()), 0u);
+    EXPECT_TRUE(isDir(dylib + "/Contents/MacOS"));
   }
 }
 

@@ -213,6 +213,8 @@ TEST_F(WindowFetchTest, BrowserDownloadsNeverWriteThroughALinkShow109OnAFullDisk
   EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [](const std::string& url) {
     return url.rfind("_top https://e.example/err?", 0) == 0 && url.find("%5B109%5D") != std::string::npos;
   })) << ::testing::PrintToString(shown);
+  // The block that did not fit is dropped; the fetch completes with what was written.
+  EXPECT_EQ(requesters[1].events, std::vector<std::string>{"complete " + std::string(1000, 'x')});
 
   window->OnTimer();
   const std::string partial = window->m_strStreamFilePath;
@@ -220,6 +222,35 @@ TEST_F(WindowFetchTest, BrowserDownloadsNeverWriteThroughALinkShow109OnAFullDisk
   NPP_Destroy(&npp, nullptr);
   EXPECT_FALSE(FileExists(partial));
   EXPECT_TRUE(requesters[2].events.empty());
+}
+
+// No file can be made for a browser download: the requester hears of a failed fetch, not of a path.
+TEST_F(WindowFetchTest, ABrowserDownloadWithoutAFileCompletesAsFailed) {
+  ScopedEnv tmpdir("TMPDIR", "/proc/self");
+  CGpcWindow* window = Create(1, true);
+  window->OnTimer();
+  Answer(0, Browser().requests.at(0).url.c_str(), "data", NPRES_DONE);
+  EXPECT_EQ(requesters[0].events, std::vector<std::string>{"complete null"});
+}
+
+// The browser may destroy the instance while a requester handles its file (a dialog's nested loop):
+// the extension is ended, and the instance goes, once the requester has returned.
+TEST_F(WindowFetchTest, DestroyedWhileARequesterHandlesItsFileTheInstanceGoesAfterwards) {
+  static std::vector<std::string> seen;
+  static NPP page;
+  page = &npp;
+  CGpcWindow* window = Create(1);
+  window->OnTimer();
+  window->m_vectorFileItem.at(0)->m_pfnCallback = [](void*, void*, GPCGetFileNotifyMessageType, void*) {
+    seen.push_back("complete");
+    NPP_Destroy(page, nullptr);
+    seen.push_back("destroyed");
+  };
+  window->m_pfnGpcExitInstance = [](void*, void*) { seen.push_back("exit"); };
+  const std::string file = env.dir() + "/finished.bin";
+  ASSERT_TRUE(gpctest::WriteFile(file, "payload"));
+  window->m_downloadSlots[0].task->OnHttpReturn(nullptr, 7, const_cast<char*>(file.c_str()));
+  EXPECT_EQ(seen, (std::vector<std::string>{"complete", "destroyed", "exit"}));
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 
 #include <memory>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "fake_browser.h"
 #include "platform/system_version.h"
@@ -144,6 +146,34 @@ TEST_F(WindowLifecycleTest, SetWindowAndTeardown) {
   window->GetFileAtUrl(nullptr, nullptr, "https://www.talvo.us/client/y.7z");
   window.reset();  // the leak checker watches the rest
   EXPECT_EQ(exits, 1);
+}
+
+// The browser may destroy the instance inside the extension's heartbeat (a dialog runs a nested
+// loop): the extension is ended once its heartbeat has returned, and nothing more of the
+// instance reaches the browser.
+TEST_F(WindowLifecycleTest, DestroyedDuringTheHeartbeatTheInstanceGoesWhenTheHeartbeatReturns) {
+  static std::vector<std::string> seen;
+  static NPP page;
+  page = &npp;
+  ASSERT_EQ(NPP_New(const_cast<char*>("application/x-talvo-gpc"), &npp, NP_EMBED, 0, nullptr, nullptr, nullptr),
+            NPERR_NO_ERROR);
+  CGpcWindow* window = static_cast<InstanceRecord*>(npp.pdata)->gpcWindow;
+  window->m_bHalted = 0;
+  window->m_bExtMgrStarted = 1;
+  window->m_pfnGpcHeartbeat = [](void* instance, void*) {
+    seen.push_back("heartbeat");
+    NPP_Destroy(page, nullptr);
+    seen.push_back("destroyed");
+    // The extension still asks for a stream before its dialog returns.
+    CGpcWindow* self = static_cast<CGpcWindow*>(instance);
+    void* stream = nullptr;
+    self->m_serviceTable.GpcGetStream(self->m_streamSap, "https://www.talvo.us/x", 0, &stream);
+  };
+  window->m_pfnGpcExitInstance = [](void*, void*) { seen.push_back("exit"); };
+  window->ChangeLocation(nullptr, "https://www.talvo.us/a");
+  window->OnTimer();
+  EXPECT_EQ(seen, (std::vector<std::string>{"heartbeat", "destroyed", "exit"}));
+  EXPECT_TRUE(Browser().requests.empty());
 }
 
 }  // namespace

@@ -1,9 +1,13 @@
 // The parameter store and the parameter file written at the start of every instance.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <fstream>
 #include <string>
 
+#include "extension_package.h"
 #include "fake_browser.h"
 #include "common/gpcutil.h"
 #include "common/hardening.h"
@@ -108,6 +112,18 @@ TEST_F(WindowParamsTest, ParameterFileHoldsEveryRecordAndTheTimeLast) {
   EXPECT_FALSE(FileExists(folder + "other"));
   ASSERT_TRUE(SaveParameters(second.argc(), second.argn(), second.argv()));
   EXPECT_EQ(gpctest::ReadFile(folder + "7,1/talvoparameters.txt").find("NullValue"), std::string::npos);
+  // A full disk keeps the last file whole, and the instance goes on: the file is advisory.
+  const std::string kept = gpctest::ReadFile(folder + "7,1/talvoparameters.txt"), large(4000, 'v');
+  gpctest::EmbedArgs big{{"GpcProductVersion", "7,1"}, {"Large", large.c_str()}};
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit saved = {};
+  getrlimit(RLIMIT_FSIZE, &saved);
+  const rlimit lowered = {1000, saved.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &lowered);
+  EXPECT_TRUE(SaveParameters(big.argc(), big.argn(), big.argv()));
+  setrlimit(RLIMIT_FSIZE, &saved);
+  EXPECT_EQ(gpctest::ReadFile(folder + "7,1/talvoparameters.txt"), kept);
+  EXPECT_EQ(gpctest::ShellOutput("ls -A " + gpctest::ShellQuote(folder + "7,1")), "talvoparameters.txt\n");
   blocked.Add("GpcProductVersion", "blocked");
   std::ofstream(folder + "blocked") << "x";
   EXPECT_FALSE(SaveParameters(blocked.argc(), blocked.argn(), blocked.argv()));

@@ -1,6 +1,7 @@
 // The update decision: the installed user extension against the version the page asks for. No
 // heartbeat runs here, so nothing queued is ever fetched.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -22,8 +23,8 @@ std::string Folder() { return platform::UserApplicationSupportDir() + "/Talvo Fo
 // A user extension bundle "<name>.bundle" carrying `version` in its property list.
 void InstallBundle(const std::string& name, const std::string& version) {
   const std::string bundle = Folder() + "/" + name + ".bundle/Contents/";
-  ASSERT_TRUE(platform::MakeDirectories(bundle + "MacOS", 0755) &&
-              gpctest::WriteFile(bundle + "MacOS/" + name, "\177ELF"));
+  const std::string executable = gpctest::ReadFile(GPC_BUNDLE_DIR "/Contents/Frameworks/zrgpcext64.bundle/Contents/MacOS/zrgpcext64");
+  ASSERT_TRUE(platform::MakeDirectories(bundle + "MacOS", 0755) && gpctest::WriteFile(bundle + "MacOS/" + name, executable));
   const std::string plist = "<plist version=\"1.0\"><dict><key>CFBundleVersion</key><string>" + version +
                             "</string></dict></plist>";
   ASSERT_TRUE(gpctest::WriteFile(bundle + "Info.plist", plist));
@@ -108,6 +109,9 @@ TEST_F(WindowUpdateTest, AnyDifferenceInTheNormalFormDownloads) {
       EXPECT_EQ(window.m_extMgr.NeedUpdate(path.c_str(), c.required), hardened ? c.hardenedUpdate : c.update)
           << c.required << (hardened ? " hardened" : "");
   }
+  // An executable cut short (an extraction stopped half-way) or missing is replaced.
+  ASSERT_EQ(truncate((path + "/Contents/MacOS/zrgpcext64").c_str(), 2000), 0);
+  EXPECT_TRUE(window.m_extMgr.NeedUpdate(path.c_str(), "2,1"));
   ASSERT_EQ(remove((path + "/Contents/MacOS/zrgpcext64").c_str()), 0);
   EXPECT_TRUE(window.m_extMgr.NeedUpdate(path.c_str(), "2,1"));
   gpc::SetHardenedForTesting(true);

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -71,6 +72,14 @@ bool ParseWindow(const char* text, unsigned* width, unsigned* height) {
   return true;
 }
 
+// Chromium's "chrome-extension://<id>/", or Firefox's manifest path ("....json") and add-on id
+// ("name@domain" or "{uuid}").
+bool IsBrowserArgument(const std::string& word) {
+  const bool manifest = word.size() > 5 && word.compare(word.size() - 5, 5, ".json") == 0;
+  return word.rfind("chrome-extension://", 0) == 0 || manifest || word.find('@') != std::string::npos ||
+         word[0] == '{';
+}
+
 }  // namespace
 
 bool ReadParamsFile(const std::string& path, std::vector<std::pair<std::string, std::string>>* params,
@@ -91,6 +100,10 @@ bool ReadParamsFile(const std::string& path, std::vector<std::pair<std::string, 
       return false;
     }
     params->push_back(std::move(param));
+  }
+  if (in.bad() || !in.eof()) {  // a folder, or a read that failed half-way
+    *error = "cannot read " + path + ": " + std::strerror(errno);
+    return false;
   }
   return true;
 }
@@ -115,8 +128,13 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* out, std::string* erro
     }
     // What a browser adds when it starts a native-messaging host (Chromium: the caller's origin;
     // Firefox: the manifest's path and the extension's id). A host manifest's "path" cannot carry
-    // options, so these select the native-messaging mode and are otherwise ignored.
+    // options, so these select the native-messaging mode and are otherwise ignored. Any other
+    // word is a mistake (a NAME=VALUE without its --param, say), not a reason to change mode.
     if (!option.empty() && option[0] != '-') {
+      if (!IsBrowserArgument(option)) {
+        *error = "unexpected argument " + option;
+        return false;
+      }
       out->native_messaging = true;
       continue;
     }
@@ -165,6 +183,10 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* out, std::string* erro
   }
   if (!out->help && out->plugin.empty()) {
     *error = "no --plugin given";
+    return false;
+  }
+  if (out->params.size() > static_cast<size_t>(INT16_MAX)) {  // the browser's count is 16 bits
+    *error = std::to_string(out->params.size()) + " parameters; a page gives the plug-in at most 32767";
     return false;
   }
   return true;

@@ -64,6 +64,9 @@ Transfer* UrlLoader::Start(const std::string& url, bool post, const std::string&
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer.get());
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &UrlLoader::OnBody);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
+  // As a browser: no page reaches other services through schemes that send raw bytes (gopher, dict).
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, 30L);

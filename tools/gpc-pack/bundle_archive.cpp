@@ -257,6 +257,10 @@ std::string ExtensionNameRefusal(const std::string& name) {
     return "the extension name \"" + name + "\" holds \".framework\": the plug-in would look for a " +
            "framework's Info.plist in the installed bundle and download it on every visit";
   }
+  if (name.find(".dylib") != std::string::npos) {
+    return "the extension name \"" + name + "\" holds \".dylib\": the plug-in would take the installed " +
+           "bundle for a library, delete it and download it on every visit";
+  }
   return std::string();
 }
 

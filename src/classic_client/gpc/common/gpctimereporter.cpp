@@ -2,6 +2,7 @@
 // then rename), and the text form in the parameter file.
 #include "common/gpctimereporter.h"
 
+#include <locale.h>
 #include <plist/plist.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/gpcutil.h"
 #include "platform/clock.h"
 #include "platform/folders.h"
 #include "common/trace.h"
@@ -70,12 +72,35 @@ bool ReadWholeFile(const std::string& path, std::vector<char>* data) {
   return ok;
 }
 
+// The C numeric locale on this thread while it lives: libplist writes reals with a decimal point
+// but reads them with the locale's, so under a decimal comma "1000.5" would come back as 1000.
+class CNumericLocale {
+ public:
+  CNumericLocale() : m_c(newlocale(LC_NUMERIC_MASK, "C", static_cast<locale_t>(0))) {
+    if (m_c != static_cast<locale_t>(0)) m_previous = uselocale(m_c);
+  }
+  ~CNumericLocale() {
+    if (m_c == static_cast<locale_t>(0)) return;
+    uselocale(m_previous);
+    freelocale(m_c);
+  }
+  CNumericLocale(const CNumericLocale&) = delete;
+  CNumericLocale& operator=(const CNumericLocale&) = delete;
+
+ private:
+  locale_t m_c;
+  locale_t m_previous = static_cast<locale_t>(0);
+};
+
 // The file's root dictionary, or null when it is missing, unreadable or not a dictionary.
 plist_t LoadDictionary(const std::string& path) {
   std::vector<char> data;
   if (!ReadWholeFile(path, &data) || data.empty() || data.size() > UINT32_MAX) return nullptr;
   plist_t root = nullptr;
-  plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
+  {
+    const CNumericLocale c;
+    plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
+  }
   if (root != nullptr && plist_get_node_type(root) != PLIST_DICT) {
     plist_free(root);
     return nullptr;
@@ -83,32 +108,13 @@ plist_t LoadDictionary(const std::string& path) {
   return root;
 }
 
-// Writes `root` as an XML property list: a temporary file in the same folder, then rename, so
-// that a reader never sees half a file.
+// Writes `root` as an XML property list, replacing the file whole.
 bool WriteAtomically(plist_t root, const std::string& path) {
   char* xml = nullptr;
   uint32_t length = 0;
   plist_to_xml(root, &xml, &length);
   if (xml == nullptr) return false;
-
-  std::string pattern = path + ".XXXXXX";
-  std::vector<char> tempName(pattern.begin(), pattern.end());
-  tempName.push_back('\0');
-  int fd = mkstemp(tempName.data());
-  bool ok = fd >= 0;
-  if (ok) {
-    ok = fchmod(fd, 0644) == 0;
-    size_t written = 0;
-    while (ok && written < length) {
-      ssize_t n = write(fd, xml + written, length - written);
-      if (n < 0 && errno == EINTR) continue;
-      ok = n > 0;
-      if (ok) written += static_cast<size_t>(n);
-    }
-    ok = (close(fd) == 0) && ok;
-    ok = ok && rename(tempName.data(), path.c_str()) == 0;
-    if (!ok) unlink(tempName.data());
-  }
+  const bool ok = ReplaceFileWhole(path, std::string_view(xml, length), 0644) == FileReplaced::kWhole;
   if (!ok) MacWarnTrace("gpctimereporter,write %s failed: %s", path.c_str(), strerror(errno));
   plist_to_xml_free(xml);
   return ok;

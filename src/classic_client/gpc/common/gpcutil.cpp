@@ -61,11 +61,6 @@ std::string Unquoted(const std::string& value) {
   return value;
 }
 
-bool EntryExists(const char* path) {
-  struct stat info;
-  return path != nullptr && path[0] != '\0' && lstat(path, &info) == 0;
-}
-
 bool IsLibraryPath(const std::string& path) {
   static const std::string kSharedObject = ".so";
   return path.find(".dylib") != std::string::npos ||
@@ -78,6 +73,8 @@ bool RemoveRecursively(const std::string& path) {
   struct stat info;
   if (lstat(path.c_str(), &info) != 0) return false;
   if (!S_ISDIR(info.st_mode)) return unlink(path.c_str()) == 0;
+  // A bundle may be packed with read-only folders; its owner may still open them up to empty them.
+  if ((info.st_mode & S_IRWXU) != S_IRWXU) chmod(path.c_str(), (info.st_mode & 07777) | S_IRWXU);
   std::vector<FSDirectoryItem> items;
   if (FSGetDirectoryItems(path, items) != FSListStatus::kListed) return false;
   bool all_removed = true;
@@ -301,6 +298,39 @@ FILE* CreateNewFile(const char* path) {
   return file;
 }
 
+bool IsOneFolderName(const char* name) {
+  if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) return false;
+  for (const char* c = name; *c != '\0'; ++c) {
+    if (*c == '/' || static_cast<unsigned char>(*c) < 0x20 || *c == 0x7f) return false;
+  }
+  return true;
+}
+
+FileReplaced ReplaceFileWhole(const std::string& path, std::string_view bytes, mode_t mode) {
+  std::string temporary = path + ".XXXXXX";
+  const int fd = mkstemp(&temporary[0]);
+  if (fd < 0) return FileReplaced::kNotCreated;
+  bool ok = fchmod(fd, mode) == 0;
+  for (size_t written = 0; ok && written < bytes.size();) {
+    const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    ok = n > 0;
+    if (ok) written += static_cast<size_t>(n);
+  }
+  ok = close(fd) == 0 && ok;
+  ok = ok && rename(temporary.c_str(), path.c_str()) == 0;
+  if (ok) return FileReplaced::kWhole;
+  const int error = errno;
+  unlink(temporary.c_str());
+  errno = error;
+  return FileReplaced::kNotWritten;
+}
+
+bool EntryExists(const char* path) {
+  struct stat info;
+  return path != nullptr && path[0] != '\0' && lstat(path, &info) == 0;
+}
+
 bool isLink(const char* path) {
   if (!GPCUTIL_ASSERT_TEXT(path != nullptr, "path")) return false;
   struct stat info;
@@ -344,6 +374,21 @@ void DeleteFiles(const char* folder, const char* name, const char* extension) {
 
 namespace {
 
+// Moves `path` to a hidden name beside it that no earlier entry left there holds. The number
+// differs between processes and calls: entries stuck under such names stay for good.
+bool MoveAsideUnderHiddenName(const std::string& path) {
+  const uint32_t first = static_cast<uint32_t>(platform::WallClockMicros()) ^ (static_cast<uint32_t>(getpid()) << 20);
+  for (uint32_t n = 0; n < 8; ++n) {
+    const std::string hidden = HiddenNameBeside(path, first + n);
+    if (hidden.empty()) {
+      MacErrorTrace("RemoveFile: combine new name failed!");
+      return false;
+    }
+    if (!EntryExists(hidden.c_str())) return MoveAsideAndRemove(path, hidden);
+  }
+  return false;
+}
+
 bool RemoveTryingHarder(const char* path) {
   const std::string target = path;
 
@@ -359,12 +404,7 @@ bool RemoveTryingHarder(const char* path) {
     return true;
   }
 
-  std::string hidden = HiddenNameBeside(target, GetTickCount());
-  if (hidden.empty()) {
-    MacErrorTrace("RemoveFile: combine new name failed!");
-  } else if (MoveAsideAndRemove(target, hidden)) {
-    return true;
-  }
+  if (MoveAsideUnderHiddenName(target)) return true;
   if (MoveAsideAndRemove(target, target + ".deltmp")) return true;
 
   MacErrorTrace("RemoveFile: remove file[%s] again, still failed!", path);

@@ -129,11 +129,24 @@ uint32_t GetTempFileName(const char* directory, const char* prefix, std::string&
 FILE* CreateNewFile(const char* path);
 inline FILE* CreateNewFile(const std::string& path) { return CreateNewFile(path.c_str()); }
 
+// Replaces the file at `path` with `bytes` (mode `mode`): they go to a new file beside it, which
+// is then renamed over it, so that a reader sees the old file or the whole new one and a failed
+// write keeps the old. Nothing is left behind on failure; errno tells why.
+enum class FileReplaced { kWhole, kNotCreated, kNotWritten };
+FileReplaced ReplaceFileWhole(const std::string& path, std::string_view bytes, mode_t mode);
+
 // Whether the entry itself (a final symbolic link is not followed) is a link / a folder.
 bool isLink(const char* path);
 bool isDir(const char* path);
 inline bool isLink(const std::string& path) { return isLink(path.c_str()); }
 inline bool isDir(const std::string& path) { return isDir(path.c_str()); }
+
+// A name that stays one level below its folder: no "/", not "." or "..", no control bytes.
+bool IsOneFolderName(const char* name);
+
+// Whether the entry itself exists (a dangling link counts), with no other effect.
+bool EntryExists(const char* path);
+inline bool EntryExists(const std::string& path) { return EntryExists(path.c_str()); }
 
 // Whether `path` exists. For a library path (one containing ".dylib" or ending in ".so") the
 // answer is IsDylibFileExists(path, true), which also renews the unversioned link.

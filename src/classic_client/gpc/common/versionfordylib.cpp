@@ -19,11 +19,6 @@ constexpr size_t kLibraryPathBufferSize = 1024;  // both library paths must fit,
 constexpr size_t kBundleVersionMaxBytes = 255;
 constexpr const char* kDefaultLibraryExtension = ".dylib";
 
-bool PathExists(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0;
-}
-
 // Follows a final link: a bundle reached through a link is still a bundle.
 bool PathIsFolder(const std::string& path) {
   struct stat info;
@@ -88,7 +83,7 @@ bool GetFolderVersionString(const std::string& path, char* dest, size_t size) {
   MacInfoTrace("GetFileVersionString, path = %s is a Folder", path.c_str());
   std::string exec = BundleExecutablePath(path);
   MacInfoTrace("GetFileVersionString for path, exec file = %s", exec.c_str());
-  if (!PathExists(exec)) {
+  if (!EntryExists(exec)) {
     MacInfoTrace("GetFileVersionString for path = %s, execfile not exist", path.c_str());
     return false;
   }
@@ -129,8 +124,9 @@ std::string UnversionedLibraryPath(const std::string& versioned) {
   std::string::size_type dash = versioned.rfind('-');
   if (dash == std::string::npos || dash < name_start) return std::string();
   std::string::size_type dot = versioned.rfind('.');
-  std::string extension = (dot != std::string::npos && dot > dash) ? versioned.substr(dot)
-                                                                    : kDefaultLibraryExtension;
+  // Only a library's own suffix is kept: "x-2.dylib.bundle" is no version 2 of "x.bundle".
+  std::string extension = dot != std::string::npos && dot > dash ? versioned.substr(dot) : "";
+  if (extension != ".so") extension = kDefaultLibraryExtension;
   return versioned.substr(0, dash) + extension;
 }
 
@@ -179,7 +175,7 @@ bool GetFileVersionString(const char* path, char* dest, size_t size) {
   if (dest != nullptr && size != 0) dest[0] = '\0';
   if (!GPCUTIL_ASSERT_TEXT(path != nullptr, "path")) return false;
   if (!GPCUTIL_ASSERT_TEXT(dest != nullptr, "dest")) return false;
-  if (!PathExists(path)) {
+  if (!EntryExists(path)) {
     MacInfoTrace("GetFileVersionString, file(%s) not exist", path);
     return false;
   }
@@ -243,7 +239,7 @@ bool IsDylibFileExists(const char* versionedPath, bool makeLink) {
   if (versioned.size() >= kLibraryPathBufferSize || unversioned.size() >= kLibraryPathBufferSize) {
     return false;
   }
-  if (!PathExists(versioned)) return false;
+  if (!EntryExists(versioned)) return false;
 
   if (isLink(versioned) || isDir(versioned)) {
     RemoveFile(versioned);

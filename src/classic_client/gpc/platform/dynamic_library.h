@@ -18,6 +18,11 @@ std::string BundleExecutablePath(const std::string& bundle_path);
 // file that cannot be read.
 bool ExecutableMatchesOwnArchitecture(const std::string& executable);
 
+// True when `path` is an ELF file holding every loadable segment its header promises. The loader
+// maps segments without that check, and touching a page past the end of a cut-off file (a download
+// or extraction that stopped half-way) kills the whole process.
+bool IsCompleteElfFile(const std::string& path);
+
 // Opens the shared object at `path` with every symbol resolved now and kept local to it. Returns
 // the handle, or null with the loader's message in `error` (when given). A file cut short of the
 // segments its header names is refused before the loader sees it.

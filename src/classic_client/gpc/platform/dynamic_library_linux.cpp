@@ -54,23 +54,6 @@ bool SegmentsFitIn(FILE* file, off_t size) {
   return true;
 }
 
-// True when every loadable segment the header promises lies within the file. The loader maps
-// segments without that check, and touching a page past the end of a cut-off file (a download
-// or extraction that stopped half-way) kills the whole process.
-bool IsCompleteElfFile(const std::string& path) {
-  FILE* file = fopen(path.c_str(), "rb");
-  if (file == nullptr) return false;
-  struct stat info;
-  unsigned char ident[EI_NIDENT] = {};
-  bool complete = fstat(fileno(file), &info) == 0 && fread(ident, 1, sizeof ident, file) == sizeof ident &&
-                  memcmp(ident, ELFMAG, SELFMAG) == 0;
-  if (complete) {
-    complete = ident[EI_CLASS] == ELFCLASS64 ? SegmentsFitIn<Elf64_Ehdr, Elf64_Phdr>(file, info.st_size)
-                                             : SegmentsFitIn<Elf32_Ehdr, Elf32_Phdr>(file, info.st_size);
-  }
-  fclose(file);
-  return complete;
-}
 
 // The file each name was loaded from. The loader answers a name it has loaded with the object it
 // already has, without looking at the file now at that path: after an update replaced the
@@ -120,6 +103,21 @@ void* LoadUnderName(const std::string& path, const std::string& name, const File
 }
 
 }  // namespace
+
+bool IsCompleteElfFile(const std::string& path) {
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) return false;
+  struct stat info;
+  unsigned char ident[EI_NIDENT] = {};
+  bool complete = fstat(fileno(file), &info) == 0 && fread(ident, 1, sizeof ident, file) == sizeof ident &&
+                  memcmp(ident, ELFMAG, SELFMAG) == 0;
+  if (complete) {
+    complete = ident[EI_CLASS] == ELFCLASS64 ? SegmentsFitIn<Elf64_Ehdr, Elf64_Phdr>(file, info.st_size)
+                                             : SegmentsFitIn<Elf32_Ehdr, Elf32_Phdr>(file, info.st_size);
+  }
+  fclose(file);
+  return complete;
+}
 
 std::string BundleExecutablePath(const std::string& bundle_path) {
   if (bundle_path.empty()) return "";

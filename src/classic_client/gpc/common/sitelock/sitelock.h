@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <string>
 
+#include "common/hardening.h"
 #include "common/trace.h"
 
 struct IObjectSafetySiteLock {
@@ -107,6 +108,12 @@ std::string CSiteCheck<T>::CorrectSchemaofUrlRoot(const char* urlRoot) {
   if (!gpcsitelock::ParseUrl(urlRoot, &parts)) return std::string();
   if (parts.path.empty() || parts.scheme.empty()) return std::string();
   if (!gpcsitelock::IsAcceptableUrlRootPath(parts.path)) return std::string();
+  // The hardened build takes http and https alone, in any case, and checks every root it takes.
+  const bool https = caseInsensitiveCompare(parts.scheme.c_str(), "https") == 0;
+  if (gpc::GpcHardened() && !https && caseInsensitiveCompare(parts.scheme.c_str(), "http") != 0) {
+    MacWarnTrace("CSiteCheck::CorrectSchemaofUrlRoot,approve fail 2!");
+    return std::string();
+  }
 
   if (caseInsensitiveCompare(parts.scheme.c_str(), "http") == 0) {
     root = "https" + root.substr(4);
@@ -114,7 +121,7 @@ std::string CSiteCheck<T>::CorrectSchemaofUrlRoot(const char* urlRoot) {
       MacWarnTrace("CSiteCheck::CorrectSchemaofUrlRoot,approve fail 1!");
       root.clear();
     }
-  } else if (parts.scheme == "https") {
+  } else if (parts.scheme == "https" || (https && gpc::GpcHardened())) {
     if (!FApprovedDomain(root.c_str(), 0, rgslTrustedSites, kGpcTrustedSiteCount)) {
       MacWarnTrace("CSiteCheck::CorrectSchemaofUrlRoot,approve fail 2!");
       root.clear();

@@ -56,18 +56,19 @@ void TraceFilePath(char* path, size_t size) {
   }
 }
 
-// Opens the trace file at its start, truncated, creating it when missing. Only a plain file that
-// has no other name is taken: a link planted at the name (symbolic or hard) is never written
-// through, nor is a pipe or a device. Records are appended: when another process's load starts
+// Opens the trace file at its start, truncated, creating it when missing. Only a plain file of
+// this user that has no other name is taken: a link planted at the name (symbolic or hard) is
+// never written through, nor is a pipe, a device or another user's file. The trace holds the
+// page's parameters, so the file is readable by its owner alone. Records are appended: when another process's load starts
 // the file anew, this process's next record follows what that one wrote instead of landing at
 // its old offset past a run of zero bytes.
 FILE* OpenTraceFileForWriting(const char* path) {
-  const int fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+  const int fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
   if (fd < 0) return nullptr;
   struct stat info;
   FILE* fp = nullptr;
-  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1 && ftruncate(fd, 0) == 0 &&
-      fcntl(fd, F_SETFL, O_APPEND) == 0) {
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1 && info.st_uid == geteuid() &&
+      fchmod(fd, 0600) == 0 && ftruncate(fd, 0) == 0 && fcntl(fd, F_SETFL, O_APPEND) == 0) {
     fp = fdopen(fd, "ab");
   }
   if (fp == nullptr) close(fd);

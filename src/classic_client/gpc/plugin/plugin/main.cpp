@@ -160,8 +160,15 @@ NPError Private_New(NPMIMEType pluginType, NPP instance, uint16_t mode, int16_t 
                    "Private_New,call NPN_SetValue(NPPVpluginEventModel) return value = %d");
   }
   const bool existed = HasInstanceData(instance);
+  // Collecting starts before the instance is made: its first lines belong to its reports.
+  const bool first = !existed && g_nLiveInstances == 0;
+  if (first) RestartCollectedTrace();
   const NPError result = NPP_New(pluginType, instance, mode, argc, argn, argv, saved);
-  if (!existed && HasInstanceData(instance) && g_nLiveInstances++ == 0) RestartCollectedTrace();
+  if (!existed && HasInstanceData(instance)) {
+    ++g_nLiveInstances;
+  } else if (first) {
+    EndCollectedTrace();
+  }
   return result;
 }
 

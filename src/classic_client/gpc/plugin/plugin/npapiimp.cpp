@@ -333,6 +333,7 @@ uint32_t CGpcProvider::AbortStream(void* sap, void* stream) {
                                                                          reinterpret_cast<uintptr_t>(stream)));
     return GPC_RESULT_OK;
   }
+  if (target->m_bAborted) return GPC_RESULT_OK;  // its requester has heard of it once
   MacInfoTrace("CGpcProvider::AbortStream : Abort stream 0x%lx...",
                static_cast<unsigned long>(reinterpret_cast<uintptr_t>(stream)));
   target->m_bAborted = true;
@@ -369,7 +370,12 @@ NPError CGpcProvider::OnNppNewStream(NPMIMEType type, NPStream* stream, NPBool s
   (void)seekable;
   if (stream == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
   CGpcAutoLock lock(m_lock);
-  if (m_pPendingStream != nullptr && m_pPendingStream->IsSameUrl(stream->url)) {
+  // A late stream of an earlier (aborted) request names that request: it is not the pending one,
+  // even for the same URL.
+  void* const requester = stream->notifyData;
+  const bool earlierRequest = requester != nullptr && requester != m_pPendingStream &&
+                              IsLiveStream(static_cast<CGpcStream*>(requester));
+  if (!earlierRequest && m_pPendingStream != nullptr && m_pPendingStream->IsSameUrl(stream->url)) {
     if (stype != nullptr) *stype = m_pPendingStream->m_nAsFile ? NP_ASFILEONLY : NP_NORMAL;
     stream->pdata = m_pPendingStream;
     PendingReleased();

@@ -105,6 +105,8 @@ class CGpcProvider {
 
   // SAPs. RegisterSap never fails; UnregisterSap is false for an unknown SAP and otherwise
   // deletes it, leaving its streams without a SAP.
+  // The browser has destroyed the instance: nothing more is asked of it for this provider.
+  void ForgetBrowserInstance() { m_npp = nullptr; }
   CGpcSap* RegisterSap(GPCStreamMessageProc callback, void* context);
   bool AddSap(CGpcSap* sap);
   bool UnregisterSap(void* sap);

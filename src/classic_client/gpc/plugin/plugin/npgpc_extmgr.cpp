@@ -10,6 +10,7 @@
 #include "common/gpcutil.h"
 #include "plugin/plugin/npgpc_text.h"
 #include "platform/bundle.h"
+#include "platform/dynamic_library.h"
 #include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "safestring/safe_lib.h"
@@ -88,6 +89,12 @@ bool CGpcExtMgr::NeedUpdate(const char* file, const char* requiredVersion) {
     MacInfoTrace("CGpcExtMgr::NeedUpdate,get %s version info failed,need update!", file);
     return true;
   }
+  // An extraction that stopped half-way leaves the new version's Info.plist beside an executable
+  // cut short: that bundle would never load, and its version must not keep it from being replaced.
+  if (!platform::IsCompleteElfFile(platform::BundleExecutablePath(file))) {
+    MacInfoTrace("CGpcExtMgr::NeedUpdate,%s has no whole executable,need update!", file);
+    return true;
+  }
   // Equality only: a newer bundle is replaced too, so the page gets exactly what it names. The
   // hardened build keeps a newer one: an old, vulnerable extension cannot be brought back.
   int differs = 1;
@@ -129,8 +136,19 @@ std::string CGpcExtMgr::GetExtensionDir(bool local) {
   return TalvoFolderFor("CGpcExtMgr::GetExtensionDir");
 }
 
-std::string CGpcExtMgr::GetExtensionName() {
+// "GpcExtName" as given. The hardened build refuses one that could leave "Talvo Folder" or the
+// root's folder ("/", "\", "%", "?", "#", control bytes, "." or ".."): the default name stands.
+const char* CGpcExtMgr::GivenExtensionName() {
   const char* name = m_pWindow->GetParameter("GpcExtName");
+  if (name == nullptr || !gpc::GpcHardened() || (IsOneFolderName(name) && strpbrk(name, "\\%?#") == nullptr)) {
+    return name;
+  }
+  MacErrorTrace("CGpcExtMgr::GetExtensionName,GpcExtName %s is refused!", name);
+  return nullptr;
+}
+
+std::string CGpcExtMgr::GetExtensionName() {
+  const char* name = GivenExtensionName();
   std::string bundle = (name == nullptr || std::strlen(name) > kLongestExtensionName)
                            ? std::string(kDefaultExtensionName)
                            : std::string(name);
@@ -159,7 +177,7 @@ std::string CGpcExtMgr::GetExtensionUrl() {
   }
   AppendSlash(&url);
   std::string name;
-  if (const char* given = m_pWindow->GetParameter("GpcExtName")) {
+  if (const char* given = GivenExtensionName()) {
     name = given;
   } else {
     MacInfoTrace("CGpcExtMgr::GetExtensionUrl,GpcExtName is nil!");

@@ -171,11 +171,12 @@ void CGpcWindow::FinishDownloadingStreamFile(bool success) {
       MacErrorTrace("CGpcWindow::FinishDownloadingStreamFile,[%s] Can't Find on Client Package!",
                     item->m_strUrl.c_str());
     }
-    // The file is removed right after: the requester must use it before returning.
+    // The file is removed right after: the requester must use it before returning. Without a
+    // file (none could be made) the fetch failed, whatever the stream did.
     const std::string path = m_strStreamFilePath;
     if (item->m_pfnCallback) {
       item->m_pfnCallback(this, item->m_pContext, GPC_GETFILE_COMPLETE,
-                          success ? const_cast<char*>(path.c_str()) : nullptr);
+                          success && !path.empty() ? const_cast<char*>(path.c_str()) : nullptr);
     }
   }
   DiscardDownloadingStreamFile();
@@ -203,6 +204,7 @@ void CGpcWindow::CleanupDownloadingStreamFiles() {
 
 void CGpcWindow::OnDataReceived(unsigned size, void* item) {
   if (item == nullptr) return;
+  const CallOut callOut(this);
   CGetFileItem* fileItem = static_cast<CGetFileItem*>(item);
   fileItem->m_nReceivedBytes += size;
   if (fileItem->m_pfnCallback) {
@@ -210,7 +212,10 @@ void CGpcWindow::OnDataReceived(unsigned size, void* item) {
   }
 }
 
-void CGpcWindow::OnDownloadCompleate() { CheckDownloadingTasks(); }
+void CGpcWindow::OnDownloadCompleate() {
+  const CallOut callOut(this);
+  CheckDownloadingTasks();
+}
 
 void CGpcWindow::CheckDownloadingTasks() {
   for (int index = 0; index < kDownloadSlotCount; ++index) {
@@ -226,6 +231,7 @@ void CGpcWindow::CheckDownloadingTasks() {
     std::memset(slot.url, 0, sizeof slot.url);
     if (task->GetItem() != nullptr) HandOverDownloadedFile(static_cast<CGetFileItem*>(task->GetItem()), localFile);
     MacInfoTrace("CGpcWindow::CheckDownloadingTasks,end handle stream[%d]", index);
+    if (m_bDestroyPending) return;
   }
 }
 

@@ -28,8 +28,8 @@ const char* ProductVersionOf(int argc, char** argn, char** argv) {
   return nullptr;
 }
 
-bool WriteRecord(FILE* file, const char* name, const char* value) {
-  return fprintf(file, "[NAME]-=-%s-=-[VALUE]-=-%s-=-\r", name ? name : "", value ? value : "") >= 0;
+void AppendRecord(std::string* text, const char* name, const char* value) {
+  *text += std::string("[NAME]-=-") + (name ? name : "") + "-=-[VALUE]-=-" + (value ? value : "") + "-=-\r";
 }
 
 // The current absolute time with six decimals, always with a decimal point whatever the
@@ -38,15 +38,6 @@ std::string StartTimeText() {
   char text[G_ASCII_DTOSTR_BUF_SIZE];
   g_ascii_formatd(text, sizeof text, "%f", platform::AbsoluteTimeGetCurrent());
   return text;
-}
-
-// A name that stays one folder below its parent: no "/", no "." or "..", no control bytes.
-bool IsOneFolderName(const char* name) {
-  if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) return false;
-  for (const char* c = name; *c != '\0'; ++c) {
-    if (*c == '/' || static_cast<unsigned char>(*c) < 0x20 || *c == 0x7f) return false;
-  }
-  return true;
 }
 
 }  // namespace
@@ -78,16 +69,16 @@ bool SaveParameters(int argc, char** argn, char** argv) {
 
   path.push_back('/');
   path.append(kParameterFileName);
-  FILE* file = fopen(path.c_str(), "wb");
-  if (file == nullptr) {
+  std::string records;
+  for (int i = 0; i < argc; ++i) AppendRecord(&records, argn[i], argv[i]);
+  AppendRecord(&records, "gpcstartworktime", StartTimeText().c_str());
+  // Replaced whole: the local software never reads half a file, and a full disk keeps the old one.
+  const FileReplaced replaced = ReplaceFileWhole(path, records, 0644);
+  if (replaced == FileReplaced::kNotCreated) {
     MacErrorTrace("SaveParameters,fopen %s failed!", path.c_str());
     return false;
   }
-  bool written = true;
-  for (int i = 0; i < argc; ++i) written = WriteRecord(file, argn[i], argv[i]) && written;
-  written = WriteRecord(file, "gpcstartworktime", StartTimeText().c_str()) && written;
-  if (fclose(file) != 0) written = false;
-  // The file is advisory for the local software; a short write does not stop the instance.
-  if (!written) MacErrorTrace("SaveParameters,write %s failed: %s", path.c_str(), strerror(errno));
+  // The file is advisory for the local software; a failed write does not stop the instance.
+  if (replaced != FileReplaced::kWhole) MacErrorTrace("SaveParameters,write %s failed: %s", path.c_str(), strerror(errno));
   return true;
 }

@@ -114,7 +114,7 @@ uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* ar
   if (!targetIsFolder) chmod(staging.c_str(), 0755);
   const int32_t result = decompress(archive, staging.c_str());
   const std::string produced = targetIsFolder ? staging + target.substr(target.rfind('/')) : staging;
-  if (result != 0 || !FileExists(produced)) {
+  if (result != 0 || !EntryExists(produced)) {
     MacErrorTrace("CGpcWindow::UnpackFile,call GpcDecompressFile7z failed[%d],destfile=%s!", result, destination);
     RemoveFile(staging);
     return result != 0 ? static_cast<uint32_t>(result) : kUnpackNot7z;
@@ -124,7 +124,7 @@ uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* ar
     return kUnpackNoSource;
   }
   RemoveGroupAndOtherWrite(produced);
-  const bool replaced = FileExists(target)
+  const bool replaced = EntryExists(target)
                             ? renameat2(AT_FDCWD, produced.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) == 0
                             : rename(produced.c_str(), target.c_str()) == 0;
   if (!replaced) MacErrorTrace("CGpcWindow::UnpackFile,cannot move %s into place: %s", produced.c_str(), strerror(errno));

@@ -73,6 +73,22 @@ CGpcWindow::~CGpcWindow() {
   m_vectorFileItem.clear();
 }
 
+void CGpcWindow::Destroy() {
+  if (m_nCallOutDepth == 0) {
+    delete this;
+    return;
+  }
+  MacInfoTrace("CGpcWindow::Destroy,the instance goes when its call-out returns");
+  m_bDestroyPending = true;
+  m_bHalted = 1;
+  m_nppInstance = nullptr;
+  m_provider.ForgetBrowserInstance();
+}
+
+CGpcWindow::CallOut::~CallOut() {
+  if (--m_window->m_nCallOutDepth == 0 && m_window->m_bDestroyPending) delete m_window;
+}
+
 void CGpcWindow::FillServiceTable() { FillGpcServiceTable(&m_serviceTable); }
 
 void CGpcWindow::InstallHeartbeatTimer() {
@@ -111,6 +127,7 @@ void CGpcWindow::ExitGpcWindow() {
 }
 
 void CGpcWindow::OnTimer() {
+  const CallOut callOut(this);
   if (m_bHalted != 0) {
     // While halted only navigations go out, so that an error page still shows.
     CheckLocationChanging();
@@ -125,6 +142,7 @@ void CGpcWindow::OnTimer() {
     InitExtension();
   }
   if (m_pfnGpcHeartbeat != nullptr) m_pfnGpcHeartbeat(this, m_pExtData);
+  if (m_bDestroyPending) return;
   // A heartbeat entered again from inside these steps (an event during a dialog, say) must
   // not run them a second time.
   if (m_bSuspendFetching == 0 && m_nTimerDepth < 1) {

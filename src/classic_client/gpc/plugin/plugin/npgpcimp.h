@@ -91,6 +91,9 @@ class CGpcExtMgr {
 
   // Records a milestone when the page names both a product version and a meeting.
   void RecordTimeStamp(const char* key);
+
+ private:
+  const char* GivenExtensionName();
 };
 
 // How many direct downloads the instance runs at once.
@@ -125,6 +128,10 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   void OnDataReceived(unsigned size, void* item) override;
 
   // Lifecycle and heartbeat.
+  // Ends the instance for the browser: at once, or, while one of the plug-in's own call-outs
+  // runs (an extension's dialog may run a nested loop in which the browser destroys the
+  // instance), when the last of them returns. Meanwhile nothing reaches the browser.
+  void Destroy();
   void InitGpcWindow();
   void ExitGpcWindow();
   void OnTimer();
@@ -180,6 +187,18 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   void ExitExtension();
   uint32_t UnpackFile(const char* archive, const char* destination, int flags);
 
+  // A call out of the heartbeat or a download, counted so that the instance outlives it.
+  class CallOut {
+   public:
+    explicit CallOut(CGpcWindow* window) : m_window(window) { ++window->m_nCallOutDepth; }
+    ~CallOut();
+    CallOut(const CallOut&) = delete;
+    CallOut& operator=(const CallOut&) = delete;
+
+   private:
+    CGpcWindow* m_window;
+  };
+
   // Fields, in this order.
   NPP m_nppInstance;
   NPWindow* m_pNativeWindow = nullptr;
@@ -216,6 +235,8 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   unsigned m_hTimer = 0;  // the heartbeat's event-loop source id; 0 when none is installed
   void* m_h7zLib = nullptr;
   GpcDecompressFile7zProc m_pfnDecompressFile7z = nullptr;
+  int32_t m_nCallOutDepth = 0;
+  bool m_bDestroyPending = false;  // the browser destroyed the instance during a call-out
 
  private:
   // Old download mode: asks the browser for the head of the queue unless a stream is outstanding.

@@ -60,7 +60,7 @@ void DiscardInstance(NPP instance) {
   // A call the browser makes while the instance is torn down finds none.
   CGpcWindow* window = record->gpcWindow;
   record->gpcWindow = nullptr;
-  delete window;
+  if (window != nullptr) window->Destroy();
   if (record->nativeWindowSubclass != nullptr) MacInfoTrace("NPWRAP : Unsubclass native plugin window");
   instance->pdata = nullptr;
   NPN_MemFree(record);
