@@ -148,32 +148,47 @@ TEST_F(WindowLifecycleTest, SetWindowAndTeardown) {
   EXPECT_EQ(exits, 1);
 }
 
-// The browser may destroy the instance inside the extension's heartbeat (a dialog runs a nested
-// loop): the extension is ended once its heartbeat has returned, and nothing more of the
-// instance reaches the browser.
-TEST_F(WindowLifecycleTest, DestroyedDuringTheHeartbeatTheInstanceGoesWhenTheHeartbeatReturns) {
-  static std::vector<std::string> seen;
-  static NPP page;
-  page = &npp;
-  ASSERT_EQ(NPP_New(const_cast<char*>("application/x-talvo-gpc"), &npp, NP_EMBED, 0, nullptr, nullptr, nullptr),
-            NPERR_NO_ERROR);
-  CGpcWindow* window = static_cast<InstanceRecord*>(npp.pdata)->gpcWindow;
-  window->m_bHalted = 0;
-  window->m_bExtMgrStarted = 1;
-  window->m_pfnGpcHeartbeat = [](void* instance, void*) {
-    seen.push_back("heartbeat");
-    NPP_Destroy(page, nullptr);
-    seen.push_back("destroyed");
-    // The extension still asks for a stream before its dialog returns.
-    CGpcWindow* self = static_cast<CGpcWindow*>(instance);
-    void* stream = nullptr;
-    self->m_serviceTable.GpcGetStream(self->m_streamSap, "https://www.talvo.us/x", 0, &stream);
-  };
-  window->m_pfnGpcExitInstance = [](void*, void*) { seen.push_back("exit"); };
-  window->ChangeLocation(nullptr, "https://www.talvo.us/a");
-  window->OnTimer();
-  EXPECT_EQ(seen, (std::vector<std::string>{"heartbeat", "destroyed", "exit"}));
-  EXPECT_TRUE(Browser().requests.empty());
+// What the extension saw while the browser destroyed the instance inside one of its calls.
+std::vector<std::string> g_seen;
+NPP g_page = nullptr;
+void DestroyInsideTheExtension(void* instance, const char* call) {
+  g_seen.push_back(call);
+  NPP_Destroy(g_page, nullptr);
+  g_seen.push_back("destroyed");
+  // The extension still asks for a stream before its dialog returns.
+  CGpcWindow* self = static_cast<CGpcWindow*>(instance);
+  void* stream = nullptr;
+  self->m_serviceTable.GpcGetStream(self->m_streamSap, "https://www.talvo.us/x", 0, &stream);
+}
+
+// The browser may destroy the instance inside the extension's heartbeat or event handler (a dialog
+// runs a nested loop): the extension is ended once its call has returned, a heartbeat during its
+// exit starts no second teardown, and nothing more of the instance reaches the browser.
+TEST_F(WindowLifecycleTest, DestroyedInsideAnExtensionCallTheInstanceGoesWhenTheCallReturns) {
+  g_page = &npp;
+  for (const bool byEvent : {false, true}) {
+    g_seen.clear();
+    ASSERT_EQ(NPP_New(const_cast<char*>("application/x-talvo-gpc"), &npp, NP_EMBED, 0, nullptr, nullptr, nullptr),
+              NPERR_NO_ERROR);
+    CGpcWindow* window = static_cast<InstanceRecord*>(npp.pdata)->gpcWindow;
+    window->m_bHalted = 0;
+    window->m_bExtMgrStarted = 1;
+    window->m_pfnGpcHeartbeat = [](void* instance, void*) { DestroyInsideTheExtension(instance, "heartbeat"); };
+    window->m_pfnGpcHandleEvent = [](void* instance, void*, bool, void*) -> int32_t {
+      DestroyInsideTheExtension(instance, "event");
+      return 1;
+    };
+    window->m_pfnGpcExitInstance = [](void* instance, void*) {
+      g_seen.push_back("exit");
+      static_cast<CGpcWindow*>(instance)->OnTimer();
+    };
+    window->ChangeLocation(nullptr, "https://www.talvo.us/a");
+    int event = 0;
+    if (byEvent) NPP_HandleEvent(&npp, &event);
+    else window->OnTimer();
+    EXPECT_EQ(g_seen, (std::vector<std::string>{byEvent ? "event" : "heartbeat", "destroyed", "exit"}));
+    EXPECT_TRUE(Browser().requests.empty());
+  }
 }
 
 }  // namespace

@@ -42,7 +42,8 @@ const char kHostHelp[] =
     "redirects are followed; a chain that breaks off opens no stream (NPRES_NETWORK_ERR).\n"
     "\n"
     "Events: load, entry, instance, page_url, set_window, request, navigate, stream_start,\n"
-    "stream_end, url_notify, set_value, status, destroy, shutdown, exit. Each line is\n"
+    "stream_end, fetch_end, url_notify, get_value, set_value, status, destroy, shutdown, exit.\n"
+    "Each line is\n"
     "{\"event\":NAME,...}.\n"
     "\n"
     "Exit status: 0 for a clean run; 1 when the module cannot be loaded or refuses to start;\n"
@@ -101,7 +102,7 @@ bool ReadParamsFile(const std::string& path, std::vector<std::pair<std::string, 
     }
     params->push_back(std::move(param));
   }
-  if (in.bad() || !in.eof()) {  // a folder, or a read that failed half-way
+  if (in.bad()) {  // a folder, or a read that failed half-way
     *error = "cannot read " + path + ": " + std::strerror(errno);
     return false;
   }

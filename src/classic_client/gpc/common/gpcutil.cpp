@@ -74,7 +74,9 @@ bool RemoveRecursively(const std::string& path) {
   if (lstat(path.c_str(), &info) != 0) return false;
   if (!S_ISDIR(info.st_mode)) return unlink(path.c_str()) == 0;
   // A bundle may be packed with read-only folders; its owner may still open them up to empty them.
-  if ((info.st_mode & S_IRWXU) != S_IRWXU) chmod(path.c_str(), (info.st_mode & 07777) | S_IRWXU);
+  if ((info.st_mode & S_IRWXU) != S_IRWXU) {
+    fchmodat(AT_FDCWD, path.c_str(), (info.st_mode & 07777) | S_IRWXU, AT_SYMLINK_NOFOLLOW);  // a link swapped in stays as it is
+  }
   std::vector<FSDirectoryItem> items;
   if (FSGetDirectoryItems(path, items) != FSListStatus::kListed) return false;
   bool all_removed = true;

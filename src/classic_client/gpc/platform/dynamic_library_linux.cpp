@@ -9,8 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <map>
-#include <mutex>
+#include <atomic>
 
 #include "platform/bundle.h"
 
@@ -54,51 +53,21 @@ bool SegmentsFitIn(FILE* file, off_t size) {
   return true;
 }
 
+// The loader answers a name it has loaded with the object it already has, without looking at the
+// file now at that path: after an update replaced the extension while another instance still runs
+// the old one, the path would give the old code. So each load names the file by a link of its own
+// (".<name>.load-<pid>-<n>", removed at once), and the loader, matching the file itself, shares an
+// object only for the same file. Where no link can be made (a read-only folder, which no update
+// rewrites) the path itself is loaded.
+std::atomic<unsigned> g_loads{0};
 
-// The file each name was loaded from. The loader answers a name it has loaded with the object it
-// already has, without looking at the file now at that path: after an update replaced the
-// extension while another instance still runs the old one, the new file must be loaded under a
-// name of its own.
-struct FileId {
-  dev_t device;
-  ino_t inode;
-  bool operator==(const FileId& other) const { return device == other.device && inode == other.inode; }
-};
-std::mutex loadedNamesMutex;
-std::map<std::string, FileId>& LoadedNames() {
-  static auto* names = new std::map<std::string, FileId>;  // never destroyed: unload order is unknown
-  return *names;
-}
-
-bool IsNameLoaded(const std::string& name) {
-  void* loaded = dlopen(name.c_str(), RTLD_LAZY | RTLD_NOLOAD);
-  if (loaded != nullptr) dlclose(loaded);
-  return loaded != nullptr;
-}
-
-// A name under which `path`, the file `id`, can be loaded: the path itself, or a hidden name
-// beside it when the path's name is taken by an older file still loaded. Empty when none is left.
-std::string NameToLoad(const std::string& path, const FileId& id) {
+void* LoadThroughOwnLink(const std::string& path) {
   const size_t slash = path.find_last_of('/');
-  const std::string folder = path.substr(0, slash + 1), base = path.substr(slash + 1);
-  for (int n = 0; n < 16; ++n) {
-    const std::string name = n == 0 ? path : folder + "." + base + ".load" + std::to_string(n);
-    if (!IsNameLoaded(name)) return name;
-    const auto known = LoadedNames().find(name);
-    if (known == LoadedNames().end() || known->second == id) return name;
-  }
-  return "";
-}
-
-void* LoadUnderName(const std::string& path, const std::string& name, const FileId& id) {
-  const bool alias = name != path && !IsNameLoaded(name);
-  if (alias) {
-    unlink(name.c_str());  // left by a process that stopped half-way
-    if (link(path.c_str(), name.c_str()) != 0) return nullptr;
-  }
-  void* library = dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (alias) unlink(name.c_str());
-  if (library != nullptr) LoadedNames()[name] = id;
+  const std::string own = path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".load-" +
+                          std::to_string(getpid()) + "-" + std::to_string(++g_loads);
+  if (link(path.c_str(), own.c_str()) != 0) return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  void* library = dlopen(own.c_str(), RTLD_NOW | RTLD_LOCAL);
+  unlink(own.c_str());
   return library;
 }
 
@@ -151,23 +120,11 @@ void* OpenLibrary(const std::string& path, std::string* error) {
     if (error != nullptr) *error = "not a complete ELF shared object";
     return nullptr;
   }
-  struct stat info;
-  if (stat(path.c_str(), &info) != 0) {
-    if (error != nullptr) *error = strerror(errno);
-    return nullptr;
-  }
-  const FileId id{info.st_dev, info.st_ino};
-  std::lock_guard<std::mutex> lock(loadedNamesMutex);
-  const std::string name = NameToLoad(path, id);
-  if (name.empty()) {
-    if (error != nullptr) *error = "too many older copies of this file are still loaded";
-    return nullptr;
-  }
   dlerror();
-  void* library = LoadUnderName(path, name, id);
+  void* library = LoadThroughOwnLink(path);
   if (library == nullptr && error != nullptr) {
     const char* message = dlerror();
-    *error = message ? message : "cannot link " + name + ": " + strerror(errno);
+    *error = message ? message : "unknown loader error";
   }
   return library;
 }

@@ -204,7 +204,7 @@ void CGpcWindow::CleanupDownloadingStreamFiles() {
 
 void CGpcWindow::OnDataReceived(unsigned size, void* item) {
   if (item == nullptr) return;
-  const CallOut callOut(this);
+  const InUse inUse(this);
   CGetFileItem* fileItem = static_cast<CGetFileItem*>(item);
   fileItem->m_nReceivedBytes += size;
   if (fileItem->m_pfnCallback) {
@@ -213,7 +213,7 @@ void CGpcWindow::OnDataReceived(unsigned size, void* item) {
 }
 
 void CGpcWindow::OnDownloadCompleate() {
-  const CallOut callOut(this);
+  const InUse inUse(this);
   CheckDownloadingTasks();
 }
 

@@ -73,20 +73,26 @@ CGpcWindow::~CGpcWindow() {
   m_vectorFileItem.clear();
 }
 
+// Uses that begin during the teardown itself (a heartbeat in the extension's exit dialog) find
+// the instance in use, so they never start a second teardown.
 void CGpcWindow::Destroy() {
-  if (m_nCallOutDepth == 0) {
+  m_bHalted = 1;
+  if (m_nInUse == 0) {
+    ++m_nInUse;
     delete this;
     return;
   }
-  MacInfoTrace("CGpcWindow::Destroy,the instance goes when its call-out returns");
+  MacInfoTrace("CGpcWindow::Destroy,the instance goes when its use ends");
   m_bDestroyPending = true;
-  m_bHalted = 1;
   m_nppInstance = nullptr;
   m_provider.ForgetBrowserInstance();
 }
 
-CGpcWindow::CallOut::~CallOut() {
-  if (--m_window->m_nCallOutDepth == 0 && m_window->m_bDestroyPending) delete m_window;
+CGpcWindow::InUse::~InUse() {
+  if (--m_window->m_nInUse != 0 || !m_window->m_bDestroyPending) return;
+  m_window->m_bDestroyPending = false;
+  ++m_window->m_nInUse;
+  delete m_window;
 }
 
 void CGpcWindow::FillServiceTable() { FillGpcServiceTable(&m_serviceTable); }
@@ -127,7 +133,7 @@ void CGpcWindow::ExitGpcWindow() {
 }
 
 void CGpcWindow::OnTimer() {
-  const CallOut callOut(this);
+  const InUse inUse(this);
   if (m_bHalted != 0) {
     // While halted only navigations go out, so that an error page still shows.
     CheckLocationChanging();
@@ -141,7 +147,7 @@ void CGpcWindow::OnTimer() {
     m_bNeedInitExtension = false;
     InitExtension();
   }
-  if (m_pfnGpcHeartbeat != nullptr) m_pfnGpcHeartbeat(this, m_pExtData);
+  if (!m_bDestroyPending && m_pfnGpcHeartbeat != nullptr) m_pfnGpcHeartbeat(this, m_pExtData);
   if (m_bDestroyPending) return;
   // A heartbeat entered again from inside these steps (an event during a dialog, say) must
   // not run them a second time.

@@ -128,9 +128,9 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   void OnDataReceived(unsigned size, void* item) override;
 
   // Lifecycle and heartbeat.
-  // Ends the instance for the browser: at once, or, while one of the plug-in's own call-outs
-  // runs (an extension's dialog may run a nested loop in which the browser destroys the
-  // instance), when the last of them returns. Meanwhile nothing reaches the browser.
+  // Ends the instance for the browser: at once, or, while the instance is in use (an extension's
+  // dialog may run a nested loop in which the browser destroys it), when the last use ends.
+  // Meanwhile nothing reaches the browser.
   void Destroy();
   void InitGpcWindow();
   void ExitGpcWindow();
@@ -187,13 +187,14 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   void ExitExtension();
   uint32_t UnpackFile(const char* archive, const char* destination, int flags);
 
-  // A call out of the heartbeat or a download, counted so that the instance outlives it.
-  class CallOut {
+  // One use of the instance (a browser call, the heartbeat, a download's callback), counted so
+  // that the instance outlives every use in progress.
+  class InUse {
    public:
-    explicit CallOut(CGpcWindow* window) : m_window(window) { ++window->m_nCallOutDepth; }
-    ~CallOut();
-    CallOut(const CallOut&) = delete;
-    CallOut& operator=(const CallOut&) = delete;
+    explicit InUse(CGpcWindow* window) : m_window(window) { ++window->m_nInUse; }
+    ~InUse();
+    InUse(const InUse&) = delete;
+    InUse& operator=(const InUse&) = delete;
 
    private:
     CGpcWindow* m_window;
@@ -235,8 +236,8 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   unsigned m_hTimer = 0;  // the heartbeat's event-loop source id; 0 when none is installed
   void* m_h7zLib = nullptr;
   GpcDecompressFile7zProc m_pfnDecompressFile7z = nullptr;
-  int32_t m_nCallOutDepth = 0;
-  bool m_bDestroyPending = false;  // the browser destroyed the instance during a call-out
+  int32_t m_nInUse = 0;
+  bool m_bDestroyPending = false;  // the browser destroyed the instance while it was in use
 
  private:
   // Old download mode: asks the browser for the head of the queue unless a stream is outstanding.

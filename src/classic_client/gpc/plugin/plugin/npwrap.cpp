@@ -125,6 +125,7 @@ NPError NPP_SetWindow(NPP instance, NPWindow* window) try {
   MacInfoTrace("NPWRAP : SetWindow");
   CGpcWindow* gpcWindow = WindowOf(instance);
   if (gpcWindow == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
+  const CGpcWindow::InUse inUse(gpcWindow);
   return gpcWindow->SetWindow(window);
 }
 GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
@@ -141,6 +142,7 @@ NPError NPP_NewStream(NPP instance, NPMIMEType type, NPStream* stream, NPBool se
   if (IsHostSiteStream(stream)) return NPERR_NO_ERROR;
   CGpcWindow* window = WindowOf(instance);
   if (window == nullptr) return NPERR_NO_ERROR;
+  const CGpcWindow::InUse inUse(window);
   return window->m_provider.OnNppNewStream(type, stream, seekable, stype);
 }
 GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
@@ -149,6 +151,7 @@ int32_t NPP_WriteReady(NPP instance, NPStream* stream) try {
   if (instance == nullptr || IsHostSiteStream(stream)) return kAcceptAll;
   CGpcWindow* window = WindowOf(instance);
   if (window == nullptr) return kAcceptAll;
+  const CGpcWindow::InUse inUse(window);
   return window->m_provider.OnNppWriteReady(stream);
 }
 GPC_BOUNDARY_CATCH(kAcceptAll)
@@ -159,6 +162,7 @@ int32_t NPP_Write(NPP instance, NPStream* stream, int32_t offset, int32_t len, v
   if (window == nullptr) return len;
   // A block that is not there is refused unread; the browser then ends the stream.
   if (len < 0 || (len > 0 && buffer == nullptr)) return kWriteFailed;
+  const CGpcWindow::InUse inUse(window);
   if (!IsHostSiteStream(stream)) return window->m_provider.OnNppWrite(stream, offset, len, buffer);
   CheckHostSite(window, len, buffer);
   return len;
@@ -178,6 +182,7 @@ NPError NPP_DestroyStream(NPP instance, NPStream* stream, NPReason reason) try {
   }
   NPError result = NPERR_NO_ERROR;
   if (CGpcWindow* window = WindowOf(instance)) {
+    const CGpcWindow::InUse inUse(window);
     result = window->m_provider.OnNppDestroyStream(stream, reason);
     // A stream that is none of the provider's and that finished may be a navigation of the
     // window's own queue.
@@ -196,7 +201,10 @@ GPC_BOUNDARY_CATCH(NPERR_OUT_OF_MEMORY_ERROR)
 
 void NPP_StreamAsFile(NPP instance, NPStream* stream, const char* fname) try {
   MacInfoTrace("NPWRAP : NPP_StreamAsFile");
-  if (CGpcWindow* window = WindowOf(instance)) window->m_provider.OnNppStreamAsFile(stream, fname);
+  if (CGpcWindow* window = WindowOf(instance)) {
+    const CGpcWindow::InUse inUse(window);
+    window->m_provider.OnNppStreamAsFile(stream, fname);
+  }
 }
 GPC_BOUNDARY_CATCH_VOID
 
@@ -215,6 +223,7 @@ void NPP_URLNotify(NPP instance, const char* url, NPReason reason, void* notifyD
   if (reinterpret_cast<uintptr_t>(notifyData) == static_cast<uintptr_t>(NOTIFICATION_GET_HOSTSITE)) return;
   CGpcWindow* window = WindowOf(instance);
   if (window == nullptr) return;
+  const CGpcWindow::InUse inUse(window);
   if (notifyData != nullptr) {
     window->m_provider.OnNppUrlNotify(url, reason, notifyData);
   } else {
@@ -226,6 +235,7 @@ GPC_BOUNDARY_CATCH_VOID
 int16_t NPP_HandleEvent(NPP instance, void* event) try {
   CGpcWindow* window = WindowOf(instance);
   if (window == nullptr) return 0;
+  const CGpcWindow::InUse inUse(window);
   window->HandleEvent(event, true);
   // Never reported as handled, whatever the extension answered.
   return 0;
