@@ -2,7 +2,6 @@
 // then rename), and the text form in the parameter file.
 #include "common/gpctimereporter.h"
 
-#include <locale.h>
 #include <plist/plist.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 
 #include "common/gpcutil.h"
 #include "platform/clock.h"
+#include "platform/thread_locale.h"
 #include "platform/folders.h"
 #include "common/trace.h"
 
@@ -72,25 +72,6 @@ bool ReadWholeFile(const std::string& path, std::vector<char>* data) {
   return ok;
 }
 
-// The C numeric locale on this thread while it lives: libplist writes reals with a decimal point
-// but reads them with the locale's, so under a decimal comma "1000.5" would come back as 1000.
-class CNumericLocale {
- public:
-  CNumericLocale() : m_c(newlocale(LC_NUMERIC_MASK, "C", static_cast<locale_t>(0))) {
-    if (m_c != static_cast<locale_t>(0)) m_previous = uselocale(m_c);
-  }
-  ~CNumericLocale() {
-    if (m_c == static_cast<locale_t>(0)) return;
-    uselocale(m_previous);
-    freelocale(m_c);
-  }
-  CNumericLocale(const CNumericLocale&) = delete;
-  CNumericLocale& operator=(const CNumericLocale&) = delete;
-
- private:
-  locale_t m_c;
-  locale_t m_previous = static_cast<locale_t>(0);
-};
 
 // The file's root dictionary, or null when it is missing, unreadable or not a dictionary.
 plist_t LoadDictionary(const std::string& path) {
@@ -98,7 +79,9 @@ plist_t LoadDictionary(const std::string& path) {
   if (!ReadWholeFile(path, &data) || data.empty() || data.size() > UINT32_MAX) return nullptr;
   plist_t root = nullptr;
   {
-    const CNumericLocale c;
+    // libplist writes reals with a decimal point but reads them in the thread's numeric locale:
+    // under a decimal comma "1000.5" would come back as 1000.
+    const platform::ThreadLocale c(LC_NUMERIC_MASK, {"C"});
     plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
   }
   if (root != nullptr && plist_get_node_type(root) != PLIST_DICT) {

@@ -27,6 +27,7 @@
 #include "lib7zip/link_target.h"
 
 #include "platform/folders.h"
+#include "platform/thread_locale.h"
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -141,30 +142,6 @@ Reader Open7z(const char* path) {
   return reader;
 }
 
-// 7z stores names in UTF-16, and libarchive drops a name it cannot convert to the locale's
-// character set, which in the "C" locale is any non-ASCII name. For the life of this object the
-// calling thread alone uses UTF-8, so names reach the disk in UTF-8 whatever the host's locale.
-class Utf8ThreadLocale {
- public:
-  Utf8ThreadLocale() {
-    for (const char* name : {"C.UTF-8", "C.utf8", "en_US.UTF-8"}) {
-      m_utf8 = newlocale(LC_CTYPE_MASK, name, static_cast<locale_t>(0));
-      if (m_utf8 != static_cast<locale_t>(0)) break;
-    }
-    if (m_utf8 != static_cast<locale_t>(0)) m_previous = uselocale(m_utf8);
-  }
-  ~Utf8ThreadLocale() {
-    if (m_utf8 == static_cast<locale_t>(0)) return;
-    uselocale(m_previous);
-    freelocale(m_utf8);
-  }
-  Utf8ThreadLocale(const Utf8ThreadLocale&) = delete;
-  Utf8ThreadLocale& operator=(const Utf8ThreadLocale&) = delete;
-
- private:
-  locale_t m_utf8 = static_cast<locale_t>(0);
-  locale_t m_previous = static_cast<locale_t>(0);
-};
 
 // Names are taken in UTF-8; the locale's form only when that is missing.
 const char* Utf8OrLocal(const char* utf8, const char* local) {
@@ -432,7 +409,10 @@ int32_t ExtractPlan(const char* archivePath, const std::vector<Entry>& plan,
 }
 
 int32_t Decompress(const char* archivePath, const std::string& folder) {
-  const Utf8ThreadLocale utf8;
+  // 7z stores names in UTF-16, and libarchive drops a name it cannot convert to the locale's
+  // character set, which in the "C" locale is any non-ASCII name. While this runs the calling
+  // thread alone uses UTF-8, so names reach the disk in UTF-8 whatever the host's locale.
+  const platform::ThreadLocale utf8(LC_CTYPE_MASK, {"C.UTF-8", "C.utf8", "en_US.UTF-8"});
   const Limits limits = CurrentLimits();
   std::vector<Entry> plan;
   int32_t result = ReadPlan(archivePath, limits, &plan);
