@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <elf.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <vector>
 
@@ -107,6 +109,11 @@ TEST(Platform, BundlesAndExecutables) {
   void* library = platform::OpenLibrary(dir.Write("cut", lib.substr(0, end)), &error);
   EXPECT_NE(library, nullptr) << error;
   platform::CloseLibrary(library);
+
+  // A complete file the loader refuses (a program, not a library) is named in the error as it lies.
+  const std::string program = dir.Write("program", ReadAll("/bin/true"));
+  EXPECT_EQ(platform::OpenLibrary(program, &error), nullptr);
+  EXPECT_EQ(error.rfind(program + ": ", 0), 0u) << error;
 }
 
 // An update replaces a library that another instance still runs: each load gets the file that
@@ -114,6 +121,10 @@ TEST(Platform, BundlesAndExecutables) {
 TEST(Platform, ALibraryReplacedWhileLoadedLoadsTheNewFile) {
   ScratchFolder dir;
   const std::string path = dir / "x.so";
+  auto loadedAs = [](void* library, const char* symbol) {
+    Dl_info info{};
+    return dladdr(platform::LibrarySymbol(library, symbol), &info) != 0 ? std::string(info.dli_fname) : "";
+  };
   std::vector<void*> handles;
   const std::pair<const char*, const char*> loads[] = {
       {kExtension, "GpcInitInstance"}, {kUnpacker, "GpcDecompressFile7z"}, {nullptr, "GpcDecompressFile7z"},
@@ -123,13 +134,28 @@ TEST(Platform, ALibraryReplacedWhileLoadedLoadsTheNewFile) {
     std::string error;
     void* library = platform::OpenLibrary(path, &error);
     ASSERT_NE(library, nullptr) << error;
-    EXPECT_NE(platform::LibrarySymbol(library, symbol), nullptr) << symbol;
-    // A new file is a new object; the same file again is the object already loaded.
+    // Each is found in the library's own folder ($ORIGIN) and under its own path's spelling.
+    const std::string name = loadedAs(library, symbol);
+    EXPECT_EQ(std::filesystem::path(name).lexically_normal().parent_path(), dir.path()) << name;
+    // A new file is a new object; the same file again is the object already loaded, and letting go
+    // of it once leaves it loaded under its first name.
     EXPECT_EQ(std::find(handles.begin(), handles.end(), library) == handles.end(), file != nullptr) << symbol;
-    handles.push_back(library);
+    if (file == nullptr) platform::CloseLibrary(library);
+    else handles.push_back(library);
   }
   EXPECT_EQ(dir.Describe(), "x.so");
   for (void* library : handles) platform::CloseLibrary(library);
+  void* again = platform::OpenLibrary(path, nullptr);  // its spelling is free once its object is gone
+  EXPECT_EQ(loadedAs(again, "GpcDecompressFile7z"), path);
+
+  // An object still held elsewhere keeps its spelling after its last close here.
+  void* held = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  platform::CloseLibrary(again);
+  unlink(path.c_str()), dir.Write("x.so", ReadAll(kExtension));
+  void* fresh = platform::OpenLibrary(path, nullptr);
+  EXPECT_NE(platform::LibrarySymbol(fresh, "GpcInitInstance"), nullptr);
+  platform::CloseLibrary(fresh);
+  dlclose(held);
 }
 
 }  // namespace

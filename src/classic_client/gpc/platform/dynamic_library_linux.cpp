@@ -9,7 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <atomic>
+#include <map>
+#include <mutex>
 
 #include "platform/bundle.h"
 
@@ -55,19 +56,34 @@ bool SegmentsFitIn(FILE* file, off_t size) {
 
 // The loader answers a name it has loaded with the object it already has, without looking at the
 // file now at that path: after an update replaced the extension while another instance still runs
-// the old one, the path would give the old code. So each load names the file by a link of its own
-// (".<name>.load-<pid>-<n>", removed at once), and the loader, matching the file itself, shares an
-// object only for the same file. Where no link can be made (a read-only folder, which no update
-// rewrites) the path itself is loaded.
-std::atomic<unsigned> g_loads{0};
+// the old one, the path would give the old code. So a file replaced while its object is loaded is
+// loaded under a new spelling of the same path ("<dir>/./<name>", one more "./" each time), which
+// keeps the library's own folder as its $ORIGIN and writes nothing beside it. A spelling is used
+// again once its object is gone.
+std::recursive_mutex g_spellingsMutex;  // a library's constructor may load another
+std::map<std::string, void*> g_spellings;  // each spelling used, with the object loaded under it
 
-void* LoadThroughOwnLink(const std::string& path) {
+// Whether the object loaded under `spelling` is still loaded under it.
+bool StillLoaded(const std::string& spelling, void* library) {
+  void* loaded = dlopen(spelling.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+  if (loaded != nullptr) dlclose(loaded);
+  return loaded != nullptr && loaded == library;
+}
+
+// A spelling still in use may name an older file; the loader shares an object for the same file
+// under any spelling, so a fresh one costs nothing but a name.
+void* LoadUnderFreeSpelling(const std::string& path) {
   const size_t slash = path.find_last_of('/');
-  const std::string own = path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".load-" +
-                          std::to_string(getpid()) + "-" + std::to_string(++g_loads);
-  if (link(path.c_str(), own.c_str()) != 0) return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  void* library = dlopen(own.c_str(), RTLD_NOW | RTLD_LOCAL);
-  unlink(own.c_str());
+  const std::string folder = path.substr(0, slash + 1), name = path.substr(slash + 1);
+  std::lock_guard<std::recursive_mutex> lock(g_spellingsMutex);
+  std::string spelling = path;
+  for (std::string dots = "./";; dots += "./") {
+    const auto used = g_spellings.find(spelling);
+    if (used == g_spellings.end() || !StillLoaded(spelling, used->second)) break;
+    spelling = folder + dots + name;
+  }
+  void* library = dlopen(spelling.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (library != nullptr) g_spellings[spelling] = library;
   return library;
 }
 
@@ -121,7 +137,7 @@ void* OpenLibrary(const std::string& path, std::string* error) {
     return nullptr;
   }
   dlerror();
-  void* library = LoadThroughOwnLink(path);
+  void* library = LoadUnderFreeSpelling(path);
   if (library == nullptr && error != nullptr) {
     const char* message = dlerror();
     *error = message ? message : "unknown loader error";
