@@ -89,15 +89,15 @@ class DownloadTaskTest : public ::testing::Test {
   static inline gpctest::LoopbackServer server_;
 };
 
-// The file goes with the task, unless (names under /tmp being shared) another process's download
-// took the name after the package was deleted; memory mode saves the body under a counted name ending
+// The file goes with the task (also after the extension changed its mode), unless (names under /tmp
+// being shared) another process's download took the name after the package was deleted; memory mode saves the body under a counted name ending
 // in the wall-clock second, kept after the task.
 TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
   FakeClock wall(platform::SetWallClockOverride, platform::WallClockMicros());
   const std::string content = PatternBytes(5 * 1024 * 1024 + 3, 21);
   const std::string seconds = "_" + std::to_string(platform::WallClockMicros() / 1000000);
   ASSERT_TRUE(server_.AddFile("task.bin", content));
-  for (const char* row : {"own file", "name taken by another file", "memory mode"}) {
+  for (const char* row : {"own file", "own file, made executable", "name taken by another file", "memory mode"}) {
     SCOPED_TRACE(row);
     const bool taken = row[0] == 'n', memory = row[0] == 'm';
     Notify notify;
@@ -105,6 +105,8 @@ TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
     auto task = std::make_unique<GPCDownloadTask>(server_.HttpsUrl("task.bin").c_str(), false, &notify);
     task->SetItem(&item);
     task->SetFileMode(memory ? 0 : 1);
+    const std::string planted = "/tmp/gpc_tmp_1" + seconds;  // another user's file at a name to come
+    ASSERT_TRUE(!memory || gpctest::WriteFile(planted, "planted"));
     ASSERT_EQ(task->Start(), 0u);
     ASSERT_TRUE(WaitForStatus(*task, kDownloadFinished));
     EXPECT_EQ(notify.received, content.size());
@@ -119,6 +121,7 @@ TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
     RunMainLoopFor(50);
     EXPECT_EQ(notify.completions, 1);
     ASSERT_TRUE(!taken || (unlink(local.c_str()) == 0 && gpctest::WriteFile(local, "another's")));
+    ASSERT_TRUE(strstr(row, "executable") == nullptr || chmod(local.c_str(), 0755) == 0);
     if (taken) {
       task.reset();  // the destructor, like Stop, lets the task's own file go
     } else {
@@ -128,7 +131,9 @@ TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
     const std::string kept = taken ? "another's" : memory ? content : "";
     EXPECT_TRUE(ReadFile(local) == kept);
     EXPECT_EQ(Exists(local), !kept.empty());
+    EXPECT_TRUE(!memory || ReadFile(planted) == "planted");
     unlink(local.c_str());
+    if (memory) unlink(planted.c_str());
   }
 }
 

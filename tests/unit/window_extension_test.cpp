@@ -2,7 +2,11 @@
 // the shipped library, and the user's or the shipped extension loaded and driven.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
 
 #include <algorithm>
 #include <cstdlib>
@@ -21,6 +25,18 @@
 #include "platform/system_version.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "trace_capture.h"
+
+// Renames as a file system without an exchange of names (NFS, SMB) makes them, and one plain rename
+// (counted from 1) that fails.
+static struct {
+  bool noExchange;
+  int failingPlain;
+} g_renames{};
+extern "C" int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned flags) noexcept {
+  if (g_renames.noExchange && (flags & RENAME_EXCHANGE) != 0) return errno = EINVAL, -1;
+  if (flags == 0 && g_renames.failingPlain > 0 && --g_renames.failingPlain == 0) return errno = EIO, -1;
+  return static_cast<int>(syscall(SYS_renameat2, fromDir, from, toDir, to, flags));
+}
 
 namespace {
 
@@ -177,7 +193,7 @@ TEST_F(WindowExtensionTest, CompletionsThatInstallNothing) {
 }
 
 // The default build deletes the old extension first; the hardened one replaces it only with a whole
-// extraction and leaves no staging folder behind. A failed package stays for a later try.
+// extraction, also where names cannot be exchanged, and leaves no staging folder behind. A failed package stays for a later try.
 TEST_F(WindowExtensionTest, TheHardenedBuildKeepsTheInstalledExtensionWhenUnpackingFails) {
   for (const bool hardened : {false, true}) {
     SCOPED_TRACE(hardened ? "hardened" : "default");
@@ -188,7 +204,14 @@ TEST_F(WindowExtensionTest, TheHardenedBuildKeepsTheInstalledExtensionWhenUnpack
     EXPECT_EQ(InstalledVersion(), hardened ? "1.0.0.0" : "");
     EXPECT_TRUE(FileExists(package));
     ASSERT_TRUE(Copy(Made().package, package));
+    if (hardened) {  // without an exchange of names the old bundle steps aside, and back if need be
+      g_renames = {true, 2};
+      EXPECT_NE(window->UnpackFile(package.c_str(), UserBundle().c_str(), 0), 0u);
+      EXPECT_EQ(InstalledVersion(), "1.0.0.0");
+      g_renames = {true, 0};
+    }
     EXPECT_EQ(window->UnpackFile(package.c_str(), UserBundle().c_str(), 0), 0u);
+    g_renames = {};
     EXPECT_EQ(InstalledVersion(), kPackageVersion);
     // An older package never replaces a newer extension in the hardened build.
     ASSERT_TRUE(Copy(Made().old + "/old.7z", package));

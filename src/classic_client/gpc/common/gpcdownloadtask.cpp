@@ -117,10 +117,10 @@ void GPCDownloadTask::SaveMemoryBody(int size, char* data) {
       [seconds](uint32_t n) {
         return std::string(platform::kSharedTempFolder) + "/gpc_tmp_" + std::to_string(n) + "_" + std::to_string(seconds);
       },
-      [](const std::string&) { return false; }, true, name);
+      [](const std::string& taken) { return EntryExists(taken.c_str()); }, true, name);
   const char* path = name.c_str();
-  // Appends like "a+w", but never through a symbolic link planted at the name.
-  int fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0666);
+  // Appends like "a+w", but only to a file of its own: a name planted under /tmp is skipped.
+  int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0666);
   FILE* file = fd >= 0 ? fdopen(fd, "a+") : nullptr;
   if (!file) {
     if (fd >= 0) close(fd);

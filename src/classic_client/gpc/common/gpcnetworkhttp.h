@@ -70,6 +70,13 @@ class GPCNetworkHttp : private gpcnet::ITransferListener {
   // True while `path` names the very file this client created (not one that took its name after
   // it was deleted: the names under /tmp are shared with every other process).
   bool IsOwnFile(const char* path) const;
+  // Inode numbers are reused at once, so a file's birth time goes with them (where the file system
+  // keeps none, the change time of our last write, which a chmod by the extension moves).
+  struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    struct timespec born = {};
+  };
   // The number in the last generated "/tmp/gpc_tmp_<n>" name (0 before the first).
   static int GetTempFileCounter();
   // Replaces what grows the memory-mode body (realloc; null restores it), so that tests can make
@@ -106,10 +113,7 @@ class GPCNetworkHttp : private gpcnet::ITransferListener {
   bool m_bFileMode = false;
   FILE* m_pFile = nullptr;
   // The identity of the file created for the body, to tell it from another one of the same name.
-  // Inode numbers are reused at once, so the change time of our last write goes with them.
-  dev_t m_fileDevice = 0;
-  ino_t m_fileInode = 0;
-  struct timespec m_fileChanged = {};
+  FileIdentity m_file;
   std::string m_strFileName;
   int m_nSelfDelete = 0;
   std::string m_strProxyUser;

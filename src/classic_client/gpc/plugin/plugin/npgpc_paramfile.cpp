@@ -72,13 +72,17 @@ bool SaveParameters(int argc, char** argn, char** argv) {
   std::string records;
   for (int i = 0; i < argc; ++i) AppendRecord(&records, argn[i], argv[i]);
   AppendRecord(&records, "gpcstartworktime", StartTimeText().c_str());
-  // Replaced whole: the local software never reads half a file, and a full disk keeps the old one.
+  // Replaced whole: the local software never reads half a file.
   const FileReplaced replaced = ReplaceFileWhole(path, records, 0644);
   if (replaced == FileReplaced::kNotCreated) {
     MacErrorTrace("SaveParameters,fopen %s failed!", path.c_str());
     return false;
   }
-  // The file is advisory for the local software; a failed write does not stop the instance.
-  if (replaced != FileReplaced::kWhole) MacErrorTrace("SaveParameters,write %s failed: %s", path.c_str(), strerror(errno));
+  // The file is advisory for the local software; a failed write (a full disk) does not stop the
+  // instance. The last page's file goes, so that its meeting is not taken for this one's.
+  if (replaced != FileReplaced::kWhole) {
+    MacErrorTrace("SaveParameters,write %s failed: %s", path.c_str(), strerror(errno));
+    unlink(path.c_str());
+  }
   return true;
 }

@@ -96,6 +96,33 @@ bool WouldDowngrade(const std::string& produced, const std::string& target) {
   return true;
 }
 
+bool Rename(const std::string& from, const std::string& to, unsigned flags = 0) {
+  return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0;
+}
+
+// The new entry takes the target's place in one exchange of names. Where the file system has none
+// (NFS, SMB, some FUSE file systems), the old entry steps aside into a private folder first and comes
+// back when the new one cannot take its place; only a crash between the two leaves no extension.
+bool MoveIntoPlace(const std::string& produced, const std::string& target, const std::string& parent) {
+  if (!EntryExists(target)) return Rename(produced, target);
+  if (Rename(produced, target, RENAME_EXCHANGE)) return true;
+  if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return false;
+  std::string aside = parent + "/.gpc-staging-XXXXXX";
+  if (mkdtemp(&aside[0]) == nullptr) return false;
+  const std::string old = aside + "/previous";
+  bool moved = Rename(target, old);
+  if (moved && !Rename(produced, target)) {
+    const int error = errno;
+    if (!Rename(old, target)) MacErrorTrace("CGpcWindow::UnpackFile,cannot move %s back: %s", old.c_str(), strerror(errno));
+    errno = error;
+    moved = false;
+  }
+  const int error = errno;
+  RemoveFile(aside);
+  errno = error;
+  return moved;
+}
+
 // The hardened build's unpacking: the archive goes into a private folder beside the target, and
 // only a complete extraction takes the target's place, in one exchange of names. A failure, a
 // full disk or a crash at any step leaves the installed extension as it was.
@@ -124,9 +151,7 @@ uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* ar
     return kUnpackNoSource;
   }
   RemoveGroupAndOtherWrite(produced);
-  const bool replaced = EntryExists(target)
-                            ? renameat2(AT_FDCWD, produced.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) == 0
-                            : rename(produced.c_str(), target.c_str()) == 0;
+  const bool replaced = MoveIntoPlace(produced, target, parent);
   if (!replaced) MacErrorTrace("CGpcWindow::UnpackFile,cannot move %s into place: %s", produced.c_str(), strerror(errno));
   RemoveFile(staging);  // what is left there: the old extension, or the new one that did not fit
   if (!replaced) return kUnpackNoSource;
