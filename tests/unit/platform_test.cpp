@@ -147,11 +147,13 @@ TEST(Platform, ALibraryReplacedWhileLoadedLoadsTheNewFile) {
   for (void* library : handles) platform::CloseLibrary(library);
   void* again = platform::OpenLibrary(path, nullptr);  // its spelling is free once its object is gone
   EXPECT_EQ(loadedAs(again, "GpcDecompressFile7z"), path);
+  platform::CloseLibrary(platform::OpenLibrary(path, nullptr));  // the same file needs no new spelling
 
   // An object still held elsewhere keeps its spelling after its last close here.
   void* held = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   platform::CloseLibrary(again);
   unlink(path.c_str()), dir.Write("x.so", ReadAll(kExtension));
+  EXPECT_EQ(dlopen((dir / "./x.so").c_str(), RTLD_LAZY | RTLD_NOLOAD), nullptr);
   void* fresh = platform::OpenLibrary(path, nullptr);
   EXPECT_NE(platform::LibrarySymbol(fresh, "GpcInitInstance"), nullptr);
   platform::CloseLibrary(fresh);

@@ -59,9 +59,14 @@ bool SegmentsFitIn(FILE* file, off_t size) {
 // the old one, the path would give the old code. So a file replaced while its object is loaded is
 // loaded under a new spelling of the same path ("<dir>/./<name>", one more "./" each time), which
 // keeps the library's own folder as its $ORIGIN and writes nothing beside it. A spelling is used
-// again once its object is gone.
+// again for the same file, and once its object is gone.
+struct Loaded {
+  void* library;
+  dev_t device;
+  ino_t inode;
+};
 std::recursive_mutex g_spellingsMutex;  // a library's constructor may load another
-std::map<std::string, void*> g_spellings;  // each spelling used, with the object loaded under it
+std::map<std::string, Loaded> g_spellings;  // each spelling used, with the object and file loaded under it
 
 // Whether the object loaded under `spelling` is still loaded under it.
 bool StillLoaded(const std::string& spelling, void* library) {
@@ -70,20 +75,24 @@ bool StillLoaded(const std::string& spelling, void* library) {
   return loaded != nullptr && loaded == library;
 }
 
-// A spelling still in use may name an older file; the loader shares an object for the same file
-// under any spelling, so a fresh one costs nothing but a name.
+// A spelling still in use names the file it was loaded from: the file at the path now, whose object
+// the loader then shares, or an older one, which needs another spelling. (A loaded file's inode is
+// not reused while the object maps it.)
 void* LoadUnderFreeSpelling(const std::string& path) {
   const size_t slash = path.find_last_of('/');
   const std::string folder = path.substr(0, slash + 1), name = path.substr(slash + 1);
+  struct stat file {};
+  const bool known = stat(path.c_str(), &file) == 0;
   std::lock_guard<std::recursive_mutex> lock(g_spellingsMutex);
   std::string spelling = path;
   for (std::string dots = "./";; dots += "./") {
     const auto used = g_spellings.find(spelling);
-    if (used == g_spellings.end() || !StillLoaded(spelling, used->second)) break;
+    if (used == g_spellings.end() || !StillLoaded(spelling, used->second.library)) break;
+    if (known && used->second.device == file.st_dev && used->second.inode == file.st_ino) break;
     spelling = folder + dots + name;
   }
   void* library = dlopen(spelling.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (library != nullptr) g_spellings[spelling] = library;
+  if (library != nullptr) g_spellings[spelling] = {library, file.st_dev, file.st_ino};
   return library;
 }
 

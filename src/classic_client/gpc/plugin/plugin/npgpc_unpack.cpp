@@ -110,15 +110,16 @@ bool MoveIntoPlace(const std::string& produced, const std::string& target, const
   std::string aside = parent + "/.gpc-staging-XXXXXX";
   if (mkdtemp(&aside[0]) == nullptr) return false;
   const std::string old = aside + "/previous";
-  bool moved = Rename(target, old);
+  bool moved = Rename(target, old), stranded = false;
   if (moved && !Rename(produced, target)) {
     const int error = errno;
-    if (!Rename(old, target)) MacErrorTrace("CGpcWindow::UnpackFile,cannot move %s back: %s", old.c_str(), strerror(errno));
+    stranded = !Rename(old, target);
+    if (stranded) MacErrorTrace("CGpcWindow::UnpackFile,cannot move %s back: %s", old.c_str(), strerror(errno));
     errno = error;
     moved = false;
   }
   const int error = errno;
-  RemoveFile(aside);
+  if (!stranded) RemoveFile(aside);  // else it holds the only copy of the old extension
   errno = error;
   return moved;
 }
