@@ -86,6 +86,8 @@ TEST(Platform, BundlesAndExecutables) {
                                             "<string>../../evil</string></dict></plist>\n");
   dir.Lay("e.bundle/evil e.bundle/Contents/MacOS/e");
   EXPECT_EQ(platform::BundleExecutablePath(dir / "e.bundle"), dir / "e.bundle/Contents/MacOS/e");  // a name, not a path
+  dir.Write("e.bundle/Contents/Info.plist", BinaryPlist("CFBundleExecutable", "e~\u00e9../../evil"));
+  EXPECT_EQ(platform::BundleExecutablePath(dir / "e.bundle"), dir / "e.bundle/Contents/MacOS/e");  // text ends at a NUL
 
   std::ifstream self("/proc/self/exe", std::ios::binary);
   std::string elf((std::istreambuf_iterator<char>(self)), std::istreambuf_iterator<char>());

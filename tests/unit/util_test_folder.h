@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <cstdio>
 #include <set>
 #include <sstream>
 #include <string>
@@ -54,4 +55,20 @@ class ScratchFolder : public gpctest::TempFolder {
 inline bool Exists(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0;
+}
+
+// A binary property list with the string `value` under `key`; "~" in `value` stands for a NUL,
+// which an XML list cannot hold. A value with a character beyond ASCII is stored as UTF-16, whose
+// NULs libplist keeps in the string's length.
+inline std::string BinaryPlist(const std::string& key, const std::string& value) {
+  const std::string command =
+      "python3 -c \"import plistlib, sys; sys.stdout.buffer.write(plistlib.dumps({sys.argv[1]: "
+      "sys.argv[2].replace('~', chr(0))}, fmt=plistlib.FMT_BINARY))\" '" + key + "' '" + value + "'";
+  std::string bytes;
+  if (FILE* pipe = popen(command.c_str(), "r")) {
+    char chunk[256];
+    for (size_t got; (got = fread(chunk, 1, sizeof chunk, pipe)) > 0;) bytes.append(chunk, got);
+    pclose(pipe);
+  }
+  return bytes;
 }

@@ -41,6 +41,7 @@ TEST(Version, FolderLayoutsAndTheirPropertyLists) {
       {exe, info, Plist("31.9.5.100"), "b.bundle", true, "31,9,5,100"},
       {exe, info, Plist("31.9.5.100"), "b.bundle/", true, "31,9,5,100"},
       {exe, info, Plist(std::string(300, '9')), "b.bundle", true, std::string(255, '9')},
+      {exe, info, BinaryPlist("CFBundleVersion", "1.0~\u00e9"), "b.bundle", true, "1,0"},  // text ends at a NUL
       {"b.bundle/Contents/MacOS/other", info, Plist("1.0"), "b.bundle", false, ""},  // executable missing
       {"x", kit, Plist("2.5"), "K.framework", false, ""},
       {"K.framework/Versions/A/K", kit, Plist("2.5"), "K.framework", true, "2,5"},
@@ -65,6 +66,13 @@ TEST(Version, FolderLayoutsAndTheirPropertyLists) {
     char dest[256] = "stale";
     EXPECT_EQ(GetFileVersionString((dir / c.asked).c_str(), dest, sizeof dest), c.ok);
     EXPECT_EQ(dest, c.want);
+  }
+  // What the packer compares is read the same way: up to a NUL, at most 255 bytes.
+  const std::pair<std::string, std::string> texts[] = {{Plist(std::string(300, '9')), std::string(255, '9')},
+                                                        {BinaryPlist("CFBundleVersion", "1.0~\u00e9"), "1.0"}};
+  for (const auto& [plist, want] : texts) {
+    std::string version;
+    EXPECT_TRUE(BundleVersionOfPlist(plist, version) && version == want) << version;
   }
 }
 

@@ -110,8 +110,13 @@ TEST_F(WindowParamsTest, ParameterFileHoldsEveryRecordAndTheTimeLast) {
             "[NAME]-=-gpcPRODUCTversion-=-[VALUE]-=-7,1-=-\r[NAME]-=-GpcProductVersion-=-[VALUE]-=-other-=-\r"
             "[NAME]-=-NullValue-=-[VALUE]-=--=-\r[NAME]-=-gpcstartworktime-=-[VALUE]-=-1000.250000-=-\r");
   EXPECT_FALSE(FileExists(folder + "other"));
+  // The file is replaced whole, never written through: a link there is replaced, not followed.
+  const std::string file = folder + "7,1/talvoparameters.txt", linked = folder + "linked";
+  ASSERT_TRUE(gpctest::WriteFile(linked, "linked") && unlink(file.c_str()) == 0 && symlink(linked.c_str(), file.c_str()) == 0);
   ASSERT_TRUE(SaveParameters(second.argc(), second.argn(), second.argv()));
-  EXPECT_EQ(gpctest::ReadFile(folder + "7,1/talvoparameters.txt").find("NullValue"), std::string::npos);
+  EXPECT_EQ(gpctest::ReadFile(linked), "linked");
+  EXPECT_NE(gpctest::ReadFile(file).find("[NAME]-=-gpcPRODUCTversion-=-"), std::string::npos);
+  EXPECT_EQ(gpctest::ReadFile(file).find("NullValue"), std::string::npos);
   // A full disk leaves no file (never the last page's), and the instance goes on: the file is advisory.
   const std::string large(4000, 'v');
   gpctest::EmbedArgs big{{"GpcProductVersion", "7,1"}, {"Large", large.c_str()}};

@@ -55,23 +55,6 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-// The "CFBundleVersion" string of the property list `data`.
-bool BundleVersionOfPlist(const std::string& data, std::string* version) {
-  plist_t root = nullptr;
-  if (!data.empty()) plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
-  if (root == nullptr) return false;
-  char* text = nullptr;
-  if (plist_get_node_type(root) == PLIST_DICT) {
-    plist_t node = plist_dict_get_item(root, "CFBundleVersion");
-    if (node != nullptr && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &text);
-  }
-  plist_free(root);
-  if (text == nullptr) return false;
-  *version = text;
-  std::free(text);
-  return true;
-}
-
 bool ReadWholeFile(const std::string& path, std::string* data) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return false;
@@ -291,7 +274,7 @@ bool ReadBundleFacts(const std::string& path, BundleFacts* facts, std::string* e
     *error = "cannot read " + plistPath + ": " + strerror(errno);
     return false;
   }
-  if (!BundleVersionOfPlist(plist, &bundleVersion)) {
+  if (!BundleVersionOfPlist(plist, bundleVersion)) {
     *error = plistPath + " is no property list with a \"CFBundleVersion\" string";
     return false;
   }
@@ -366,7 +349,7 @@ bool InspectArchive(const std::string& path, ArchiveFacts* facts, std::string* e
   const auto plist = plists.find(facts->topFolder);
   std::string bundleVersion;
   facts->hasInfoPlist = plist != plists.end();
-  if (facts->hasInfoPlist && BundleVersionOfPlist(plist->second, &bundleVersion)) {
+  if (facts->hasInfoPlist && BundleVersionOfPlist(plist->second, bundleVersion)) {
     facts->version = PageVersionOf(bundleVersion);
   }
   if (EndsWith(facts->topFolder, kBundleSuffix)) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/gpcutil.h"
+#include "platform/bundle.h"
 #include "platform/clock.h"
 #include "platform/thread_locale.h"
 #include "platform/folders.h"
@@ -103,14 +104,6 @@ bool WriteAtomically(plist_t root, const std::string& path) {
   return ok;
 }
 
-std::string StringValue(plist_t node) {
-  if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) return std::string();
-  char* text = nullptr;
-  plist_get_string_val(node, &text);
-  std::string value(text ? text : "");
-  free(text);
-  return value;
-}
 
 // "%f" without the host's locale: a browser may have switched LC_NUMERIC to a decimal comma.
 std::string FixedSixDecimals(double value) {
@@ -134,7 +127,7 @@ void gpctimereporter::clearTimeStampsIfMeetingIdNotMatch(const char* meetingId, 
   if (stamps == nullptr || plist_get_node_type(stamps) != PLIST_DICT) return;
   plist_t recorded = plist_dict_get_item(stamps, kMeetingIdKey);
   if (recorded == nullptr || plist_get_node_type(recorded) != PLIST_STRING) return;
-  if (StringValue(recorded) == meetingId) return;
+  if (platform::PlistNodeText(recorded) == meetingId) return;
 
   plist_t fresh = plist_new_dict();
   plist_dict_set_item(fresh, kMeetingIdKey, plist_new_string(meetingId));

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/gpcutil.h"
+#include "platform/bundle.h"
 #include "safestring/safe_lib.h"
 
 namespace {
@@ -49,34 +50,11 @@ std::string BundleExecutablePath(const std::string& path) {
   return path + "/Contents/MacOS/" + base;
 }
 
-// The "CFBundleVersion" string of the property list at `plist_path`, at most 255 bytes.
 // Logs and returns false when the file is no dictionary or the key is missing.
 bool ReadBundleVersion(const std::string& plist_path, std::string& version) {
   std::ifstream in(plist_path, std::ios::binary);
-  std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  plist_t root = nullptr;
-  if (!data.empty()) plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
-  if (root == nullptr || plist_get_node_type(root) != PLIST_DICT) {
-    if (root != nullptr) plist_free(root);
-    MacInfoTrace("GetFileVersionString(...) createDictionary failed");
-    return false;
-  }
-  plist_t node = plist_dict_get_item(root, "CFBundleVersion");
-  // The string is read in place with its length: libplist aborts the process when a copy is asked
-  // for of a string that holds a NUL, and a property list can hold one.
-  uint64_t length = 0;
-  const char* text = nullptr;
-  if (node != nullptr && plist_get_node_type(node) == PLIST_STRING) text = plist_get_string_ptr(node, &length);
-  if (text == nullptr) {
-    plist_free(root);
-    MacInfoTrace("GetFileVersionString(...) get CFBundleVersion failed");
-    return false;
-  }
-  // As C text: up to a NUL, at most 255 bytes.
-  const size_t longest = length < kBundleVersionMaxBytes ? static_cast<size_t>(length) : kBundleVersionMaxBytes;
-  version.assign(text, strnlen(text, longest));
-  plist_free(root);
-  return true;
+  const std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  return BundleVersionOfPlist(data, version);
 }
 
 bool GetFolderVersionString(const std::string& path, char* dest, size_t size) {
@@ -260,4 +238,20 @@ bool IsDylibFileExists(const char* versionedPath, bool makeLink) {
 bool IsVersionNewer(const std::string& a, const std::string& b) {
   std::vector<VersionNumber> first, second;
   return VersionNumbers(a, &first) && VersionNumbers(b, &second) && second < first;
+}
+
+bool BundleVersionOfPlist(const std::string& data, std::string& version) {
+  plist_t root = nullptr;
+  if (!data.empty()) plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
+  if (root == nullptr || plist_get_node_type(root) != PLIST_DICT) {
+    if (root != nullptr) plist_free(root);
+    MacInfoTrace("GetFileVersionString(...) createDictionary failed");
+    return false;
+  }
+  plist_t node = plist_dict_get_item(root, "CFBundleVersion");
+  const bool found = node != nullptr && plist_get_node_type(node) == PLIST_STRING;
+  if (found) version = platform::PlistNodeText(node, kBundleVersionMaxBytes);
+  else MacInfoTrace("GetFileVersionString(...) get CFBundleVersion failed");
+  plist_free(root);
+  return found;
 }

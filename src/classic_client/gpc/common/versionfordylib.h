@@ -21,6 +21,10 @@ bool IsVersionNewer(const std::string& a, const std::string& b);
 // 256 bytes. False when the path, the executable or the version is missing.
 bool GetFileVersionString(const char* path, char* dest, size_t size);
 
+// The "CFBundleVersion" string of the property list `data` as the plug-in reads it: up to a NUL,
+// at most 255 bytes. Logs and returns false when `data` is no dictionary or the key is missing.
+bool BundleVersionOfPlist(const std::string& data, std::string& version);
+
 // The version of the library at `path` by the name-version.extension convention: the first
 // file of its folder, in listing order, with the same name and extension. Dots become commas.
 bool GetVersionFromDylib(const char* path, std::string& version);

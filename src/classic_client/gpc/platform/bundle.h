@@ -19,6 +19,14 @@ void SetPluginBundlePathOverride(const std::string& path);
 // empty when the file or the key is missing or unreadable.
 std::string BundleInfoString(const std::string& bundle_path, const char* key);
 
+// The string under `key` of the property list `data` when it is a dictionary, as C text (up to a
+// NUL) of at most `longest` bytes; false when there is none. Strings are read in place: libplist
+// aborts the process when asked for a copy of a string that holds a NUL, and a file can hold one.
+bool PlistDictString(const std::string& data, const char* key, std::string* value,
+                     size_t longest = std::string::npos);
+// The same for one node of a property list (a plist_t); empty for any other kind of node.
+std::string PlistNodeText(void* node, size_t longest = std::string::npos);
+
 // The real path of the module (shared object or program) that holds `address`; empty on error.
 std::string ModulePathOf(const void* address);
 

@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <dlfcn.h>
 #include <mutex>
 #include <plist/plist.h>
@@ -15,35 +16,40 @@ std::string& Override() {
   return path;
 }
 
-plist_t ReadPlistFile(const std::string& path) {
-  FILE* file = fopen(path.c_str(), "rb");
-  if (file == nullptr) return nullptr;
+std::string ReadPlistFile(const std::string& path) {
   std::string data;
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) return data;
   char chunk[4096];
   size_t got;
   while ((got = fread(chunk, 1, sizeof chunk, file)) > 0) data.append(chunk, got);
   fclose(file);
-  if (data.empty()) return nullptr;
-  plist_t root = nullptr;
-  plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
-  return root;
+  return data;
 }
 }  // namespace
 
-std::string BundleInfoString(const std::string& bundle_path, const char* key) {
-  plist_t root = ReadPlistFile(bundle_path + "/Contents/Info.plist");
-  if (root == nullptr) return "";
-  std::string value;
-  if (plist_get_node_type(root) == PLIST_DICT) {
-    plist_t node = plist_dict_get_item(root, key);
-    if (node != nullptr && plist_get_node_type(node) == PLIST_STRING) {
-      char* text = nullptr;
-      plist_get_string_val(node, &text);
-      if (text != nullptr) value = text;
-      free(text);
-    }
-  }
+std::string PlistNodeText(void* node, size_t longest) {
+  if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) return "";
+  uint64_t length = 0;
+  const char* text = plist_get_string_ptr(node, &length);
+  if (text == nullptr) return "";
+  return std::string(text, strnlen(text, length < longest ? static_cast<size_t>(length) : longest));
+}
+
+bool PlistDictString(const std::string& data, const char* key, std::string* value, size_t longest) {
+  plist_t root = nullptr;
+  if (!data.empty()) plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
+  if (root == nullptr) return false;
+  plist_t node = plist_get_node_type(root) == PLIST_DICT ? plist_dict_get_item(root, key) : nullptr;
+  const bool found = node != nullptr && plist_get_node_type(node) == PLIST_STRING;
+  if (found) *value = PlistNodeText(node, longest);
   plist_free(root);
+  return found;
+}
+
+std::string BundleInfoString(const std::string& bundle_path, const char* key) {
+  std::string value;
+  PlistDictString(ReadPlistFile(bundle_path + "/Contents/Info.plist"), key, &value);
   return value;
 }
 

@@ -37,19 +37,8 @@ std::string LookUpString(const std::string& tablePath, const char* key) {
   std::ifstream file(tablePath, std::ios::binary);
   if (!file) return key;
   const std::string data((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  plist_t root = nullptr;
-  plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
-  if (root == nullptr) return key;
-  std::unique_ptr<void, void (*)(plist_t)> owner(root, plist_free);
-  if (plist_get_node_type(root) != PLIST_DICT) return key;
-  plist_t node = plist_dict_get_item(root, key);
-  if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) return key;
-  char* value = nullptr;
-  plist_get_string_val(node, &value);
-  if (value == nullptr) return key;
-  std::string text(value);
-  free(value);
-  return text;
+  std::string text;
+  return platform::PlistDictString(data, key, &text) ? text : key;
 }
 
 // Puts `number` in for each "%d" of `format` and turns "%%" into "%". Nothing else is
