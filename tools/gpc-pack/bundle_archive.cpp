@@ -21,6 +21,7 @@
 
 #include "common/versionfordylib.h"
 #include "lib7zip/link_target.h"
+#include "platform/bundle.h"
 
 namespace {
 
@@ -274,7 +275,8 @@ bool ReadBundleFacts(const std::string& path, BundleFacts* facts, std::string* e
     *error = "cannot read " + plistPath + ": " + strerror(errno);
     return false;
   }
-  if (!BundleVersionOfPlist(plist, bundleVersion)) {
+  // Read whole, so that a version longer than the plug-in reads is refused rather than cut.
+  if (!platform::PlistDictString(plist, "CFBundleVersion", &bundleVersion)) {
     *error = plistPath + " is no property list with a \"CFBundleVersion\" string";
     return false;
   }
