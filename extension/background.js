@@ -45,8 +45,20 @@ function onNativeMessage(tabId, message) {
   }
 }
 
+// Whether a frame is of the top page's own origin (a sandboxed frame's origin is "null").
+function sameOriginAsTab(sender) {
+  try {
+    const origin = typeof sender.origin === "string" ? sender.origin : new URL(sender.url).origin;
+    return origin !== "null" && origin === new URL(sender.tab.url).origin;
+  } catch (error) {
+    return false;
+  }
+}
+
 // A new tab, and the whole tab from inside a frame (browsers refuse a frame's script that), are the
 // browser's business; every other target is a frame of this page, navigated by its content script.
+// Only a frame of the top page's own origin may send the whole tab elsewhere: browsers keep a
+// cross-origin or sandboxed frame from doing so, and the bridge lends it no such right.
 function navigate(tabId, tab, message) {
   const embed = tab.embeds.get(message.id);
   const fromSubframe = embed.frame.sender.frameId !== 0;
@@ -57,7 +69,8 @@ function navigate(tabId, tab, message) {
   const done = (ok) => {
     if (tab.native) tab.native.postMessage({ type: "navigated", id: message.id, request: message.request, ok });
   };
-  if (!/^(https?|ftp):/i.test(String(message.url))) {
+  const allowed = message.target === "_blank" || sameOriginAsTab(embed.frame.sender);
+  if (!allowed || !/^(https?|ftp):/i.test(String(message.url))) {
     done(false);
     return;
   }
@@ -110,6 +123,7 @@ function onFrameMessage(frame, message) {
   } else if (message.kind === "removed") {
     tab.embeds.delete(id);
     tab.native.postMessage({ type: "destroy", id });
+    if (tab.embeds.size === 0) closeTab(sender.tab.id);
   }
 }
 

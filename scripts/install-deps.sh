@@ -7,7 +7,7 @@ PACKAGES=(
   libglib2.0-dev libcurl4-openssl-dev libssl-dev libarchive-dev libplist-dev liburiparser-dev
   nettle-dev libacl1-dev liblzma-dev libzstd-dev liblz4-dev libbz2-dev zlib1g-dev libxml2-dev
   openssl ca-certificates 7zip p7zip-full libarchive-tools curl valgrind clang libclang-rt-14-dev
-  python3 procps locales
+  python3 procps locales nodejs
   xvfb xauth python3-pyqt5.qtwebkit libqt5webkit5 chromium firefox-esr libnss3-tools
 )
 missing=()
