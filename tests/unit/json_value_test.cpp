@@ -7,6 +7,13 @@
 
 namespace {
 
+// An array of `count` zeros: count + 1 values.
+std::string ValuesArray(size_t count) {
+  std::string text = "[0";
+  for (size_t i = 1; i < count; ++i) text += ",0";
+  return text + "]";
+}
+
 TEST(JsonValue, ReadsOneValueAndRefusesAnythingElseWithItsReason) {
   JsonValue value;
   std::string error;
@@ -24,13 +31,14 @@ TEST(JsonValue, ReadsOneValueAndRefusesAnythingElseWithItsReason) {
       {"\"\\ud800\\u0041\"", "lone surrogate"}, {"\"\xC3\"", "invalid UTF-8"},
       {"\"a\nb\"", "control character"},        {"tru", "unexpected character"},
       {"[1,]", "unexpected character"},        {std::string(66, '[') + std::string(66, ']'), "nested too deeply"},
-      {"", "unexpected character"},
+      {"", "unexpected character"},            {ValuesArray(65536), "more than 65536 values"},
   };
   for (const auto& [text, reason] : refused) {
     error.clear();
     EXPECT_FALSE(ParseJson(text, &value, &error)) << text;
-    EXPECT_NE(error.find(reason), std::string::npos) << text << ": " << error;
+    EXPECT_NE(error.find(reason), std::string::npos) << text.substr(0, 80) << ": " << error;
   }
+  EXPECT_TRUE(ParseJson(ValuesArray(65535), &value, &error)) << error;  // 65,536 values in all
 }
 
 }  // namespace

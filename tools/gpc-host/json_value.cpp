@@ -9,6 +9,9 @@
 namespace {
 
 constexpr int kMaxDepth = 64;
+// A tree costs many times the bytes of its text: a message of millions of tiny values is refused
+// before it takes gigabytes (the largest real message, 1024 parameters, holds about 3,000).
+constexpr size_t kMaxValues = 65536;
 
 class Parser {
  public:
@@ -47,6 +50,7 @@ class Parser {
 
   bool ParseValue(JsonValue* out, int depth) {
     if (depth > kMaxDepth) return Fail("nested too deeply");
+    if (++m_values > kMaxValues) return Fail("more than 65536 values");
     switch (Peek()) {
       case '{': return ParseObject(out, depth);
       case '[': return ParseArray(out, depth);
@@ -220,6 +224,7 @@ class Parser {
 
   const std::string& m_text;
   size_t m_pos = 0;
+  size_t m_values = 0;
   std::string m_error;
 };
 

@@ -22,5 +22,6 @@ struct JsonValue {
 };
 
 // Parses `text` as one JSON value (surrounding white space allowed). Returns false with a short
-// reason in `error` on bad syntax, invalid UTF-8 or nesting deeper than 64 levels.
+// reason in `error` on bad syntax, invalid UTF-8, nesting deeper than 64 levels or more than 65,536
+// values in all.
 bool ParseJson(const std::string& text, JsonValue* out, std::string* error);

@@ -113,7 +113,8 @@ size_t UrlLoader::OnHeader(char* data, size_t size, size_t count, void* opaque) 
 size_t UrlLoader::OnBody(char* data, size_t size, size_t count, void* opaque) {
   Transfer* transfer = static_cast<Transfer*>(opaque);
   MarkHeadersDone(transfer);
-  transfer->data.append(data, size * count);
+  // An error page's body reaches no stream: it is not kept, however long the server sends it.
+  if (transfer->status < 400) transfer->data.append(data, size * count);
   return size * count;
 }
 
