@@ -122,7 +122,7 @@ TEST(GpcPack, EscapesWhatItPrintsAsJsonAndHtml) {
   const std::string bundle = out + "/" + name + ".bundle";
   ASSERT_EQ(Sh("mkdir -p " + ShellQuote(out) + " && cp -a " + ShellQuote(kSampleBundle) + " " +
                ShellQuote(bundle) + " && cd " + ShellQuote(bundle) + "/Contents/MacOS && mv zrgpcext64 " +
-               ShellQuote(name) + " && echo ok"),
+               ShellQuote(name) + " && sed -i '/>CFBundleExecutable</,+1d' ../Info.plist && echo ok"),
             "ok\n");
   const ToolRun run = Pack(Shared().signer, {"--out", out, bundle});
   ASSERT_EQ(run.exitCode, 0) << run.err;
@@ -137,7 +137,7 @@ TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
   const std::string foreign = p.signer.Sign(p.Param("GpcExtHash"), "foreign"),
                     tampered = p.folder.path() + "/tampered.bundle.7z",
                     noExecutable = p.folder.path() + "/noexe.7z", topFile = p.folder.path() + "/topfile.7z",
-                    escape = p.folder.path() + "/escape.7z";
+                    escape = p.folder.path() + "/escape.7z", declared = p.folder.path() + "/declared.7z";
   std::string bytes = gpctest::ReadFile(p.package);
   bytes[bytes.size() / 2] ^= 0x01;
   ASSERT_TRUE(gpctest::WriteFile(tampered, bytes));
@@ -145,7 +145,9 @@ TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
                " zrgpcext64.bundle '-xr!zrgpcext64' >/dev/null && cd " + ShellQuote(p.folder.path()) +
                " && echo x > zrgpcext64.bundle && 7z a topfile.7z zrgpcext64.bundle >/dev/null && mkdir escape &&"
                " cp -a " + ShellQuote(kSampleBundle) + " escape && ln -s ../../../../outside escape/zrgpcext64.bundle/Contents/out"
-               " && cd escape && 7z a -snl ../escape.7z zrgpcext64.bundle >/dev/null && echo ok"),
+               " && cd escape && 7z a -snl ../escape.7z zrgpcext64.bundle >/dev/null && cd .. && mkdir declared &&"
+               " cp -a " + ShellQuote(kSampleBundle) + " declared && sed -i \"/>CFBundleExecutable</{n;s/>.*</>libdemo.so</}\""
+               " declared/*/Contents/Info.plist && cd declared && 7z a ../declared.7z zrgpcext64.bundle >/dev/null && echo ok"),
             "ok\n");
   const std::tuple<std::string, PageParams, std::string> cases[] = {  // package, parameters changed, verdict
       {tampered, {}, "digest mismatch (message 111)\n"},
@@ -162,6 +164,9 @@ TEST(GpcPack, VerifyRefusesEachBrokenVariantForThePluginsReason) {
        "GpcCompressMethod is \"7z\", not \"7zip\": the plug-in would fetch a .bundle.zip\n"},
       {noExecutable, p.signer.PackageParameters(noExecutable),
        "the archive has no zrgpcext64.bundle/Contents/MacOS/zrgpcext64: the plug-in would not see the "
+       "version it installed\n"},
+      {declared, p.signer.PackageParameters(declared),  // the executable the Info.plist names
+       "the archive has no zrgpcext64.bundle/Contents/MacOS/libdemo.so: the plug-in would not see the "
        "version it installed\n"},
       {escape, p.signer.PackageParameters(escape),  // made by another tool
        "the plug-in's unpacker refuses the archive: an entry would land or point outside the folder it is "
@@ -213,7 +218,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
   auto copy = [&work](const char* folder) { return work + "/" + folder + "/zrgpcext64.bundle"; };
   ASSERT_EQ(Sh("b=" + ShellQuote(kSampleBundle) + " k=" + ShellQuote(signer.Path("vendor.key")) +
                " c=" + ShellQuote(signer.Path("vendor.pem")) + " && mkdir -p " + ShellQuote(work) +
-               " && cd " + ShellQuote(work) + " && for d in n l a v x k; do mkdir $d && cp -a \"$b\" $d/; done"
+               " && cd " + ShellQuote(work) + " && for d in n l a v x k d; do mkdir $d && cp -a \"$b\" $d/; done"
                " && cp -a \"$b\" . && touch zrgpcext64.bundle/Contents/caf\xC3\xA9"
                " && mkdir h && cp -a \"$b\" 'h/a#b.bundle' && cp -a \"$b\" h/my.framework.bundle && cp -a \"$b\" h/my.dylib.bundle"
                " && mkdir e s && cp -a \"$b\" e/.bundle && ln -s ../zrgpcext64.bundle s/"
@@ -222,6 +227,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
                " && ln -s /etc/passwd a/zrgpcext64.bundle/Contents/passwd"
                " && ln -s MacOS k/zrgpcext64.bundle/Contents/bin && ln -s bin/../Info.plist k/zrgpcext64.bundle/Contents/info"
                " && sed -i \"/>CFBundleVersion</{n;s/>.*</>$(printf %0256d 0)</}\" v/*/Contents/Info.plist"
+               " && sed -i \"/>CFBundleExecutable</{n;s/>.*</>libdemo.so</}\" d/*/Contents/Info.plist"
                " && cp \"$k\" big.key && echo >> big.key && cat \"$c\" \"$c\" > two.pem"
                " && openssl x509 -in \"$c\" -outform DER -out vendor.der"
                " && openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ec.key"
@@ -250,6 +256,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
       {{copy("v")}, false, 1, "cannot be matched by any page"},
       {{work + "/e/.bundle"}, false, 1, "must be <name>.bundle, not \".bundle\""},
       {{copy("x")}, false, 1, "has no executable"},
+      {{copy("d")}, false, 1, "MacOS/libdemo.so: the plug-in would not recognise it"},  // the one it names
       {{work + "/h/a#b.bundle"}, false, 1, "holds \"#\""},
       {{work + "/h/my.framework.bundle"}, false, 1, "holds \".framework\""},
       {{work + "/h/my.dylib.bundle"}, false, 1, "holds \".dylib\""},

@@ -282,7 +282,9 @@ bool ReadBundleFacts(const std::string& path, BundleFacts* facts, std::string* e
   }
   if (!CheckMatchableVersion(bundleVersion, error)) return false;
   // The plug-in knows an installed bundle's version only when this executable exists.
-  const std::string executable = folder + "/Contents/MacOS/" + name;
+  std::string declared;
+  platform::PlistDictString(plist, "CFBundleExecutable", &declared);
+  const std::string executable = folder + "/Contents/MacOS/" + platform::BundleExecutableName(declared, base);
   if (lstat(executable.c_str(), &info) != 0) {
     *error = "the bundle has no executable " + executable +
              ": the plug-in would not recognise it as installed and download it on every visit";
@@ -355,8 +357,10 @@ bool InspectArchive(const std::string& path, ArchiveFacts* facts, std::string* e
     facts->version = PageVersionOf(bundleVersion);
   }
   if (EndsWith(facts->topFolder, kBundleSuffix)) {
-    const std::string name = facts->topFolder.substr(0, facts->topFolder.size() - strlen(kBundleSuffix));
-    facts->hasExecutable = paths.count(facts->topFolder + "/Contents/MacOS/" + name) != 0;
+    std::string declared;
+    if (facts->hasInfoPlist) platform::PlistDictString(plist->second, "CFBundleExecutable", &declared);
+    facts->executable = platform::BundleExecutableName(declared, facts->topFolder);
+    facts->hasExecutable = paths.count(facts->topFolder + "/Contents/MacOS/" + facts->executable) != 0;
   }
   return true;
 }

@@ -35,7 +35,8 @@ struct ArchiveFacts {
   std::string topFolder;  // the one folder every entry lies in; empty when there is no single one
   bool hasInfoPlist = false;
   std::string version;    // its Info.plist "CFBundleVersion", dots turned into commas
-  bool hasExecutable = false;  // <top>/Contents/MacOS/<top less ".bundle">
+  std::string executable;  // its file name in Contents/MacOS, as the plug-in finds it
+  bool hasExecutable = false;  // <top>/Contents/MacOS/<executable>
 };
 
 // Reads the headers of the 7z archive at `path`, and the Info.plist below its top folder. False

@@ -114,7 +114,7 @@ std::string ArchiveRefusal(const std::string& path, const EmbedParams& params) {
     return "the bundle's version \"" + facts.version + "\" does not match GpcExtVersion \"" + wanted + "\"";
   }
   if (!facts.hasExecutable) {
-    return "the archive has no " + bundle + "/Contents/MacOS/" + ExtensionNameOf(params) +
+    return "the archive has no " + bundle + "/Contents/MacOS/" + facts.executable +
            ": the plug-in would not see the version it installed";
   }
   return std::string();

@@ -27,6 +27,10 @@ bool PlistDictString(const std::string& data, const char* key, std::string* valu
 // The same for one node of a property list (a plist_t); empty for any other kind of node.
 std::string PlistNodeText(void* node, size_t longest = std::string::npos);
 
+// The executable's file name inside Contents/MacOS: `declared` (the bundle's "CFBundleExecutable")
+// when it names one file, else the bundle folder's name `folderName` without its suffix.
+std::string BundleExecutableName(const std::string& declared, const std::string& folderName);
+
 // The real path of the module (shared object or program) that holds `address`; empty on error.
 std::string ModulePathOf(const void* address);
 

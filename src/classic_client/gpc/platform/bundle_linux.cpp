@@ -47,6 +47,12 @@ bool PlistDictString(const std::string& data, const char* key, std::string* valu
   return found;
 }
 
+std::string BundleExecutableName(const std::string& declared, const std::string& folderName) {
+  if (!declared.empty() && declared.find('/') == std::string::npos) return declared;
+  const size_t dot = folderName.rfind('.');
+  return dot != std::string::npos && dot > 0 ? folderName.substr(0, dot) : folderName;
+}
+
 std::string BundleInfoString(const std::string& bundle_path, const char* key) {
   std::string value;
   PlistDictString(ReadPlistFile(bundle_path + "/Contents/Info.plist"), key, &value);

@@ -117,12 +117,8 @@ std::string BundleExecutablePath(const std::string& bundle_path) {
   if (bundle_path.empty()) return "";
   std::string bundle = bundle_path;
   while (bundle.size() > 1 && bundle.back() == '/') bundle.pop_back();
-  std::string name = BundleInfoString(bundle, "CFBundleExecutable");
-  if (name.empty() || name.find('/') != std::string::npos) {
-    name = bundle.substr(bundle.find_last_of('/') + 1);
-    const size_t dot = name.rfind('.');
-    if (dot != std::string::npos && dot > 0) name.erase(dot);
-  }
+  const std::string name =
+      BundleExecutableName(BundleInfoString(bundle, "CFBundleExecutable"), bundle.substr(bundle.find_last_of('/') + 1));
   const std::string executable = bundle + "/Contents/MacOS/" + name;
   return IsRegularFile(executable) ? executable : "";
 }
