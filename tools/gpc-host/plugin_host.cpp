@@ -584,20 +584,33 @@ bool PluginHost::Deliver(Request* request) {
     request->bytes += static_cast<int64_t>(data.size());
     data.clear();
     ReportProgress(request, transfer);
+    m_loader->ResumeIfTaken(transfer);
     return true;
   }
-  while (!data.empty()) {
+  // What the plug-in took goes from the front once, when it stops taking.
+  size_t taken = 0;
+  const bool ok = WriteToPlugin(request, transfer, &taken);
+  data.erase(0, taken);
+  m_loader->ResumeIfTaken(transfer);
+  return ok;
+}
+
+bool PluginHost::WriteToPlugin(Request* request, Transfer* transfer, size_t* taken) {
+  std::string& data = transfer->data;
+  while (*taken < data.size()) {
     int32_t ready = plugin_funcs_->writeready(&m_npp, &request->stream);
     if (ready <= 0) {
       SchedulePump(kWriteRetryMs);
       return true;
     }
-    int32_t chunk = std::min<int64_t>({ready, static_cast<int64_t>(data.size()), kMaxWriteChunk});
-    int32_t written = plugin_funcs_->write(&m_npp, &request->stream, request->offset, chunk, &data[0]);
+    const int64_t left = static_cast<int64_t>(data.size() - *taken);
+    int32_t chunk = std::min<int64_t>({ready, left, kMaxWriteChunk});
+    char* at = &data[*taken];
+    int32_t written = plugin_funcs_->write(&m_npp, &request->stream, request->offset, chunk, at);
     if (written < 0) return false;
     written = std::min(written, chunk);
-    if (request->file != nullptr) std::fwrite(data.data(), 1, static_cast<size_t>(written), request->file);
-    data.erase(0, static_cast<size_t>(written));
+    if (request->file != nullptr) std::fwrite(at, 1, static_cast<size_t>(written), request->file);
+    *taken += static_cast<size_t>(written);
     request->offset += written;
     request->bytes += written;
     ReportProgress(request, transfer);

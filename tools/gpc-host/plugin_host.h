@@ -69,6 +69,8 @@ class PluginHost {
   bool Advance(Request* request);
   bool OpenStream(Request* request, const std::string& mime);
   bool Deliver(Request* request);  // false when the plug-in asked to stop the stream
+  // Hands the plug-in what it is ready for from the body, counting it in `taken`.
+  bool WriteToPlugin(Request* request, Transfer* transfer, size_t* taken);
   void ReportProgress(const Request* request, const Transfer* transfer);
   void EndRequest(Request* request, NPReason reason);
   void NotifyLater(Request* request);

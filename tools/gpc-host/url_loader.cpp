@@ -11,6 +11,8 @@ struct UrlLoader::SocketWatch {
 
 namespace {
 
+constexpr size_t kHeldBodyBytes = 1 << 20;
+
 // Marks the final response's headers as in, reading what curl knows of them.
 void MarkHeadersDone(Transfer* transfer) {
   if (transfer->headers_done) return;
@@ -90,6 +92,12 @@ Transfer* UrlLoader::Find(int id) {
   return it == m_transfers.end() ? nullptr : it->second.get();
 }
 
+void UrlLoader::ResumeIfTaken(Transfer* transfer) {
+  if (transfer == nullptr || !transfer->paused || transfer->data.size() >= kHeldBodyBytes / 2) return;
+  transfer->paused = false;
+  curl_easy_pause(transfer->easy, CURLPAUSE_CONT);
+}
+
 void UrlLoader::Release(int id) {
   auto it = m_transfers.find(id);
   if (it == m_transfers.end()) return;
@@ -114,7 +122,14 @@ size_t UrlLoader::OnBody(char* data, size_t size, size_t count, void* opaque) {
   Transfer* transfer = static_cast<Transfer*>(opaque);
   MarkHeadersDone(transfer);
   // An error page's body reaches no stream: it is not kept, however long the server sends it.
-  if (transfer->status < 400) transfer->data.append(data, size * count);
+  if (transfer->status >= 400) return size * count;
+  // A plug-in that reads slowly holds the body back: past about a megabyte the transfer waits, and
+  // libcurl hands the same bytes again when it goes on.
+  if (transfer->data.size() >= kHeldBodyBytes) {
+    transfer->paused = true;
+    return CURL_WRITEFUNC_PAUSE;
+  }
+  transfer->data.append(data, size * count);
   return size * count;
 }
 

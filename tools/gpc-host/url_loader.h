@@ -23,6 +23,7 @@ struct Transfer {
   std::string headers;  // the final response's status line and header lines, "\n"-terminated
   int64_t content_length = -1;
   std::string data;  // body bytes received and not yet taken by the host
+  bool paused = false;  // the body waits until the host has taken what it holds
 
   bool finished = false;
   CURLcode result = CURLE_OK;
@@ -47,6 +48,8 @@ class UrlLoader {
   Transfer* Find(int id);
   // Stops and forgets a transfer, finished or not.
   void Release(int id);
+  // Lets a paused body come on once the host has taken most of what it held.
+  void ResumeIfTaken(Transfer* transfer);
 
  private:
   struct SocketWatch;
