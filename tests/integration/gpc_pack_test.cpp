@@ -322,4 +322,9 @@ TEST(GpcPack, AHardenedBuildTrustsTheAnchorsOfThePluginBundleItIsGiven) {
                                           "--plugin", bundle});
     EXPECT_EQ(run.out + std::to_string(run.exitCode), bundle.empty() ? "1" : "ok\n0") << run.err;
   }
+  // An old system's sha256 package is checked all the same: the signature of another does not do.
+  ScopedEnv oldSystem("GPC_SYSTEM_VERSION", "1050");
+  const ToolRun run = gpctest::RunTool({hardened, "verify", "--package", package, "--params", out + "/params.json",
+                                        "--plugin", plugin, "--param", "GpcExtSignature=" + p.signer.Sign(p.Param("GpcExtHash"), "foreign")});
+  EXPECT_EQ(run.out, "signature does not verify (message 103)\n") << run.err;
 }
