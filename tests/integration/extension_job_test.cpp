@@ -3,8 +3,6 @@
 // Each row: where the page ends, and what extension the user has afterwards.
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/resource.h>
 
 #include <cstdio>
 #include <memory>
@@ -119,14 +117,10 @@ TEST_P(ExtensionJob, EndsOnItsPageAndLeavesNothingHalfWritten) {
   std::string root = shared_->server.Url("/client/" + c.source), method = "7zip";
   const PageParams package = c.fault ? shared_->first : Make(c, data_.path(), outside, &root, &method);
   ScopedEnv entries("GPC_7Z_MAX_ENTRIES", "30"), bytes("GPC_7Z_MAX_BYTES", "2000000");
-  // A full disk as the host meets it: writes past the limit fail with EFBIG instead of killing it.
-  signal(SIGXFSZ, SIG_IGN);
-  rlimit saved = {};
-  getrlimit(RLIMIT_FSIZE, &saved);
-  const rlimit lowered = {c.fileSizeLimit ? c.fileSizeLimit : saved.rlim_cur, saved.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &lowered);
-  const gpchost::HostRun run = RunPage(home, "2,0,0,7", package, root, method);
-  setrlimit(RLIMIT_FSIZE, &saved);
+  const gpchost::HostRun run = [&] {
+    const ScopedFileSizeLimit disk(c.fileSizeLimit);  // inherited by the host
+    return RunPage(home, "2,0,0,7", package, root, method);
+  }();
 
   ASSERT_EQ(run.exit_code, 0) << run.stderr_text;
   EXPECT_NE(Navigation(run).find(c.outcome), std::string::npos) << Navigation(run);

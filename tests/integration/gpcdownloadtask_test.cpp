@@ -1,11 +1,9 @@
 // Download tasks against the loopback server: their files, their failures and the stall watchdog.
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -17,6 +15,7 @@
 #include "http_test_server.h"
 #include "main_loop.h"
 #include "platform/clock.h"
+#include "scoped_env.h"
 
 namespace {
 
@@ -57,22 +56,6 @@ class FakeClock {
   int64_t micros_;
 };
 
-// Limits the size of the files this process may write while it lives (SIGXFSZ being ignored, a
-// write past the limit fails with EFBIG as on a full disk).
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    getrlimit(RLIMIT_FSIZE, &old_);
-    struct rlimit limit = old_;
-    limit.rlim_cur = bytes;
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &old_); }
-
- private:
-  struct rlimit old_;
-};
-
 void* GrowUpTo1MiB(void* buffer, size_t size) { return size > 1024 * 1024 ? nullptr : realloc(buffer, size); }
 
 class DownloadTaskTest : public ::testing::Test {
@@ -80,7 +63,6 @@ class DownloadTaskTest : public ::testing::Test {
   static void SetUpTestSuite() {
     for (const char* name : {"http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY"})
       unsetenv(name);
-    signal(SIGXFSZ, SIG_IGN);
     ASSERT_TRUE(server_.Start()) << server_.error();
   }
   static bool WaitForStatus(GPCDownloadTask& task, int status) {
@@ -168,7 +150,7 @@ TEST_F(DownloadTaskTest, FailuresEndWithoutNotificationOrFile) {
     GPCDownloadTask task(c.url.empty() ? nullptr : c.url.c_str(), false, &notify);
     task.SetFileMode(c.fileMode);
     {
-      std::unique_ptr<FileSizeLimit> disk(c.diskLimit ? new FileSizeLimit(c.diskLimit) : nullptr);
+      const ScopedFileSizeLimit disk(c.diskLimit);
       GPCNetworkHttp::SetBufferGrowthForTesting(c.memoryShort ? &GrowUpTo1MiB : nullptr);
       EXPECT_EQ(task.Start(), c.started);
       EXPECT_TRUE(WaitForStatus(task, c.status));

@@ -1,12 +1,10 @@
 // The trace writer, its file read back with tlvtracer: records, refusals, and a file never written through a link.
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstring>
 #include <functional>
 
@@ -147,15 +145,10 @@ TEST_F(TraceFileTest, WritersRecordOrSayWhyNot) {
 }
 
 TEST_F(TraceFileTest, ShortWriteClosesTheFileForGood) {
-  struct rlimit old_limit, small;
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old_limit), 0);
-  small = old_limit;
-  small.rlim_cur = 200;  // the header and a short record fit, a long record crosses the limit
-  void (*old_handler)(int) = signal(SIGXFSZ, SIG_IGN);
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
-  const std::vector<int> results{TLVINFO("fits"), TLVINFO(std::string(1000, 'x').c_str()), TLVINFO("after")};
-  setrlimit(RLIMIT_FSIZE, &old_limit);
-  signal(SIGXFSZ, old_handler);
+  const std::vector<int> results = [] {
+    const ScopedFileSizeLimit disk(200);  // the header and a short record fit, a long record crosses it
+    return std::vector<int>{TLVINFO("fits"), TLVINFO(std::string(1000, 'x').c_str()), TLVINFO("after")};
+  }();
   EXPECT_EQ(results, (std::vector<int>{TLVTRACE_WRITTEN, TLVTRACE_SHORT_WRITE, TLVTRACE_NO_FILE}));
 }
 

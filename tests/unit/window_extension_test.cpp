@@ -5,10 +5,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -193,7 +192,8 @@ TEST_F(WindowExtensionTest, CompletionsThatInstallNothing) {
 }
 
 // The default build deletes the old extension first; the hardened one replaces it only with a whole
-// extraction, also where names cannot be exchanged, and leaves no staging folder behind. A failed package stays for a later try.
+// extraction, also where names cannot be exchanged, and leaves no staging folder behind. A failed
+// package stays for a later try.
 TEST_F(WindowExtensionTest, TheHardenedBuildKeepsTheInstalledExtensionWhenUnpackingFails) {
   for (const bool hardened : {false, true}) {
     SCOPED_TRACE(hardened ? "hardened" : "default");

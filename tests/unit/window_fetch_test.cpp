@@ -1,8 +1,6 @@
 // File fetching for an extension: five direct downloads at a time, the switch to the browser, teardown.
 // Transfers never get anywhere (a closed port, no loop run): the test reports for them through the sink.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -201,14 +199,11 @@ TEST_F(WindowFetchTest, BrowserDownloadsNeverWriteThroughALinkShow109OnAFullDisk
   unlink(planted.c_str());
 
   window->OnTimer();
-  signal(SIGXFSZ, SIG_IGN);  // writes beyond the limit fail with EFBIG instead of ending the process
-  rlimit saved = {};
-  getrlimit(RLIMIT_FSIZE, &saved);
-  const rlimit lowered = {1000, saved.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &lowered);
-  // Small enough for a stdio buffer: the failure must show at the write, not be lost at the close.
-  Answer(1, Browser().requests.at(1).url.c_str(), std::string(2000, 'x'), NPRES_DONE);
-  setrlimit(RLIMIT_FSIZE, &saved);
+  {
+    const ScopedFileSizeLimit disk(1000);
+    // Small enough for a stdio buffer: the failure must show at the write, not be lost at the close.
+    Answer(1, Browser().requests.at(1).url.c_str(), std::string(2000, 'x'), NPRES_DONE);
+  }
   const std::vector<std::string> shown = gpctest::RunNavigations(*window);
   EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [](const std::string& url) {
     return url.rfind("_top https://e.example/err?", 0) == 0 && url.find("%5B109%5D") != std::string::npos;

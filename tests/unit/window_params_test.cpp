@@ -1,9 +1,6 @@
 // The parameter store and the parameter file written at the start of every instance.
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/resource.h>
-
 #include <fstream>
 #include <string>
 
@@ -15,6 +12,7 @@
 #include "platform/clock.h"
 #include "platform/folders.h"
 #include "plugin/plugin/npgpcimp.h"
+#include "scoped_env.h"
 
 namespace {
 
@@ -120,13 +118,10 @@ TEST_F(WindowParamsTest, ParameterFileHoldsEveryRecordAndTheTimeLast) {
   // A full disk leaves no file (never the last page's), and the instance goes on: the file is advisory.
   const std::string large(4000, 'v');
   gpctest::EmbedArgs big{{"GpcProductVersion", "7,1"}, {"Large", large.c_str()}};
-  signal(SIGXFSZ, SIG_IGN);
-  rlimit saved = {};
-  getrlimit(RLIMIT_FSIZE, &saved);
-  const rlimit lowered = {1000, saved.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &lowered);
-  EXPECT_TRUE(SaveParameters(big.argc(), big.argn(), big.argv()));
-  setrlimit(RLIMIT_FSIZE, &saved);
+  EXPECT_TRUE([&] {
+    const ScopedFileSizeLimit disk(1000);
+    return SaveParameters(big.argc(), big.argn(), big.argv());
+  }());
   EXPECT_EQ(gpctest::ShellOutput("ls -A " + gpctest::ShellQuote(folder + "7,1")), "");
   blocked.Add("GpcProductVersion", "blocked");
   std::ofstream(folder + "blocked") << "x";
