@@ -8,9 +8,7 @@
 //
 // Best of 3 each. Goal: job at most 1.2 times the floor; added memory under 32 MB.
 // Usage: job_bench [megabytes]
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "extension_package.h"
 #include "http_test_server.h"
 
@@ -34,40 +33,6 @@ using gpctest::ShellQuote;
 double Seconds(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 bool Shell(const std::string& command) { return std::system(command.c_str()) == 0; }
-
-// Runs gpc-host with `args`; returns its exit code and its peak resident set in KiB.
-int RunHost(const std::vector<std::string>& args, long* peakKib) {
-  const std::string host = std::string(GPC_BIN_DIR) + "/gpc-host";
-  std::vector<char*> argv = {const_cast<char*>(host.c_str())};
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  fflush(stdout);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    freopen("/dev/null", "w", stdout);
-    execv(host.c_str(), argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  struct rusage usage {};
-  wait4(pid, &status, 0, &usage);
-  *peakKib = usage.ru_maxrss;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// Peak resident set in KiB of the shell command `command`, run as one process.
-long PeakOfCommand(const std::string& command) {
-  fflush(stdout);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  struct rusage usage {};
-  wait4(pid, &status, 0, &usage);
-  return usage.ru_maxrss;
-}
 
 // Seconds of the first trace record whose text contains `text`; negative when none.
 double TraceTime(const std::string& trace, const std::string& text) {
@@ -152,7 +117,7 @@ int main(int argc, char** argv) {
     setenv("GPC_TRACE_FILE", trace.c_str(), 1);
     long peak = 0;
     const auto start = Clock::now();
-    const int code = RunHost(args, &peak);
+    const int code = bench::RunHost(args, &peak);
     const double whole = Seconds(start);
     const double job = TraceTime(trace, "CGpcWindow::InitExtension,Initialize GPC extension...") -
                        TraceTime(trace, "NPWRAP : NPP_New");
@@ -166,7 +131,7 @@ int main(int argc, char** argv) {
     jobPeak = std::max(jobPeak, peak);
     // The same host for a page that stops at once: what the host costs without the job.
     long idle = 0;
-    RunHost({"--param", "GpcProductVersion=3,1,0,7", "--param", "GpcErrorPageUrl=" + server.HttpsUrl("page/error"),
+    bench::RunHost({"--param", "GpcProductVersion=3,1,0,7", "--param", "GpcErrorPageUrl=" + server.HttpsUrl("page/error"),
              "--exit-on-navigate", "/page/",
              "--run-ms", "5000"},
             &idle);
@@ -175,7 +140,7 @@ int main(int argc, char** argv) {
   if (jobBest >= 1e9 || floorBest >= 1e9) return 1;
   const std::string out = work.path() + "/floor";
   Shell("rm -rf " + ShellQuote(out) + " && mkdir -p " + ShellQuote(out));
-  const long bsdtarPeak = PeakOfCommand("bsdtar -xf " + ShellQuote(package) + " -C " + ShellQuote(out));
+  const long bsdtarPeak = bench::PeakOfCommand("bsdtar -xf " + ShellQuote(package) + " -C " + ShellQuote(out));
   printf("floor (curl -k + openssl dgst -sha256 + bsdtar -xf): %.3f s\n", floorBest);
   printf("job, NPP_New to GpcInitInstance: %.3f s (%.2f of the floor; goal <= 1.2)\n", jobBest, jobBest / floorBest);
   printf("gpc-host run, start to exit: %.3f s\n", hostBest);

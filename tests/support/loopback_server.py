@@ -87,7 +87,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
     do_POST = do_GET
 
     def scripted(self, parts, path, query):
-        """/bytes?n=N, /status/CODE (with a challenge), /redirect?to=URL&n=HOPS, /never, /stall (4096 bytes
+        """/bytes?n=N, /status/CODE (with a challenge; n=N for a body of N bytes), /redirect?to=URL&n=HOPS, /never, /stall (4096 bytes
         of 1000000, then silence), /reset (65536 of 10000000), /overlong (69632 of 65536),
         /client/moved-after/CODE/... (CODE once, then 302 to /bytes?n=64), /client/fails-once/CODE/N/...,
         /client/fault/VERB/ARG/... (VERB as above with ARG; a redirect goes to itself)."""
@@ -99,7 +99,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if verb == "bytes":
             self.send(200, pattern(int(query.get("n", [arg])[0])))
         elif verb == "status":
-            self.send(int(arg), b"challenge", CHALLENGE)
+            self.send(int(arg), pattern(int(query["n"][0])) if "n" in query else b"challenge", CHALLENGE)
         elif parts[:2] == ["client", "moved-after"] and len(parts) > 2:
             self.send(int(parts[2]), b"challenge", CHALLENGE) if first(path) else \
                 self.send(302, b"", [("Location", "/bytes?n=64")])
