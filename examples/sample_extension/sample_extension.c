@@ -11,7 +11,8 @@
  *   "GpcSampleFiles"      URLs separated by "|"; each is fetched with GpcGetFileAtUrl.
  *   "GpcSampleStream"     one URL read as the browser's local copy, through a stream access point
  *                         (GpcRegisterStreamSap, GpcGetStream); it counts as one more fetch.
- *   "GpcSampleUnpackDir"  a folder; every fetched file whose URL ends in ".7z" is unpacked there.
+ *   "GpcSampleUnpackDir"  a folder not there yet; every fetched file whose URL ends in ".7z" is
+ *                         unpacked there (an existing folder is left as it is).
  *   "GpcSampleDoneUrl"    once every fetch has completed (successfully or not), the page goes to
  *                         this URL with "fetched=N&failed=M&unpacked=K&params=P" appended.
  * Without files, it navigates on the first heartbeat; without "GpcSampleDoneUrl", nowhere.
@@ -42,6 +43,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include "gpc/gpc_extension.h"
 #include "gpc/gpc_trace.h"
@@ -237,7 +239,14 @@ static int EndsWith(const char* text, const char* suffix) {
 static void UnpackIfArchive(SampleState* state, void* instance, const SampleFetch* fetch,
                             const char* path) {
   const char* dir = NonEmptyParam(state, SAMPLE_UNPACK_DIR_PARAM);
+  struct stat info;
   if (dir == NULL || !EndsWith(fetch->url, SAMPLE_ARCHIVE_SUFFIX)) return;
+  /* Unpacking replaces the folder, and the page names it: only a folder that is not there yet is
+     used, so that no page can have a folder of the user's replaced. */
+  if (lstat(dir, &info) == 0) {
+    Trace(state, "not unpacking %s: %s already exists", fetch->url, dir);
+    return;
+  }
   uint32_t result = state->services->GpcUnpackFile(instance, path, dir);
   if (result == GPC_RESULT_OK) {
     ++state->unpacked;

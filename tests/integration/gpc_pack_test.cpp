@@ -225,7 +225,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
                " && rm n/*/Contents/Info.plist x/*/Contents/MacOS/*"
                " && ln -s ../../../outside l/zrgpcext64.bundle/Contents/MacOS/passwd"
                " && ln -s /etc/passwd a/zrgpcext64.bundle/Contents/passwd"
-               " && ln -s MacOS k/zrgpcext64.bundle/Contents/bin && ln -s bin/../Info.plist k/zrgpcext64.bundle/Contents/info"
+               " && ln -s MacOS k/zrgpcext64.bundle/Contents/bin && ln -s bin/../../../outside k/zrgpcext64.bundle/Contents/info"
                " && sed -i \"/>CFBundleVersion</{n;s/>.*</>$(printf %0256d 0)</}\" v/*/Contents/Info.plist"
                " && sed -i \"/>CFBundleExecutable</{n;s/>.*</>libdemo.so</}\" d/*/Contents/Info.plist"
                " && cp \"$k\" big.key && echo >> big.key && cat \"$c\" \"$c\" > two.pem"
@@ -252,7 +252,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
        "chains neither to a system anchor nor to a certificate given"},
       {{copy("l")}, false, 1, "leads out of the bundle"},
       {{copy("a")}, false, 1, "-> /etc/passwd leads out of the bundle"},
-      {{copy("k")}, false, 1, "-> bin/../Info.plist leads out of the bundle, or back out of a link"},
+      {{copy("k")}, false, 1, "-> bin/../../../outside leads out of the bundle"},
       {{copy("v")}, false, 1, "cannot be matched by any page"},
       {{work + "/e/.bundle"}, false, 1, "must be <name>.bundle, not \".bundle\""},
       {{copy("x")}, false, 1, "has no executable"},

@@ -114,6 +114,9 @@ TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
        "s/file inner/file", ""},
       {"an entry below a link in the destination", "mkdir ext && echo x > ext/file", "ext/file", "", "", linkInOut},
       {"a link through a link in the destination", "ln -s ext/file mine", "mine", "", "", linkInOut},
+      {"a link through a link of the archive into one in the destination", "ln -s d l2 && ln -s l2/ext l1", "l1 l2",
+       "", "", "mkdir -p out/d escape && ln -s ../../escape out/d/ext"},
+      {"a link that leads to itself", "ln -s loop loop", "loop", "", "", ""},
       {"a full path of PATH_MAX bytes", "echo x > f", "f", "", "f " + deep, ""},  // "out" not made either
   };
   for (const Case& c : cases) {
@@ -162,24 +165,34 @@ TEST_F(Lib7zipTest, StopsAtTheEntryAndByteLimits) {
   }
 }
 
-// Forty-one bytes whose header claims 16843008 folders: libarchive alone would fill 1.7 GB of
-// folder records before finding the header too short. Run in a child to measure its memory.
-TEST_F(Lib7zipTest, RefusesAHeaderClaimingMillionsOfFoldersWithoutMakingRoomForThem) {
+// Small archives that would cost gigabytes: forty-one bytes whose header claims 16843008 folders
+// (libarchive alone would fill 1.7 GB of folder records before finding the header too short), and
+// a link whose target has 40,000 parts. Each runs in a child to measure its memory.
+TEST_F(Lib7zipTest, RefusesSmallArchivesThatWouldFillTheMemory) {
   const std::string header("\x01\x04\x07\x0B\xE1\x00\x01\x01\x00", 9);  // header, streams, folders
   // Signature, version, then start-header CRC and next-header offset, size and CRC (the CRCs zero:
   // the header is parsed before they are checked).
   const std::string archive = work_.Write("claims.7z", std::string("7z\xBC\xAF\x27\x1C\x00\x04", 8) +
                                                            std::string(12, '\0') + '\x09' + std::string(11, '\0') + header);
-  const pid_t child = fork();
-  if (child == 0) _exit(Extract(archive, out_) == kGpc7zCannotReadArchive && !Exists(out_) ? 0 : 1);
-  int status = -1;
-  rusage usage{};
-  ASSERT_EQ(wait4(child, &status, 0, &usage), child);
-  EXPECT_EQ(status, 0);
-  // Resident size alone misses it on kernels that count zero-filled pages lazily; first touches of
-  // a page do not.
-  EXPECT_LT(usage.ru_maxrss, 512 * 1024) << "kB at most in the child";
-  EXPECT_LT(usage.ru_minflt, 512 * 1024 / 4) << "pages first touched by the child";
+  std::string deep;
+  for (int part = 0; part < 40000; ++part) deep += "a/";
+  const std::string linkBomb = work_ / "link.7z";
+  ASSERT_TRUE(Sh("cd " + ShellQuote(work_.path()) + " && ln -s x l && bsdtar -cf link.7z --format 7zip -s '|^x$|" +
+                 deep + "|' l"));
+  for (const auto& [bomb, expected] : {std::make_pair(archive, kGpc7zCannotReadArchive),
+                                       std::make_pair(linkBomb, kGpc7zUnsafeEntry)}) {
+    SCOPED_TRACE(bomb);
+    const pid_t child = fork();
+    if (child == 0) _exit(Extract(bomb, out_) == expected && !Exists(out_) ? 0 : 1);
+    int status = -1;
+    rusage usage{};
+    ASSERT_EQ(wait4(child, &status, 0, &usage), child);
+    EXPECT_EQ(status, 0);
+    // Resident size alone misses it on kernels that count zero-filled pages lazily; first touches
+    // of a page do not.
+    EXPECT_LT(usage.ru_maxrss, 512 * 1024) << "kB at most in the child";
+    EXPECT_LT(usage.ru_minflt, 512 * 1024 / 4) << "pages first touched by the child";
+  }
 }
 
 }  // namespace

@@ -151,6 +151,8 @@ TEST_F(SampleExtension, FetchesUnpacksAndNavigatesOnceWhenDone) {
        {{0, "/l/a"}}, "fetch h/a.7z, unpack /l/a -> /u, " + Done("1&failed=0&unpacked=0&params=3")},
       {"no unpack folder", {{kFiles, "h/a.7z"}, {kDone, "d"}}, 0, 0, {{0, "/l/a"}},
        "fetch h/a.7z, " + Done("1&failed=0&unpacked=0&params=2")},
+      {"a folder already there is never replaced", {{kFiles, "h/a.7z"}, {kDir, "/"}, {kDone, "d"}}, 0, 0, {{0, "/l/a"}},
+       "fetch h/a.7z, " + Done("1&failed=0&unpacked=0&params=3")},
       {"empty entries skipped, only .7z endings", {{kFiles, "|h/a||h/b.7z.txt|"}, {kDir, "/u"}, {kDone, "d"}}, 0, 0,
        {{0, "/l/a"}, {1, "/l/b"}}, "fetch h/a, fetch h/b.7z.txt, " + Done("2&failed=0&unpacked=0&params=3")},
       {"no files", {{"Other", "x"}, {kDone, "d"}}, 0, 0, {}, "tick, go d?fetched=0&failed=0&unpacked=0&params=2 _top, tick, "},

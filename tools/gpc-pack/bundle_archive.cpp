@@ -78,6 +78,25 @@ bool CheckMatchableVersion(const std::string& bundleVersion, std::string* error)
   return true;
 }
 
+// The bundle on disk as the link rule walks it: a place is a path below the top folder, and each
+// link in the bundle is judged by the rule when it is packed.
+struct BundleTree {
+  typedef std::string Place;
+  const std::string& top;
+  Place Top() const { return ""; }
+  Place Down(const Place& place, const std::string& part) const { return place.empty() ? part : place + "/" + part; }
+  gpc7z::LinkAt At(const Place& place) const {
+    struct stat info;
+    const bool link = lstat((top + "/" + place).c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+    return link ? gpc7z::LinkAt::kChecked : gpc7z::LinkAt::kNone;
+  }
+  std::string Target(const Place& place) const {  // empty, and so refused, when unreadable
+    std::vector<char> target(PATH_MAX + 1);
+    const ssize_t length = readlink((top + "/" + place).c_str(), target.data(), PATH_MAX);
+    return std::string(target.data(), length > 0 ? static_cast<size_t>(length) : 0);
+  }
+};
+
 // ---- Writing -------------------------------------------------------------------------------
 
 class BundleWriter {
@@ -143,20 +162,15 @@ class BundleWriter {
     const std::string text(target.data(), static_cast<size_t>(length));
     // The unpacker refuses a whole archive with a link it would not follow; here the link may not
     // even leave the bundle. Links in the bundle are judged as the unpacker judges those it brings.
-    std::vector<std::string> folder;  // the link's folder, below the top folder
-    for (size_t at = archivePath.find('/'); at != archivePath.rfind('/');) {
-      const size_t next = archivePath.find('/', at + 1);
-      folder.push_back(archivePath.substr(at + 1, next - at - 1));
-      at = next;
+    std::vector<std::string> folder;  // the link's folders, below the top folder, as paths
+    const size_t top = archivePath.find('/');
+    for (size_t at = top; at != archivePath.rfind('/');) {
+      at = archivePath.find('/', at + 1);
+      folder.push_back(archivePath.substr(top + 1, at - top - 1));
     }
-    const auto linkAt = [this](const std::string& path) {
-      struct stat info;
-      const bool link = lstat((m_top + "/" + path).c_str(), &info) == 0 && S_ISLNK(info.st_mode);
-      return link ? gpc7z::LinkAt::kChecked : gpc7z::LinkAt::kNone;
-    };
-    if (!gpc7z::LinkTargetStaysInside(folder, text, linkAt)) {
-      *m_error = "the symbolic link " + diskPath + " -> " + text +
-                 " leads out of the bundle, or back out of a link it passes through";
+    BundleTree tree{m_top};
+    if (!gpc7z::LinkTargetStaysInside(tree, folder, text)) {
+      *m_error = "the symbolic link " + diskPath + " -> " + text + " leads out of the bundle";
       return false;
     }
     archive_entry_set_filetype(entry, AE_IFLNK);

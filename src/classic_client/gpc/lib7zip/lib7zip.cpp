@@ -7,9 +7,9 @@
 //   with a ".." part; a type other than file, folder or link; a symbolic link whose target is
 //   absolute or climbs out when followed part by part from the link's folder; a hard link to a
 //   name outside or to a link; a name below a link, whether the link comes with the archive or
-//   already lies in the destination. A ".." right after a link could lead anywhere, since the
-//   link's real place is not its name's, so a target may not step back out of a link; and a
-//   target may not pass through a link already on disk, whose target nobody checked.
+//   already lies in the destination. A target is followed as the system will follow it, through
+//   the archive's own links to their targets (at most 40 of them), and may not pass through a
+//   link already on disk, whose target nobody checked.
 // - The second pass writes the entries the first pass approved, with the destination prefixed,
 //   and stops when the archive no longer matches them (it changed between the passes).
 //   libarchive's ARCHIVE_EXTRACT_SECURE_NODOTDOT and ARCHIVE_EXTRACT_SECURE_SYMLINKS check the
@@ -34,12 +34,12 @@
 #include <limits.h>
 #include <locale.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -171,7 +171,8 @@ int32_t DescribeEntry(archive_entry* header, Entry* entry) {
   } else if (type == AE_IFLNK) {
     const char* target =
         Utf8OrLocal(archive_entry_symlink_utf8(header), archive_entry_symlink(header));
-    if (target == nullptr || *target == '\0') return kGpc7zUnsafeEntry;
+    // No target of PATH_MAX bytes can be written: refused before it costs anything to follow.
+    if (target == nullptr || *target == '\0' || strlen(target) >= PATH_MAX) return kGpc7zUnsafeEntry;
     entry->kind = Kind::kSymlink;
     entry->link = target;
   } else {
@@ -206,69 +207,117 @@ int32_t ReadPlan(const char* archivePath, const Limits& limits, std::vector<Entr
   }
 }
 
-// Which names below the destination are symbolic links: those the archive brings (they will
-// replace whatever lies there) and those already on disk.
+// The names below the destination as a tree of places, one per folder or file named, with the
+// symbolic links among them: those the archive brings (they will replace whatever lies there) and
+// those already on disk. Each place holds one part of a name, so that walking a name costs its
+// length and not the square of it.
 class LinkIndex {
  public:
+  typedef size_t Place;
 
   LinkIndex(const std::vector<Entry>& plan, std::string destination)
       : m_destination(std::move(destination)) {
+    struct stat info;
+    m_places.push_back({0, "", nullptr, stat(m_destination.c_str(), &info) == 0 && S_ISDIR(info.st_mode)
+                                            ? Disk::kFolder : Disk::kAbsent});
     for (const Entry& entry : plan) {
-      if (entry.kind == Kind::kSymlink) m_archiveLinks.insert(entry.name);
+      if (entry.kind == Kind::kSymlink) m_places[Resolve(entry.name)].archiveTarget = &entry.link;
     }
+  }
+
+  Place Top() const { return 0; }
+
+  Place Down(Place place, const std::string& part) {
+    auto known = m_children.find({place, part});
+    if (known != m_children.end()) return known->second;
+    m_places.push_back({place, part, nullptr, Disk::kUnknown});
+    m_children.emplace(std::make_pair(place, part), m_places.size() - 1);
+    return m_places.size() - 1;
   }
 
   // A link the archive brings is checked with the others; one already on disk is not.
-  gpc7z::LinkAt Find(const std::string& name) {
-    if (m_archiveLinks.count(name) != 0) return gpc7z::LinkAt::kChecked;
-    auto known = m_diskLinks.find(name);
-    if (known == m_diskLinks.end()) {
-      struct stat info;
-      const std::string path = m_destination + "/" + name;
-      const bool link = lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
-      known = m_diskLinks.emplace(name, link).first;
-    }
-    return known->second ? gpc7z::LinkAt::kUnchecked : gpc7z::LinkAt::kNone;
+  gpc7z::LinkAt At(Place place) {
+    if (m_places[place].archiveTarget != nullptr) return gpc7z::LinkAt::kChecked;
+    return DiskState(place) == Disk::kLink ? gpc7z::LinkAt::kUnchecked : gpc7z::LinkAt::kNone;
   }
 
-  bool IsLink(const std::string& name) { return Find(name) != gpc7z::LinkAt::kNone; }
+  const std::string& Target(Place place) const { return *m_places[place].archiveTarget; }
+
+  // The place of a name, and whether one of the folders that hold it is a link.
+  Place Resolve(const std::string& name, bool* belowLink = nullptr) {
+    Parts parts;
+    SplitSafeName(name, &parts);
+    Place place = Top();
+    for (const std::string& part : parts) {
+      if (belowLink != nullptr && place != Top() && At(place) != gpc7z::LinkAt::kNone) *belowLink = true;
+      place = Down(place, part);
+    }
+    return place;
+  }
 
  private:
+  enum class Disk { kUnknown, kAbsent, kFolder, kLink, kOther };
+  struct PlaceInfo {
+    Place parent;
+    std::string part;
+    const std::string* archiveTarget;  // a link the archive brings: its target
+    Disk disk;
+  };
+
+  // What lies at a place on disk; looked up only where its folder is there, so that a deep name
+  // the disk does not hold costs no lookups.
+  Disk DiskState(Place place) {
+    PlaceInfo& info = m_places[place];
+    if (info.disk != Disk::kUnknown) return info.disk;
+    if (DiskState(info.parent) != Disk::kFolder) return info.disk = Disk::kAbsent;
+    struct stat status;
+    if (lstat(PathOf(place).c_str(), &status) != 0) return info.disk = Disk::kAbsent;
+    info.disk = S_ISLNK(status.st_mode) ? Disk::kLink : S_ISDIR(status.st_mode) ? Disk::kFolder : Disk::kOther;
+    return info.disk;
+  }
+
+  std::string PathOf(Place place) const {
+    std::string path;
+    for (; place != Top(); place = m_places[place].parent) path = "/" + m_places[place].part + path;
+    return m_destination + path;
+  }
+
   std::string m_destination;
-  std::set<std::string> m_archiveLinks;
-  std::map<std::string, bool> m_diskLinks;
+  std::vector<PlaceInfo> m_places;
+  std::map<std::pair<Place, std::string>, Place> m_children;
 };
 
-// True when one of the folders that hold `name` is a link.
-bool LiesBelowLink(const std::string& name, LinkIndex* links) {
-  Parts parts;
-  SplitSafeName(name, &parts);
-  for (size_t count = 1; count < parts.size(); ++count) {
-    if (links->IsLink(JoinParts(parts, count))) return true;
-  }
-  return false;
+// True when `name` or one of the folders that hold it is a link.
+bool IsOrLiesBelowLink(const std::string& name, LinkIndex* links) {
+  bool belowLink = false;
+  const LinkIndex::Place place = links->Resolve(name, &belowLink);
+  return belowLink || links->At(place) != gpc7z::LinkAt::kNone;
 }
 
-// True when the target of the link `name`, followed part by part from the link's folder, stays
-// below the destination without stepping back out of a link or through a link already on disk.
+// True when the target of the link `name`, followed from the link's folder with the links on its
+// way, stays below the destination and passes through no link already on disk.
 bool SymlinkStaysInside(const std::string& name, const std::string& target, LinkIndex* links) {
-  Parts folder;
-  SplitSafeName(name, &folder);
-  folder.pop_back();
-  return gpc7z::LinkTargetStaysInside(folder, target, [links](const std::string& path) { return links->Find(path); });
+  Parts parts;
+  SplitSafeName(name, &parts);
+  std::vector<LinkIndex::Place> folder;
+  for (size_t i = 0; i + 1 < parts.size(); ++i) {
+    folder.push_back(links->Down(folder.empty() ? links->Top() : folder.back(), parts[i]));
+  }
+  return gpc7z::LinkTargetStaysInside(*links, folder, target);
 }
 
 // Checks of the entries against each other and against what already lies in the destination.
 int32_t CheckLinks(const std::vector<Entry>& plan, const std::string& destination) {
   LinkIndex links(plan, destination);
   for (const Entry& entry : plan) {
-    if (LiesBelowLink(entry.name, &links)) return kGpc7zUnsafeEntry;
+    bool belowLink = false;
+    links.Resolve(entry.name, &belowLink);
+    if (belowLink) return kGpc7zUnsafeEntry;
     if (entry.kind == Kind::kSymlink && !SymlinkStaysInside(entry.name, entry.link, &links)) {
       return kGpc7zUnsafeEntry;
     }
     // Data written to a hard link to a link would go wherever that link leads.
-    if (entry.kind == Kind::kHardlink &&
-        (LiesBelowLink(entry.link, &links) || links.IsLink(entry.link))) {
+    if (entry.kind == Kind::kHardlink && IsOrLiesBelowLink(entry.link, &links)) {
       return kGpc7zUnsafeEntry;
     }
   }
@@ -416,10 +465,10 @@ int32_t Decompress(const char* archivePath, const std::string& folder) {
   const Limits limits = CurrentLimits();
   std::vector<Entry> plan;
   int32_t result = ReadPlan(archivePath, limits, &plan);
-  if (result == kGpc7zSuccess) result = CheckLinks(plan, folder);
   // Checked before the destination is made, so that this refusal too writes nothing; and again
   // once it is there, in case a link appeared along its path meanwhile.
   if (result == kGpc7zSuccess) result = CheckPathLengths(plan, RealPathToBe(folder));
+  if (result == kGpc7zSuccess) result = CheckLinks(plan, folder);
   std::string destination;
   if (result == kGpc7zSuccess) result = PrepareDestination(folder, &destination);
   if (result == kGpc7zSuccess) result = CheckPathLengths(plan, destination);

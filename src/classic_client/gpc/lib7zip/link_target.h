@@ -2,24 +2,25 @@
 // it, and gpc-pack, which packs nothing the unpacker would refuse.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
 namespace gpc7z {
 
-// What lies at a path: no link, a link whose own target is judged by this rule too, or a link
-// whose target nobody checked (already on disk).
+// What lies at a place below the top: no link, a link whose target is judged by this rule too
+// and followed, or a link whose target nobody checked (already on disk).
 enum class LinkAt { kNone, kChecked, kUnchecked };
 
-// True when `target`, followed part by part from the link's folder (`folder`: its parts below the
-// top), stays below the top, never steps back ("..") out of a link it passed through, whose real
-// place is not its name's, and never passes through an unchecked link. `linkAt` is asked about
-// paths below the top, their parts joined with "/".
-inline bool LinkTargetStaysInside(std::vector<std::string> folder, const std::string& target,
-                                  const std::function<LinkAt(const std::string&)>& linkAt) {
+// Links followed in one walk at most, as many as the system follows in one lookup.
+constexpr int kMaxLinksFollowed = 40;
+
+// Follows `target` part by part from `*folder` (the places from the top down, the top left out),
+// as the system will once everything is in place: each checked link on the way is followed to its
+// own target. False when the walk leaves the top, meets an unchecked link or follows too many.
+// `Tree` gives Top(), Down(place, part), At(place) and, for a checked link, Target(place).
+template <typename Tree>
+bool FollowInside(Tree& tree, std::vector<typename Tree::Place>* folder, const std::string& target, int* followed) {
   if (target.empty() || target[0] == '/') return false;
-  std::vector<bool> throughLink(folder.size(), false);  // the link's own folders hold no link
   size_t start = 0;
   while (start <= target.size()) {
     size_t slash = target.find('/', start);
@@ -28,20 +29,27 @@ inline bool LinkTargetStaysInside(std::vector<std::string> folder, const std::st
     start = slash + 1;
     if (part.empty() || part == ".") continue;
     if (part == "..") {
-      if (folder.empty() || throughLink.back()) return false;
-      folder.pop_back();
-      throughLink.pop_back();
+      if (folder->empty()) return false;
+      folder->pop_back();
       continue;
     }
-    const bool alreadyThroughLink = !throughLink.empty() && throughLink.back();
-    folder.push_back(part);
-    std::string path;
-    for (const std::string& each : folder) path += (path.empty() ? "" : "/") + each;
-    const LinkAt link = alreadyThroughLink ? LinkAt::kNone : linkAt(path);
+    const typename Tree::Place place = tree.Down(folder->empty() ? tree.Top() : folder->back(), part);
+    const LinkAt link = tree.At(place);
     if (link == LinkAt::kUnchecked) return false;
-    throughLink.push_back(alreadyThroughLink || link == LinkAt::kChecked);
+    if (link == LinkAt::kNone) {
+      folder->push_back(place);
+    } else if (++*followed > kMaxLinksFollowed || !FollowInside(tree, folder, tree.Target(place), followed)) {
+      return false;
+    }
   }
   return true;
+}
+
+// True when the target of a link in `folder` stays below the top, followed as above.
+template <typename Tree>
+bool LinkTargetStaysInside(Tree& tree, std::vector<typename Tree::Place> folder, const std::string& target) {
+  int followed = 0;
+  return FollowInside(tree, &folder, target, &followed);
 }
 
 }  // namespace gpc7z
