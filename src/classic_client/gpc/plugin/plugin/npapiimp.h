@@ -124,7 +124,7 @@ class CGpcProvider {
   uint32_t StreamPostWithHook(void* sap, const char* url, const char* data, unsigned len, int asFile,
                               void** stream);
   // Ends the client's interest in `stream`: GPC_STREAM_DELETE (reason 2) to its SAP and the
-  // provider is free again. The browser stream itself runs on; its data is dropped.
+  // provider is free again. The browser is not told: its stream runs on until it ends it.
   uint32_t AbortStream(void* sap, void* stream);
 
   // A zeroed post buffer large enough for `len` bytes of data and the post header; NULL when
