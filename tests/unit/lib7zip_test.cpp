@@ -117,6 +117,10 @@ TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
       {"a link through a link of the archive into one in the destination", "ln -s d l2 && ln -s l2/ext l1", "l1 l2",
        "", "", "mkdir -p out/d escape && ln -s ../../escape out/d/ext"},
       {"a link that leads to itself", "ln -s loop loop", "loop", "", "", ""},
+      {"a name given twice, to a link and a folder", "ln -s d1/d2/d3 xl && mkdir xd && ln -s x/../../.. y",
+       "xl xd y", "", "xl x xd x", ""},
+      {"a link through a link of the archive that a folder in the destination keeps out",
+       "ln -s d1/d2 x && ln -s x/../.. y", "x y", "", "", "mkdir -p out/x/keep"},
       {"a full path of PATH_MAX bytes", "echo x > f", "f", "", "f " + deep, ""},  // "out" not made either
   };
   for (const Case& c : cases) {

@@ -84,6 +84,7 @@ struct BundleTree {
   typedef std::string Place;
   const std::string& top;
   Place Top() const { return ""; }
+  bool Step() const { return true; }  // the packer's own bundle, with its own file system's limits
   Place Down(const Place& place, const std::string& part) const { return place.empty() ? part : place + "/" + part; }
   gpc7z::LinkAt At(const Place& place) const {
     struct stat info;

@@ -207,22 +207,36 @@ int32_t ReadPlan(const char* archivePath, const Limits& limits, std::vector<Entr
   }
 }
 
-// The names below the destination as a tree of places, one per folder or file named, with the
-// symbolic links among them: those the archive brings (they will replace whatever lies there) and
-// those already on disk. Each place holds one part of a name, so that walking a name costs its
-// length and not the square of it.
+// The names below the destination as a tree of places: one per folder or file the archive names,
+// and one per name looked up on disk where its folder is there. Each place holds one part of a
+// name, so that walking a name costs its length and not the square of it; any other name is
+// nowhere, for it is neither in the archive nor on disk. Links are those the archive brings (they
+// will replace whatever lies there) and those already on disk.
 class LinkIndex {
  public:
   typedef size_t Place;
+  static constexpr Place kNowhere = 1;
 
-  LinkIndex(const std::vector<Entry>& plan, std::string destination)
-      : m_destination(std::move(destination)) {
+  explicit LinkIndex(std::string destination) : m_destination(std::move(destination)) {
     struct stat info;
-    m_places.push_back({0, "", nullptr, stat(m_destination.c_str(), &info) == 0 && S_ISDIR(info.st_mode)
-                                            ? Disk::kFolder : Disk::kAbsent});
+    const bool there = stat(m_destination.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    m_places.push_back({0, "", nullptr, there ? Disk::kFolder : Disk::kAbsent, true});
+    m_places.push_back({0, "", nullptr, Disk::kAbsent, false});  // kNowhere
+  }
+
+  // Gives every entry its place; false when two entries share a name, for then what the archive
+  // leaves at that name is not what was checked.
+  bool AddEntries(const std::vector<Entry>& plan) {
     for (const Entry& entry : plan) {
-      if (entry.kind == Kind::kSymlink) m_places[Resolve(entry.name)].archiveTarget = &entry.link;
+      Parts parts;
+      SplitSafeName(entry.name, &parts);
+      Place place = Top();
+      for (const std::string& part : parts) place = Add(place, part);
+      if (m_places[place].named && place != Top()) return false;
+      m_places[place].named = true;
+      if (entry.kind == Kind::kSymlink) m_places[place].archiveTarget = &entry.link;
     }
+    return true;
   }
 
   Place Top() const { return 0; }
@@ -230,42 +244,57 @@ class LinkIndex {
   Place Down(Place place, const std::string& part) {
     auto known = m_children.find({place, part});
     if (known != m_children.end()) return known->second;
-    m_places.push_back({place, part, nullptr, Disk::kUnknown});
-    m_children.emplace(std::make_pair(place, part), m_places.size() - 1);
-    return m_places.size() - 1;
+    if (place == kNowhere || DiskState(place) != Disk::kFolder) return kNowhere;
+    return Add(place, part);
   }
 
-  // A link the archive brings is checked with the others; one already on disk is not.
+  // A link the archive brings is checked with the others, unless a folder already there keeps it
+  // from being written; one already on disk is not checked.
   gpc7z::LinkAt At(Place place) {
-    if (m_places[place].archiveTarget != nullptr) return gpc7z::LinkAt::kChecked;
+    if (m_places[place].archiveTarget != nullptr) {
+      return DiskState(place) == Disk::kFolder ? gpc7z::LinkAt::kUnchecked : gpc7z::LinkAt::kChecked;
+    }
     return DiskState(place) == Disk::kLink ? gpc7z::LinkAt::kUnchecked : gpc7z::LinkAt::kNone;
   }
 
   const std::string& Target(Place place) const { return *m_places[place].archiveTarget; }
 
+  // One more part walked; false once the walks of all links together took too many, as a small
+  // archive of long links that lead through each other would.
+  bool Step() { return ++m_steps <= kMaxSteps; }
+
   // The place of a name, and whether one of the folders that hold it is a link.
-  Place Resolve(const std::string& name, bool* belowLink = nullptr) {
+  Place Resolve(const std::string& name, bool* belowLink) {
     Parts parts;
     SplitSafeName(name, &parts);
     Place place = Top();
     for (const std::string& part : parts) {
-      if (belowLink != nullptr && place != Top() && At(place) != gpc7z::LinkAt::kNone) *belowLink = true;
+      if (place != Top() && At(place) != gpc7z::LinkAt::kNone) *belowLink = true;
       place = Down(place, part);
     }
     return place;
   }
 
  private:
+  static constexpr long kMaxSteps = 10000000;
   enum class Disk { kUnknown, kAbsent, kFolder, kLink, kOther };
   struct PlaceInfo {
     Place parent;
     std::string part;
     const std::string* archiveTarget;  // a link the archive brings: its target
     Disk disk;
+    bool named;  // by an entry of the archive
   };
 
-  // What lies at a place on disk; looked up only where its folder is there, so that a deep name
-  // the disk does not hold costs no lookups.
+  Place Add(Place place, const std::string& part) {
+    auto known = m_children.find({place, part});
+    if (known != m_children.end()) return known->second;
+    m_places.push_back({place, part, nullptr, Disk::kUnknown, false});
+    m_children.emplace(std::make_pair(place, part), m_places.size() - 1);
+    return m_places.size() - 1;
+  }
+
+  // What lies at a place on disk; looked up only where its folder is there.
   Disk DiskState(Place place) {
     PlaceInfo& info = m_places[place];
     if (info.disk != Disk::kUnknown) return info.disk;
@@ -285,6 +314,7 @@ class LinkIndex {
   std::string m_destination;
   std::vector<PlaceInfo> m_places;
   std::map<std::pair<Place, std::string>, Place> m_children;
+  long m_steps = 0;
 };
 
 // True when `name` or one of the folders that hold it is a link.
@@ -308,7 +338,8 @@ bool SymlinkStaysInside(const std::string& name, const std::string& target, Link
 
 // Checks of the entries against each other and against what already lies in the destination.
 int32_t CheckLinks(const std::vector<Entry>& plan, const std::string& destination) {
-  LinkIndex links(plan, destination);
+  LinkIndex links(destination);
+  if (!links.AddEntries(plan)) return kGpc7zUnsafeEntry;
   for (const Entry& entry : plan) {
     bool belowLink = false;
     links.Resolve(entry.name, &belowLink);

@@ -17,7 +17,8 @@ constexpr int kMaxLinksFollowed = 40;
 // Follows `target` part by part from `*folder` (the places from the top down, the top left out),
 // as the system will once everything is in place: each checked link on the way is followed to its
 // own target. False when the walk leaves the top, meets an unchecked link or follows too many.
-// `Tree` gives Top(), Down(place, part), At(place) and, for a checked link, Target(place).
+// `Tree` gives Top(), Down(place, part), At(place), for a checked link Target(place), and Step(),
+// false when the walks have taken too long.
 template <typename Tree>
 bool FollowInside(Tree& tree, std::vector<typename Tree::Place>* folder, const std::string& target, int* followed) {
   if (target.empty() || target[0] == '/') return false;
@@ -28,6 +29,7 @@ bool FollowInside(Tree& tree, std::vector<typename Tree::Place>* folder, const s
     const std::string part = target.substr(start, slash - start);
     start = slash + 1;
     if (part.empty() || part == ".") continue;
+    if (!tree.Step()) return false;
     if (part == "..") {
       if (folder->empty()) return false;
       folder->pop_back();
