@@ -11,8 +11,8 @@
  *   "GpcSampleFiles"      URLs separated by "|"; each is fetched with GpcGetFileAtUrl.
  *   "GpcSampleStream"     one URL read as the browser's local copy, through a stream access point
  *                         (GpcRegisterStreamSap, GpcGetStream); it counts as one more fetch.
- *   "GpcSampleUnpackDir"  a folder not there yet; every fetched file whose URL ends in ".7z" is
- *                         unpacked there (an existing folder is left as it is).
+ *   "GpcSampleUnpackDir"  a folder not there yet; the first fetched file whose URL ends in ".7z"
+ *                         is unpacked there (an existing folder is left as it is).
  *   "GpcSampleDoneUrl"    once every fetch has completed (successfully or not), the page goes to
  *                         this URL with "fetched=N&failed=M&unpacked=K&params=P" appended.
  * Without files, it navigates on the first heartbeat; without "GpcSampleDoneUrl", nowhere.
