@@ -112,8 +112,9 @@ TEST_P(ExtensionJob, EndsOnItsPageAndLeavesNothingHalfWritten) {
   const FaultCase& c = GetParam();
   ASSERT_TRUE(shared_->ok) << shared_->server.error();
   const std::string home = data_ / "home", outside = data_ / "outside";
-  securitytest::MustRun("cp -a " + ShellQuote(shared_->user.path()) + " " + ShellQuote(home) + " && mkdir " +
-                        ShellQuote(outside));
+  // The sample extension unpacks only into a folder not there yet: the earlier page's goes.
+  securitytest::MustRun("cp -a " + ShellQuote(shared_->user.path()) + " " + ShellQuote(home) + " && rm -rf " +
+                        ShellQuote(home + "/unpacked") + " && mkdir " + ShellQuote(outside));
   std::string root = shared_->server.Url("/client/" + c.source), method = "7zip";
   const PageParams package = c.fault ? shared_->first : Make(c, data_.path(), outside, &root, &method);
   ScopedEnv entries("GPC_7Z_MAX_ENTRIES", "30"), bytes("GPC_7Z_MAX_BYTES", "2000000");

@@ -104,14 +104,18 @@ TEST(Files, FoldersTempNamesAndListings) {
   EXPECT_EQ(GetTempFileName(folder.c_str(), "APK", again), n);  // the name is free until the file is made
   dir.Lay("APK" + std::to_string(n) + ".tmp APK" + std::to_string(n + 1) + ".tmp");
   EXPECT_EQ(GetTempFileName(folder.c_str(), "APK", again), n + 2);
-  EXPECT_EXIT(  // a child process, so the exhausted counter does not outlive this test
+  EXPECT_EXIT(  // a child process, so the counter run to the end does not outlive this test
       {
-        for (uint32_t i = GetTempFileName(folder.c_str(), "T", again); i < 9999; ++i) dir.Write("T" + std::to_string(i) + ".tmp");
+        const uint32_t start = GetTempFileName(folder.c_str(), "T", again);  // above 1: APK took some
+        for (uint32_t i = start; i < 9999; ++i) dir.Write("T" + std::to_string(i) + ".tmp");
         const bool last = GetTempFileName(folder.c_str(), "T", again) == 9999;  // the last number is handed out
         dir.Write("T9999.tmp");
-        exit(last && GetTempFileName(folder.c_str(), "T", again) == 0 && GetTempFileName(folder.c_str(), "U", again) == 0 ? 0 : 1);
+        const bool back = GetTempFileName(folder.c_str(), "T", again) == 1;  // then the free names below
+        for (uint32_t i = 1; i < start; ++i) dir.Write("T" + std::to_string(i) + ".tmp");
+        const bool full = GetTempFileName(folder.c_str(), "T", again) == 0;
+        exit(last && back && full && GetTempFileName(folder.c_str(), "U", again) == 1 ? 0 : 1);
       },
-      ::testing::ExitedWithCode(0), "");  // gives up, and stays given up
+      ::testing::ExitedWithCode(0), "");  // gives up only when none is free, and not for good
 
   ScratchFolder list;
   list.Lay("f/ a.txt l@f dangling@nowhere");

@@ -267,7 +267,13 @@ uint32_t TempNameSeries::Take(const std::function<std::string(uint32_t)>& name,
                               const std::function<bool(const std::string&)>& isTaken, bool advance,
                               std::string& result) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  for (;; ++m_next) {
+  // Names below the counter may have been freed since it passed them: past the limit the count
+  // starts once more at the first number, so that a full pass is made before giving up.
+  for (bool again = m_next != m_first;; ++m_next) {
+    if (again && (m_next > m_limit || m_next == 0)) {
+      m_next = m_first;
+      again = false;
+    }
     if (m_next > m_limit || m_next == 0) return 0;
     result = name(m_next);
     if (!isTaken(result)) break;

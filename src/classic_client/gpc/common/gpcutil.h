@@ -102,9 +102,11 @@ std::string GetTempPath();
 class TempNameSeries {
  public:
   // Numbers start at `first`; none is handed out above `limit`.
-  explicit TempNameSeries(uint32_t first, uint32_t limit = UINT32_MAX) : m_next(first), m_limit(limit) {}
+  explicit TempNameSeries(uint32_t first, uint32_t limit = UINT32_MAX)
+      : m_first(first), m_next(first), m_limit(limit) {}
   // The first number from the counter on whose name (`name(n)`) `isTaken` refuses, with that name
-  // in `result`; 0 past the limit. With `advance` the counter moves past the number handed out,
+  // in `result`. Past the limit the count goes back to `first` once; 0 when no number from `first`
+  // to the limit is free. With `advance` the counter moves past the number handed out,
   // else it stays on it (the name is free until somebody creates it).
   uint32_t Take(const std::function<std::string(uint32_t)>& name,
                 const std::function<bool(const std::string&)>& isTaken, bool advance, std::string& result);
@@ -113,6 +115,7 @@ class TempNameSeries {
 
  private:
   std::mutex m_mutex;
+  const uint32_t m_first;
   uint32_t m_next;
   uint32_t m_limit;
   uint32_t m_last = 0;
@@ -120,7 +123,8 @@ class TempNameSeries {
 
 // Builds a free name `directory` + `prefix` + number + ".tmp" into `result` and returns the
 // number, or 0 when none of 1..9999 is free. The process-wide counter starts at 1 and moves
-// only past names that exist, so two calls without creating the file give the same name.
+// only past names that exist, so two calls without creating the file give the same name; past
+// 9999 it starts again at 1, so names freed behind it are found again.
 uint32_t GetTempFileName(const char* directory, const char* prefix, std::string& result);
 
 // Creates `path` as a new file, readable and writable by its owner only, and opens it for
