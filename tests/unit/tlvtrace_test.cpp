@@ -63,6 +63,30 @@ TEST_F(TraceFileTest, RecordsFollowWhatAnotherLoadWroteAfterStartingTheFileAnew)
   EXPECT_EQ(tvttest::Records(path_), std::vector<std::string>{"2 GPCPlugin||second"});
 }
 
+// A load in another process while this one writes the file appends to it: this process's records
+// stay. Only a file that holds no trace (emptied or overwritten in place) is started anew under a
+// writer, and a load with no other writer starts it anew as ever.
+TEST_F(TraceFileTest, LoadWhileAnotherProcessWritesKeepsItsRecords) {
+  const std::string first = "2 GPCPlugin||first", second = "2 GPCPlugin||second", third = "2 GPCPlugin||third";
+  const struct {
+    const char* overwrite;  // put in place of the file's bytes before the other load; null: nothing
+    std::vector<std::string> seen;
+  } cases[] = {{nullptr, {first, second, third}}, {"", {second, third}}, {"no trace", {second, third}}};
+  for (const auto& c : cases) {
+    ASSERT_TRUE(tlvtra_reopen_for_testing(path_.c_str()));
+    EXPECT_EQ(tvttest::Records(path_), std::vector<std::string>{}) << "no other writer: a new file";
+    EXPECT_EQ(TLVINFO("first"), TLVTRACE_WRITTEN);
+    if (c.overwrite != nullptr) gpctest::WriteFile(path_, c.overwrite);
+    const pid_t child = fork();
+    if (child == 0) _exit(tlvtra_reopen_for_testing(path_.c_str()) && TLVINFO("second") == TLVTRACE_WRITTEN ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(TLVINFO("third"), TLVTRACE_WRITTEN);
+    EXPECT_EQ(tvttest::Records(path_), c.seen) << (c.overwrite ? c.overwrite : "kept");
+  }
+}
+
 TEST_F(TraceFileTest, RecordHeadHoldsLevelProcessThreadAndLocalTime) {
   platform::SetWallClockOverride([] { return int64_t{1700000000123456}; });
   EXPECT_EQ(TLVINFO("abc"), TLVTRACE_WRITTEN);
@@ -95,7 +119,7 @@ TEST_F(TraceFileTest, RelativeTraceFileNameIsNotTaken) {
   ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
   ASSERT_EQ(chdir(folder_.path().c_str()), 0);
   ScopedEnv name("GPC_TRACE_FILE", "rel.tvt");
-  // The machine's default trace file is started afresh by this: it is given back as it was.
+  // The machine's default trace file may be started afresh by this: it is given back as it was.
   const char* const shared = "/tmp/tlvgpc.tvt";
   const bool existed = access(shared, F_OK) == 0;
   const std::string before = gpctest::ReadFile(shared);

@@ -1,6 +1,7 @@
 #include "common/tlvtrace/tlvtraceu.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <string_view>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -56,35 +58,73 @@ void TraceFilePath(char* path, size_t size) {
   }
 }
 
-// Opens the trace file at its start, truncated, creating it when missing. Only a plain file of
-// this user that has no other name is taken: a link planted at the name (symbolic or hard) is
-// never written through, nor is a pipe, a device or another user's file. The trace holds the
-// page's parameters, so the file is readable by its owner alone. Records are appended: when another process's load starts
-// the file anew, this process's next record follows what that one wrote instead of landing at
-// its old offset past a run of zero bytes.
-FILE* OpenTraceFileForWriting(const char* path) {
-  const int fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+// The header is the same in every trace file: a file that starts with other bytes holds no trace.
+bool HoldsTraceHeader(int fd) {
+  tlvtraceheader_v3 wanted;
+  tlvtraceheader_v3 found;
+  tlvtra_initheader(&wanted);
+  return pread(fd, &found, sizeof found, 0) == static_cast<ssize_t>(sizeof found) &&
+         memcmp(&found, &wanted, sizeof found) == 0;
+}
+
+// Puts the header at the file's start, then cuts the file after it. A record another process
+// appends meanwhile is cut off or has its start covered by the header: the file never starts
+// with anything else.
+bool StartAnew(int fd) {
+  tlvtraceheader_v3 header;
+  tlvtra_initheader(&header);
+  return pwrite(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) &&
+         ftruncate(fd, sizeof header) == 0;
+}
+
+// Locks the file for writing: to itself when `alone` is given and no other process writes the
+// file (then *alone is set), else shared with the other writers. Another load has the file to
+// itself only while it starts it anew; one that keeps it a second (a process stopped half-way)
+// turns tracing off here rather than holding up this load. Where the file system takes no locks,
+// every load has the file to itself, as with no other writer.
+bool LockForWriting(int fd, bool* alone) {
+  constexpr int kAttempts = 200;
+  constexpr timespec kPause = {0, 5000000};
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    if (alone != nullptr && flock(fd, LOCK_EX | LOCK_NB) == 0) {
+      *alone = true;
+      return true;
+    }
+    if (flock(fd, LOCK_SH | LOCK_NB) == 0) return true;
+    if (errno != EWOULDBLOCK && errno != EINTR) {
+      if (alone != nullptr) *alone = true;
+      return true;
+    }
+    nanosleep(&kPause, nullptr);
+  }
+  return false;
+}
+
+// Opens the trace file for writing, creating it when missing. Only a plain file of this user that
+// has no other name is taken: a link planted at the name (symbolic or hard) is never written
+// through, nor is a pipe, a device or another user's file. The trace holds the page's parameters,
+// so the file is readable by its owner alone.
+//
+// Every process that writes the file holds a shared lock on it while it has it open. A load that
+// gets the file to itself (no other process writes it) starts it anew; one that shares it appends
+// to it as it is, so that the records the other writers' readers have not read yet stay. A shared
+// file that does not start with the header (emptied or overwritten by a writer that takes no
+// lock) cannot be read at all: it is started anew too. Records are appended: when another process
+// starts the file anew all the same, this process's next record follows what that one wrote
+// instead of landing at its old offset past a run of zero bytes.
+FILE* CreateTraceFileAt(const char* path) {
+  const int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
   if (fd < 0) return nullptr;
   struct stat info;
   FILE* fp = nullptr;
+  bool alone = false;
   if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1 && info.st_uid == geteuid() &&
-      fchmod(fd, 0600) == 0 && ftruncate(fd, 0) == 0 && fcntl(fd, F_SETFL, O_APPEND) == 0) {
+      fchmod(fd, 0600) == 0 && LockForWriting(fd, &alone) &&
+      ((!alone && HoldsTraceHeader(fd)) || StartAnew(fd)) && (!alone || LockForWriting(fd, nullptr)) &&
+      fcntl(fd, F_SETFL, O_APPEND) == 0) {
     fp = fdopen(fd, "ab");
   }
   if (fp == nullptr) close(fd);
-  return fp;
-}
-
-FILE* CreateTraceFileAt(const char* path) {
-  FILE* fp = OpenTraceFileForWriting(path);
-  if (fp == nullptr) return nullptr;
-  tlvtraceheader_v3 header;
-  tlvtra_initheader(&header);
-  // The header is flushed at once so that a reader finds a valid file before the first record.
-  if (fwrite(&header, 1, sizeof header, fp) != sizeof header || fflush(fp) != 0) {
-    fclose(fp);
-    return nullptr;
-  }
   return fp;
 }
 

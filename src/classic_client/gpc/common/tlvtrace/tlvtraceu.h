@@ -1,5 +1,6 @@
-// The binary trace file: one file per process, "/tmp/tlvgpc.tvt", opened, truncated and given its
-// header when the plug-in is loaded, one record appended and flushed per message, closed at unload.
+// The binary trace file: one file per process, "/tmp/tlvgpc.tvt", opened when the plug-in is loaded
+// and then truncated and given its header, unless another process still writes it (then records are
+// appended to it as it is); one record appended and flushed per message, closed at unload.
 // GPC_TRACE_FILE, when it holds an absolute path, names another file instead.
 //
 // Layout (all integers little-endian): a 48-byte header, then records, each a multiple of 4 bytes:
@@ -107,7 +108,8 @@ bool tlvtra_is_debugmode();
 
 // Zeroes the 48 bytes of `header` and fills in the fixed values.
 void tlvtra_initheader(tlvtraceheader_v3* header);
-// Creates (truncating) the trace file with its header; returns it open, or null.
+// Opens the trace file, started anew with its header unless another process still writes it;
+// returns it open, or null.
 FILE* tlvtra_create_tracefile();
 // Writes the local time as "HH:MM:SS.mmm yy/mm/dd" into `buffer`, or "N/A" when it cannot be had.
 void tlvtra_get_time(char* buffer, size_t size);
