@@ -287,11 +287,9 @@ class LinkIndex {
   };
 
   Place Add(Place place, const std::string& part) {
-    auto known = m_children.find({place, part});
-    if (known != m_children.end()) return known->second;
-    m_places.push_back({place, part, nullptr, Disk::kUnknown, false});
-    m_children.emplace(std::make_pair(place, part), m_places.size() - 1);
-    return m_places.size() - 1;
+    const auto [child, added] = m_children.emplace(std::make_pair(place, part), m_places.size());
+    if (added) m_places.push_back({place, part, nullptr, Disk::kUnknown, false});
+    return child->second;
   }
 
   // What lies at a place on disk; looked up only where its folder is there.
