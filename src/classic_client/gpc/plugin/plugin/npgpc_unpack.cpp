@@ -100,6 +100,20 @@ bool Rename(const std::string& from, const std::string& to, unsigned flags = 0) 
   return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0;
 }
 
+// Moving a folder to another parent rewrites its "..", which needs its owner's write access: a
+// bundle packed read-only gets that bit for the move and has its own mode back after it. Returns the
+// mode to give back, 0 when nothing changed.
+mode_t OpenForMove(const std::string& path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || (info.st_mode & S_IWUSR) != 0) return 0;
+  const mode_t mode = info.st_mode & 07777;
+  return fchmodat(AT_FDCWD, path.c_str(), mode | S_IWUSR, AT_SYMLINK_NOFOLLOW) == 0 ? mode : 0;
+}
+
+void GiveModeBack(const std::string& path, mode_t mode) {
+  if (mode != 0) fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW);
+}
+
 // The new entry takes the target's place in one exchange of names. Where the file system has none
 // (NFS, SMB, some FUSE file systems), the old entry steps aside into a private folder first and comes
 // back when the new one cannot take its place; only a crash between the two leaves no extension.
@@ -152,7 +166,10 @@ uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* ar
     return kUnpackNoSource;
   }
   RemoveGroupAndOtherWrite(produced);
+  const mode_t arriving = OpenForMove(produced), leaving = OpenForMove(target);
   const bool replaced = MoveIntoPlace(produced, target, parent);
+  GiveModeBack(replaced ? target : produced, arriving);
+  if (!replaced) GiveModeBack(target, leaving);  // the old bundle goes with the staging folder otherwise
   if (!replaced) MacErrorTrace("CGpcWindow::UnpackFile,cannot move %s into place: %s", produced.c_str(), strerror(errno));
   RemoveFile(staging);  // what is left there: the old extension, or the new one that did not fit
   if (!replaced) return kUnpackNoSource;
