@@ -121,6 +121,9 @@ TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
        "xl xd y", "", "xl x xd x", ""},
       {"a link through a link of the archive that a folder in the destination keeps out",
        "ln -s d1/d2 x && ln -s x/../.. y", "x y", "", "", "mkdir -p out/x/keep"},
+      {"links that lead through each other for over ten million steps",  // 1000 walks of 40 x 400 parts
+       "mkdir d && ln -s $(printf 'd/../%.0s' $(seq 199))d/.. l && t=$(printf 'l/%.0s' $(seq 39))l && "
+       "for i in $(seq 1000); do ln -s $t m$i; done", "d l m*", "", "", ""},
       {"a full path of PATH_MAX bytes", "echo x > f", "f", "", "f " + deep, ""},  // "out" not made either
   };
   for (const Case& c : cases) {
