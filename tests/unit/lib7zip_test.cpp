@@ -92,6 +92,16 @@ TEST_F(Lib7zipTest, ReplacesFilesThatExistWithoutWritingThroughTheirOtherNames) 
   EXPECT_EQ(gpctest::ReadFile(out_ + "/A.bundle/Info.plist") + gpctest::ReadFile(outside), "newold");
 }
 
+// A write that fails part-way (a file where a folder with contents lies) takes back the links
+// written before it, and only them.
+TEST_F(Lib7zipTest, AFailedWriteTakesBackTheLinksItWrote) {
+  const std::string archive = Pack("mkdir d && ln -s d/e a && ln -s d b && echo x > z", "a b d z");
+  box_.Folder("out/z/keep");
+  ASSERT_TRUE(Sh("ln -s nowhere " + ShellQuote(out_ + "/mine")));
+  EXPECT_EQ(Extract(archive, out_), kGpc7zWriteFailed);
+  EXPECT_EQ(Listing(out_), "d d 755 \nmine l 777 nowhere\nz d 755 \nz/keep d 755 \n");
+}
+
 TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
   const std::string escape = box_ / "escape", linkInOut = "mkdir -p out escape && ln -s ../escape out/ext";
   // A name that makes the destination's real path, "/" and the name PATH_MAX bytes (realpath's

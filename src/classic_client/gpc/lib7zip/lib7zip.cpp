@@ -455,9 +455,10 @@ int32_t WriteEntry(archive* reader, archive* writer, archive_entry* header, cons
   return archive_write_finish_entry(writer) < ARCHIVE_WARN ? kGpc7zWriteFailed : kGpc7zSuccess;
 }
 
-// Second pass: the approved entries written below the destination.
-int32_t ExtractPlan(const char* archivePath, const std::vector<Entry>& plan,
-                    const std::string& destination, const Limits& limits) {
+// Second pass: the approved entries written below the destination; the links written are listed
+// in `links`.
+int32_t WritePlan(const char* archivePath, const std::vector<Entry>& plan, const std::string& destination,
+                  const Limits& limits, std::vector<std::string>* links) {
   Reader reader = Open7z(archivePath);
   if (!reader) return kGpc7zCannotReadArchive;
   // libarchive learns the umask by setting it for an instant; only folders it creates on its
@@ -481,9 +482,23 @@ int32_t ExtractPlan(const char* archivePath, const std::vector<Entry>& plan,
     const int32_t result = WriteEntry(reader.get(), writer.get(), header, entry, destination,
                                       limits.bytes, &written);
     if (result != kGpc7zSuccess) return result;
+    if (entry.kind == Kind::kSymlink) links->push_back(destination + "/" + entry.name);
   }
   // Closing sets the folders' modes and times, which wait until their contents are written.
   return archive_write_close(writer.get()) < ARCHIVE_WARN ? kGpc7zWriteFailed : kGpc7zSuccess;
+}
+
+// A failed extraction takes back the links it wrote: one leading through entries not written yet
+// would dangle, and lead wherever a folder or link later made at that name leads.
+int32_t ExtractPlan(const char* archivePath, const std::vector<Entry>& plan, const std::string& destination,
+                    const Limits& limits) {
+  std::vector<std::string> links;
+  const int32_t result = WritePlan(archivePath, plan, destination, limits, &links);
+  struct stat info;
+  for (const std::string& link : result == kGpc7zSuccess ? std::vector<std::string>() : links) {
+    if (lstat(link.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) unlink(link.c_str());
+  }
+  return result;
 }
 
 int32_t Decompress(const char* archivePath, const std::string& folder) {
