@@ -45,6 +45,12 @@ struct Pki {
             "mkdir hashed && cp root.pem hashed/ && openssl rehash hashed && "
             "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ec.key "
             "-subj /CN=ec -out ec.pem && "
+            "printf 'keyUsage=digitalSignature\\nextendedKeyUsage=codeSigning' > code.ext && " +
+            issue + "-in vendor.csr -CA root.pem -CAkey root.key -extfile code.ext -out code_leaf.pem && "
+            "printf 'extendedKeyUsage=serverAuth' > tls.ext && " +
+            issue + "-in vendor.csr -CA root.pem -CAkey root.key -extfile tls.ext -out tls_leaf.pem && "
+            "printf 'keyUsage=keyEncipherment' > enc.ext && " +
+            issue + "-in vendor.csr -CA root.pem -CAkey root.key -extfile enc.ext -out enc_leaf.pem && "
             "for c in *.pem; do openssl x509 -in $c -outform DER -out ${c%pem}der; done");
     std::string der = gpctest::ReadFile(folder / "vendor.der");
     der.back() ^= 1;  // the signature's last byte
@@ -217,6 +223,10 @@ TEST(Trust, AnchorCountsAndRefusedArguments) {
   EXPECT_TRUE(ChainIsTrustedBy(Cert("inter_leaf"), {}, Certs({"inter"})) &&
               ChainIsTrustedBy(Cert("vendor"), {}, Certs({"vendor"})));
   EXPECT_FALSE(ChainIsTrustedBy(Cert("inter_leaf"), {}, Certs({"vendor"})));
+  // A signer whose certificate names other uses (a web server's, a key for encryption) signs nothing.
+  EXPECT_TRUE(ChainIsTrustedBy(Cert("code_leaf"), {}, Certs({"root"})));
+  EXPECT_FALSE(ChainIsTrustedBy(Cert("tls_leaf"), {}, Certs({"root"})));
+  EXPECT_FALSE(ChainIsTrustedBy(Cert("enc_leaf"), {}, Certs({"root"})));
 }
 
 const std::string kSha1Text = "a9993e364706816aba3e25717850c26c9cd0d89d";

@@ -7,6 +7,7 @@
 #include <openssl/objects.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <openssl/x509_vfy.h>
 #include <syslog.h>
 
@@ -412,6 +413,17 @@ GpcTrustPolicyRef policyForOID(const char* oid) {
   return policy;
 }
 
+namespace {
+
+// A certificate that names its uses must allow digital signatures and code signing: a web server's
+// certificate from the same anchor signs no extension. One that names none allows any use.
+bool AllowsCodeSigning(X509* cert) {
+  const uint32_t usage = X509_get_key_usage(cert), extended = X509_get_extended_key_usage(cert);
+  return (usage & KU_DIGITAL_SIGNATURE) != 0 && (extended & (XKU_CODE_SIGN | XKU_ANYEKU)) != 0;
+}
+
+}  // namespace
+
 bool ChainIsTrustedBy(const GpcCertificateRef& leaf, const GpcCertificateList& intermediates,
                       const GpcCertificateList& anchors) {
   if (!leaf || anchors.empty()) return false;
@@ -434,7 +446,7 @@ bool ChainIsTrustedBy(const GpcCertificateRef& leaf, const GpcCertificateList& i
     X509_VERIFY_PARAM_set_time(param, static_cast<time_t>(platform::WallClockMicros() / 1000000));
     // An anchor need not be a root: the vendor may ship its intermediate, or the signer itself.
     X509_VERIFY_PARAM_set_flags(param, X509_V_FLAG_PARTIAL_CHAIN);
-    trusted = X509_verify_cert(ctx.get()) == 1;
+    trusted = X509_verify_cert(ctx.get()) == 1 && AllowsCodeSigning(leaf->x509());
   }
   ERR_clear_error();
   return trusted;

@@ -151,8 +151,8 @@ GpcTrustPtr TrustCertification(const GpcCertificateRef& cert,
                                const GpcCertificateList& extraAnchors);
 
 // Strict: true only when `leaf` chains through `intermediates` (never trusted themselves) to one of
-// `anchors`, every certificate valid at the plug-in's clock's time. No system anchors, no
-// expiry allowance, no question to the user.
+// `anchors`, every certificate valid at the plug-in's clock's time, and the leaf, where it names its
+// uses, made for signing code. No system anchors, no expiry allowance, no question to the user.
 bool ChainIsTrustedBy(const GpcCertificateRef& leaf, const GpcCertificateList& intermediates,
                       const GpcCertificateList& anchors);
 
