@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdarg>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
@@ -17,6 +18,23 @@
 #include "common/gpcutil.h"
 #include "platform/clock.h"
 #include "util_test_folder.h"
+
+// Opens as the system does; once armed, first swaps the folder at `swapped` for a link to `victim`,
+// as another process could between a walk's look at a name and its opening.
+static struct {
+  const char *name = nullptr, *swapped = nullptr, *moved = nullptr, *victim = nullptr;
+} g_swap;
+extern "C" int openat(int dir, const char* name, int flags, ...) {
+  if (g_swap.name != nullptr && std::strcmp(name, g_swap.name) == 0) {
+    if (rename(g_swap.swapped, g_swap.moved) != 0 || symlink(g_swap.victim, g_swap.swapped) != 0) abort();
+    g_swap.name = nullptr;
+  }
+  va_list rest;
+  va_start(rest, flags);
+  const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+  va_end(rest);
+  return static_cast<int>(syscall(SYS_openat, dir, name, flags, mode));
+}
 
 namespace {
 
@@ -199,6 +217,19 @@ TEST(RemoveFile, PlainEntriesGoLinkTargetsStayUndeletableOnesAreMovedAsideOrRepo
       EXPECT_TRUE(SetImmutable(dir / item.name + (c.stuck + strcspn(c.stuck, "/")), false));
     }
   }
+}
+
+// A folder swapped for a link while it is being removed is not walked through: what the link leads
+// to stays, the link goes.
+TEST(RemoveFile, AFolderSwappedForALinkMeanwhileIsNotFollowed) {
+  ScratchFolder dir, victim;
+  victim.Write("mine.txt");
+  dir.Lay("tree/s/f");
+  const std::string swapped = dir / "tree/s", moved = dir / "moved";
+  g_swap = {"s", swapped.c_str(), moved.c_str(), victim.path().c_str()};
+  EXPECT_TRUE(RemoveFile(dir / "tree"));
+  EXPECT_EQ(g_swap.name, nullptr) << "never swapped";
+  EXPECT_EQ(victim.Describe() + "|" + dir.Describe(), "mine.txt|moved/ moved/f");
 }
 
 // Runs `body` in a child that, even as root, must respect file modes; true when it returned true.

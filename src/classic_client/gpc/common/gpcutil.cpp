@@ -68,23 +68,40 @@ bool IsLibraryPath(const std::string& path) {
           path.compare(path.size() - kSharedObject.size(), kSharedObject.size(), kSharedObject) == 0);
 }
 
-// Removes `path` the way a file manager does: a folder with all its contents, depth first.
-bool RemoveRecursively(const std::string& path) {
+bool RemoveEntryAt(int parent, const char* name);
+
+// Removes everything in the folder open at `fd`, and closes it.
+bool EmptyFolder(int fd) {
+  DIR* dir = fdopendir(fd);
+  if (dir == nullptr) {
+    close(fd);
+    return false;
+  }
+  bool all_removed = true;
+  while (const struct dirent* entry = readdir(dir)) {
+    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+    if (!RemoveEntryAt(dirfd(dir), entry->d_name)) all_removed = false;
+  }
+  closedir(dir);
+  return all_removed;
+}
+
+// Removes `name` in the folder `parent` the way a file manager does: a folder with all its contents,
+// depth first. Each folder is walked through a descriptor, never a path, so a folder swapped for a
+// link meanwhile leads nowhere: what the link points to is never touched.
+bool RemoveEntryAt(int parent, const char* name) {
   struct stat info;
-  if (lstat(path.c_str(), &info) != 0) return false;
-  if (!S_ISDIR(info.st_mode)) return unlink(path.c_str()) == 0;
+  if (fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  if (!S_ISDIR(info.st_mode)) return unlinkat(parent, name, 0) == 0;
   // A bundle may be packed with read-only folders; its owner may still open them up to empty them.
   if ((info.st_mode & S_IRWXU) != S_IRWXU) {
-    fchmodat(AT_FDCWD, path.c_str(), (info.st_mode & 07777) | S_IRWXU, AT_SYMLINK_NOFOLLOW);  // a link swapped in stays as it is
+    fchmodat(parent, name, (info.st_mode & 07777) | S_IRWXU, AT_SYMLINK_NOFOLLOW);  // a link swapped in stays as it is
   }
-  std::vector<FSDirectoryItem> items;
-  if (FSGetDirectoryItems(path, items) != FSListStatus::kListed) return false;
-  bool all_removed = true;
-  for (const FSDirectoryItem& item : items) {
-    if (!RemoveRecursively(path + "/" + item.name)) all_removed = false;
-  }
-  return all_removed && rmdir(path.c_str()) == 0;
+  const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  return fd >= 0 && EmptyFolder(fd) && unlinkat(parent, name, AT_REMOVEDIR) == 0;
 }
+
+bool RemoveRecursively(const std::string& path) { return RemoveEntryAt(AT_FDCWD, path.c_str()); }
 
 // Renames `path` to `moved` and removes what was moved; true when `path` is gone.
 bool MoveAsideAndRemove(const std::string& path, const std::string& moved) {
