@@ -29,13 +29,13 @@ class HostPlugin : public ::testing::Test {
     EXPECT_TRUE(server_->Start(options)) << server_->error();
   }
   // Runs a meeting page on the server started last, or on a new one.
-  HostRun RunPage(const std::vector<std::string>& extra) {
+  HostRun RunPage(const std::vector<std::string>& extra, long fileSizeLimit = 0) {
     if (server_ == nullptr) Serve();
     std::vector<std::string> args = {"--param", "GpcProductVersion=3,1,0,7", "--param", "MeetingID=m42",
                                      "--param", "SessionID=s7", "--param", "LoggingURL=" + server_->Url("/log?"),
                                      "--param", "GpcErrorPageUrl=" + server_->Url("/error"), "--param", "gpclocalsetting=1"};
     args.insert(args.end(), extra.begin(), extra.end());
-    const HostRun run = gpchost::RunHost(args);
+    const HostRun run = gpchost::RunHost(args, fileSizeLimit);
     EXPECT_EQ(run.exit_code, 0) << run.stderr_text;
     return run;
   }
@@ -158,6 +158,21 @@ TEST_F(HostPlugin, ShippedExtensionRunsAndItsChallengedFetchGoesThroughTheBrowse
   // Loaded privately, as browsers load plug-ins, the sample still finds the plug-in's trace function.
   const char* trace = getenv("GPC_TRACE_FILE");  // ctest names one; run by hand, the machine's
   EXPECT_NE(gpctest::ReadFile(trace ? trace : "/tmp/tlvgpc.tvt").find("GPCSample: GpcInitInstance"), std::string::npos);
+}
+
+// A disk too full for the browser's copy of a stream: the cut-short copy is never handed on, and the
+// stream ends as a failed one.
+TEST_F(HostPlugin, AStreamWhoseCopyTheDiskCannotHoldFails) {
+  Serve();
+  const HostRun run = RunPage({"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=http://127.0.0.1:9/client/", "--param",
+                               "GpcSampleStream=" + server_->Url("/bytes?n=3000000"), "--param",
+                               "GpcSampleDoneUrl=" + server_->Url("/done"), "--exit-on-navigate", "/done", "--run-ms", "8000"},
+                              1 << 20);
+  EXPECT_NE(Str(run, run.Find("navigate", "url", "/done?"), "url").find("/done?fetched=0&failed=1"), std::string::npos)
+      << run.stderr_text;
+  const int end = run.Find("stream_end", "url", "/bytes?");
+  ASSERT_GE(end, 0);
+  EXPECT_EQ(run.events[static_cast<size_t>(end)].Int("reason"), 1) << "a network error";
 }
 
 // A challenge moves the package fetch to the browser, whose fetch is redirected to something else: the

@@ -1,6 +1,7 @@
 #include "gpc_host_run.h"
 
 #include <cstdlib>
+#include <csignal>
 #include <sstream>
 
 namespace gpchost {
@@ -63,10 +64,16 @@ std::vector<JsonEvent> ParseJsonLines(const std::string& text) {
   return out;
 }
 
-HostRun RunHost(const std::vector<std::string>& args) {
+HostRun RunHost(const std::vector<std::string>& args, long fileSizeLimit) {
   gpctest::TempFolder folder("gpchostrun");
-  // GPC_HOST_WRAPPER (words split at blanks) runs the host under a tool, valgrind say.
+  // A write past the limit fails with EFBIG instead of killing the host (an ignored signal stays
+  // ignored across exec).
   std::vector<std::string> command;
+  if (fileSizeLimit > 0) command = {"prlimit", "--fsize=" + std::to_string(fileSizeLimit)};
+  struct sigaction ignore {}, before {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGXFSZ, &ignore, &before);
+  // GPC_HOST_WRAPPER (words split at blanks) runs the host under a tool, valgrind say.
   std::istringstream wrapper(std::getenv("GPC_HOST_WRAPPER") ? std::getenv("GPC_HOST_WRAPPER") : "");
   for (std::string word; wrapper >> word;) command.push_back(word);
   command.push_back(std::string(GPC_BIN_DIR) + "/gpc-host");
@@ -76,6 +83,7 @@ HostRun RunHost(const std::vector<std::string>& args) {
   argv.push_back(nullptr);
   HostRun run;
   run.exit_code = gpctest::RunCommand(argv.data(), folder.path() + "/out", folder.path() + "/err");
+  sigaction(SIGXFSZ, &before, nullptr);
   run.events = ParseJsonLines(gpctest::ReadFile(folder.path() + "/out"));
   run.stderr_text = gpctest::ReadFile(folder.path() + "/err");
   return run;

@@ -97,6 +97,7 @@ struct PluginHost::Request {
   std::string headers;
   std::string file_path;
   FILE* file = nullptr;
+  bool copy_failed = false;  // the as-file copy is not whole (no file, a full disk): never handed on
   int64_t bytes = 0;
 };
 
@@ -566,21 +567,29 @@ bool PluginHost::OpenStream(Request* request, const std::string& mime) {
   request->stream_open = true;
   if (request->stype == NP_ASFILE || request->stype == NP_ASFILEONLY) {
     gchar* path = nullptr;
-    int fd = g_file_open_tmp("gpc-host-XXXXXX", &path, nullptr);
-    if (fd >= 0) {
-      request->file = fdopen(fd, "wb");
+    const int fd = g_file_open_tmp("gpc-host-XXXXXX", &path, nullptr);
+    request->file = fd >= 0 ? fdopen(fd, "wb") : nullptr;
+    if (request->file != nullptr) {
       request->file_path = path;
+    } else if (fd >= 0) {
+      close(fd);
+      unlink(path);
     }
+    request->copy_failed = request->file == nullptr;
     g_free(path);
   }
   return true;
+}
+
+void PluginHost::CopyToFile(Request* request, const char* data, size_t size) {
+  if (request->file != nullptr && std::fwrite(data, 1, size, request->file) != size) request->copy_failed = true;
 }
 
 bool PluginHost::Deliver(Request* request) {
   Transfer* transfer = m_loader->Find(request->transfer_id);
   std::string& data = transfer->data;
   if (request->stype == NP_ASFILEONLY) {
-    if (request->file != nullptr) std::fwrite(data.data(), 1, data.size(), request->file);
+    CopyToFile(request, data.data(), data.size());
     request->bytes += static_cast<int64_t>(data.size());
     data.clear();
     ReportProgress(request, transfer);
@@ -609,7 +618,7 @@ bool PluginHost::WriteToPlugin(Request* request, Transfer* transfer, size_t* tak
     int32_t written = plugin_funcs_->write(&m_npp, &request->stream, request->offset, chunk, at);
     if (written < 0) return false;
     written = std::min(written, chunk);
-    if (request->file != nullptr) std::fwrite(at, 1, static_cast<size_t>(written), request->file);
+    CopyToFile(request, at, static_cast<size_t>(written));
     *taken += static_cast<size_t>(written);
     request->offset += written;
     request->bytes += written;
@@ -629,12 +638,12 @@ void PluginHost::ReportProgress(const Request* request, const Transfer* transfer
 void PluginHost::EndRequest(Request* request, NPReason reason) {
   Transfer* transfer = m_loader->Find(request->transfer_id);
   if (request->stream_open) {
-    if (request->file != nullptr) {
-      std::fclose(request->file);
-      request->file = nullptr;
-      if (reason == NPRES_DONE && plugin_funcs_->asfile != nullptr)
-        plugin_funcs_->asfile(&m_npp, &request->stream, request->file_path.c_str());
-    }
+    if (request->file != nullptr && std::fclose(request->file) != 0) request->copy_failed = true;
+    request->file = nullptr;
+    // A copy cut short by a full disk ends the stream as a failed one, as a browser's download would.
+    if (request->copy_failed && reason == NPRES_DONE) reason = NPRES_NETWORK_ERR;
+    if (!request->file_path.empty() && reason == NPRES_DONE && plugin_funcs_->asfile != nullptr)
+      plugin_funcs_->asfile(&m_npp, &request->stream, request->file_path.c_str());
     NPError result = plugin_funcs_->destroystream(&m_npp, &request->stream, reason);
     JsonLine("stream_end")
         .Add("id", request->id)

@@ -69,6 +69,7 @@ class PluginHost {
   bool Advance(Request* request);
   bool OpenStream(Request* request, const std::string& mime);
   bool Deliver(Request* request);  // false when the plug-in asked to stop the stream
+  void CopyToFile(Request* request, const char* data, size_t size);  // to the as-file copy, if any
   // Hands the plug-in what it is ready for from the body, counting it in `taken`.
   bool WriteToPlugin(Request* request, Transfer* transfer, size_t* taken);
   void ReportProgress(const Request* request, const Transfer* transfer);
