@@ -73,7 +73,7 @@ class DownloadTaskTest : public ::testing::Test {
 
 // The file goes with the task (also after the extension changed its mode), unless (names under /tmp
 // being shared) another process's download took the name after the package was deleted; memory mode saves the body under a counted name ending
-// in the wall-clock second, kept after the task.
+// in the wall-clock second, kept after the task. Either file is readable by its user alone.
 TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
   FakeClock wall(platform::SetWallClockOverride, platform::WallClockMicros());
   const std::string content = PatternBytes(5 * 1024 * 1024 + 3, 21);
@@ -98,6 +98,8 @@ TEST_F(DownloadTaskTest, DownloadsIntoATemporaryFileRemovedWithTheTask) {
     EXPECT_EQ(local.rfind("/tmp/gpc_tmp_", 0), 0u) << local;
     EXPECT_EQ(local.size() > seconds.size() && local.substr(local.size() - seconds.size()) == seconds, memory);
     EXPECT_TRUE(ReadFile(local) == content);
+    struct stat info {};
+    EXPECT_TRUE(stat(local.c_str(), &info) == 0 && (info.st_mode & 0777) == 0600) << "for its user's eyes alone";
     task->Start();  // a task that still has its client only refreshes its counters
     EXPECT_EQ(task->GetCheckTimes(), 2);
     RunMainLoopFor(50);

@@ -119,8 +119,9 @@ void GPCDownloadTask::SaveMemoryBody(int size, char* data) {
       },
       [](const std::string& taken) { return EntryExists(taken.c_str()); }, true, name);
   const char* path = name.c_str();
-  // Appends like "a+w", but only to a file of its own: a name planted under /tmp is skipped.
-  int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0666);
+  // Appends like "a+w", but only to a file of its own, the user's alone: a name planted under /tmp is
+  // skipped.
+  int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
   FILE* file = fd >= 0 ? fdopen(fd, "a+") : nullptr;
   if (!file) {
     if (fd >= 0) close(fd);

@@ -35,9 +35,9 @@ bool NameIsTaken(const char* path) {
 }
 
 // Opens `path` with stdio `mode` on a descriptor opened with `flags`, never through a symbolic
-// link planted at the name.
+// link planted at the name. A file made here is the user's alone: it lies in the shared /tmp.
 FILE* OpenNoFollow(const char* path, int flags, const char* mode) {
-  int fd = open(path, flags | O_NOFOLLOW | O_CLOEXEC, 0666);
+  int fd = open(path, flags | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) return nullptr;
   FILE* file = fdopen(fd, mode);
   if (!file) {
