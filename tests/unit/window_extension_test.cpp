@@ -278,7 +278,9 @@ TEST_F(WindowExtensionTest, AReadOnlyBundleReplacesAnotherForAUserWhoIsNotRoot) 
 // nothing stays writable by others, the package is deleted, and the library stays loaded.
 TEST_F(WindowExtensionTest, UnpackReplacesTheBundleOnlyWithA7zArchiveAndAReadyLibrary) {
   const std::string src = env.dir() + "/src", target = env.dir() + "/a \"quoted\" folder/zrgpcext64.bundle";
-  ASSERT_TRUE(Copy(kSampleBundle, target + "/Contents/stale") &&
+  // The target's folder is a link, as where a user keeps it on another disk.
+  ASSERT_TRUE(Shell("cd " + gpctest::ShellQuote(env.dir()) + " && mkdir real && ln -s real 'a \"quoted\" folder'") &&
+              Copy(kSampleBundle, target + "/Contents/stale") &&
               Copy(kSampleBundle, src + "/zrgpcext64.bundle") &&
               chmod((src + "/zrgpcext64.bundle/Contents/Info.plist").c_str(), 0666) == 0 &&
               Shell("cd " + gpctest::ShellQuote(src) + " && 7z a open.7z zrgpcext64.bundle && 7z a -tzip " +

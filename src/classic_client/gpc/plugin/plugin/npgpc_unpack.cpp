@@ -70,9 +70,10 @@ int DropGroupAndOtherWrite(const char* path, const struct stat* info, int type, 
 }
 
 // What "chmod -R go-w" does, without a shell: nothing the extension brought stays writable by
-// other users.
+// other users. Like chmod, it follows a folder given as a link ("/." makes the walk start at
+// what the link leads to), and no link below it.
 void RemoveGroupAndOtherWrite(const std::string& folder) {
-  if (nftw(folder.c_str(), DropGroupAndOtherWrite, 16, FTW_PHYS) != 0) {
+  if (nftw((folder + "/.").c_str(), DropGroupAndOtherWrite, 16, FTW_PHYS) != 0) {
     MacWarnTrace("CGpcWindow::UnpackFile,cannot walk %s: %s", folder.c_str(), strerror(errno));
   }
 }
