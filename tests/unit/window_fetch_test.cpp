@@ -26,6 +26,7 @@ using gpctest::BusySlots;
 struct Requester {
   std::vector<std::string> events;
   std::string path;  // of the last completion
+  bool replaces = false;  // removes the file, and another one takes its name, as unpacking and a stranger would
 };
 
 void Record(void*, void* context, GPCGetFileNotifyMessageType type, void* data) {
@@ -36,6 +37,9 @@ void Record(void*, void* context, GPCGetFileNotifyMessageType type, void* data) 
   }
   requester->path = data ? static_cast<const char*>(data) : "";
   requester->events.push_back(data ? "complete " + gpctest::ReadFile(requester->path) : "complete null");
+  if (data != nullptr && requester->replaces) {
+    EXPECT_TRUE(unlink(requester->path.c_str()) == 0 && gpctest::WriteFile(requester->path, "another's"));
+  }
 }
 
 std::string Url(int n) { return "http://127.0.0.1:9/files/f" + std::to_string(n) + ".bin"; }
@@ -174,7 +178,8 @@ TEST_F(WindowFetchTest, FailedStartSwitchesToTheBrowserAndStopHaltsTheQueue) {
 
 // Someone plants a link at the download file's name between the choice of the name and its opening:
 // the link is not followed, the download goes to a file of its own. A full disk while the stream is
-// written shows 109. Teardown removes a half-written download.
+// written shows 109. The file goes after its completion, unless another one took its name meanwhile.
+// Teardown removes a half-written download.
 TEST_F(WindowFetchTest, BrowserDownloadsNeverWriteThroughALinkShow109OnAFullDiskAndGoWithTheInstance) {
   const std::string victim = env.dir() + "/victim", logged = "CGpcWindow::OpenDownloadingStreamFile,file=";
   ASSERT_TRUE(gpctest::WriteFile(victim, "precious"));
@@ -187,7 +192,8 @@ TEST_F(WindowFetchTest, BrowserDownloadsNeverWriteThroughALinkShow109OnAFullDisk
           EXPECT_EQ(symlink(victim.c_str(), planted.c_str()), 0);
         }
       });
-  CGpcWindow* window = Create(3, true);
+  requesters[1].replaces = true;
+  CGpcWindow* window = Create(4, true);
   window->SetParameterVector("GpcErrorPageUrl", "https://e.example/err");
   window->OnTimer();
   gpc::GPCNotificationCenter::defaultCenter().removeObserver(attacker);
@@ -197,26 +203,31 @@ TEST_F(WindowFetchTest, BrowserDownloadsNeverWriteThroughALinkShow109OnAFullDisk
   EXPECT_EQ(gpctest::ReadFile(victim), "precious");
   EXPECT_TRUE(isLink(planted));  // someone else's entry stays as it is
   unlink(planted.c_str());
+  EXPECT_FALSE(FileExists(requesters[0].path)) << "the download's own file goes";
+  window->OnTimer();
+  Answer(1, Browser().requests.at(1).url.c_str(), "mine", NPRES_DONE);
+  EXPECT_EQ(gpctest::ReadFile(requesters[1].path), "another's") << "a file that took the name stays";
+  unlink(requesters[1].path.c_str());
 
   window->OnTimer();
   {
     const ScopedFileSizeLimit disk(1000);
     // Small enough for a stdio buffer: the failure must show at the write, not be lost at the close.
-    Answer(1, Browser().requests.at(1).url.c_str(), std::string(2000, 'x'), NPRES_DONE);
+    Answer(2, Browser().requests.at(2).url.c_str(), std::string(2000, 'x'), NPRES_DONE);
   }
   const std::vector<std::string> shown = gpctest::RunNavigations(*window);
   EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [](const std::string& url) {
     return url.rfind("_top https://e.example/err?", 0) == 0 && url.find("%5B109%5D") != std::string::npos;
   })) << ::testing::PrintToString(shown);
   // The block that did not fit is dropped; the fetch completes with what was written.
-  EXPECT_EQ(requesters[1].events, std::vector<std::string>{"complete " + std::string(1000, 'x')});
+  EXPECT_EQ(requesters[2].events, std::vector<std::string>{"complete " + std::string(1000, 'x')});
 
   window->OnTimer();
   const std::string partial = window->m_strStreamFilePath;
   ASSERT_TRUE(FileExists(partial));
   NPP_Destroy(&npp, nullptr);
   EXPECT_FALSE(FileExists(partial));
-  EXPECT_TRUE(requesters[2].events.empty());
+  EXPECT_TRUE(requesters[3].events.empty());
 }
 
 // No file can be made for a browser download: the requester hears of a failed fetch, not of a path.

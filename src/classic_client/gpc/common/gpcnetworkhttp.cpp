@@ -311,32 +311,12 @@ bool GPCNetworkHttp::AppendFileChunk(const void* data, unsigned long size) {
   return WriteChunkAndClose(data, size);
 }
 
-namespace {
-
-// `flags` AT_EMPTY_PATH reads the descriptor itself; AT_SYMLINK_NOFOLLOW the name.
-bool ReadIdentity(int dir, const char* path, int flags, GPCNetworkHttp::FileIdentity* id) {
-  struct statx info;
-  if (statx(dir, path, flags, STATX_INO | STATX_CTIME | STATX_BTIME, &info) != 0) return false;
-  const struct statx_timestamp& born = (info.stx_mask & STATX_BTIME) != 0 ? info.stx_btime : info.stx_ctime;
-  id->device = makedev(info.stx_dev_major, info.stx_dev_minor);
-  id->inode = info.stx_ino;
-  id->born = {born.tv_sec, static_cast<long>(born.tv_nsec)};
-  return true;
-}
-
-}  // namespace
-
-bool GPCNetworkHttp::IsOwnFile(const char* path) const {
-  FileIdentity now;
-  return path != nullptr && m_file.inode != 0 && ReadIdentity(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, &now) &&
-         now.device == m_file.device && now.inode == m_file.inode && now.born.tv_sec == m_file.born.tv_sec &&
-         now.born.tv_nsec == m_file.born.tv_nsec;
-}
+bool GPCNetworkHttp::IsOwnFile(const char* path) const { return IsSameFile(path, m_file); }
 
 bool GPCNetworkHttp::WriteChunkAndClose(const void* data, unsigned long size) {
   const bool written = fwrite(data, 1, size, m_pFile) == size;
   const int writeError = errno;
-  ReadIdentity(fileno(m_pFile), "", AT_EMPTY_PATH, &m_file);
+  m_file = IdentityOfOpenFile(fileno(m_pFile));
   const bool closed = fclose(m_pFile) == 0;
   const int closeError = errno;
   m_pFile = nullptr;

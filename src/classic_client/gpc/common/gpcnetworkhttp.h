@@ -11,6 +11,8 @@
 #include <memory>
 #include <string>
 
+#include "common/gpcutil.h"
+
 #include "common/net/curl_transfer.h"
 
 class GPCTimerProxy;
@@ -70,13 +72,6 @@ class GPCNetworkHttp : private gpcnet::ITransferListener {
   // True while `path` names the very file this client created (not one that took its name after
   // it was deleted: the names under /tmp are shared with every other process).
   bool IsOwnFile(const char* path) const;
-  // Inode numbers are reused at once, so a file's birth time goes with them (where the file system
-  // keeps none, the change time of our last write, which a chmod by the extension moves).
-  struct FileIdentity {
-    dev_t device = 0;
-    ino_t inode = 0;
-    struct timespec born = {};
-  };
   // The number in the last generated "/tmp/gpc_tmp_<n>" name (0 before the first).
   static int GetTempFileCounter();
   // Replaces what grows the memory-mode body (realloc; null restores it), so that tests can make

@@ -184,14 +184,18 @@ void CGpcWindow::FinishDownloadingStreamFile(bool success) {
 
 void CGpcWindow::CloseDownloadingStreamFile() {
   if (m_pStreamFile == nullptr) return;
+  m_streamFileIdentity = IdentityOfOpenFile(fileno(m_pStreamFile));
   fclose(m_pStreamFile);
   m_pStreamFile = nullptr;
 }
 
+// The requester may have moved the file away or removed it (unpacking does); whatever took its
+// name meanwhile is not ours.
 void CGpcWindow::DiscardDownloadingStreamFile() {
   CloseDownloadingStreamFile();
-  if (!m_strStreamFilePath.empty()) RemoveFile(m_strStreamFilePath);
+  if (IsSameFile(m_strStreamFilePath.c_str(), m_streamFileIdentity)) RemoveFile(m_strStreamFilePath);
   m_strStreamFilePath.clear();
+  m_streamFileIdentity = FileIdentity();
 }
 
 void CGpcWindow::CleanupDownloadingStreamFiles() {
