@@ -154,16 +154,17 @@ NPP g_page = nullptr;
 void DestroyInsideTheExtension(void* instance, const char* call) {
   g_seen.push_back(call);
   NPP_Destroy(g_page, nullptr);
-  g_seen.push_back("destroyed");
-  // The extension still asks for a stream before its dialog returns.
   CGpcWindow* self = static_cast<CGpcWindow*>(instance);
+  g_seen.push_back(self->m_serviceTable.GpcGetPluginNativeWindow(instance) ? "destroyed, window" : "destroyed");
+  // The extension still asks for a stream before its dialog returns.
   void* stream = nullptr;
   self->m_serviceTable.GpcGetStream(self->m_streamSap, "https://www.talvo.us/x", 0, &stream);
 }
 
 // The browser may destroy the instance inside the extension's heartbeat or event handler (a dialog
 // runs a nested loop): the extension is ended once its call has returned, a heartbeat during its
-// exit starts no second teardown, and nothing more of the instance reaches the browser.
+// exit starts no second teardown, and nothing more of the instance reaches the browser, nor does the
+// browser's window record reach the extension.
 TEST_F(WindowLifecycleTest, DestroyedInsideAnExtensionCallTheInstanceGoesWhenTheCallReturns) {
   g_page = &npp;
   for (const bool byEvent : {false, true}) {
@@ -171,6 +172,8 @@ TEST_F(WindowLifecycleTest, DestroyedInsideAnExtensionCallTheInstanceGoesWhenThe
     ASSERT_EQ(NPP_New(const_cast<char*>("application/x-talvo-gpc"), &npp, NP_EMBED, 0, nullptr, nullptr, nullptr),
               NPERR_NO_ERROR);
     CGpcWindow* window = static_cast<InstanceRecord*>(npp.pdata)->gpcWindow;
+    NPWindow record{};  // the browser's, freed with the instance
+    ASSERT_EQ(NPP_SetWindow(&npp, &record), NPERR_NO_ERROR);
     window->m_bHalted = 0;
     window->m_bExtMgrStarted = 1;
     window->m_pfnGpcHeartbeat = [](void* instance, void*) { DestroyInsideTheExtension(instance, "heartbeat"); };

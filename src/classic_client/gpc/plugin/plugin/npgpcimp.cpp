@@ -85,6 +85,7 @@ void CGpcWindow::Destroy() {
   MacInfoTrace("CGpcWindow::Destroy,the instance goes when its use ends");
   m_bDestroyPending = true;
   m_nppInstance = nullptr;
+  m_pNativeWindow = nullptr;  // the browser frees its window record with the instance
   m_provider.ForgetBrowserInstance();
 }
 
