@@ -43,10 +43,11 @@ std::string Message(const std::string& type, const std::string& id) {
   return "{\"type\":\"" + type + "\",\"id\":" + Quote(id) + "}";
 }
 
-// The sample made version 2.0.0.7, packed and signed, on a fast and on a slowed server.
+// The sample made version 2.0.0.7, packed and signed, on a fast and on a slowed server, and on one
+// that challenges the first request for it.
 struct Site {
   gpctest::TempFolder folder{"nm"};
-  gpctest::LoopbackServer fast, slow;
+  gpctest::LoopbackServer fast, slow, challenged;
   gpctest::PageParams package;
   bool ok = false;
   Site() {
@@ -58,8 +59,9 @@ struct Site {
       return;
     const std::string bytes = gpctest::ReadFile(archive);
     slow.SetLimitRate(std::to_string(bytes.size() / 4 + 1));  // the package in about four seconds
-    for (gpctest::LoopbackServer* server : {&fast, &slow})
-      if (!server->Start() || !server->AddFile("client/zrgpcext64.bundle.7z", bytes) ||
+    for (gpctest::LoopbackServer* server : {&fast, &slow, &challenged})
+      if (!server->Start(server == &challenged ? std::vector<std::string>{"--fail", ".7z=401x1"} : std::vector<std::string>{}) ||
+          !server->AddFile("client/zrgpcext64.bundle.7z", bytes) ||
           !server->AddFile("files/readme.txt", "hello"))
         return;
     package = signer.PackageParameters(archive);
@@ -247,7 +249,7 @@ TEST_F(NativeMessaging, EmbedsDestroyedAtAnyStageLeaveNothingHalfDoneAndTheOther
 }
 
 // A direct download that meets a challenge moves the fetch to the browser, that is to this host, which
-// then tells the page how many bytes of the package have arrived.
+// then tells the page how many bytes of the package have arrived, and, for a genuine one, each stage.
 TEST_F(NativeMessaging, ThePackageFetchedByTheHostReportsItsBytes) {
   const int64_t size = 3000000;
   host_->Send(Embed("e1", site_.fast, site_.fast.Url("/client/fails-once/401/" + std::to_string(size) + "/")));
@@ -264,6 +266,13 @@ TEST_F(NativeMessaging, ThePackageFetchedByTheHostReportsItsBytes) {
   // Pattern bytes are no package: the page is told why.
   ASSERT_TRUE(host_->WaitFor("navigate", "e1", "", &last));
   EXPECT_NE(last.Str("url").find("%5B111%5D"), std::string::npos) << last.line;
+  // A genuine package the browser brings passes every stage, and the extension's start is told.
+  host_->Send(Embed("e2", site_.challenged, site_.challenged.Url("/client/")));  // http: the host checks certificates
+  ASSERT_TRUE(host_->WaitFor([](const JsonEvent& m) { return m.Str("id") == "e2" && m.Str("stage") == "running"; }, &last))
+      << Seen();
+  EXPECT_EQ(last.Int("result"), 0);
+  const std::vector<std::string> stages = host_->Stages("e2");
+  EXPECT_TRUE(std::find(stages.begin(), stages.end(), "unpacked") != stages.end()) << Seen();
   EXPECT_EQ(host_->CloseAndWait(), 0);
 }
 

@@ -111,13 +111,17 @@ const StageMark kStageMarks[] = {
     {"CGpcWindow::GetFileAtUrl,url=[", Stage::kDownloading, {Stage::kChecking}, true},
     {"CGpcExtMgr::GpcGetFileNotify,Unpack extension from ", Stage::kVerified, {Stage::kDownloading}, true},
     {"CGpcExtMgr::GpcGetFileNotify,Load extension : ", Stage::kUnpacked, {Stage::kVerified}, true},
-    // Loaded after an install, after a failed unpack (what was there before), or as installed.
-    {"CGpcWindow::InitExtension,Initialize GPC extension,return value =0", Stage::kRunning,
+    // Loaded after an install, after a failed unpack (what was there before), or as installed. An
+    // extension whose start failed stays loaded too: each embed takes its own record, whatever the
+    // extension answered.
+    {"CGpcWindow::InitExtension,Initialize GPC extension,return value =", Stage::kRunning,
      {Stage::kChecking, Stage::kVerified, Stage::kUnpacked}, false},
 };
-// The record that starts the handling of a finished download, and where its URL starts.
+// The records that start the handling of a finished download, direct or through the browser, and
+// where their URL starts; a browser download's record ends with ",<n> bytes".
 constexpr char kHandlingDownload[] = "CGpcWindow::CheckDownloadingTasks,begin handle stream[";
 constexpr char kUrlStart[] = "url[";
+constexpr char kHandlingStreamFile[] = "CGpcWindow::FinishDownloadingStreamFile,dwonloaded file=";
 // The record of a message the plug-in could not show: the embed stopped without navigating.
 constexpr char kNoErrorPage[] = "CGpcWindow::ShowMessage: ErrorPageURL is nil.";
 
@@ -153,7 +157,8 @@ class Embed : public HostEvents {
     // Only the package is a download of the plug-in's own; later fetches are the extension's.
     return from && (!mark.about_package || StartsWith(url, package_root_));
   }
-  void Pass(Stage stage) { Send(stage); }
+  // `result`: what the extension's start answered, for "running".
+  void Pass(Stage stage, const std::string& result) { Send(stage, result); }
   // Halts this embed when it is one the plug-in can stop without navigating: one still going
   // with no error page. False when it is not.
   bool HaltWithoutErrorPage() {
@@ -195,10 +200,12 @@ class Embed : public HostEvents {
     JsonObjectText message;
     m_outbox->Send(message.Add("type", "status").Add("id", m_id).Add("stage", "halted").Finish(), m_id);
   }
-  void Send(Stage stage) {
+  void Send(Stage stage, const std::string& result = std::string()) {
     m_stage = stage;
     JsonObjectText message;
-    m_outbox->Send(message.Add("type", "status").Add("id", m_id).Add("stage", StageName(stage)).Finish(), m_id);
+    message.Add("type", "status").Add("id", m_id).Add("stage", StageName(stage));
+    if (!result.empty()) message.Add("result", static_cast<int64_t>(std::strtoll(result.c_str(), nullptr, 10)));
+    m_outbox->Send(message.Finish(), m_id);
   }
 
   // A navigation that could not be sent fails, from the main loop rather than inside the
@@ -257,6 +264,11 @@ class Bridge {
       handled_url_ = start == std::string::npos ? std::string() : text.substr(start + std::strlen(kUrlStart));
       return;
     }
+    if (StartsWith(text, kHandlingStreamFile)) {
+      const size_t start = std::strlen(kHandlingStreamFile), comma = text.rfind(',');
+      handled_url_ = comma == std::string::npos || comma < start ? std::string() : text.substr(start, comma - start);
+      return;
+    }
     if (StartsWith(text, kNoErrorPage)) {
       for (auto& embed : m_embeds)
         if (embed->HaltWithoutErrorPage()) break;
@@ -267,7 +279,7 @@ class Bridge {
       const std::string url = mark.stage == Stage::kDownloading ? text.substr(std::strlen(mark.prefix)) : handled_url_;
       for (auto& embed : m_embeds) {
         if (!embed->Awaits(mark, url)) continue;
-        embed->Pass(mark.stage);
+        embed->Pass(mark.stage, mark.stage == Stage::kRunning ? text.substr(std::strlen(mark.prefix)) : "");
         break;
       }
       return;
