@@ -37,7 +37,8 @@ function onNativeMessage(tabId, message) {
   const embed = tab && tab.embeds.get(message.id);
   if (!embed) return;
   if (message.type === "status") {
-    tellFrame(embed, { kind: "status", stage: message.stage, done: message.done, total: message.total });
+    tellFrame(embed, { kind: "status", stage: message.stage, done: message.done, total: message.total,
+                       result: message.result });
   } else if (message.type === "error") {
     tellFrame(embed, { kind: "error", message: String(message.message || "") });
   } else if (message.type === "navigate") {

@@ -72,7 +72,7 @@
       case "unpacked":
         return "Installed";
       case "running":
-        return "Running";
+        return message.result ? `Running, but the extension's start failed (${message.result})` : "Running";
       case "halted":
         return "Stopped";
       default:
@@ -105,7 +105,7 @@
 
   function onBackgroundMessage(message) {
     if (message.kind === "status") {
-      showStatus(message.key, describe(message), false);
+      showStatus(message.key, describe(message), Boolean(message.result));
     } else if (message.kind === "error") {
       showStatus(message.key, message.message, true);
     } else if (message.kind === "navigate") {

@@ -31,7 +31,7 @@ extern "C" int openat(int dir, const char* name, int flags, ...) {
   }
   va_list rest;
   va_start(rest, flags);
-  const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+  const mode_t mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(rest, mode_t) : 0;
   va_end(rest);
   return static_cast<int>(syscall(SYS_openat, dir, name, flags, mode));
 }

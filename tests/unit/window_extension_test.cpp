@@ -243,7 +243,7 @@ TEST_F(WindowExtensionTest, AReadOnlyBundleReplacesAnotherForAUserWhoIsNotRoot) 
   const uid_t nobody = 65534;
   std::string home = "/tmp/gpc-readonly-XXXXXX";  // the test's own home is closed to other users
   ASSERT_NE(mkdtemp(&home[0]), nullptr);
-  const struct Removed { std::string path; ~Removed() { gpctest::RemoveTree(path); } } removed{home};
+  const struct Removed { std::string path; ~Removed() { RemoveFile(path); } } removed{home};  // read-only folders too
   const std::string packed = home + "/packed", q = gpctest::ShellQuote(packed);
   ASSERT_TRUE(chmod(home.c_str(), 0755) == 0 && Copy(kSampleBundle, packed + "/zrgpcext64.bundle") &&
               Shell("chmod -R a-w " + q + "/zrgpcext64.bundle && cd " + q + " && 7z a ro.7z zrgpcext64.bundle"));

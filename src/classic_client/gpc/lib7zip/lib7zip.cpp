@@ -479,10 +479,11 @@ int32_t WritePlan(const char* archivePath, const std::vector<Entry>& plan, const
       return kGpc7zCannotReadArchive;
     }
     if (entry.name.empty()) continue;  // the destination itself, already there
+    // Listed before it is written: a link made by a write that then failed goes too.
+    if (entry.kind == Kind::kSymlink) links->push_back(destination + "/" + entry.name);
     const int32_t result = WriteEntry(reader.get(), writer.get(), header, entry, destination,
                                       limits.bytes, &written);
     if (result != kGpc7zSuccess) return result;
-    if (entry.kind == Kind::kSymlink) links->push_back(destination + "/" + entry.name);
   }
   // Closing sets the folders' modes and times, which wait until their contents are written.
   return archive_write_close(writer.get()) < ARCHIVE_WARN ? kGpc7zWriteFailed : kGpc7zSuccess;

@@ -2,6 +2,10 @@
 // (the parallel mode), and the old download mode, in which one file at a time comes through a
 // browser stream of the instance's own access point. The first direct download that fails or
 // meets a credentials challenge switches the instance to the old mode for good.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -184,18 +188,24 @@ void CGpcWindow::FinishDownloadingStreamFile(bool success) {
 
 void CGpcWindow::CloseDownloadingStreamFile() {
   if (m_pStreamFile == nullptr) return;
-  m_streamFileIdentity = IdentityOfOpenFile(fileno(m_pStreamFile));
+  if (m_nStreamFileKept < 0) m_nStreamFileKept = fcntl(fileno(m_pStreamFile), F_DUPFD_CLOEXEC, 0);
   fclose(m_pStreamFile);
   m_pStreamFile = nullptr;
 }
 
 // The requester may have moved the file away or removed it (unpacking does); whatever took its
-// name meanwhile is not ours.
+// name meanwhile is not ours. While the file is held open its inode cannot go to another file, so
+// the same device and inode at the name mean the same file.
 void CGpcWindow::DiscardDownloadingStreamFile() {
   CloseDownloadingStreamFile();
-  if (IsSameFile(m_strStreamFilePath.c_str(), m_streamFileIdentity)) RemoveFile(m_strStreamFilePath);
+  struct stat kept, named;
+  if (m_nStreamFileKept >= 0 && fstat(m_nStreamFileKept, &kept) == 0 && lstat(m_strStreamFilePath.c_str(), &named) == 0 &&
+      kept.st_dev == named.st_dev && kept.st_ino == named.st_ino) {
+    RemoveFile(m_strStreamFilePath);
+  }
+  if (m_nStreamFileKept >= 0) close(m_nStreamFileKept);
+  m_nStreamFileKept = -1;
   m_strStreamFilePath.clear();
-  m_streamFileIdentity = FileIdentity();
 }
 
 void CGpcWindow::CleanupDownloadingStreamFiles() {

@@ -103,16 +103,15 @@ bool Rename(const std::string& from, const std::string& to, unsigned flags = 0) 
 
 // Moving a folder to another parent rewrites its "..", which needs its owner's write access: a
 // bundle packed read-only gets that bit for the move and has its own mode back after it. Returns the
-// mode to give back, 0 when nothing changed.
+// mode to give back with its file type (never 0), 0 when nothing changed.
 mode_t OpenForMove(const std::string& path) {
   struct stat info;
   if (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || (info.st_mode & S_IWUSR) != 0) return 0;
-  const mode_t mode = info.st_mode & 07777;
-  return fchmodat(AT_FDCWD, path.c_str(), mode | S_IWUSR, AT_SYMLINK_NOFOLLOW) == 0 ? mode : 0;
+  return fchmodat(AT_FDCWD, path.c_str(), (info.st_mode & 07777) | S_IWUSR, AT_SYMLINK_NOFOLLOW) == 0 ? info.st_mode : 0;
 }
 
 void GiveModeBack(const std::string& path, mode_t mode) {
-  if (mode != 0) fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW);
+  if (mode != 0) fchmodat(AT_FDCWD, path.c_str(), mode & 07777, AT_SYMLINK_NOFOLLOW);
 }
 
 // The new entry takes the target's place in one exchange of names. Where the file system has none

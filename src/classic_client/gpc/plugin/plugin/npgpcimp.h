@@ -222,7 +222,7 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   std::vector<CItem*> m_vectorParam;
   std::string m_strStreamFilePath;
   FILE* m_pStreamFile = nullptr;
-  FileIdentity m_streamFileIdentity;  // read when the file is closed: only that file is ours to remove
+  int m_nStreamFileKept = -1;  // the closed file, held open until it is removed: only that file is ours
   int32_t m_bExtMgrStarted = 0;
   int32_t m_bHalted = 1;
   int32_t m_nTimerDepth = 0;
