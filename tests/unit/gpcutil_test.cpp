@@ -11,6 +11,7 @@
 #include <linux/capability.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,14 +20,15 @@
 #include "platform/clock.h"
 #include "util_test_folder.h"
 
-// Opens as the system does; once armed, first swaps the folder at `swapped` for a link to `victim`,
-// as another process could between a walk's look at a name and its opening.
+// Opens as the system does; once armed, first swaps the folder at `swapped` for a link to `victim`
+// (with no victim, only moves it away), as another process could between a walk's look at a name
+// and its opening.
 static struct {
   const char *name = nullptr, *swapped = nullptr, *moved = nullptr, *victim = nullptr;
 } g_swap;
 extern "C" int openat(int dir, const char* name, int flags, ...) {
   if (g_swap.name != nullptr && std::strcmp(name, g_swap.name) == 0) {
-    if (rename(g_swap.swapped, g_swap.moved) != 0 || symlink(g_swap.victim, g_swap.swapped) != 0) abort();
+    if (rename(g_swap.swapped, g_swap.moved) != 0 || (g_swap.victim && symlink(g_swap.victim, g_swap.swapped) != 0)) abort();
     g_swap.name = nullptr;
   }
   va_list rest;
@@ -221,7 +223,9 @@ TEST(RemoveFile, PlainEntriesGoLinkTargetsStayUndeletableOnesAreMovedAsideOrRepo
 
 // A folder swapped for a link while it is being removed is not walked through: what the link leads
 // to stays, the link goes.
-TEST(RemoveFile, AFolderSwappedForALinkMeanwhileIsNotFollowed) {
+// A folder moved away while the walk is inside it leaves the walk there: it never goes on in the folder
+// it now lies in, where names like the ones left to remove may be another's.
+TEST(RemoveFile, AFolderSwappedForALinkOrMovedMeanwhileIsNotFollowed) {
   ScratchFolder dir, victim;
   victim.Write("mine.txt");
   dir.Lay("tree/s/f");
@@ -230,6 +234,29 @@ TEST(RemoveFile, AFolderSwappedForALinkMeanwhileIsNotFollowed) {
   EXPECT_TRUE(RemoveFile(dir / "tree"));
   EXPECT_EQ(g_swap.name, nullptr) << "never swapped";
   EXPECT_EQ(victim.Describe() + "|" + dir.Describe(), "mine.txt|moved/ moved/f");
+
+  ScratchFolder up;
+  up.Lay("a.txt tree/z/f tree/a.txt");  // "z" is walked into before "a.txt" is removed
+  const std::string inner = up / "tree/z", away = up / "z";
+  g_swap = {"..", inner.c_str(), away.c_str(), nullptr};
+  RemoveFile(up / "tree");
+  EXPECT_EQ(g_swap.name, nullptr) << "never moved";
+  EXPECT_EQ(up.Describe(), "a.txt z/");  // the tree goes in a second try
+}
+
+// A tree deeper than the descriptors the process may hold goes whole.
+TEST(RemoveFile, ATreeDeeperThanTheDescriptorLimitGoesWhole) {
+  ScratchFolder dir;
+  std::string deep = dir / "deep";
+  for (int level = 0; level < 300; ++level, deep += "/d") ASSERT_EQ(mkdir(deep.c_str(), 0755), 0) << level;
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit few{64, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  const bool removed = RemoveFile(dir / "deep");
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_TRUE(removed);
+  EXPECT_EQ(dir.Describe(), "");
 }
 
 // Runs `body` in a child that, even as root, must respect file modes; true when it returned true.

@@ -69,37 +69,92 @@ bool IsLibraryPath(const std::string& path) {
           path.compare(path.size() - kSharedObject.size(), kSharedObject.size(), kSharedObject) == 0);
 }
 
-bool RemoveEntryAt(int parent, const char* name);
-
-// Removes everything in the folder open at `fd`, and closes it.
-bool EmptyFolder(int fd) {
-  DIR* dir = fdopendir(fd);
+// The names in the folder open at `fd`, "." and ".." left out, from last to first (the walk takes
+// them from the back: in order).
+bool ListFolder(int fd, std::vector<std::string>* names) {
+  const int listing = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  DIR* dir = listing < 0 ? nullptr : fdopendir(listing);
   if (dir == nullptr) {
-    close(fd);
+    if (listing >= 0) close(listing);
     return false;
   }
-  bool all_removed = true;
   while (const struct dirent* entry = readdir(dir)) {
-    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
-    if (!RemoveEntryAt(dirfd(dir), entry->d_name)) all_removed = false;
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) names->push_back(entry->d_name);
   }
   closedir(dir);
-  return all_removed;
+  std::sort(names->rbegin(), names->rend());
+  return true;
 }
 
-// Removes `name` in the folder `parent` the way a file manager does: a folder with all its contents,
-// depth first. Each folder is walked through a descriptor, never a path, so a folder swapped for a
-// link meanwhile leads nowhere: what the link points to is never touched.
-bool RemoveEntryAt(int parent, const char* name) {
-  struct stat info;
-  if (fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
-  if (!S_ISDIR(info.st_mode)) return unlinkat(parent, name, 0) == 0;
-  // A bundle may be packed with read-only folders; its owner may still open them up to empty them.
+// Opens the folder `name` in `parent` without following a link, first opening it up for its owner
+// (a bundle may be packed with read-only folders); -1 when it cannot be.
+int OpenFolderToEmpty(int parent, const char* name, const struct stat& info, struct stat* opened) {
   if ((info.st_mode & S_IRWXU) != S_IRWXU) {
     fchmodat(parent, name, (info.st_mode & 07777) | S_IRWXU, AT_SYMLINK_NOFOLLOW);  // a link swapped in stays as it is
   }
   const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  return fd >= 0 && EmptyFolder(fd) && unlinkat(parent, name, AT_REMOVEDIR) == 0;
+  if (fd >= 0 && fstat(fd, opened) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// One folder being emptied: who it is, its name in its parent, and its names not tried yet.
+struct FolderToEmpty {
+  dev_t device;
+  ino_t inode;
+  std::string name;
+  std::vector<std::string> left;
+};
+
+// Removes `name` in the folder `parent` the way a file manager does: a folder with all its contents,
+// depth first. Folders are walked through descriptors, never paths, so a folder swapped for a link
+// meanwhile leads nowhere; and one descriptor at a time, so any depth is removed: the walk goes
+// back up through "..", and stops if that is not the folder it came from (the folder was moved).
+bool RemoveEntryAt(int parent, const char* name) {
+  struct stat info, opened;
+  if (fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  if (!S_ISDIR(info.st_mode)) return unlinkat(parent, name, 0) == 0;
+  int fd = OpenFolderToEmpty(parent, name, info, &opened);
+  if (fd < 0) return false;
+  std::vector<FolderToEmpty> path{{opened.st_dev, opened.st_ino, name, {}}};
+  bool all_removed = ListFolder(fd, &path.back().left);
+  while (fd >= 0 && !path.empty()) {
+    if (!path.back().left.empty()) {
+      const std::string entry = std::move(path.back().left.back());
+      path.back().left.pop_back();
+      if (fstatat(fd, entry.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+        all_removed = false;
+      } else if (!S_ISDIR(info.st_mode)) {
+        all_removed = unlinkat(fd, entry.c_str(), 0) == 0 && all_removed;
+      } else {
+        const int child = OpenFolderToEmpty(fd, entry.c_str(), info, &opened);
+        if (child < 0) {
+          all_removed = false;
+          continue;
+        }
+        close(fd);
+        fd = child;
+        path.push_back({opened.st_dev, opened.st_ino, entry, {}});
+        all_removed = ListFolder(fd, &path.back().left) && all_removed;
+      }
+      continue;
+    }
+    const std::string emptied = path.back().name;
+    path.pop_back();
+    if (path.empty()) break;
+    const int up = openat(fd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    close(fd);
+    fd = up;
+    if (fd < 0 || fstat(fd, &opened) != 0 || opened.st_dev != path.back().device || opened.st_ino != path.back().inode) {
+      if (fd >= 0) close(fd);
+      return false;
+    }
+    all_removed = unlinkat(fd, emptied.c_str(), AT_REMOVEDIR) == 0 && all_removed;
+  }
+  if (fd >= 0) close(fd);
+  return all_removed && unlinkat(parent, name, AT_REMOVEDIR) == 0;
 }
 
 bool RemoveRecursively(const std::string& path) { return RemoveEntryAt(AT_FDCWD, path.c_str()); }
