@@ -266,7 +266,7 @@ bool AsOrdinaryUser(const std::function<bool()>& body) {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct caps[2] = {};
     syscall(SYS_capget, &header, caps);
-    caps[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+    caps[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH) | (1u << CAP_FOWNER));
     _exit(syscall(SYS_capset, &header, caps) == 0 && body() ? 0 : 1);
   }
   int status = 0;
@@ -282,6 +282,11 @@ TEST(RemoveFile, FoldersTheOwnerMayNotWriteAreOpenedUpAndRemoved) {
   chmod((dir / "ro.bundle/Contents").c_str(), 0500);
   EXPECT_TRUE(AsOrdinaryUser([&] { return RemoveFile(dir / "ro.bundle"); }));
   EXPECT_EQ(dir.Describe(), "");
+  // Another user's folder that cannot be searched stays; everything around it goes.
+  dir.Lay("tree/a/x tree/b.txt");
+  ASSERT_TRUE(chmod((dir / "tree/a").c_str(), 0644) == 0 && chown((dir / "tree/a").c_str(), 65534, 65534) == 0);
+  EXPECT_TRUE(AsOrdinaryUser([&] { return RemoveFile(dir / "tree") || true; }));
+  EXPECT_EQ(dir.Describe().find("b.txt"), std::string::npos) << dir.Describe();
 }
 
 }  // namespace

@@ -10,10 +10,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <glib.h>
+#include <memory>
 #include <mutex>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+#include <utility>
 
 #include "platform/clock.h"
 #include "platform/folders.h"
@@ -69,35 +71,49 @@ bool IsLibraryPath(const std::string& path) {
           path.compare(path.size() - kSharedObject.size(), kSharedObject.size(), kSharedObject) == 0);
 }
 
+// A descriptor of our own, closed when it is replaced or goes out of scope (memory may run out
+// while one is open: RemoveFile carries on after that).
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : m_fd(fd) {}
+  ~Descriptor() { Reset(-1); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return m_fd; }
+  int Release() { return std::exchange(m_fd, -1); }
+  void Reset(int fd) {
+    if (m_fd >= 0) close(m_fd);
+    m_fd = fd;
+  }
+
+ private:
+  int m_fd;
+};
+
 // The names in the folder open at `fd`, "." and ".." left out, from last to first (the walk takes
 // them from the back: in order).
 bool ListFolder(int fd, std::vector<std::string>* names) {
-  const int listing = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-  DIR* dir = listing < 0 ? nullptr : fdopendir(listing);
-  if (dir == nullptr) {
-    if (listing >= 0) close(listing);
-    return false;
-  }
-  while (const struct dirent* entry = readdir(dir)) {
+  Descriptor listing(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+  std::unique_ptr<DIR, int (*)(DIR*)> dir(listing.get() < 0 ? nullptr : fdopendir(listing.get()), closedir);
+  if (!dir) return false;
+  listing.Release();  // the listing's now
+  while (const struct dirent* entry = readdir(dir.get())) {
     if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) names->push_back(entry->d_name);
   }
-  closedir(dir);
   std::sort(names->rbegin(), names->rend());
   return true;
 }
 
 // Opens the folder `name` in `parent` without following a link, first opening it up for its owner
-// (a bundle may be packed with read-only folders); -1 when it cannot be.
+// (a bundle may be packed with read-only folders); -1 when it cannot be, or cannot be searched:
+// such a folder could neither be emptied nor left again through "..".
 int OpenFolderToEmpty(int parent, const char* name, const struct stat& info, struct stat* opened) {
   if ((info.st_mode & S_IRWXU) != S_IRWXU) {
     fchmodat(parent, name, (info.st_mode & 07777) | S_IRWXU, AT_SYMLINK_NOFOLLOW);  // a link swapped in stays as it is
   }
-  const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd >= 0 && fstat(fd, opened) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
+  Descriptor fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (fd.get() < 0 || fstat(fd.get(), opened) != 0 || faccessat(fd.get(), ".", X_OK, AT_EACCESS) != 0) return -1;
+  return fd.Release();
 }
 
 // One folder being emptied: who it is, its name in its parent, and its names not tried yet.
@@ -116,44 +132,41 @@ bool RemoveEntryAt(int parent, const char* name) {
   struct stat info, opened;
   if (fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
   if (!S_ISDIR(info.st_mode)) return unlinkat(parent, name, 0) == 0;
-  int fd = OpenFolderToEmpty(parent, name, info, &opened);
-  if (fd < 0) return false;
+  Descriptor folder(OpenFolderToEmpty(parent, name, info, &opened));
+  if (folder.get() < 0) return false;
   std::vector<FolderToEmpty> path{{opened.st_dev, opened.st_ino, name, {}}};
-  bool all_removed = ListFolder(fd, &path.back().left);
-  while (fd >= 0 && !path.empty()) {
+  bool all_removed = ListFolder(folder.get(), &path.back().left);
+  while (!path.empty()) {
     if (!path.back().left.empty()) {
       const std::string entry = std::move(path.back().left.back());
       path.back().left.pop_back();
-      if (fstatat(fd, entry.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (fstatat(folder.get(), entry.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
         all_removed = false;
       } else if (!S_ISDIR(info.st_mode)) {
-        all_removed = unlinkat(fd, entry.c_str(), 0) == 0 && all_removed;
+        all_removed = unlinkat(folder.get(), entry.c_str(), 0) == 0 && all_removed;
       } else {
-        const int child = OpenFolderToEmpty(fd, entry.c_str(), info, &opened);
-        if (child < 0) {
+        Descriptor child(OpenFolderToEmpty(folder.get(), entry.c_str(), info, &opened));
+        if (child.get() < 0) {
           all_removed = false;
           continue;
         }
-        close(fd);
-        fd = child;
         path.push_back({opened.st_dev, opened.st_ino, entry, {}});
-        all_removed = ListFolder(fd, &path.back().left) && all_removed;
+        all_removed = ListFolder(child.get(), &path.back().left) && all_removed;
+        folder.Reset(child.Release());
       }
       continue;
     }
     const std::string emptied = path.back().name;
     path.pop_back();
     if (path.empty()) break;
-    const int up = openat(fd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    close(fd);
-    fd = up;
-    if (fd < 0 || fstat(fd, &opened) != 0 || opened.st_dev != path.back().device || opened.st_ino != path.back().inode) {
-      if (fd >= 0) close(fd);
+    folder.Reset(openat(folder.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.get() < 0 || fstat(folder.get(), &opened) != 0 || opened.st_dev != path.back().device ||
+        opened.st_ino != path.back().inode) {
       return false;
     }
-    all_removed = unlinkat(fd, emptied.c_str(), AT_REMOVEDIR) == 0 && all_removed;
+    all_removed = unlinkat(folder.get(), emptied.c_str(), AT_REMOVEDIR) == 0 && all_removed;
   }
-  if (fd >= 0) close(fd);
+  folder.Reset(-1);
   return all_removed && unlinkat(parent, name, AT_REMOVEDIR) == 0;
 }
 
