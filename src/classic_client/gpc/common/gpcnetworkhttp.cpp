@@ -7,7 +7,6 @@
 #include <glib.h>
 #include <strings.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "common/gpctimerproxy.h"
@@ -82,6 +81,7 @@ GPCNetworkHttp::~GPCNetworkHttp() {
     fclose(m_pFile);
     m_pFile = nullptr;
   }
+  if (m_nKeptFile >= 0) close(m_nKeptFile);
 }
 
 int GPCNetworkHttp::GetTempFileCounter() { return static_cast<int>(g_downloadFileNames.Last()); }
@@ -295,6 +295,8 @@ bool GPCNetworkHttp::WriteFirstFileChunk(const void* data, unsigned long size) {
     return false;
   }
   memcpy(m_pBody, path, strlen(path) + 1);
+  if (m_nKeptFile >= 0) close(m_nKeptFile);
+  m_nKeptFile = fcntl(fileno(m_pFile), F_DUPFD_CLOEXEC, 0);
   return WriteChunkAndClose(data, size);
 }
 
@@ -311,12 +313,15 @@ bool GPCNetworkHttp::AppendFileChunk(const void* data, unsigned long size) {
   return WriteChunkAndClose(data, size);
 }
 
-bool GPCNetworkHttp::IsOwnFile(const char* path) const { return IsSameFile(path, m_file); }
+bool GPCNetworkHttp::IsOwnFile(const char* path) const {
+  struct stat kept, named;
+  return path != nullptr && m_nKeptFile >= 0 && fstat(m_nKeptFile, &kept) == 0 && lstat(path, &named) == 0 &&
+         kept.st_dev == named.st_dev && kept.st_ino == named.st_ino;
+}
 
 bool GPCNetworkHttp::WriteChunkAndClose(const void* data, unsigned long size) {
   const bool written = fwrite(data, 1, size, m_pFile) == size;
   const int writeError = errno;
-  m_file = IdentityOfOpenFile(fileno(m_pFile));
   const bool closed = fclose(m_pFile) == 0;
   const int closeError = errno;
   m_pFile = nullptr;

@@ -11,8 +11,6 @@
 #include <memory>
 #include <string>
 
-#include "common/gpcutil.h"
-
 #include "common/net/curl_transfer.h"
 
 class GPCTimerProxy;
@@ -107,8 +105,9 @@ class GPCNetworkHttp : private gpcnet::ITransferListener {
   uint32_t m_nTimeout = 0;
   bool m_bFileMode = false;
   FILE* m_pFile = nullptr;
-  // The identity of the file created for the body, to tell it from another one of the same name.
-  FileIdentity m_file;
+  // The file made for the body, held open so that its inode cannot pass to another file: a file at
+  // its name with its device and inode is ours.
+  int m_nKeptFile = -1;
   std::string m_strFileName;
   int m_nSelfDelete = 0;
   std::string m_strProxyUser;

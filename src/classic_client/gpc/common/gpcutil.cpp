@@ -13,7 +13,6 @@
 #include <memory>
 #include <mutex>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 #include <utility>
 
@@ -520,34 +519,6 @@ bool RemoveFile(const char* path) noexcept {
     if (isDir(path)) rmdir(path); else unlink(path);
     return !EntryExists(path);
   }
-}
-
-namespace {
-
-// `flags` AT_EMPTY_PATH reads the descriptor `dir` itself; AT_SYMLINK_NOFOLLOW the name.
-bool ReadIdentity(int dir, const char* path, int flags, FileIdentity* id) {
-  struct statx info;
-  if (statx(dir, path, flags, STATX_INO | STATX_CTIME | STATX_BTIME, &info) != 0) return false;
-  const struct statx_timestamp& born = (info.stx_mask & STATX_BTIME) != 0 ? info.stx_btime : info.stx_ctime;
-  id->device = makedev(info.stx_dev_major, info.stx_dev_minor);
-  id->inode = info.stx_ino;
-  id->bornSeconds = born.tv_sec;
-  id->bornNanoseconds = born.tv_nsec;
-  return true;
-}
-
-}  // namespace
-
-FileIdentity IdentityOfOpenFile(int fd) {
-  FileIdentity id;
-  if (!ReadIdentity(fd, "", AT_EMPTY_PATH, &id)) id = FileIdentity();
-  return id;
-}
-
-bool IsSameFile(const char* path, const FileIdentity& identity) {
-  FileIdentity now;
-  return path != nullptr && identity.inode != 0 && ReadIdentity(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, &now) &&
-         now == identity;
 }
 
 // ---- Folder listing ----

@@ -171,24 +171,6 @@ void DeleteFiles(const char* folder, const char* name, const char* extension);
 bool RemoveFile(const char* path) noexcept;
 inline bool RemoveFile(const std::string& path) noexcept { return RemoveFile(path.c_str()); }
 
-// Who a file is, so that a name taken over by another file is told from the file made there: the
-// device, the inode and the birth time, for inode numbers are reused at once (where the file system
-// keeps no birth time, the change time, which the last write or a chmod moves).
-struct FileIdentity {
-  dev_t device = 0;
-  ino_t inode = 0;
-  int64_t bornSeconds = 0;
-  uint32_t bornNanoseconds = 0;
-  bool operator==(const FileIdentity& other) const {
-    return device == other.device && inode == other.inode && bornSeconds == other.bornSeconds &&
-           bornNanoseconds == other.bornNanoseconds;
-  }
-};
-// The identity of the file open at `fd`; an empty one (inode 0) when it cannot be read.
-FileIdentity IdentityOfOpenFile(int fd);
-// True while `path` (not followed when a link) names the file `identity` was read from.
-bool IsSameFile(const char* path, const FileIdentity& identity);
-
 // ---- Folder listing ----
 
 struct FSDirectoryItem {
