@@ -268,8 +268,7 @@ TEST_F(NativeMessaging, ThePackageFetchedByTheHostReportsItsBytes) {
   EXPECT_NE(last.Str("url").find("%5B111%5D"), std::string::npos) << last.line;
   // A genuine package the browser brings passes every stage, and the extension's start is told.
   host_->Send(Embed("e2", site_.challenged, site_.challenged.Url("/client/")));  // http: the host checks certificates
-  ASSERT_TRUE(host_->WaitFor([](const JsonEvent& m) { return m.Str("id") == "e2" && m.Str("stage") == "running"; }, &last))
-      << Seen();
+  ASSERT_TRUE(host_->WaitFor("status", "e2", "running", &last)) << Seen();
   EXPECT_EQ(last.Int("result"), 0);
   const std::vector<std::string> stages = host_->Stages("e2");
   EXPECT_TRUE(std::find(stages.begin(), stages.end(), "unpacked") != stages.end()) << Seen();

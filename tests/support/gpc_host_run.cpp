@@ -1,7 +1,6 @@
 #include "gpc_host_run.h"
 
 #include <cstdlib>
-#include <csignal>
 #include <sstream>
 
 namespace gpchost {
@@ -64,16 +63,10 @@ std::vector<JsonEvent> ParseJsonLines(const std::string& text) {
   return out;
 }
 
-HostRun RunHost(const std::vector<std::string>& args, long fileSizeLimit) {
+HostRun RunHost(const std::vector<std::string>& args) {
   gpctest::TempFolder folder("gpchostrun");
-  // A write past the limit fails with EFBIG instead of killing the host (an ignored signal stays
-  // ignored across exec).
-  std::vector<std::string> command;
-  if (fileSizeLimit > 0) command = {"prlimit", "--fsize=" + std::to_string(fileSizeLimit)};
-  struct sigaction ignore {}, before {};
-  ignore.sa_handler = SIG_IGN;
-  sigaction(SIGXFSZ, &ignore, &before);
   // GPC_HOST_WRAPPER (words split at blanks) runs the host under a tool, valgrind say.
+  std::vector<std::string> command;
   std::istringstream wrapper(std::getenv("GPC_HOST_WRAPPER") ? std::getenv("GPC_HOST_WRAPPER") : "");
   for (std::string word; wrapper >> word;) command.push_back(word);
   command.push_back(std::string(GPC_BIN_DIR) + "/gpc-host");
@@ -83,7 +76,6 @@ HostRun RunHost(const std::vector<std::string>& args, long fileSizeLimit) {
   argv.push_back(nullptr);
   HostRun run;
   run.exit_code = gpctest::RunCommand(argv.data(), folder.path() + "/out", folder.path() + "/err");
-  sigaction(SIGXFSZ, &before, nullptr);
   run.events = ParseJsonLines(gpctest::ReadFile(folder.path() + "/out"));
   run.stderr_text = gpctest::ReadFile(folder.path() + "/err");
   return run;

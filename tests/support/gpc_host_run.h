@@ -28,9 +28,8 @@ struct HostRun {
   int Find(const std::string& name, const char* key, const std::string& part, int from = 0) const;
 };
 
-// Runs gpc-host (GPC_BIN_DIR/gpc-host) with `args`, waits for it and collects its output. With a
-// `fileSizeLimit`, every file the host writes stops there, as on a full disk.
-HostRun RunHost(const std::vector<std::string>& args, long fileSizeLimit = 0);
+// Runs gpc-host (GPC_BIN_DIR/gpc-host) with `args`, waits for it and collects its output.
+HostRun RunHost(const std::vector<std::string>& args);
 
 // Parses JSON lines (blank lines skipped).
 std::vector<JsonEvent> ParseJsonLines(const std::string& text);

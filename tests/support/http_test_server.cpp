@@ -9,7 +9,9 @@
 #include <iterator>
 #include <signal.h>
 #include <sstream>
+#include <linux/capability.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -104,6 +106,19 @@ int RunCommand(const char* const argv[], const std::string& logPath, const std::
   }
   if (pid <= 0) return -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool InChild(const std::function<bool()>& body, bool ordinaryUser) {
+  const pid_t child = fork();
+  if (child == 0) {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct caps[2] = {};
+    syscall(SYS_capget, &header, caps);
+    if (ordinaryUser) caps[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH) | (1u << CAP_FOWNER));
+    _exit(syscall(SYS_capset, &header, caps) == 0 && body() ? 0 : 1);
+  }
+  int status = 0;
+  return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 LoopbackServer::~LoopbackServer() {

@@ -2,6 +2,7 @@
 // (tests/support/loopback_server.py) they fetch from. No gtest here: the benchmarks compile this file too.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 #include <sys/types.h>
@@ -38,6 +39,9 @@ std::vector<std::string> PiecesInTmp(const std::string& content);
 // Runs argv[0] (searched in PATH) with its output to `logPath` (its errors to `errPath` when given)
 // and waits for it. Returns its exit code, 128 + the signal that ended it, or -1 when it could not run.
 int RunCommand(const char* const argv[], const std::string& logPath, const std::string& errPath = "");
+// Runs `body` in a forked child; true when it returned true. As an `ordinaryUser` the child, even
+// as root, must respect file modes as their owner does (no override of permissions or ownership).
+bool InChild(const std::function<bool()>& body, bool ordinaryUser = false);
 
 // The script in a folder of its own: the files put here over http and https (a certificate from a
 // test authority naming 127.0.0.1, localhost and the test domains), else the script's scripted

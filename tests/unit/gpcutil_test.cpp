@@ -7,8 +7,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <linux/capability.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -17,6 +15,7 @@
 #include <unistd.h>
 
 #include "common/gpcutil.h"
+#include "http_test_server.h"
 #include "platform/clock.h"
 #include "util_test_folder.h"
 
@@ -221,27 +220,24 @@ TEST(RemoveFile, PlainEntriesGoLinkTargetsStayUndeletableOnesAreMovedAsideOrRepo
   }
 }
 
-// A folder swapped for a link while it is being removed is not walked through: what the link leads
-// to stays, the link goes.
-// A folder moved away while the walk is inside it leaves the walk there: it never goes on in the folder
-// it now lies in, where names like the ones left to remove may be another's.
+// A folder swapped for a link just before the walk opens it is not walked through: what the link
+// leads to stays. A folder moved away while the walk is inside it ends the walk there: it never goes
+// on in the folder the moved one now lies in, where names like those left to remove are another's.
 TEST(RemoveFile, AFolderSwappedForALinkOrMovedMeanwhileIsNotFollowed) {
-  ScratchFolder dir, victim;
-  victim.Write("mine.txt");
-  dir.Lay("tree/s/f");
-  const std::string swapped = dir / "tree/s", moved = dir / "moved";
-  g_swap = {"s", swapped.c_str(), moved.c_str(), victim.path().c_str()};
-  EXPECT_TRUE(RemoveFile(dir / "tree"));
-  EXPECT_EQ(g_swap.name, nullptr) << "never swapped";
-  EXPECT_EQ(victim.Describe() + "|" + dir.Describe(), "mine.txt|moved/ moved/f");
-
-  ScratchFolder up;
-  up.Lay("a.txt tree/z/f tree/a.txt");  // "z" is walked into before "a.txt" is removed
-  const std::string inner = up / "tree/z", away = up / "z";
-  g_swap = {"..", inner.c_str(), away.c_str(), nullptr};
-  RemoveFile(up / "tree");
-  EXPECT_EQ(g_swap.name, nullptr) << "never moved";
-  EXPECT_EQ(up.Describe(), "a.txt z/");  // the tree goes in a second try
+  ScratchFolder victim;
+  victim.Write("a.txt");
+  const struct { const char *opened, *swapped; bool link; const char* left; } cases[] = {
+      {"z", "tree/z", true, "moved/ moved/f zz.txt"}, {"..", "tree/z", false, "moved/ zz.txt"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.opened);
+    ScratchFolder dir;
+    dir.Lay("zz.txt tree/z/f tree/zz.txt");  // "z" is walked into before "zz.txt" is removed
+    const std::string swapped = dir / c.swapped, moved = dir / "moved";
+    g_swap = {c.opened, swapped.c_str(), moved.c_str(), c.link ? victim.path().c_str() : nullptr};
+    RemoveFile(dir / "tree");
+    EXPECT_EQ(g_swap.name, nullptr) << "never swapped";
+    EXPECT_EQ(dir.Describe() + "|" + victim.Describe(), std::string(c.left) + "|a.txt");
+  }
 }
 
 // A tree deeper than the descriptors the process may hold goes whole.
@@ -249,28 +245,11 @@ TEST(RemoveFile, ATreeDeeperThanTheDescriptorLimitGoesWhole) {
   ScratchFolder dir;
   std::string deep = dir / "deep";
   for (int level = 0; level < 300; ++level, deep += "/d") ASSERT_EQ(mkdir(deep.c_str(), 0755), 0) << level;
-  rlimit before{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-  const rlimit few{64, before.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-  const bool removed = RemoveFile(dir / "deep");
-  setrlimit(RLIMIT_NOFILE, &before);
-  EXPECT_TRUE(removed);
+  EXPECT_TRUE(gpctest::InChild([&] {
+    const rlimit few{64, 64};
+    return setrlimit(RLIMIT_NOFILE, &few) == 0 && RemoveFile(dir / "deep");
+  }));
   EXPECT_EQ(dir.Describe(), "");
-}
-
-// Runs `body` in a child that, even as root, must respect file modes; true when it returned true.
-bool AsOrdinaryUser(const std::function<bool()>& body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct caps[2] = {};
-    syscall(SYS_capget, &header, caps);
-    caps[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH) | (1u << CAP_FOWNER));
-    _exit(syscall(SYS_capset, &header, caps) == 0 && body() ? 0 : 1);
-  }
-  int status = 0;
-  return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 // A bundle packed with folders its owner may not write or list is still removed whole.
@@ -280,12 +259,12 @@ TEST(RemoveFile, FoldersTheOwnerMayNotWriteAreOpenedUpAndRemoved) {
   chmod((dir / "ro.bundle/Contents/MacOS").c_str(), 0555);
   chmod((dir / "ro.bundle/Contents/Resources").c_str(), 0311);
   chmod((dir / "ro.bundle/Contents").c_str(), 0500);
-  EXPECT_TRUE(AsOrdinaryUser([&] { return RemoveFile(dir / "ro.bundle"); }));
+  EXPECT_TRUE(gpctest::InChild([&] { return RemoveFile(dir / "ro.bundle"); }, true));
   EXPECT_EQ(dir.Describe(), "");
   // Another user's folder that cannot be searched stays; everything around it goes.
   dir.Lay("tree/a/x tree/b.txt");
   ASSERT_TRUE(chmod((dir / "tree/a").c_str(), 0644) == 0 && chown((dir / "tree/a").c_str(), 65534, 65534) == 0);
-  EXPECT_TRUE(AsOrdinaryUser([&] { return RemoveFile(dir / "tree") || true; }));
+  EXPECT_TRUE(gpctest::InChild([&] { return RemoveFile(dir / "tree") || true; }, true));
   EXPECT_EQ(dir.Describe().find("b.txt"), std::string::npos) << dir.Describe();
 }
 

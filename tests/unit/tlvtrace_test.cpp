@@ -77,11 +77,7 @@ TEST_F(TraceFileTest, LoadWhileAnotherProcessWritesKeepsItsRecords) {
     EXPECT_EQ(tvttest::Records(path_), std::vector<std::string>{}) << "no other writer: a new file";
     EXPECT_EQ(TLVINFO("first"), TLVTRACE_WRITTEN);
     if (c.overwrite != nullptr) gpctest::WriteFile(path_, c.overwrite);
-    const pid_t child = fork();
-    if (child == 0) _exit(tlvtra_reopen_for_testing(path_.c_str()) && TLVINFO("second") == TLVTRACE_WRITTEN ? 0 : 1);
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(gpctest::InChild([&] { return tlvtra_reopen_for_testing(path_.c_str()) && TLVINFO("second") == TLVTRACE_WRITTEN; }));
     EXPECT_EQ(TLVINFO("third"), TLVTRACE_WRITTEN);
     EXPECT_EQ(tvttest::Records(path_), c.seen) << (c.overwrite ? c.overwrite : "kept");
   }

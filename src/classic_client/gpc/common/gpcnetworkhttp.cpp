@@ -313,11 +313,7 @@ bool GPCNetworkHttp::AppendFileChunk(const void* data, unsigned long size) {
   return WriteChunkAndClose(data, size);
 }
 
-bool GPCNetworkHttp::IsOwnFile(const char* path) const {
-  struct stat kept, named;
-  return path != nullptr && m_nKeptFile >= 0 && fstat(m_nKeptFile, &kept) == 0 && lstat(path, &named) == 0 &&
-         kept.st_dev == named.st_dev && kept.st_ino == named.st_ino;
-}
+bool GPCNetworkHttp::IsOwnFile(const char* path) const { return IsFileOpenAt(m_nKeptFile, path); }
 
 bool GPCNetworkHttp::WriteChunkAndClose(const void* data, unsigned long size) {
   const bool written = fwrite(data, 1, size, m_pFile) == size;

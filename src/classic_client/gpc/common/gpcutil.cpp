@@ -521,6 +521,12 @@ bool RemoveFile(const char* path) noexcept {
   }
 }
 
+bool IsFileOpenAt(int fd, const char* path) {
+  struct stat held, named;
+  return fd >= 0 && path != nullptr && fstat(fd, &held) == 0 && lstat(path, &named) == 0 &&
+         held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
 // ---- Folder listing ----
 
 FSListStatus FSGetDirectoryItems(const std::string& folder, std::vector<FSDirectoryItem>& items) {

@@ -3,7 +3,6 @@
 // browser stream of the instance's own access point. The first direct download that fails or
 // meets a credentials challenge switches the instance to the old mode for good.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -194,15 +193,10 @@ void CGpcWindow::CloseDownloadingStreamFile() {
 }
 
 // The requester may have moved the file away or removed it (unpacking does); whatever took its
-// name meanwhile is not ours. While the file is held open its inode cannot go to another file, so
-// the same device and inode at the name mean the same file.
+// name meanwhile is not ours.
 void CGpcWindow::DiscardDownloadingStreamFile() {
   CloseDownloadingStreamFile();
-  struct stat kept, named;
-  if (m_nStreamFileKept >= 0 && fstat(m_nStreamFileKept, &kept) == 0 && lstat(m_strStreamFilePath.c_str(), &named) == 0 &&
-      kept.st_dev == named.st_dev && kept.st_ino == named.st_ino) {
-    RemoveFile(m_strStreamFilePath);
-  }
+  if (IsFileOpenAt(m_nStreamFileKept, m_strStreamFilePath.c_str())) RemoveFile(m_strStreamFilePath);
   if (m_nStreamFileKept >= 0) close(m_nStreamFileKept);
   m_nStreamFileKept = -1;
   m_strStreamFilePath.clear();

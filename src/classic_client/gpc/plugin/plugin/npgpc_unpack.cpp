@@ -168,9 +168,13 @@ uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* ar
   RemoveGroupAndOtherWrite(produced);
   const mode_t arriving = OpenForMove(produced), leaving = OpenForMove(target);
   const bool replaced = MoveIntoPlace(produced, target, parent);
-  GiveModeBack(replaced ? target : produced, arriving);
-  if (!replaced) GiveModeBack(target, leaving);  // the old bundle goes with the staging folder otherwise
-  if (!replaced) MacErrorTrace("CGpcWindow::UnpackFile,cannot move %s into place: %s", produced.c_str(), strerror(errno));
+  if (replaced) {
+    GiveModeBack(target, arriving);  // the old bundle goes with the staging folder
+  } else {
+    MacErrorTrace("CGpcWindow::UnpackFile,cannot move %s into place: %s", produced.c_str(), strerror(errno));
+    GiveModeBack(produced, arriving);
+    GiveModeBack(target, leaving);
+  }
   RemoveFile(staging);  // what is left there: the old extension, or the new one that did not fit
   if (!replaced) return kUnpackNoSource;
   RemoveFile(archive);
