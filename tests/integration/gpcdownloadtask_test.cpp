@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -174,6 +175,7 @@ void Beat(GPCTimerProxy*, void* task) {
 
 // 17 seconds without data on the monotonic clock (the wall clock may jump meanwhile): a server that
 // never sent anything gets one restart, a stall after data fails at once; the partial file goes.
+// Of a gap the heartbeat did not watch (a main thread blocked, a machine asleep), 5 s count.
 TEST_F(DownloadTaskTest, StalledDownloadsFail) {
   for (const std::string path : {"/never", "/stall"}) {
     SCOPED_TRACE(path);
@@ -182,26 +184,37 @@ TEST_F(DownloadTaskTest, StalledDownloadsFail) {
     Notify notify;
     GPCDownloadTask task(server_.Url(path).c_str(), false, &notify);
     GPCTimerProxy heartbeat(0.05, &Beat, &task);
+    const auto watched = [&](int seconds) {  // a check at least every 4 seconds
+      for (; seconds > 0; seconds -= 4) {
+        clock.AdvanceSeconds(std::min(seconds, 4));
+        Beat(nullptr, &task);
+      }
+    };
     const int before = server_.RequestCount(path);
     ASSERT_EQ(task.Start(), 0u);
-    clock.AdvanceSeconds(16);  // before any data: a stall counts from the last data
+    watched(16);  // before any data: a stall counts from the last data
     ASSERT_TRUE(RunMainLoopUntil([&] { return server_.RequestCount(path) == before + 1; }));
     ASSERT_TRUE(restarts || RunMainLoopUntil([&] { return notify.received == 4096; }));
     const std::string partial = "/tmp/gpc_tmp_" + std::to_string(GPCNetworkHttp::GetTempFileCounter());
     EXPECT_TRUE(restarts || Exists(partial));
-    if (!restarts) clock.AdvanceSeconds(16);
+    if (!restarts) {
+      clock.AdvanceSeconds(30);  // of which 5 s count
+      Beat(nullptr, &task);
+      EXPECT_EQ(task.GetStatus(), kDownloading) << "30 s unwatched";
+      watched(11);
+    }
     for (const int64_t step : {-1, -3600, 86400}) {
       FakeClock wall(platform::SetWallClockOverride, platform::WallClockMicros());
       wall.AdvanceSeconds(step);
       RunMainLoopFor(150);
       EXPECT_EQ(task.GetStatus(), kDownloading) << "wall clock moved by " << step;
     }
-    clock.AdvanceSeconds(1);
+    watched(1);
     if (restarts) {
       ASSERT_TRUE(RunMainLoopUntil([&] { return task.GetCheckTimes() == 2; }));
       EXPECT_EQ(task.GetStatus(), kDownloading);
       ASSERT_TRUE(RunMainLoopUntil([&] { return server_.RequestCount(path) == before + 2; }));
-      clock.AdvanceSeconds(17);
+      watched(17);
     }
     ASSERT_TRUE(WaitForStatus(task, kDownloadFailed));
     RunMainLoopFor(100);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -16,10 +17,23 @@
 namespace {
 
 struct Requester {
+  bool deletesFile = false;  // as an extension that installs what it fetched, in a nested loop
+  int heldInside = -1;       // deleted downloads held open when that loop ended
   int completions = 0;
   unsigned progressBytes = 0;
   std::string content;  // of the file handed over with the last completion
 };
+
+// Descriptors of this process still open on download files that are deleted.
+int HeldDeletedDownloads() {
+  int held = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const std::string target = std::filesystem::read_symlink(entry.path(), error).string();
+    held += target.find("/gpc_tmp_") != std::string::npos && target.find(" (deleted)") != std::string::npos;
+  }
+  return held;
+}
 
 void Record(void*, void* context, GPCGetFileNotifyMessageType type, void* data) {
   auto* requester = static_cast<Requester*>(context);
@@ -28,8 +42,14 @@ void Record(void*, void* context, GPCGetFileNotifyMessageType type, void* data) 
   } else {
     ++requester->completions;
     if (data) requester->content = gpctest::ReadFile(static_cast<const char*>(data));
+    if (data && requester->deletesFile) {
+      unlink(static_cast<const char*>(data));
+      gpctest::RunMainLoopFor(150);
+      requester->heldInside = HeldDeletedDownloads();
+    }
   }
 }
+
 
 // An instance made through the module's table, past its extension check, asking for `urls`.
 void Create(const NPPluginFuncs& table, NPP instance, const std::vector<std::string>& urls,
@@ -87,6 +107,14 @@ TEST(WindowDownload, InstancesGoingAwayInTheMiddleOfDownloadsLeaveNothingBehind)
   for (const auto& entry : gpc::GPCTraceCatcher::sharedInstance()->allTraceInfo())
     caught = caught || gpc::traceContent(*entry) == "CGpcWindow::CheckDownloadingTasks,end handle stream[0]";
   EXPECT_TRUE(caught) << "the second instance's lines reach the process's trace";
+  EXPECT_EQ(gpctest::PiecesInTmp(second).size(), 1u);
+  // A file the extension deletes holds nothing open once it is gone: a page fetches for hours.
+  Requester installer;
+  installer.deletesFile = true;
+  static_cast<InstanceRecord*>(last.pdata)->gpcWindow->GetFileAtUrl(Record, &installer, server.HttpUrl("second").c_str());
+  ASSERT_TRUE(gpctest::RunMainLoopUntil([&] { return installer.completions > 0; }));
+  EXPECT_EQ(installer.heldInside, 1) << "no task goes while its completion runs";
+  EXPECT_TRUE(gpctest::RunMainLoopUntil([] { return HeldDeletedDownloads() == 0; }, 2000));
   EXPECT_EQ(gpctest::PiecesInTmp(second).size(), 1u);
   EXPECT_EQ(table.destroy(&last, nullptr), NPERR_NO_ERROR);
   EXPECT_TRUE(gpctest::PiecesInTmp(second).empty());

@@ -1,6 +1,8 @@
 // A fetched package inside one instance: checked against the page's digest and signature, unpacked by
 // the shipped library, and the user's or the shipped extension loaded and driven.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -20,6 +22,7 @@
 #include "common/hardening.h"
 #include "http_test_server.h"
 #include "platform/bundle.h"
+#include "platform/folder_lock.h"
 #include "platform/folders.h"
 #include "platform/system_version.h"
 #include "plugin/plugin/npgpcimp.h"
@@ -363,6 +366,63 @@ TEST_F(WindowExtensionTest, LoadsTheUserOrTheLocalExtension) {
     EXPECT_EQ(gpctest::LogCount("GpcSetWindow: window record"), 2);
     EXPECT_EQ(gpctest::LogCount("GpcExitInstance after 1 heartbeats and 1 events"), 1);
     EXPECT_EQ(gpctest::LogCount("GpcExitInstance"), 1);
+  }
+}
+
+// The user's processes take turns on the extension's folder: a load waits for another process's
+// install to end, an install for another process's load. A bundle another instance of this process
+// put in place before this one's load is not run: the version is checked again.
+TEST_F(WindowExtensionTest, InstallsAndLoadsTakeTurns) {
+  const std::string executable = UserBundle() + "/Contents/MacOS/zrgpcext64";
+  ASSERT_TRUE(Copy(Made().old + "/zrgpcext64.bundle", UserBundle()));
+  const int folder = open((UserBundle() + "/..").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  std::string seenWhileWaiting;
+  platform::SetFolderLockPauseForTesting([&] {  // the other process ends its part
+    seenWhileWaiting = InstalledVersion();
+    ASSERT_TRUE(Copy(kSampleBundle, UserBundle()));
+    flock(folder, LOCK_UN);
+  });
+  ASSERT_EQ(flock(folder, LOCK_EX), 0);  // an install half done
+  ASSERT_EQ(truncate(executable.c_str(), 4096), 0);
+  window->InitExtension();
+  EXPECT_TRUE(window->m_hExtBundle != nullptr && ShownMessages().empty());
+  window->ExitExtension();
+  ASSERT_TRUE(Copy(Made().old + "/zrgpcext64.bundle", UserBundle()));
+  seenWhileWaiting.clear();
+  ASSERT_EQ(flock(folder, LOCK_SH), 0);  // a load under way
+  NewWindow(Made().signer.PackageParameters(package));
+  Deliver(package.c_str());
+  EXPECT_EQ(seenWhileWaiting, "1.0.0.0");
+  int pauses = 0;  // a process that keeps the lock is gone on without after a while
+  platform::SetFolderLockPauseForTesting([&] { ++pauses; });
+  ASSERT_EQ(flock(folder, LOCK_EX), 0);
+  window->InitExtension();
+  EXPECT_TRUE(pauses > 0 && window->m_hExtBundle != nullptr);
+  platform::SetFolderLockPauseForTesting(nullptr);
+  close(folder);
+  // A package whose executable is a link into the bundle, as the loader follows it.
+  const std::string linked = env.dir() + "/linked.7z", source = env.dir() + "/source/zrgpcext64.bundle";
+  ASSERT_TRUE(Copy(kSampleBundle, source) &&
+              Shell("cd " + gpctest::ShellQuote(source) + "/Contents && mv MacOS/zrgpcext64 ext.so && " +
+                    "ln -s ../ext.so MacOS/zrgpcext64") &&
+              gpctest::PackExtension(source, kPackageVersion, env.dir(), linked));
+  const struct {
+    const char* name;
+    std::string package;
+    bool replaced;
+  } cases[] = {{"AsInstalled", Made().package, false}, {"Replaced", Made().package, true}, {"ALink", linked, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(Copy(c.package, package));
+    NewWindow(Made().signer.PackageParameters(package));
+    window->SetParameterVector("GpcExtVersion", kPackageVersion);
+    Deliver(package.c_str());
+    ASSERT_EQ(InstalledVersion(), kPackageVersion);
+    ASSERT_TRUE(!c.replaced || Copy(Made().old + "/zrgpcext64.bundle", UserBundle()));
+    window->InitExtension();
+    EXPECT_EQ(window->m_hExtBundle != nullptr, !c.replaced);
+    EXPECT_EQ(window->m_vectorFileItem.size(), c.replaced ? 1u : 0u) << "the package is fetched again";
+    EXPECT_TRUE(ShownMessages().empty());
   }
 }
 

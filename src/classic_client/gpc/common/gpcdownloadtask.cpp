@@ -1,5 +1,6 @@
 #include "common/gpcdownloadtask.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -34,6 +35,7 @@ GPCDownloadTask::~GPCDownloadTask() {
 
 unsigned GPCDownloadTask::Start() {
   m_nLastActivityTime = platform::MonotonicMicros();
+  m_nLastCheckTime = m_nLastActivityTime;
   m_totalPackage = 0;
   m_nStartTime = m_nLastActivityTime;
   ++m_checkTimes;
@@ -71,6 +73,10 @@ void GPCDownloadTask::ReleaseClient() {
 
 void GPCDownloadTask::CheckTask() {
   if (m_nStatus != kDownloading) return;
+  const int64_t now = platform::MonotonicMicros(), unwatched = now - m_nLastCheckTime;
+  m_nLastCheckTime = now;
+  const int64_t counted = static_cast<int64_t>(kUnwatchedSeconds) * 1000000;
+  if (unwatched > counted) m_nLastActivityTime = std::min(now, m_nLastActivityTime + unwatched - counted);
   if (!StalledFor(m_nLastActivityTime, kStallSeconds)) return;
   m_nLastActivityTime = platform::MonotonicMicros();
   Stop();
@@ -84,6 +90,10 @@ void GPCDownloadTask::CheckTask() {
   MacErrorTrace("CheckTask timeout, m_totalPackage = %d, m_checkTimes = %d,set task status to kDownloadFailed!",
                 m_totalPackage, m_checkTimes);
   m_nStatus = kDownloadFailed;
+}
+
+bool GPCDownloadTask::HoldsItsFile() const {
+  return m_nFileMode != 0 && m_pHttp != nullptr && m_pHttp->IsOwnFile(m_strLocalFile.c_str());
 }
 
 unsigned int GPCDownloadTask::GetDownloadedSize() const {

@@ -1,6 +1,8 @@
 // Downloads one URL into a temporary file with GPCNetworkHttp, reports progress and completion to
 // an IGPCDownloadNotify, and watches itself for stalls: a task that receives nothing for 17
 // seconds is stopped, started once more if it never received anything, and otherwise failed.
+// Of a gap between two checks, at most kUnwatchedSeconds count: a main thread blocked (or a
+// machine asleep) could not read the data meanwhile, and checks that come slowly still end a stall.
 #pragma once
 
 #include <cstdint>
@@ -34,6 +36,8 @@ class GPCDownloadTask : public INetworkHttpSink {
  public:
   // Seconds without any data after which CheckTask stops a running download.
   static constexpr uint32_t kStallSeconds = 17;
+  // Of a longer gap between two checks, only this much counts towards a stall.
+  static constexpr uint32_t kUnwatchedSeconds = 5;
 
   GPCDownloadTask(const char* url, bool block, IGPCDownloadNotify* notify);
   // Stops the request and removes the task's file (in file mode).
@@ -63,6 +67,9 @@ class GPCDownloadTask : public INetworkHttpSink {
   const std::string& GetURL() const { return m_strURL; }
   // The downloaded file once the status is kDownloadFinished, else empty.
   const std::string& GetLocalFile() const { return m_strLocalFile; }
+  // Whether a finished file-mode task's file is still at its name, so that the task's end will
+  // remove it; a task that has none to remove can go at once.
+  bool HoldsItsFile() const;
   // 1 (the default): the body goes straight to a temporary file; 0: collected in memory and
   // saved as "/tmp/gpc_tmp_<n>_<seconds>" at the end.
   void SetFileMode(int fileMode) { m_nFileMode = fileMode; }
@@ -84,6 +91,7 @@ class GPCDownloadTask : public INetworkHttpSink {
   int64_t m_nLastActivityTime = 0;  // monotonic microseconds of the last data or (re)start
   int m_totalPackage = 0;           // data events since the last Start
   int64_t m_nStartTime = 0;         // monotonic microseconds of the last Start
+  int64_t m_nLastCheckTime = 0;     // monotonic microseconds of the last Start or CheckTask
   int m_checkTimes = 0;              // Start calls so far
   std::shared_ptr<bool> m_pAlive;
 };

@@ -286,17 +286,17 @@ bool GPCNetworkHttp::WriteFirstFileChunk(const void* data, unsigned long size) {
   }
   free(m_pBody);
   m_pBody = static_cast<char*>(calloc(kPathSize, 1));
-  if (!m_pBody) {
-    // Without its path the file could never be handed over nor removed.
+  if (m_nKeptFile >= 0) close(m_nKeptFile);
+  m_nKeptFile = fcntl(fileno(m_pFile), F_DUPFD_CLOEXEC, 0);
+  if (!m_pBody || m_nKeptFile < 0) {
+    // Without its path, or held open to know it by, the file could never be handed over nor removed.
     fclose(m_pFile);
     m_pFile = nullptr;
     unlink(path);
-    MacErrorTrace("GPCNetworkHttp::OnNewStream,no memory for the path of file = %s", path);
+    MacErrorTrace("GPCNetworkHttp::OnNewStream,cannot keep file = %s: %s", path, m_pBody ? strerror(errno) : "no memory");
     return false;
   }
   memcpy(m_pBody, path, strlen(path) + 1);
-  if (m_nKeptFile >= 0) close(m_nKeptFile);
-  m_nKeptFile = fcntl(fileno(m_pFile), F_DUPFD_CLOEXEC, 0);
   return WriteChunkAndClose(data, size);
 }
 

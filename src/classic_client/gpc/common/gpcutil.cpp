@@ -521,9 +521,10 @@ bool RemoveFile(const char* path) noexcept {
   }
 }
 
-bool IsFileOpenAt(int fd, const char* path) {
+bool IsFileOpenAt(int fd, const char* path, bool followLink) {
   struct stat held, named;
-  return fd >= 0 && path != nullptr && fstat(fd, &held) == 0 && lstat(path, &named) == 0 &&
+  return fd >= 0 && path != nullptr && fstat(fd, &held) == 0 &&
+         (followLink ? stat(path, &named) : lstat(path, &named)) == 0 &&
          held.st_dev == named.st_dev && held.st_ino == named.st_ino;
 }
 

@@ -171,9 +171,9 @@ void DeleteFiles(const char* folder, const char* name, const char* extension);
 bool RemoveFile(const char* path) noexcept;
 inline bool RemoveFile(const std::string& path) noexcept { return RemoveFile(path.c_str()); }
 
-// True while `path` (a link not followed) names the file open at `fd`. A file held open keeps its
-// inode, so no file made at the name since can have the same device and inode.
-bool IsFileOpenAt(int fd, const char* path);
+// True while `path` (a link followed only with `followLink`) names the file open at `fd`. A file held
+// open keeps its inode, so no file made at the name since can have the same device and inode.
+bool IsFileOpenAt(int fd, const char* path, bool followLink = false);
 
 // ---- Folder listing ----
 

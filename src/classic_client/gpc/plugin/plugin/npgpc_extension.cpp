@@ -55,9 +55,19 @@ bool FreeLibrary(void* bundle) {
 
 void CGpcWindow::InitExtension() {
   MacInfoTrace("CGpcWindow::InitExtension,Begin");
-  m_extMgr.RecordTimeStamp(tmr_gpc_load_extension);
-  const std::string path = ChooseExtensionBundle(m_extMgr);
-  m_hExtBundle = LoadLibrary(path.c_str());
+  std::string path;
+  {
+    const platform::FolderLock lock = m_extMgr.LockExtensionFolder(platform::FolderLock::kShared);
+    if (m_extMgr.InstalledBundleWasReplaced()) {
+      // Loaded now, this instance would run the version another instance asked for.
+      MacInfoTrace("CGpcWindow::InitExtension,the installed extension was replaced, check it again");
+      m_extMgr.CheckExtension();
+      return;
+    }
+    m_extMgr.RecordTimeStamp(tmr_gpc_load_extension);
+    path = ChooseExtensionBundle(m_extMgr);
+    m_hExtBundle = LoadLibrary(path.c_str());
+  }
   if (m_hExtBundle != nullptr) {
     MacInfoTrace("CGpcWindow::InitExtension,load GPC extension:%s success!", path.c_str());
     Resolve(m_hExtBundle, GPC_ENTRY_INIT_INSTANCE, &m_pfnGpcInitInstance);

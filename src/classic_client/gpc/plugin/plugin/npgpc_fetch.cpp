@@ -51,6 +51,7 @@ bool CGpcWindow::GetFileAtUrl(GpcGetFileNotifyProc callback, void* context, cons
 }
 
 void CGpcWindow::CheckFileDownloading() {
+  ForgetDownloadsWithoutFiles();
   if (m_vectorFileItem.empty()) return;
   if (m_nFetchReady == 0) {
     RequestHeadThroughBrowser();
@@ -67,6 +68,22 @@ void CGpcWindow::CheckFileDownloading() {
     if (slot.task != nullptr && slot.task->GetStatus() == kDownloading) slot.task->CheckTask();
   }
   StartDirectDownloads();
+}
+
+// A finished download lives on with its file until the instance goes, holding the file open to know
+// it by (one descriptor each). Once the extension has installed, moved or deleted the file, nothing
+// is left for it to remove, and it goes. Not from a heartbeat inside a task's completion (the
+// extension's callback may run a loop): that task's own code is still under way.
+void CGpcWindow::ForgetDownloadsWithoutFiles() {
+  if (m_nCompletionDepth > 0) return;
+  for (auto it = m_vectorDownloadTask.begin(); it != m_vectorDownloadTask.end();) {
+    if ((*it)->HoldsItsFile()) {
+      ++it;
+      continue;
+    }
+    delete *it;
+    it = m_vectorDownloadTask.erase(it);
+  }
 }
 
 void CGpcWindow::RequestHeadThroughBrowser() {
@@ -222,7 +239,9 @@ void CGpcWindow::OnDataReceived(unsigned size, void* item) {
 
 void CGpcWindow::OnDownloadCompleate() {
   const InUse inUse(this);
+  ++m_nCompletionDepth;
   CheckDownloadingTasks();
+  --m_nCompletionDepth;
 }
 
 void CGpcWindow::CheckDownloadingTasks() {

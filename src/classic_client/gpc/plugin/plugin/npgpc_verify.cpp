@@ -1,10 +1,14 @@
 // The check of a fetched extension package before it replaces the installed extension, and its
 // installation. The decision itself is CheckPackage (packagecheck.h); here it is logged, shown to
 // the user on a refusal, and acted on.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <string>
 
 #include "common/gpctimereporter.h"
 #include "common/packagecheck.h"
+#include "platform/dynamic_library.h"
 #include "platform/system_version.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "common/trace.h"
@@ -90,7 +94,14 @@ void CGpcExtMgr::GpcGetFileNotify(void* instance, void* context, GPCGetFileNotif
 void CGpcExtMgr::InstallPackage(const char* path) {
   const std::string target = GetExtensionPath(false);
   MacInfoTrace("CGpcExtMgr::GpcGetFileNotify,Unpack extension from %s to %s", path, target.c_str());
-  const uint32_t result = m_pWindow->UnpackFile(path, target.c_str(), 0);
+  uint32_t result = 0;
+  {
+    const platform::FolderLock lock = LockExtensionFolder(platform::FolderLock::kExclusive);
+    result = m_pWindow->UnpackFile(path, target.c_str(), 0);
+    if (m_installedExecutable >= 0) close(m_installedExecutable);
+    m_installedExecutable =
+        result == 0 ? open(platform::BundleExecutablePath(target).c_str(), O_RDONLY | O_CLOEXEC) : -1;
+  }
   RecordTimeStamp(tmr_gpc_finish_update_extension);
   if (result == 0) {
     MacInfoTrace("CGpcExtMgr::GpcGetFileNotify,Load extension : %s", target.c_str());

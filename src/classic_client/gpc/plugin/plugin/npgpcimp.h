@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/folder_lock.h"
 #include "common/gpcdownloadtask.h"      // IGPCDownloadNotify, GPCDownloadTask
 #include "plugin/plugin/npapi.h"
 #include "plugin/plugin/npapiimp.h"  // CGpcProvider, the services; through it gpc/gpc_extension.h:
@@ -87,6 +88,13 @@ class CGpcExtMgr {
   // Unpacks a verified package over the user extension and asks the next heartbeat to load it.
   void InstallPackage(const char* path);
 
+  // Locks the user extension's folder against the installs and loads of other processes (browsers,
+  // gpc-host): an install takes it alone, a load shares it, so no load meets an install half done.
+  platform::FolderLock LockExtensionFolder(platform::FolderLock::Kind kind);
+  // Whether the bundle this instance installed last is no longer at its path: another instance
+  // of this process may have installed its own version there before this one's load. Asked once.
+  bool InstalledBundleWasReplaced();
+
   CGpcWindow* m_pWindow;  // not owned
 
   // Records a milestone when the page names both a product version and a meeting.
@@ -94,6 +102,9 @@ class CGpcExtMgr {
 
  private:
   const char* GivenExtensionName();
+  // The executable of the bundle installed last, held open until the load so that no other file
+  // can take its inode; -1 when none waits to be loaded.
+  int m_installedExecutable = -1;
 };
 
 // How many direct downloads the instance runs at once.
@@ -170,6 +181,8 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   // File fetching.
   bool GetFileAtUrl(GpcGetFileNotifyProc callback, void* context, const char* url);
   void CheckFileDownloading();
+  // Frees the finished downloads whose file is gone; from a heartbeat inside no completion.
+  void ForgetDownloadsWithoutFiles();
   bool OpenDownloadingStreamFile();
   void AppendToDownloadingStreamFile(unsigned char* data, unsigned len);
   void FinishDownloadingStreamFile(bool success);
@@ -238,6 +251,7 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   void* m_h7zLib = nullptr;
   GpcDecompressFile7zProc m_pfnDecompressFile7z = nullptr;
   int32_t m_nInUse = 0;
+  int32_t m_nCompletionDepth = 0;  // direct-download completions under way
   bool m_bDestroyPending = false;  // the browser destroyed the instance while it was in use
 
  private:
