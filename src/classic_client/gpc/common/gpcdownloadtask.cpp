@@ -78,7 +78,7 @@ void GPCDownloadTask::CheckTask() {
   const int64_t counted = static_cast<int64_t>(kUnwatchedSeconds) * 1000000;
   if (unwatched > counted) m_nLastActivityTime = std::min(now, m_nLastActivityTime + unwatched - counted);
   if (!StalledFor(m_nLastActivityTime, kStallSeconds)) return;
-  m_nLastActivityTime = platform::MonotonicMicros();
+  m_nLastActivityTime = now;
   Stop();
   MacErrorTrace("CheckTask timeout, set it to failded, m_totalPackage = %d, url = %s", m_totalPackage,
                 m_strURL.c_str());

@@ -81,7 +81,6 @@ GPCNetworkHttp::~GPCNetworkHttp() {
     fclose(m_pFile);
     m_pFile = nullptr;
   }
-  if (m_nKeptFile >= 0) close(m_nKeptFile);
 }
 
 int GPCNetworkHttp::GetTempFileCounter() { return static_cast<int>(g_downloadFileNames.Last()); }
@@ -286,9 +285,8 @@ bool GPCNetworkHttp::WriteFirstFileChunk(const void* data, unsigned long size) {
   }
   free(m_pBody);
   m_pBody = static_cast<char*>(calloc(kPathSize, 1));
-  if (m_nKeptFile >= 0) close(m_nKeptFile);
-  m_nKeptFile = fcntl(fileno(m_pFile), F_DUPFD_CLOEXEC, 0);
-  if (!m_pBody || m_nKeptFile < 0) {
+  m_nKeptFile.Reset(fcntl(fileno(m_pFile), F_DUPFD_CLOEXEC, 0));
+  if (!m_pBody || m_nKeptFile.get() < 0) {
     // Without its path, or held open to know it by, the file could never be handed over nor removed.
     fclose(m_pFile);
     m_pFile = nullptr;
@@ -313,7 +311,7 @@ bool GPCNetworkHttp::AppendFileChunk(const void* data, unsigned long size) {
   return WriteChunkAndClose(data, size);
 }
 
-bool GPCNetworkHttp::IsOwnFile(const char* path) const { return IsFileOpenAt(m_nKeptFile, path); }
+bool GPCNetworkHttp::IsOwnFile(const char* path) const { return IsFileOpenAt(m_nKeptFile.get(), path); }
 
 bool GPCNetworkHttp::WriteChunkAndClose(const void* data, unsigned long size) {
   const bool written = fwrite(data, 1, size, m_pFile) == size;

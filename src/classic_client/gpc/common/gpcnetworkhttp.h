@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "common/gpcutil.h"
 #include "common/net/curl_transfer.h"
 
 class GPCTimerProxy;
@@ -107,7 +108,7 @@ class GPCNetworkHttp : private gpcnet::ITransferListener {
   FILE* m_pFile = nullptr;
   // The file made for the body, held open so that its inode cannot pass to another file: a file at
   // its name with its device and inode is ours.
-  int m_nKeptFile = -1;
+  Descriptor m_nKeptFile;
   std::string m_strFileName;
   int m_nSelfDelete = 0;
   std::string m_strProxyUser;

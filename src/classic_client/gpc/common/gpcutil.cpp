@@ -70,25 +70,6 @@ bool IsLibraryPath(const std::string& path) {
           path.compare(path.size() - kSharedObject.size(), kSharedObject.size(), kSharedObject) == 0);
 }
 
-// A descriptor of our own, closed when it is replaced or goes out of scope (memory may run out
-// while one is open: RemoveFile carries on after that).
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : m_fd(fd) {}
-  ~Descriptor() { Reset(-1); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return m_fd; }
-  int Release() { return std::exchange(m_fd, -1); }
-  void Reset(int fd) {
-    if (m_fd >= 0) close(m_fd);
-    m_fd = fd;
-  }
-
- private:
-  int m_fd;
-};
-
 // The names in the folder open at `fd`, "." and ".." left out, from last to first (the walk takes
 // them from the back: in order).
 bool ListFolder(int fd, std::vector<std::string>* names) {

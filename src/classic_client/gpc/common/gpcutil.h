@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "common/trace.h"
@@ -170,6 +172,24 @@ void DeleteFiles(const char* folder, const char* name, const char* extension);
 // Never throws, so that destructors may call it.
 bool RemoveFile(const char* path) noexcept;
 inline bool RemoveFile(const std::string& path) noexcept { return RemoveFile(path.c_str()); }
+
+// A descriptor of our own, closed when it is replaced or goes out of scope; -1 holds none.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd = -1) : m_fd(fd) {}
+  ~Descriptor() { Reset(-1); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return m_fd; }
+  int Release() { return std::exchange(m_fd, -1); }
+  void Reset(int fd) {
+    if (m_fd >= 0) close(m_fd);
+    m_fd = fd;
+  }
+
+ private:
+  int m_fd;
+};
 
 // True while `path` (a link followed only with `followLink`) names the file open at `fd`. A file held
 // open keeps its inode, so no file made at the name since can have the same device and inode.

@@ -11,13 +11,12 @@ class FolderLock {
  public:
   enum Kind { kShared, kExclusive };
   // Waits up to kFolderLockWaitMillis for the lock. A folder that does not exist, or a lock not
-  // had in time (a process stopped while it held it), leaves held() false: the caller goes on
+  // had in time (a process stopped while it held it), leaves it not held: the caller goes on
   // without it, as it would on a file system without locks.
   FolderLock(const std::string& folder, Kind kind);
   ~FolderLock();
   FolderLock(FolderLock&& other) noexcept;
   FolderLock& operator=(const FolderLock&) = delete;
-  bool held() const { return m_held; }
   // Whether another process held the lock all the time it was waited for.
   bool timedOut() const { return m_fd >= 0 && !m_held; }
 

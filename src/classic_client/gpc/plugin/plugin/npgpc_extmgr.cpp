@@ -1,7 +1,5 @@
 // The extension manager: where the extension lives, what it is called, where its package comes
 // from, and the update decision: load what is installed, or fetch the package.
-#include <unistd.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -42,10 +40,7 @@ CGpcExtMgr::CGpcExtMgr(CGpcWindow* window) : m_pWindow(window) {
   MacInfoTrace("CGpcExtMgr::CGpcExtMgr");
 }
 
-CGpcExtMgr::~CGpcExtMgr() {
-  MacInfoTrace("CGpcExtMgr::~CGpcExtMgr");
-  if (m_installedExecutable >= 0) close(m_installedExecutable);
-}
+CGpcExtMgr::~CGpcExtMgr() { MacInfoTrace("CGpcExtMgr::~CGpcExtMgr"); }
 
 void CGpcExtMgr::Init() {
   MacInfoTrace("CGpcExtMgr::Init");
@@ -123,8 +118,7 @@ void CGpcExtMgr::RecordTimeStamp(const char* key) {
 }
 
 platform::FolderLock CGpcExtMgr::LockExtensionFolder(platform::FolderLock::Kind kind) {
-  std::string folder = GetExtensionPath(false);
-  folder.erase(folder.rfind('/') == std::string::npos ? 0 : folder.rfind('/'));
+  const std::string folder = GetExtensionDir(false);
   if (kind == platform::FolderLock::kExclusive) platform::MakeFolders(folder, 0755);
   platform::FolderLock lock(folder, kind);
   if (lock.timedOut()) MacWarnTrace("CGpcExtMgr::LockExtensionFolder,%s stays locked, going on without", folder.c_str());
@@ -132,13 +126,11 @@ platform::FolderLock CGpcExtMgr::LockExtensionFolder(platform::FolderLock::Kind 
 }
 
 bool CGpcExtMgr::InstalledBundleWasReplaced() {
-  if (m_installedExecutable < 0) return false;
+  const Descriptor installed(m_installedExecutable.Release());
+  if (installed.get() < 0) return false;
   const std::string executable = platform::BundleExecutablePath(GetExtensionPath(false));
   // Followed as the loader follows it: an executable may be a link into the bundle.
-  const bool replaced = !IsFileOpenAt(m_installedExecutable, executable.c_str(), true);
-  close(m_installedExecutable);
-  m_installedExecutable = -1;
-  return replaced;
+  return !IsFileOpenAt(installed.get(), executable.c_str(), true);
 }
 
 void CGpcExtMgr::LoadExtension() { m_pWindow->m_bNeedInitExtension = true; }

@@ -204,7 +204,7 @@ void CGpcWindow::FinishDownloadingStreamFile(bool success) {
 
 void CGpcWindow::CloseDownloadingStreamFile() {
   if (m_pStreamFile == nullptr) return;
-  if (m_nStreamFileKept < 0) m_nStreamFileKept = fcntl(fileno(m_pStreamFile), F_DUPFD_CLOEXEC, 0);
+  if (m_nStreamFileKept.get() < 0) m_nStreamFileKept.Reset(fcntl(fileno(m_pStreamFile), F_DUPFD_CLOEXEC, 0));
   fclose(m_pStreamFile);
   m_pStreamFile = nullptr;
 }
@@ -213,9 +213,8 @@ void CGpcWindow::CloseDownloadingStreamFile() {
 // name meanwhile is not ours.
 void CGpcWindow::DiscardDownloadingStreamFile() {
   CloseDownloadingStreamFile();
-  if (IsFileOpenAt(m_nStreamFileKept, m_strStreamFilePath.c_str())) RemoveFile(m_strStreamFilePath);
-  if (m_nStreamFileKept >= 0) close(m_nStreamFileKept);
-  m_nStreamFileKept = -1;
+  if (IsFileOpenAt(m_nStreamFileKept.get(), m_strStreamFilePath.c_str())) RemoveFile(m_strStreamFilePath);
+  m_nStreamFileKept.Reset(-1);
   m_strStreamFilePath.clear();
 }
 

@@ -2,7 +2,6 @@
 // installation. The decision itself is CheckPackage (packagecheck.h); here it is logged, shown to
 // the user on a refusal, and acted on.
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -98,9 +97,8 @@ void CGpcExtMgr::InstallPackage(const char* path) {
   {
     const platform::FolderLock lock = LockExtensionFolder(platform::FolderLock::kExclusive);
     result = m_pWindow->UnpackFile(path, target.c_str(), 0);
-    if (m_installedExecutable >= 0) close(m_installedExecutable);
-    m_installedExecutable =
-        result == 0 ? open(platform::BundleExecutablePath(target).c_str(), O_RDONLY | O_CLOEXEC) : -1;
+    const std::string executable = platform::BundleExecutablePath(target);
+    m_installedExecutable.Reset(result == 0 ? open(executable.c_str(), O_RDONLY | O_CLOEXEC) : -1);
   }
   RecordTimeStamp(tmr_gpc_finish_update_extension);
   if (result == 0) {

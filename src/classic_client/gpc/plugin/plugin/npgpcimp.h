@@ -104,7 +104,7 @@ class CGpcExtMgr {
   const char* GivenExtensionName();
   // The executable of the bundle installed last, held open until the load so that no other file
   // can take its inode; -1 when none waits to be loaded.
-  int m_installedExecutable = -1;
+  Descriptor m_installedExecutable;
 };
 
 // How many direct downloads the instance runs at once.
@@ -235,7 +235,7 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   std::vector<CItem*> m_vectorParam;
   std::string m_strStreamFilePath;
   FILE* m_pStreamFile = nullptr;
-  int m_nStreamFileKept = -1;  // the closed file, held open until it is removed: only that file is ours
+  Descriptor m_nStreamFileKept;  // the closed file, held open until it is removed: only that file is ours
   int32_t m_bExtMgrStarted = 0;
   int32_t m_bHalted = 1;
   int32_t m_nTimerDepth = 0;
