@@ -156,16 +156,22 @@ elseif(GPC_INSTALL_STEP STREQUAL "end")
       list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${_gpc_link}")
     endif()
   endif()
-  # The wrapper and the manifests are written here, so they name the prefix of this install.
+  # The wrapper and the manifests are written here, so they name the prefix of this install. The
+  # wrapper runs the installed module, not the one of the build it came from; a prefix may hold any
+  # character, so its names are quoted for the shell, and for JSON in the manifests.
   set(_gpc_wrapper "$ENV{DESTDIR}${_gpc_native_host}")
   message(STATUS "Installing: ${_gpc_wrapper}")
+  string(REPLACE "'" "'\\''" _gpc_sh_host "${_gpc_prefix}/bin/gpc-host")
+  string(REPLACE "'" "'\\''" _gpc_sh_module "${_gpc_module}")
   file(WRITE "${_gpc_wrapper}"
     "#!/bin/sh\n# Started by a browser for its bridge extension; the browser's arguments are not gpc-host's.\n"
-    "exec \"${_gpc_prefix}/bin/gpc-host\" --native-messaging\n")
+    "exec '${_gpc_sh_host}' --native-messaging --plugin '${_gpc_sh_module}'\n")
   file(CHMOD "${_gpc_wrapper}" FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
        GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
   list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${_gpc_wrapper}")
-  set(_gpc_common "\"name\": \"${_gpc_host_name}\", \"description\": \"Talvo GPC plug-in host\", \"type\": \"stdio\",\n  \"path\": \"${_gpc_native_host}\"")
+  string(REPLACE "\\" "\\\\" _gpc_json_host "${_gpc_native_host}")
+  string(REPLACE "\"" "\\\"" _gpc_json_host "${_gpc_json_host}")
+  set(_gpc_common "\"name\": \"${_gpc_host_name}\", \"description\": \"Talvo GPC plug-in host\", \"type\": \"stdio\",\n  \"path\": \"${_gpc_json_host}\"")
   set(_gpc_chromium_allowed "\"allowed_origins\": [\"@GPC_BRIDGE_CHROMIUM_ORIGIN@\"]")
   set(_gpc_firefox_allowed "\"allowed_extensions\": [\"@GPC_BRIDGE_FIREFOX_ID@\"]")
   foreach(_gpc_browser chromium firefox)
@@ -177,11 +183,11 @@ elseif(GPC_INSTALL_STEP STREQUAL "end")
     endforeach()
   endforeach()
 
-  file(WRITE "@GPC_INSTALL_RECORD@"
+  file(WRITE "@GPC_INSTALL_RECORD@"  # names taken as they are, whatever their characters
     "# What the last `cmake --install` of this build made besides its manifest's files.\n"
-    "set(GPC_CREATED_FOLDERS \"${GPC_PENDING_FOLDERS}\")\n"
-    "set(GPC_INSTALLED_LINK \"${_gpc_link}\")\n"
-    "set(GPC_INSTALLED_LINK_TARGET \"${_gpc_link_target}\")\n")
+    "set(GPC_CREATED_FOLDERS [==[${GPC_PENDING_FOLDERS}]==])\n"
+    "set(GPC_INSTALLED_LINK [==[${_gpc_link}]==])\n"
+    "set(GPC_INSTALLED_LINK_TARGET [==[${_gpc_link_target}]==])\n")
 endif()
 ]=])
 

@@ -3,10 +3,14 @@
 // bad input to `pack` refused without leaving anything behind and other spellings of good input taken.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -289,6 +293,49 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
 }
 
 }  // namespace
+
+// The signals handled and ignored by the process `pid`, from its status.
+std::pair<unsigned long, unsigned long> CaughtAndIgnored(pid_t pid) {
+  std::istringstream status(gpctest::ReadFile("/proc/" + std::to_string(pid) + "/status"));
+  unsigned long caught = 0, ignored = 0;
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("SigCgt:", 0) == 0) caught = std::stoul(line.substr(7), nullptr, 16);
+    if (line.rfind("SigIgn:", 0) == 0) ignored = std::stoul(line.substr(7), nullptr, 16);
+  }
+  return {caught, ignored};
+}
+
+// Stopped while it packs, gpc-pack removes its unfinished package; a signal its caller has it
+// ignore (nohup) stays ignored.
+TEST(GpcPack, AStoppedPackLeavesNothingAndAnIgnoredSignalStaysIgnored) {
+  const gpctest::PackageSigner& signer = Shared().signer;
+  const std::string work = Shared().folder.path() + "/stopped", bundle = work + "/zrgpcext64.bundle";
+  ASSERT_EQ(Sh("mkdir -p " + ShellQuote(work) + "/out && cp -a " + ShellQuote(kSampleBundle) + " " + ShellQuote(bundle) +
+               " && truncate -s 1G " + ShellQuote(bundle) + "/Contents/large && echo ok"), "ok\n");
+  const std::vector<std::string> args = {GPC_BIN_DIR "/gpc-pack", "pack", "--key", signer.Path("vendor.key"), "--cert",
+                                         signer.Path("vendor.pem"), "--chain", signer.Path("root.pem"), "--out",
+                                         work + "/out", bundle};
+  std::vector<char*> argv;
+  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  const pid_t pack = fork();
+  if (pack == 0) {
+    signal(SIGHUP, SIG_IGN);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  const unsigned long term = 1ul << (SIGTERM - 1), hup = 1ul << (SIGHUP - 1);
+  auto signals = CaughtAndIgnored(pack);
+  for (int polls = 0; polls < 1000 && (signals.first & term) == 0; ++polls, usleep(5000)) signals = CaughtAndIgnored(pack);
+  EXPECT_EQ(signals.first & (term | hup), term) << "the package is under way";
+  EXPECT_EQ(signals.second & hup, hup);
+  kill(pack, SIGTERM);
+  int status = 0;
+  ASSERT_EQ(waitpid(pack, &status, 0), pack);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+  EXPECT_EQ(Sh("ls -A " + ShellQuote(work) + "/out"), "");
+  Sh("rm -rf " + ShellQuote(work));
+}
 
 // A hardened gpc-pack trusts only the anchors a plug-in bundle ships, as the hardened plug-in does:
 // it refuses to start without such a bundle, refuses a signer whose root is not among them, and

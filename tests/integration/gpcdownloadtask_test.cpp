@@ -1,6 +1,8 @@
 // Download tasks against the loopback server: their files, their failures and the stall watchdog.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +30,18 @@ using gpctest::RunMainLoopUntil;
 bool Exists(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0;
+}
+
+// Connections of this process (the server runs in another) that a program it starts would keep.
+int InheritableConnections() {
+  int count = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    int domain = 0;
+    socklen_t size = sizeof domain;
+    count += getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && (domain == AF_INET || domain == AF_INET6) &&
+             (fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0;
+  }
+  return count;
 }
 
 struct Notify : IGPCDownloadNotify {
@@ -197,6 +211,7 @@ TEST_F(DownloadTaskTest, StalledDownloadsFail) {
     ASSERT_TRUE(restarts || RunMainLoopUntil([&] { return notify.received == 4096; }));
     const std::string partial = "/tmp/gpc_tmp_" + std::to_string(GPCNetworkHttp::GetTempFileCounter());
     EXPECT_TRUE(restarts || Exists(partial));
+    EXPECT_EQ(InheritableConnections(), 0);
     if (!restarts) {
       clock.AdvanceSeconds(30);  // of which 5 s count
       Beat(nullptr, &task);

@@ -22,6 +22,12 @@ std::string Listing(const std::string& root) {
                      "\\) -o -printf '%p %y %m %l\\n' | LC_ALL=C sort");
 }
 
+// `text` as a JSON string holds it.
+std::string Json(std::string text) {
+  for (size_t at = 0; (at = text.find_first_of("\\\"", at)) != std::string::npos; at += 2) text.insert(at, "\\");
+  return text;
+}
+
 // The install's records in the build folder are put back as they were, so that the developer's own
 // install of this build can still be uninstalled.
 struct BuildRecordsKept {
@@ -49,9 +55,11 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     gpctest::TempFolder temp("install"), dataHome("installdata");
-    const std::string root = temp.path(), prefix = root + "/prefix", home = root + "/home";
+    // Names the shell and JSON would take for their own, and as a shell must not expand.
+    const std::string root = temp.path() + "/it's \"$HOME\"", prefix = root + "/prefix", home = root + "/home";
     BuildRecordsKept records;
-    ASSERT_EQ(ShellOutput("cd " + ShellQuote(root) + " && mkdir home && " + c.ownFiles + " && echo ok"), "ok\n");
+    ASSERT_EQ(ShellOutput("mkdir " + ShellQuote(root) + " && cd " + ShellQuote(root) + " && mkdir home && " + c.ownFiles +
+                          " && echo ok"), "ok\n");
     const std::string before = Listing(root);
     ScopedEnv homeEnv("HOME", home);
     ScopedEnv data("XDG_DATA_HOME", dataHome.path());
@@ -88,20 +96,22 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
                                                  "home/.config/google-chrome/NativeMessagingHosts", "home/.mozilla/native-messaging-hosts"};
     for (const std::string& folder : folders) {
       const std::string manifest = gpctest::ReadFile(root + "/" + folder + "/com.vantrel.talvo.gpc.json");
-      EXPECT_NE(manifest.find("\"path\": \"" + wrapper + "\""), std::string::npos) << folder << ": " << manifest;
+      EXPECT_NE(manifest.find("\"path\": \"" + Json(wrapper) + "\""), std::string::npos) << folder << ": " << manifest;
       EXPECT_NE(manifest.find(folder.find("mozilla") == std::string::npos
                                   ? chromium : "\"allowed_extensions\": [\"gpc-bridge@talvo.example\"]"),
                 std::string::npos) << folder << ": " << manifest;
     }
     EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + "/share/talvo-gpc && cat extension/manifest.json extension/background.js "
                           "extension/content.js >/dev/null && head -c 2 talvo-gpc-bridge.zip"), "PK");
-    // The wrapper runs gpc-host as a native-messaging host whatever arguments the browser adds: one
-    // message of an unknown type, then the end of input, is answered with an error and exit 0.
+    // The wrapper runs gpc-host with the installed module as a native-messaging host whatever
+    // arguments the browser adds: one message of an unknown type, then the end of input, is answered
+    // with an error and exit 0.
     bool ok = false;
     const std::string answer = ShellOutput("printf '\\031\\000\\000\\000{\"type\":\"hello\",\"id\":\"x\"}' | " + ShellQuote(wrapper) +
-                                           " chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/", &ok);
+                                           " chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/ 2>&1", &ok);
     EXPECT_TRUE(ok);
     EXPECT_NE(answer.find("unknown message type"), std::string::npos) << answer;
+    EXPECT_NE(answer.find("\"plugin\":\"" + Json(bundle) + "/Contents/MacOS/libnpgpc.so\",\"ok\":true"), std::string::npos) << answer;
 
     // Loaded through the link, the module finds its bundle: the page's language (9, German) comes from
     // the bundle's message tables.

@@ -118,8 +118,7 @@ class NativeHost {
   // With its input closed, the exit code once the process has ended within ten seconds (else -1), and
   // whether the processes it started (its trace follower) have ended too.
   int CloseAndWait(bool* childrenGone = nullptr) {
-    std::istringstream list(gpctest::ReadFile("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) + "/children"));
-    const std::vector<pid_t> children{std::istream_iterator<pid_t>(list), std::istream_iterator<pid_t>()};
+    const std::vector<pid_t> children = Children();
     CloseInput();
     for (int polls = 0, status = 0; pid_ > 0 && polls < 500; ++polls, poll(nullptr, 0, 20)) {
       if (waitpid(pid_, &status, WNOHANG) != pid_) continue;
@@ -129,6 +128,11 @@ class NativeHost {
       return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     return -1;
+  }
+  // The processes it started and that still run: its trace follower.
+  std::vector<pid_t> Children() const {
+    std::istringstream list(gpctest::ReadFile("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) + "/children"));
+    return {std::istream_iterator<pid_t>(list), std::istream_iterator<pid_t>()};
   }
   // The stages of `id`'s status messages so far, repeats dropped.
   std::vector<std::string> Stages(const std::string& id) const {
@@ -246,6 +250,22 @@ TEST_F(NativeMessaging, EmbedsDestroyedAtAnyStageLeaveNothingHalfDoneAndTheOther
   bool childrenGone = false;
   EXPECT_EQ(host_->CloseAndWait(&childrenGone), 0);
   EXPECT_TRUE(childrenGone);
+}
+
+// A tlvtracer that ends is started again, and keeps none of the host's connections: neither the
+// browser's port nor a download under way.
+TEST_F(NativeMessaging, ARestartedTracerKeepsNoneOfTheHostsConnections) {
+  host_->Send(Embed("slow", site_.slow));
+  ASSERT_TRUE(host_->WaitFor("status", "slow", "downloading")) << Seen();
+  ASSERT_EQ(host_->Children().size(), 1u);
+  const pid_t first = host_->Children()[0];
+  kill(first, SIGKILL);
+  pid_t again = first;
+  for (int polls = 0; polls < 250 && again == first; ++polls, poll(nullptr, 0, 20))
+    again = host_->Children().empty() ? first : host_->Children()[0];
+  ASSERT_NE(again, first) << Seen();
+  EXPECT_EQ(gpctest::ShellOutput("ls -l /proc/" + std::to_string(again) + "/fd | grep -c socket:"), "0\n");
+  ASSERT_TRUE(host_->WaitFor("status", "slow", "running")) << Seen();
 }
 
 // A direct download that meets a challenge moves the fetch to the browser, that is to this host, which

@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +32,18 @@ std::string Listing(const std::string& folder) {
   return gpctest::ShellOutput("cd " + ShellQuote(folder) +
                               " && find . -mindepth 1 -printf '%P %y %m %l\\n' | LC_ALL=C sort");
 }
+
+int g_umaskCalls = 0;
+
+}  // namespace
+
+// The program's umask stands in for the C library's, for lib7zip.so too.
+extern "C" __attribute__((visibility("default"))) mode_t umask(mode_t mask) {
+  ++g_umaskCalls;
+  return static_cast<mode_t>(syscall(SYS_umask, mask));
+}
+
+namespace {
 
 class Lib7zipTest : public ::testing::Test {
  protected:
@@ -81,6 +95,20 @@ TEST_F(Lib7zipTest, ExtractsANestedBundleWithModesTimesAndLinksIntoAFolderItCrea
   EXPECT_EQ(gpctest::ShellOutput("cd " + ShellQuote(destination) + "/A.bundle && cat Current Contents/Resources/Tool "
                                  "Contents/Resources/*.strings && stat -c ' %Y' Contents/MacOS/run"),
             "plist#!/bin/shstrings 1000000000\n");
+}
+
+// Folders an archive does not hold are made under the umask, which is read and never set: it is
+// the browser's, for all its threads.
+TEST_F(Lib7zipTest, FoldersNotInTheArchiveFollowTheUmaskWhichIsReadNeverSet) {
+  const std::string archive = Pack("mkdir -p a/b && echo x > a/b/f && chmod 640 a/b/f", "a/b/f");
+  const mode_t old = umask(027);
+  g_umaskCalls = 0;
+  const int32_t result = Extract(archive, out_);
+  const int calls = g_umaskCalls;
+  umask(old);
+  EXPECT_EQ(result, kGpc7zSuccess);
+  EXPECT_EQ(calls, 0);
+  EXPECT_EQ(Listing(out_), "a d 750 \na/b d 750 \na/b/f f 640 \n");
 }
 
 TEST_F(Lib7zipTest, ReplacesFilesThatExistWithoutWritingThroughTheirOtherNames) {
@@ -151,10 +179,15 @@ TEST_F(Lib7zipTest, RefusesEntriesThatLeaveTheDestinationAndWritesNothing) {
 TEST_F(Lib7zipTest, FailsOnBadArgumentsAndArchivesItCannotRead) {
   const std::string good = Pack("mkdir A && head -c 4000 /dev/urandom > A/Info.plist", "A");
   const std::string half = work_ / "half.7z", zip = work_ / "a.zip", missing = work_ / "missing.7z",
-                    secret = work_ / "secret.7z", file = box_.Write("file", "x");
+                    secret = work_ / "secret.7z", lzop = work_ / "a.lzo", file = box_.Write("file", "x");
   ASSERT_TRUE(Sh("head -c 2000 " + ShellQuote(good) + " > " + ShellQuote(half) + " && cd " +
                  ShellQuote(work_ / "src") + " && 7z a -tzip " + ShellQuote(zip) + " A && 7z a -psecret " +
                  ShellQuote(secret) + " A"));  // entries encrypted, their names not
+  // Wrapped as lzop, which libarchive would hand to a program of that name on PATH.
+  ASSERT_TRUE(Sh("cd " + ShellQuote(work_.path()) + " && mkdir bin && printf '#!/bin/sh\\ntouch %s/ran; cat\\n' " +
+                 ShellQuote(box_.path()) + " > bin/lzop && chmod +x bin/lzop && { printf '\\211LZO\\0\\r\\n\\032\\n'; cat " +
+                 ShellQuote(good) + "; } > " + ShellQuote(lzop)));
+  ScopedEnv path("PATH", (work_ / "bin:" + getenv("PATH")).c_str());
   const std::string before = Listing(box_.path());
   const char* const out = out_.c_str();
   typedef std::tuple<const char*, const char*, int32_t> Case;  // archive, destination, result
@@ -162,6 +195,7 @@ TEST_F(Lib7zipTest, FailsOnBadArgumentsAndArchivesItCannotRead) {
            {nullptr, out, kGpc7zBadArguments}, {good.c_str(), "", kGpc7zBadArguments},
            {missing.c_str(), out, kGpc7zCannotReadArchive}, {zip.c_str(), out, kGpc7zCannotReadArchive},
            {half.c_str(), out, kGpc7zCannotReadArchive}, {secret.c_str(), out, kGpc7zCannotReadArchive},
+           {lzop.c_str(), out, kGpc7zCannotReadArchive},
            {good.c_str(), file.c_str(), kGpc7zWriteFailed}}) {
     EXPECT_EQ(decompress_(archive, destination), expected) << (archive ? archive : "-") << " " << destination;
     EXPECT_EQ(Listing(box_.path()), before);

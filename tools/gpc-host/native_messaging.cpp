@@ -1,5 +1,6 @@
 #include "native_messaging.h"
 
+#include <fcntl.h>
 #include <glib-unix.h>
 #include <glib.h>
 #include <strings.h>
@@ -437,7 +438,7 @@ int RunNativeMessaging(const HostOptions& options) {
   // else writes to standard output (the host's event lines, a module's stray print) reaches
   // standard error instead.
   std::fflush(stdout);
-  int frames = dup(STDOUT_FILENO);
+  int frames = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
   if (frames < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
     std::fprintf(stderr, "gpc-host: cannot set up standard output for native messaging\n");
     return 1;

@@ -69,6 +69,9 @@ bool TraceFollower::Launch(const std::string& tracer) {
     if (getppid() != parent) _exit(0);
     int null_fd = open("/dev/null", O_RDONLY);
     if (null_fd < 0 || dup2(null_fd, STDIN_FILENO) < 0 || dup2(pipe_fds[1], STDOUT_FILENO) < 0) _exit(127);
+    // Nothing else of the host's: the browser's port, a download's connection, libcurl's own pairs
+    // (a kernel before 5.9 has no close_range: there the close-on-exec flags are all there is).
+    close_range(3, ~0U, 0);
     const char* argv[] = {tracer.c_str(), "--json", "--follow", nullptr};
     execv(argv[0], const_cast<char* const*>(argv));
     _exit(127);

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <strings.h>
+#include <sys/socket.h>
 
 struct UrlLoader::SocketWatch {
   curl_socket_t fd = CURL_SOCKET_BAD;
@@ -49,6 +50,15 @@ UrlLoader::~UrlLoader() {
   curl_global_cleanup();
 }
 
+namespace {
+
+// The connection closes on exec: tlvtracer, started again while a fetch runs, must not keep it.
+curl_socket_t OpenSocketClosedOnExec(void*, curlsocktype, curl_sockaddr* address) {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+}  // namespace
+
 Transfer* UrlLoader::Start(const std::string& url, bool post, const std::string& body,
                            const char* user_agent) {
   CURL* easy = curl_easy_init();
@@ -73,6 +83,7 @@ Transfer* UrlLoader::Start(const std::string& url, bool post, const std::string&
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, 30L);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &OpenSocketClosedOnExec);
   if (user_agent != nullptr) curl_easy_setopt(easy, CURLOPT_USERAGENT, user_agent);
   if (post) {
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, transfer->post_body.data());

@@ -47,14 +47,19 @@ class PendingPackage {
       *error = "the output path " + pattern + " is too long";
       return false;
     }
-    m_fd = mkstemp(&pattern[0]);
+    m_fd = mkostemp(&pattern[0], O_CLOEXEC);
     if (m_fd < 0) {
       *error = "cannot write in " + folder + ": " + strerror(errno);
       return false;
     }
     m_path = pattern;
     memcpy(g_pendingPath, m_path.c_str(), m_path.size() + 1);
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) signal(number, RemovePendingAndStop);
+    // A signal the caller has us ignore (nohup, a job in the background) stays ignored.
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
+      struct sigaction current {};
+      if (sigaction(number, nullptr, &current) == 0 && current.sa_handler != SIG_IGN)
+        signal(number, RemovePendingAndStop);
+    }
     return true;
   }
 

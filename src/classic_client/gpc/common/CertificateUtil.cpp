@@ -214,7 +214,7 @@ int RefuseKeyPassword(char*, int, int, void*) { return 0; }
 
 // The key file's text, cut to the first 2045 bytes and terminated; empty when unreadable.
 std::string ReadKeyFileHead(const char* keyPath) {
-  FILE* file = fopen(keyPath, "rb");
+  FILE* file = fopen(keyPath, "rbe");
   if (file == nullptr) return std::string();
   char buffer[kKeyFileBufferSize];
   memset(buffer, 0, sizeof buffer);
@@ -347,7 +347,7 @@ GpcCertificateRef SecFromData(const GpcBytes& bytes) {
 
 GpcCertificateRef SecFromFile(const char* path) {
   CERT_ASSERT_OR_RETURN(path != NULL, nullptr);
-  FILE* file = fopen(path, "rb");
+  FILE* file = fopen(path, "rbe");
   if (file == nullptr) return nullptr;
   GpcBytes contents;
   unsigned char chunk[4096];

@@ -57,7 +57,7 @@ std::string DigestOfFile(const char* path, const DigestFunctions<Context>& diges
   HEX_ASSERT_OR_RETURN(path != NULL, std::string());
   HEX_ASSERT_OR_RETURN(digest.init != NULL && digest.update != NULL && digest.final != NULL,
                        std::string());
-  FILE* file = fopen(path, "rb");
+  FILE* file = fopen(path, "rbe");
   if (file == nullptr) return std::string();
   // The stream reads ahead in larger blocks than the digest's chunks: one system call per
   // 4096 bytes would cost more than the digest itself on fast hashes.

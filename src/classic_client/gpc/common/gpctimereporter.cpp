@@ -63,7 +63,7 @@ bool IsWritableFile(const std::string& path) {
 }
 
 bool ReadWholeFile(const std::string& path, std::vector<char>* data) {
-  FILE* file = fopen(path.c_str(), "rb");
+  FILE* file = fopen(path.c_str(), "rbe");
   if (file == nullptr) return false;
   char chunk[8192];
   size_t got;
@@ -163,7 +163,7 @@ void gpctimereporter::appendTimeStamp(const char* version, const char* key) {
   if (key == nullptr) return;
   std::string path = VersionFolderFile(version, kParameterFileName);
   if (path.empty() || !IsWritableFile(path)) return;
-  FILE* file = fopen(path.c_str(), "a");
+  FILE* file = fopen(path.c_str(), "ae");
   if (file == nullptr) return;
   fprintf(file, "[NAME]-=-%s-=-[VALUE]-=-%s-=-\r", key, FixedSixDecimals(platform::AbsoluteTimeGetCurrent()).c_str());
   fclose(file);

@@ -211,7 +211,7 @@ bool ZRReadIni(FILE* file, const char* section, const char* key, char* dest, siz
 size_t ZRGetPrivateProfileString(const char* section, const char* key, const char* def, char* dest,
                                  size_t size, const char* path) {
   if (dest == nullptr || size == 0) return 0;
-  FILE* file = path != nullptr ? std::fopen(path, "r") : nullptr;
+  FILE* file = path != nullptr ? std::fopen(path, "re") : nullptr;
   bool found = false;
   if (file != nullptr) {
     found = ZRReadIni(file, section, key, dest, size);
@@ -223,7 +223,7 @@ size_t ZRGetPrivateProfileString(const char* section, const char* key, const cha
 
 int ZRGetPrivateProfileInt(const char* section, const char* key, int def, const char* path) {
   char value[kProfileIntBufferSize];
-  FILE* file = path != nullptr ? std::fopen(path, "r") : nullptr;
+  FILE* file = path != nullptr ? std::fopen(path, "re") : nullptr;
   if (file == nullptr) return def;
   bool found = ZRReadIni(file, section, key, value, sizeof value);
   std::fclose(file);
@@ -382,7 +382,7 @@ bool IsOneFolderName(const char* name) {
 
 FileReplaced ReplaceFileWhole(const std::string& path, std::string_view bytes, mode_t mode) {
   std::string temporary = path + ".XXXXXX";
-  const int fd = mkstemp(&temporary[0]);
+  const int fd = mkostemp(&temporary[0], O_CLOEXEC);
   if (fd < 0) return FileReplaced::kNotCreated;
   bool ok = fchmod(fd, mode) == 0;
   for (size_t written = 0; ok && written < bytes.size();) {

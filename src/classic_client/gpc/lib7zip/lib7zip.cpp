@@ -136,12 +136,12 @@ using EntryHandle = std::unique_ptr<archive_entry, EntryFree>;
 Reader Open7z(const char* path) {
   Reader reader(archive_read_new());
   if (!reader) return nullptr;
+  // No outer compression: a 7z archive compresses inside, and libarchive hands some outer forms
+  // (lzop, lrzip, grzip) to a program of that name found on PATH.
   archive_read_support_format_7zip(reader.get());
-  archive_read_support_filter_all(reader.get());
   if (archive_read_open_filename(reader.get(), path, kReadBlockBytes) != ARCHIVE_OK) return nullptr;
   return reader;
 }
-
 
 // Names are taken in UTF-8; the locale's form only when that is missing.
 const char* Utf8OrLocal(const char* utf8, const char* local) {
@@ -461,8 +461,6 @@ int32_t WritePlan(const char* archivePath, const std::vector<Entry>& plan, const
                   const Limits& limits, std::vector<std::string>* links) {
   Reader reader = Open7z(archivePath);
   if (!reader) return kGpc7zCannotReadArchive;
-  // libarchive learns the umask by setting it for an instant; only folders it creates on its
-  // own use it, and a file another thread creates in that instant may miss its mask.
   Writer writer(archive_write_disk_new());
   if (!writer) return kGpc7zInternalFailure;
   archive_write_disk_set_options(writer.get(), kExtractFlags);

@@ -18,7 +18,7 @@ std::string& Override() {
 
 std::string ReadPlistFile(const std::string& path) {
   std::string data;
-  FILE* file = fopen(path.c_str(), "rb");
+  FILE* file = fopen(path.c_str(), "rbe");
   if (file == nullptr) return data;
   char chunk[4096];
   size_t got;

@@ -25,7 +25,7 @@ bool IsRegularFile(const std::string& path) {
 
 // Class and machine of an ELF file's header; false when it is not an ELF file.
 bool ReadElfIdentity(const std::string& path, unsigned char* elfClass, uint16_t* machine) {
-  FILE* file = fopen(path.c_str(), "rb");
+  FILE* file = fopen(path.c_str(), "rbe");
   if (file == nullptr) return false;
   // e_machine follows e_ident (16 bytes) and e_type (2 bytes) in both classes.
   unsigned char header[EI_NIDENT + 4] = {};
@@ -99,7 +99,7 @@ void* LoadUnderFreeSpelling(const std::string& path) {
 }  // namespace
 
 bool IsCompleteElfFile(const std::string& path) {
-  FILE* file = fopen(path.c_str(), "rb");
+  FILE* file = fopen(path.c_str(), "rbe");
   if (file == nullptr) return false;
   struct stat info;
   unsigned char ident[EI_NIDENT] = {};

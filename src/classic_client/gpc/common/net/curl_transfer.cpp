@@ -10,6 +10,7 @@
 #include <glib.h>
 #include <mutex>
 #include <set>
+#include <sys/socket.h>
 #include <vector>
 
 #include "common/boundary.h"
@@ -325,12 +326,19 @@ size_t OnBody(char* data, size_t size, size_t count, void* userp) {
   return transfer->storeFailed ? 0 : size * count;
 }
 
+// The connection closes on exec: a program the browser or the extension starts must not keep it,
+// and with it the server's side, open after the download ends.
+curl_socket_t OpenSocketClosedOnExec(void*, curlsocktype, curl_sockaddr* address) {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
 bool Configure(CurlTransfer* transfer, const TransferRequest& request) {
   CURL* easy = transfer->easy;
   bool ok = curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str()) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorBuffer) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
+  ok = ok && curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &OpenSocketClosedOnExec) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1)) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L) == CURLE_OK;

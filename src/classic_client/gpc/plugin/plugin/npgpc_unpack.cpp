@@ -27,7 +27,7 @@ const uint32_t kUnpackNot7z = 20009;
 const uint32_t kUnpackNoUnpacker = 20007;
 
 bool Has7zSignature(const char* path) {
-  FILE* file = fopen(path, "rb");
+  FILE* file = fopen(path, "rbe");
   if (file == nullptr) return false;
   unsigned char head[sizeof k7zSignature] = {};
   const size_t read = fread(head, 1, sizeof head, file);
