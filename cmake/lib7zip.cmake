@@ -6,8 +6,9 @@ add_library(gpc7zip SHARED ${GPC_SRC}/lib7zip/lib7zip.cpp ${GPC_SRC}/platform/fo
 set_target_properties(gpc7zip PROPERTIES OUTPUT_NAME 7zip LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 target_include_directories(gpc7zip PUBLIC ${GPC_SRC})
 # libarchive is linked in from its static library so that its malloc, calloc and realloc are
-# bound to archive_memory.cpp's limit, and its umask to archive_umask.cpp's reading of it. Its symbols stay inside (--exclude-libs): a libarchive the
-# browser has loaded for itself is never mixed with this one. What libarchive needs stays shared.
+# bound to archive_memory.cpp's limit, and its umask to archive_umask.cpp's reading of it. Its
+# symbols stay inside (--exclude-libs): a libarchive the browser has loaded for itself is never
+# mixed with this one. What libarchive needs stays shared.
 find_library(GPC_LIBARCHIVE_STATIC NAMES libarchive.a REQUIRED)
 set(GPC_LIBARCHIVE_NEEDS ${LIBARCHIVE_STATIC_LIBRARIES})
 list(REMOVE_ITEM GPC_LIBARCHIVE_NEEDS archive)
