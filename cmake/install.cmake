@@ -102,6 +102,14 @@ if(GPC_INSTALL_STEP STREQUAL "begin")
   if(NOT IS_DIRECTORY "${_gpc_bundle_source}/Contents/MacOS")
     message(FATAL_ERROR "No built bundle at ${_gpc_bundle_source}: build the project first")
   endif()
+  # A CMake list does not split inside "[...]", so an unmatched bracket would join every name
+  # after it into one, and the install could not be undone.
+  foreach(_gpc_name "$ENV{DESTDIR}" "${_gpc_bundle}" "${_gpc_native_host}" "${_gpc_link_dir}" ${_gpc_host_manifests})
+    string(REGEX REPLACE "\\[[^][]*\\]" "" _gpc_unmatched "${_gpc_name}")
+    if(_gpc_unmatched MATCHES "[][]")
+      message(FATAL_ERROR "Cannot install to ${_gpc_name}: a bracket without its pair")
+    endif()
+  endforeach()
   # Every folder that the install is about to create, so that uninstalling removes it again.
   # Folders recorded by an earlier install of this build stay recorded while they exist.
   set(GPC_CREATED_FOLDERS "")
@@ -251,10 +259,11 @@ list(SORT GPC_CREATED_FOLDERS)
 list(REVERSE GPC_CREATED_FOLDERS)
 foreach(_gpc_dir IN LISTS GPC_CREATED_FOLDERS)
   if(IS_DIRECTORY "${_gpc_dir}" AND NOT IS_SYMLINK "${_gpc_dir}")
-    file(GLOB _gpc_children LIST_DIRECTORIES true "${_gpc_dir}/*")
-    if(_gpc_children STREQUAL "")
+    # rmdir, not a glob and a recursive removal: a glob reads "[...]" in a name as a pattern, and
+    # the kernel alone knows a folder is empty.
+    execute_process(COMMAND rmdir -- "${_gpc_dir}" RESULT_VARIABLE _gpc_rmdir ERROR_QUIET)
+    if(_gpc_rmdir EQUAL 0)
       message(STATUS "Removing folder: ${_gpc_dir}")
-      file(REMOVE_RECURSE "${_gpc_dir}")
     else()
       message(STATUS "Kept (not empty): ${_gpc_dir}")
     endif()

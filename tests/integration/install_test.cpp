@@ -56,7 +56,7 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
     SCOPED_TRACE(c.name);
     gpctest::TempFolder temp("install"), dataHome("installdata");
     // Names the shell and JSON would take for their own, and as a shell must not expand.
-    const std::string root = temp.path() + "/it's \"$HOME\"", prefix = root + "/prefix", home = root + "/home";
+    const std::string root = temp.path() + "/it's \"$HOME\" [x]", prefix = root + "/prefix", home = root + "/home";
     BuildRecordsKept records;
     ASSERT_EQ(ShellOutput("mkdir " + ShellQuote(root) + " && cd " + ShellQuote(root) + " && mkdir home && " + c.ownFiles +
                           " && echo ok"), "ok\n");
@@ -122,9 +122,15 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
     const std::string page = host.Of("navigate").empty() ? "" : host.Of("navigate").back().Str("url");
     EXPECT_NE(page.find("/error?ErrorType=1&ErrorMsg=Die%20Einrichtung"), std::string::npos) << page;
 
+    // A file of the user's in a folder the install made keeps that folder.
+    ASSERT_TRUE(gpctest::WriteFile(prefix + "/share/mine", "x"));
     const gpctest::ToolRun uninstall = gpctest::RunTool({args[0], "-P", kBuild + "/cmake_uninstall.cmake"});
     ASSERT_EQ(uninstall.exitCode, 0) << uninstall.out << uninstall.err;
+    EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + " && rm share/mine && rmdir share && (rmdir ../prefix 2>/dev/null; echo ok)"), "ok\n");
     EXPECT_EQ(Listing(root), before) << uninstall.out;
+    // A bracket without its pair would join the names after it: such an install is refused at once.
+    EXPECT_NE(gpctest::RunTool({args[0], "--install", kBuild, "--prefix", root + "/un[paired"}).exitCode, 0);
+    EXPECT_EQ(Listing(root), before);
   }
 }
 

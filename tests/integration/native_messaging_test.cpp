@@ -129,6 +129,7 @@ class NativeHost {
     }
     return -1;
   }
+  pid_t pid() const { return pid_; }
   // The processes it started and that still run: its trace follower.
   std::vector<pid_t> Children() const {
     std::istringstream list(gpctest::ReadFile("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) + "/children"));
@@ -257,14 +258,19 @@ TEST_F(NativeMessaging, EmbedsDestroyedAtAnyStageLeaveNothingHalfDoneAndTheOther
 TEST_F(NativeMessaging, ARestartedTracerKeepsNoneOfTheHostsConnections) {
   host_->Send(Embed("slow", site_.slow));
   ASSERT_TRUE(host_->WaitFor("status", "slow", "downloading")) << Seen();
+  EXPECT_EQ(gpctest::ShellOutput("readlink /proc/" + std::to_string(host_->pid()) + "/fd/0"), "/dev/null\n");
   ASSERT_EQ(host_->Children().size(), 1u);
   const pid_t first = host_->Children()[0];
   kill(first, SIGKILL);
-  pid_t again = first;
-  for (int polls = 0; polls < 250 && again == first; ++polls, poll(nullptr, 0, 20))
-    again = host_->Children().empty() ? first : host_->Children()[0];
-  ASSERT_NE(again, first) << Seen();
-  EXPECT_EQ(gpctest::ShellOutput("ls -l /proc/" + std::to_string(again) + "/fd | grep -c socket:"), "0\n");
+  const std::string follows = "--json\n--follow\n";  // started again, and past its exec
+  std::string again, command;
+  for (int polls = 0; polls < 250 && command != follows; ++polls, poll(nullptr, 0, 20)) {
+    const std::vector<pid_t> children = host_->Children();
+    again = children.empty() || children[0] == first ? "" : std::to_string(children[0]);
+    command = again.empty() ? "" : gpctest::ShellOutput("tail -z -n 2 /proc/" + again + "/cmdline | tr '\\0' '\\n'");
+  }
+  ASSERT_EQ(command, follows) << Seen();
+  EXPECT_EQ(gpctest::ShellOutput("ls -l /proc/" + again + "/fd | grep -c socket:"), "0\n");
   ASSERT_TRUE(host_->WaitFor("status", "slow", "running")) << Seen();
 }
 

@@ -241,12 +241,12 @@ class Bridge {
   Bridge(const HostOptions& options, const PluginHost& module, Outbox* outbox)
       : m_options(options), m_module(module), m_outbox(outbox) {}
 
-  int Run() {
+  int Run(int input) {
     m_loop = g_main_loop_new(nullptr, FALSE);
     m_outbox->OnBroken([this] { g_main_loop_quit(m_loop); });
     TraceFollower follower([this](const std::string& text) { OnTrace(text); });
     follower.Start();
-    guint watch = g_unix_fd_add(STDIN_FILENO, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
+    guint watch = g_unix_fd_add(input, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
                                 &Bridge::OnInput, this);
     g_main_loop_run(m_loop);
     if (!input_ended_) g_source_remove(watch);
@@ -434,15 +434,18 @@ class Bridge {
 }  // namespace
 
 int RunNativeMessaging(const HostOptions& options) {
-  // Standard output carries only frames: they go to a descriptor of their own, and whatever
-  // else writes to standard output (the host's event lines, a module's stray print) reaches
-  // standard error instead.
+  // The browser's port gets descriptors of its own, closed on exec: whatever else writes to
+  // standard output (the host's event lines, a module's stray print) reaches standard error
+  // instead, and a program the extension starts reads nothing of the page's messages.
   std::fflush(stdout);
-  int frames = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
-  if (frames < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+  const int frames = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0), input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+  const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (frames < 0 || input < 0 || nothing < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0 ||
+      dup2(nothing, STDIN_FILENO) < 0) {
     std::fprintf(stderr, "gpc-host: cannot set up standard output for native messaging\n");
     return 1;
   }
+  close(nothing);
   std::signal(SIGPIPE, SIG_IGN);  // a closed port shows as a failed write
   JsonLine::SetOutput(stderr);
   Outbox outbox(frames);
@@ -453,10 +456,11 @@ int RunNativeMessaging(const HostOptions& options) {
       outbox.Error("", "the plug-in module could not be loaded");
       code = 1;
     } else {
-      code = Bridge(options, module, &outbox).Run();
+      code = Bridge(options, module, &outbox).Run(input);
     }
     module.Unload();
   }
   close(frames);
+  close(input);
   return code;
 }

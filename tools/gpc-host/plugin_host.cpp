@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <unistd.h>
@@ -568,6 +569,7 @@ bool PluginHost::OpenStream(Request* request, const std::string& mime) {
   if (request->stype == NP_ASFILE || request->stype == NP_ASFILEONLY) {
     gchar* path = nullptr;
     const int fd = g_file_open_tmp("gpc-host-XXXXXX", &path, nullptr);
+    if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);  // for the extension's own programs
     request->file = fd >= 0 ? fdopen(fd, "wb") : nullptr;
     if (request->file != nullptr) {
       request->file_path = path;

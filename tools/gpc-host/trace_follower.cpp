@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -62,16 +63,17 @@ bool TraceFollower::Launch(const std::string& tracer) {
   int pipe_fds[2];
   if (pipe2(pipe_fds, O_CLOEXEC) != 0) return false;
   const pid_t parent = getpid();
+  const long open_max = sysconf(_SC_OPEN_MAX) > 0 ? std::min(sysconf(_SC_OPEN_MAX), 65536L) : 1024;
   m_child = fork();
   if (m_child == 0) {
     // Only async-signal-safe calls until exec. The tracer ends with the host, however it ends.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) _exit(0);
-    int null_fd = open("/dev/null", O_RDONLY);
+    int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (null_fd < 0 || dup2(null_fd, STDIN_FILENO) < 0 || dup2(pipe_fds[1], STDOUT_FILENO) < 0) _exit(127);
-    // Nothing else of the host's: the browser's port, a download's connection, libcurl's own pairs
-    // (a kernel before 5.9 has no close_range: there the close-on-exec flags are all there is).
-    close_range(3, ~0U, 0);
+    // Nothing else of the host's: a download's connection, libcurl's own pairs.
+    if (close_range(3, ~0U, 0) != 0)
+      for (int fd = 3; fd < open_max; ++fd) close(fd);  // a kernel before 5.9
     const char* argv[] = {tracer.c_str(), "--json", "--follow", nullptr};
     execv(argv[0], const_cast<char* const*>(argv));
     _exit(127);
