@@ -438,7 +438,8 @@ int RunNativeMessaging(const HostOptions& options) {
   // standard output (the host's event lines, a module's stray print) reaches standard error
   // instead, and a program the extension starts reads nothing of the page's messages.
   std::fflush(stdout);
-  const int frames = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0), input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+  // Above 2: a browser that started the host with standard input closed gets its answers still.
+  const int frames = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
   const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (frames < 0 || input < 0 || nothing < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0 ||
       dup2(nothing, STDIN_FILENO) < 0) {

@@ -567,9 +567,9 @@ bool PluginHost::OpenStream(Request* request, const std::string& mime) {
   if (result != NPERR_NO_ERROR) return false;
   request->stream_open = true;
   if (request->stype == NP_ASFILE || request->stype == NP_ASFILEONLY) {
-    gchar* path = nullptr;
-    const int fd = g_file_open_tmp("gpc-host-XXXXXX", &path, nullptr);
-    if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);  // for the extension's own programs
+    // Closed on exec: the extension's own programs keep none of it.
+    gchar* path = g_build_filename(g_get_tmp_dir(), "gpc-host-XXXXXX", nullptr);
+    const int fd = g_mkstemp_full(path, O_RDWR | O_CLOEXEC, 0600);
     request->file = fd >= 0 ? fdopen(fd, "wb") : nullptr;
     if (request->file != nullptr) {
       request->file_path = path;
