@@ -296,12 +296,9 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
 
 // The signals handled and ignored by the process `pid`, from its status.
 std::pair<unsigned long, unsigned long> CaughtAndIgnored(pid_t pid) {
-  std::istringstream status(gpctest::ReadFile("/proc/" + std::to_string(pid) + "/status"));
-  unsigned long caught = 0, ignored = 0;
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("SigCgt:", 0) == 0) caught = std::stoul(line.substr(7), nullptr, 16);
-    if (line.rfind("SigIgn:", 0) == 0) ignored = std::stoul(line.substr(7), nullptr, 16);
-  }
+  std::istringstream masks(Sh("awk '/^Sig(Cgt|Ign):/ {print $2}' /proc/" + std::to_string(pid) + "/status"));
+  unsigned long ignored = 0, caught = 0;
+  masks >> std::hex >> ignored >> caught;  // in the status file's order
   return {caught, ignored};
 }
 

@@ -22,12 +22,6 @@ std::string Listing(const std::string& root) {
                      "\\) -o -printf '%p %y %m %l\\n' | LC_ALL=C sort");
 }
 
-// `text` as a JSON string holds it.
-std::string Json(std::string text) {
-  for (size_t at = 0; (at = text.find_first_of("\\\"", at)) != std::string::npos; at += 2) text.insert(at, "\\");
-  return text;
-}
-
 // The install's records in the build folder are put back as they were, so that the developer's own
 // install of this build can still be uninstalled.
 struct BuildRecordsKept {
@@ -96,7 +90,7 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
                                                  "home/.config/google-chrome/NativeMessagingHosts", "home/.mozilla/native-messaging-hosts"};
     for (const std::string& folder : folders) {
       const std::string manifest = gpctest::ReadFile(root + "/" + folder + "/com.vantrel.talvo.gpc.json");
-      EXPECT_NE(manifest.find("\"path\": \"" + Json(wrapper) + "\""), std::string::npos) << folder << ": " << manifest;
+      EXPECT_NE(manifest.find("\"path\": " + gpchost::JsonQuote(wrapper)), std::string::npos) << folder << ": " << manifest;
       EXPECT_NE(manifest.find(folder.find("mozilla") == std::string::npos
                                   ? chromium : "\"allowed_extensions\": [\"gpc-bridge@talvo.example\"]"),
                 std::string::npos) << folder << ": " << manifest;
@@ -111,7 +105,7 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
                                            " chrome-extension://knlfbodnojljbpfbfhefckeblhadobpa/ 2>&1", &ok);
     EXPECT_TRUE(ok);
     EXPECT_NE(answer.find("unknown message type"), std::string::npos) << answer;
-    EXPECT_NE(answer.find("\"plugin\":\"" + Json(bundle) + "/Contents/MacOS/libnpgpc.so\",\"ok\":true"), std::string::npos) << answer;
+    EXPECT_NE(answer.find("\"plugin\":" + gpchost::JsonQuote(bundle + "/Contents/MacOS/libnpgpc.so") + ",\"ok\":true"), std::string::npos) << answer;
 
     // Loaded through the link, the module finds its bundle: the page's language (9, German) comes from
     // the bundle's message tables.

@@ -30,17 +30,13 @@ namespace {
 using gpchost::JsonEvent;
 using Clock = std::chrono::steady_clock;
 
-std::string Quote(const std::string& text) {
-  std::string out = "\"";
-  for (char c : text) out += (c == '"' || c == '\\') ? std::string("\\") + c : std::string(1, c);
-  return out + "\"";
-}
+using gpchost::JsonQuote;
 std::string Frame(const std::string& json, size_t length = std::string::npos) {
   const uint32_t size = static_cast<uint32_t>(length == std::string::npos ? json.size() : length);
   return std::string(reinterpret_cast<const char*>(&size), sizeof size) + json;
 }
 std::string Message(const std::string& type, const std::string& id) {
-  return "{\"type\":\"" + type + "\",\"id\":" + Quote(id) + "}";
+  return "{\"type\":\"" + type + "\",\"id\":" + JsonQuote(id) + "}";
 }
 
 // The sample made version 2.0.0.7, packed and signed, on a fast and on a slowed server, and on one
@@ -186,8 +182,8 @@ class NativeMessaging : public ::testing::Test {
         {"GpcSampleDoneUrl", server.HttpsUrl("page/done")}};
     params.insert(params.end(), site_.package.begin(), site_.package.end());
     std::string list;
-    for (const auto& [name, value] : params) list += (list.empty() ? "[" : ",[") + Quote(name) + "," + Quote(value) + "]";
-    return "{\"type\":\"embed\",\"id\":" + Quote(id) +
+    for (const auto& [name, value] : params) list += (list.empty() ? "[" : ",[") + JsonQuote(name) + "," + JsonQuote(value) + "]";
+    return "{\"type\":\"embed\",\"id\":" + JsonQuote(id) +
            ",\"pageUrl\":\"https://127.0.0.1/meeting\",\"frame\":\"top\",\"params\":[" + list + "]}";
   }
   // What the host has sent so far and its standard error, for failure messages.
@@ -202,7 +198,7 @@ class NativeMessaging : public ::testing::Test {
     ASSERT_TRUE(host_->WaitFor("navigate", id, "", &navigate)) << Seen();
     EXPECT_NE(navigate.Str("url").find("/page/done?fetched=1&failed=0"), std::string::npos) << navigate.line;
     EXPECT_EQ(navigate.Str("target"), "_top");
-    host_->Send("{\"type\":\"navigated\",\"id\":" + Quote(id) + ",\"request\":" + std::to_string(navigate.Int("request")) +
+    host_->Send("{\"type\":\"navigated\",\"id\":" + JsonQuote(id) + ",\"request\":" + std::to_string(navigate.Int("request")) +
                 ",\"ok\":true}");
   }
 

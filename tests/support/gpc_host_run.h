@@ -33,5 +33,11 @@ HostRun RunHost(const std::vector<std::string>& args);
 
 // Parses JSON lines (blank lines skipped).
 std::vector<JsonEvent> ParseJsonLines(const std::string& text);
+// `text` as a JSON string, in its quotes; only quotes and backslashes are escaped (no control bytes).
+inline std::string JsonQuote(const std::string& text) {
+  std::string out = "\"";
+  for (char c : text) out += (c == '"' || c == '\\') ? std::string("\\") + c : std::string(1, c);
+  return out + "\"";
+}
 
 }  // namespace gpchost
