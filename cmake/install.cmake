@@ -103,11 +103,12 @@ if(GPC_INSTALL_STEP STREQUAL "begin")
     message(FATAL_ERROR "No built bundle at ${_gpc_bundle_source}: build the project first")
   endif()
   # A CMake list splits names at ";" and does not split inside "[...]": a ";", or a bracket
-  # without its pair, would cut or join the names, and the install could not be undone.
+  # without its pair, would cut or join the names, and the install could not be undone. A line
+  # break or a tab would break the manifests' JSON.
   foreach(_gpc_name "$ENV{DESTDIR}" "${_gpc_bundle}" "${_gpc_native_host}" "${_gpc_link_dir}" ${_gpc_host_manifests})
     string(REGEX REPLACE "\\[[^][]*\\]" "" _gpc_unmatched "${_gpc_name}")
-    if(_gpc_unmatched MATCHES "[][;]")
-      message(FATAL_ERROR "Cannot install to ${_gpc_name}: a \";\" or a bracket without its pair")
+    if(_gpc_unmatched MATCHES "[][;\n\r\t]")
+      message(FATAL_ERROR "Cannot install to ${_gpc_name}: a \";\", a bracket without its pair, or a control character")
     endif()
   endforeach()
   # Every folder that the install is about to create, so that uninstalling removes it again.

@@ -122,8 +122,8 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
     ASSERT_EQ(uninstall.exitCode, 0) << uninstall.out << uninstall.err;
     EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + " && rm share/mine && rmdir share && (rmdir ../prefix 2>/dev/null; echo ok)"), "ok\n");
     EXPECT_EQ(Listing(root), before) << uninstall.out;
-    // A ";" or a bracket without its pair would cut or join names: such an install is refused at once.
-    for (const char* refused : {"/un[paired", "/semi;colon"})
+    // A ";", a bracket without its pair or a line break would cut or join names: refused at once.
+    for (const char* refused : {"/un[paired", "/semi;colon", "/line\nbreak"})
       EXPECT_NE(gpctest::RunTool({args[0], "--install", kBuild, "--prefix", root + refused}).exitCode, 0) << refused;
     EXPECT_EQ(Listing(root), before);
   }
