@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <csignal>
+#include <fstream>
 #include <sstream>
 
 #include "common/tlvtrace/tlvtrace_testing.h"
@@ -76,6 +78,17 @@ TEST(Tlvtracer, ListsRecordsByLevelAndStopsAtDamageNamingItsOffset) {
   EXPECT_EQ(gpctest::ShellOutput("cd " + folder + " && GPC_TRACE_FILE=trace.tvt" + read).find("one\\ntwo"), std::string::npos);
   const std::string tooLong = "/" + std::string(254, 'x');  // one byte more than the writer takes
   EXPECT_EQ(gpctest::ShellOutput("GPC_TRACE_FILE=" + tooLong + read).find(tooLong), std::string::npos);
+
+  // A long trace is read a batch at a time: showing 128 MiB takes a small part of that in memory.
+  std::string debugs;
+  while (debugs.size() < (1 << 20)) debugs += good.substr(48, 60);
+  gpctest::WriteFile(bad, good.substr(0, 48));
+  for (std::ofstream out(bad, std::ios::binary | std::ios::app); out.tellp() < (128 << 20);) out << debugs;
+  EXPECT_EQ(tvttest::Tlvtracer({"--level", "warn", bad}).exitCode, 0);
+  struct rusage children;
+  ASSERT_EQ(getrusage(RUSAGE_CHILDREN, &children), 0);
+  EXPECT_LT(children.ru_maxrss, 64 << 10) << "KiB at most in tlvtracer";
+  std::remove(bad.c_str());
 }
 
 // "pid text" of the next JSON line from `fd`, another line as it is, "<eof>", or "<timeout>" once

@@ -21,6 +21,7 @@ namespace {
 
 const std::string kDefaultPath = std::string(platform::kSharedTempFolder) + "/tlvgpc.tvt";
 constexpr long kPollMillis = 100;
+constexpr size_t kReadBatch = 1 << 20;
 
 volatile sig_atomic_t g_stop = 0;
 
@@ -120,12 +121,18 @@ class TraceReader {
   }
   bool IsOpen() const { return m_fd >= 0; }
 
-  // Appends whatever the file holds beyond what was read. False on a read error.
-  bool ReadAvailable() {
+  // Appends what the file holds beyond what was read, one batch at most, so that a long backlog
+  // is shown as it is read rather than held whole. False on a read error; *more when the file
+  // may hold more than the batch took.
+  bool ReadAvailable(bool* more) {
     unsigned char chunk[65536];
-    for (;;) {
+    *more = true;
+    for (size_t taken = 0; taken < kReadBatch;) {
       const ssize_t got = read(m_fd, chunk, sizeof chunk);
-      if (got == 0) return true;
+      if (got == 0) {
+        *more = false;
+        return true;
+      }
       if (got < 0) {
         if (errno == EINTR) continue;
         return false;
@@ -133,7 +140,9 @@ class TraceReader {
       KeepFirstRecord(chunk, static_cast<size_t>(got));
       m_pending.insert(m_pending.end(), chunk, chunk + got);
       read_end_ += static_cast<uint64_t>(got);
+      taken += static_cast<size_t>(got);
     }
+    return true;
   }
 
   // Prints every whole record read so far, stepping over holes. False at a corrupt header or record.
@@ -301,13 +310,15 @@ int ShowOnce(const Options& options) {
     fprintf(stderr, "tlvtracer: cannot open %s: %s\n", options.path.c_str(), strerror(errno));
     return 1;
   }
-  if (!reader.ReadAvailable()) {
-    fprintf(stderr, "tlvtracer: cannot read %s: %s\n", options.path.c_str(), strerror(errno));
-    return 1;
-  }
-  if (!reader.Drain()) {
-    ReportCorrupt(options, reader);
-    return 1;
+  for (bool more = true; more;) {
+    if (!reader.ReadAvailable(&more)) {
+      fprintf(stderr, "tlvtracer: cannot read %s: %s\n", options.path.c_str(), strerror(errno));
+      return 1;
+    }
+    if (!reader.Drain()) {
+      ReportCorrupt(options, reader);
+      return 1;
+    }
   }
   if (!reader.HeaderSeen() || reader.Leftover() != 0) {
     fprintf(stderr, "tlvtracer: %s: truncated %s at byte offset %llu: only %zu bytes follow\n", options.path.c_str(),
@@ -328,7 +339,8 @@ int Follow(const Options& options) {
       Pause();
       continue;
     }
-    if (!reader.ReadAvailable()) {
+    bool more = false;
+    if (!reader.ReadAvailable(&more)) {
       fprintf(stderr, "tlvtracer: cannot read %s: %s\n", options.path.c_str(), strerror(errno));
       return 1;
     }
@@ -346,7 +358,7 @@ int Follow(const Options& options) {
       return 1;
     }
     // A partial record at the end is still being written: wait for the rest.
-    Pause();
+    if (!more) Pause();
   }
   return 0;
 }
