@@ -17,6 +17,7 @@
 #include "common/gpcutil.h"
 #include "http_test_server.h"
 #include "platform/clock.h"
+#include "scoped_env.h"
 #include "util_test_folder.h"
 
 // Opens as the system does; once armed, first swaps the folder at `swapped` for a link to `victim`
@@ -135,6 +136,10 @@ TEST(Files, FoldersTempNamesAndListings) {
         exit(last && back && full && GetTempFileName(folder.c_str(), "U", again) == 1 ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");  // gives up only when none is free, and not for good
+
+  dir.Lay("caf\xe9/");  // a TMPDIR that is not UTF-8 gives way to the shared folder
+  EXPECT_EQ((ScopedEnv("TMPDIR", dir / "caf\xe9"), GetTempPath()), "/tmp/");
+  EXPECT_EQ((ScopedEnv("TMPDIR", dir / "one"), GetTempPath()), dir / "one/");
 
   ScratchFolder list;
   list.Lay("f/ a.txt l@f dangling@nowhere");

@@ -315,8 +315,9 @@ bool MakeDirectory(const char* path) {
 
 std::string GetTempPath() {
   std::string path = platform::TempDir();
+  // A TMPDIR whose name is not UTF-8 cannot be handed on as a path: the shared folder serves.
+  if (!gpc::IsValidUtf8(path)) path = std::string(platform::kSharedTempFolder) + "/";
   if (!GPCUTIL_ASSERT_TEXT(!path.empty(), "path")) return std::string();
-  if (!GPCUTIL_ASSERT_TEXT(gpc::IsValidUtf8(path), "[path UTF8String]")) return std::string();
   return path;
 }
 
