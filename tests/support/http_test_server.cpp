@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <clocale>
+#include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
@@ -60,6 +62,18 @@ void RemoveTree(const std::string& path) {
   if (path.empty()) return;
   auto remove = [](const char* name, const struct stat*, int, struct FTW*) { return ::remove(name); };
   nftw(path.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+ScopedLocale::ScopedLocale(int category, const std::string& name) : category_(category) {
+  const std::string made = folder_.path() + "/" + name + ".UTF-8";
+  const std::string make = "localedef -i " + name + " -f UTF-8 '" + made + "' >/dev/null 2>&1";
+  setenv("LOCPATH", folder_.path().c_str(), 1);
+  ok_ = system(make.c_str()) == 0 && setlocale(category, (name + ".UTF-8").c_str()) != nullptr;
+}
+
+ScopedLocale::~ScopedLocale() {
+  setlocale(category_, "C");
+  unsetenv("LOCPATH");
 }
 
 bool WriteFile(const std::string& path, const std::string& data) {

@@ -27,6 +27,20 @@ class TempFolder {
   std::string path_;
 };
 
+// The process under the locale `name` ("tr_TR", made here with localedef, UTF-8) for `category`
+// while the object lives, as a browser that sets its user's locale runs the plug-in.
+class ScopedLocale {
+ public:
+  ScopedLocale(int category, const std::string& name);
+  ~ScopedLocale();
+  bool ok() const { return ok_; }
+
+ private:
+  TempFolder folder_{"locales"};
+  int category_;
+  bool ok_ = false;
+};
+
 // Writes `data` to `path`; false on failure.
 bool WriteFile(const std::string& path, const std::string& data);
 // The whole file, or an empty string when it cannot be read.

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <clocale>
 #include <string>
 
 #include "common/hardening.h"
 #include "common/sitelock/sitelock.h"
+#include "http_test_server.h"
 
 namespace {
 
@@ -25,7 +27,11 @@ TEST(SiteLock, DomainPatterns) {
       {"*.talvo.us", "talvo.us", false},    {"*.talvo.us", "www.talvo.us", true}, {"*.talvo.us", "wwwtalvo.us", false},
       {"*.", "a", false},                   {"*.", "a.*.", true},  // too short for a wildcard
       {"=talvo.us", "TALVO.US", true},      {"=talvo.us", "www.talvo.us", false}, {"=", "=", true},
-      {nullptr, "", true},                  {nullptr, "talvo.us", false},         {"talvo.us", "", false}};
+      {nullptr, "", true},                  {nullptr, "talvo.us", false},         {"talvo.us", "", false},
+      {"=Ii.talvo.us", "iI.TALVO.US", true}};
+  // A browser may run under its user's locale, where tolower('I') is not 'i': hosts compare alike.
+  const gpctest::ScopedLocale turkish(LC_ALL, "tr_TR");
+  ASSERT_TRUE(turkish.ok()) << "the locales package makes the tr_TR locale";
   for (const auto& [pattern, host, match] : cases)
     EXPECT_EQ(CSiteCheck<TestLock>::MatchDomains(pattern, host), match) << (pattern ? pattern : "-") << " " << host;
 }

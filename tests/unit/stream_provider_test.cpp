@@ -1,11 +1,13 @@
 // The stream provider and the services an extension calls, through the fake browser.
 #include <gtest/gtest.h>
 
+#include <clocale>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "fake_browser.h"
+#include "http_test_server.h"
 #include "platform/folders.h"
 #include "plugin/plugin/npapiimp.h"
 #include "plugin/plugin/npgpcimp.h"
@@ -107,8 +109,10 @@ TEST_F(StreamProviderTest, OneRequestAtATime) {
 }
 
 // Letter case aside, only the pending request's own URL opens its stream; any other stream is
-// accepted and drained without a message.
+// accepted and drained without a message. Under a Turkish locale too, where tolower('I') is not 'i'.
 TEST_F(StreamProviderTest, StreamsOfTheirRequestCarryTheMessagesOthersAreDrained) {
+  const gpctest::ScopedLocale turkish(LC_ALL, "tr_TR");
+  ASSERT_TRUE(turkish.ok());
   NPStream stray{};
   stray.pdata = &npp;  // whatever was there is replaced
   Open(&stray, "https://h/data.bin");

@@ -72,17 +72,14 @@ TEST_F(TimeReporterTest, StampsBelongToOneMeetingAndWritesReplaceTheFileWhole) {
 
 // Under a locale that writes decimal commas, earlier stamps keep their fractions when the file is read again.
 TEST_F(TimeReporterTest, StampsKeepTheirFractionsUnderADecimalCommaLocale) {
-  gpctest::TempFolder locales("locales");
-  const std::string make = "localedef -i de_DE -f UTF-8 " + locales.path() + "/de_DE.UTF-8 >/dev/null 2>&1";
-  ASSERT_EQ(system(make.c_str()), 0) << "the locales package makes the de_DE locale";
-  setenv("LOCPATH", locales.path().c_str(), 1);
-  ASSERT_NE(setlocale(LC_NUMERIC, "de_DE.UTF-8"), nullptr);
-  SetNow(1000.125);
-  gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_check_extension);
-  SetNow(1002.5);
-  gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_start_update_extension);
-  setlocale(LC_NUMERIC, "C");
-  unsetenv("LOCPATH");
+  {
+    const gpctest::ScopedLocale german(LC_NUMERIC, "de_DE");
+    ASSERT_TRUE(german.ok()) << "the locales package makes the de_DE locale";
+    SetNow(1000.125);
+    gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_check_extension);
+    SetNow(1002.5);
+    gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_start_update_extension);
+  }
   EXPECT_EQ(Stamps(), "JMTRoot= gpc_check_extension=1000.125 gpc_start_update_extension=1002.5 meetingid=A ");
 }
 

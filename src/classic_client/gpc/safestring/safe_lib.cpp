@@ -14,10 +14,6 @@ errno_t Violation(const char* msg, errno_t error) {
   return error;
 }
 
-unsigned char AsciiLower(unsigned char c) {
-  return (c >= 'A' && c <= 'Z') ? static_cast<unsigned char>(c - 'A' + 'a') : c;
-}
-
 bool BlocksOverlap(const void* a, const void* b, rsize_t len) {
   uintptr_t pa = reinterpret_cast<uintptr_t>(a);
   uintptr_t pb = reinterpret_cast<uintptr_t>(b);
@@ -75,6 +71,10 @@ errno_t strcmp_s(const char* dest, rsize_t dmax, const char* src, int* indicator
   SAFE_REQUIRE(dmax <= RSIZE_MAX_STR, "strcmp_s: dmax exceeds max", ESLEMAX);
   return CompareTexts(dest, dmax, src, indicator, [](unsigned char c) { return c; },
                       "strcmp_s: dest is unterminated");
+}
+
+unsigned char AsciiLower(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') ? static_cast<unsigned char>(c - 'A' + 'a') : c;
 }
 
 errno_t strcasecmp_s(const char* dest, rsize_t dmax, const char* src, int* indicator) {

@@ -58,6 +58,10 @@ rsize_t strnlen_s(const char* dest, rsize_t dmax);
 // Compares `dest` (terminated within `dmax` characters) with `src`; *indicator receives <0, 0 or >0.
 errno_t strcmp_s(const char* dest, rsize_t dmax, const char* src, int* indicator);
 
+// `c` with an ASCII capital lower-cased. Unlike tolower, whatever the process's locale: under a
+// Turkish one, tolower('I') is not 'i'.
+unsigned char AsciiLower(unsigned char c);
+
 // As strcmp_s, ignoring the case of ASCII letters.
 errno_t strcasecmp_s(const char* dest, rsize_t dmax, const char* src, int* indicator);
 

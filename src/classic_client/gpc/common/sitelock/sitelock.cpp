@@ -64,8 +64,8 @@ bool ParseUrl(const char* url, UrlParts* parts) {
 int32_t CaseInsensitiveCompare(const char* a, const char* b) {
   std::string left(a ? a : "");
   std::string right(b ? b : "");
-  for (char& c : left) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  for (char& c : right) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (char& c : left) c = static_cast<char>(AsciiLower(static_cast<unsigned char>(c)));
+  for (char& c : right) c = static_cast<char>(AsciiLower(static_cast<unsigned char>(c)));
   int result = left.compare(right);
   return result < 0 ? -1 : (result > 0 ? 1 : 0);
 }
@@ -121,7 +121,7 @@ bool SiteListApproves(const char* url, const IObjectSafetySiteLock::SiteList* li
 // A "." or ".." segment, plain or percent-encoded, lets "/client/.." name another folder.
 bool HasDotSegment(const std::string& path) {
   std::string lower;
-  for (char c : path) lower += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  for (char c : path) lower += static_cast<char>(AsciiLower(static_cast<unsigned char>(c)));
   size_t start = 0;
   while (start <= lower.size()) {
     size_t end = lower.find('/', start);

@@ -52,7 +52,8 @@ bool SiteListApproves(const char* url, const IObjectSafetySiteLock::SiteList* li
 // Pattern match of one host name against one trusted-domain pattern (see SiteList::domain).
 bool MatchDomains(const char* trustedDomain, const char* ourDomain);
 
-// Lower-cases copies of both texts (C tolower) and compares them: <0, 0 or >0. NULL counts as "".
+// Lower-cases copies of both texts (ASCII letters, as C tolower in the "C" locale, whatever the
+// browser's locale) and compares them: <0, 0 or >0. NULL counts as "".
 int32_t CaseInsensitiveCompare(const char* a, const char* b);
 
 // True when a URL-root path is acceptable: it starts with "/client/", holds no "/../" and only

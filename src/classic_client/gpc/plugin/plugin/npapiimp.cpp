@@ -1,7 +1,6 @@
 // The stream provider, its lock, and the services of the extension service table.
 #include "plugin/plugin/npapiimp.h"
 
-#include <strings.h>
 
 #include <algorithm>
 #include <cstring>
@@ -12,6 +11,7 @@
 
 #include "common/boundary.h"
 #include "common/gpcutil.h"
+#include "plugin/plugin/npgpc_text.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "plugin/plugin/npplugin.h"
 #include "common/trace.h"
@@ -83,7 +83,7 @@ int CGpcSap::SendMessage(GPCMessage* message) {
 
 bool CGpcStream::IsSameUrl(const char* url) const {
   if (url == nullptr) return false;
-  return strcasecmp(m_strUrl.c_str(), url) == 0;
+  return GpcNamesEqual(m_strUrl.c_str(), url);
 }
 
 // ---- CGpcProvider: life and SAPs ----------------------------------------------------------
