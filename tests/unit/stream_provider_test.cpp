@@ -145,6 +145,11 @@ TEST_F(StreamProviderTest, StreamsOfTheirRequestCarryTheMessagesOthersAreDrained
   EXPECT_EQ(Open(&stream, "https://h/f"), NP_ASFILEONLY);
   provider->OnNppStreamAsFile(&stream, "/tmp/cached-copy");
   EXPECT_EQ(a.heard.back(), "file https://h/f /tmp/cached-copy");
+  // The browser gives the URL in its own form; the request's own datum names its stream.
+  NPStream rewritten{};
+  rewritten.notifyData = Get(sapA, "https://h:443/g");
+  Open(&rewritten, "https://h/g");
+  EXPECT_EQ(rewritten.pdata, rewritten.notifyData);
 }
 
 // The browser's last word on a request that never opened a stream ends it for its owner, with

@@ -138,7 +138,7 @@ TEST_F(WindowFetchTest, CredentialChallengeMovesEveryItemToTheBrowser) {
   } endings[] = {
       {"http://127.0.0.1:9/files/f0.bin", "b", NPRES_DONE, {"progress 100", "progress 1", "complete b"}},
       {"http://127.0.0.1:9/files/f1.bin", "", NPRES_NETWORK_ERR, {"complete null"}},
-      {"http://127.0.0.1:9/elsewhere", "moved", NPRES_DONE, {"complete "}},  // redirected
+      {"http://127.0.0.1:9/elsewhere", "moved", NPRES_DONE, {"progress 5", "complete moved"}},  // redirected
       {nullptr, "", NPRES_USER_BREAK, {"complete null"}},
   };
   for (size_t i = 0; i < std::size(endings); ++i) {

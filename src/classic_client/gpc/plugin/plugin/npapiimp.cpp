@@ -371,11 +371,14 @@ NPError CGpcProvider::OnNppNewStream(NPMIMEType type, NPStream* stream, NPBool s
   if (stream == nullptr) return NPERR_INVALID_INSTANCE_ERROR;
   CGpcAutoLock lock(m_lock);
   // A late stream of an earlier (aborted) request names that request: it is not the pending one,
-  // even for the same URL.
+  // even for the same URL. A stream naming the pending request is its stream even when the
+  // browser gives the URL in its own form (a default port dropped, a relative URL made whole).
   void* const requester = stream->notifyData;
   const bool earlierRequest = requester != nullptr && requester != m_pPendingStream &&
                               IsLiveStream(static_cast<CGpcStream*>(requester));
-  if (!earlierRequest && m_pPendingStream != nullptr && m_pPendingStream->IsSameUrl(stream->url)) {
+  const bool pendingRequest = m_pPendingStream != nullptr &&
+                              (requester == m_pPendingStream || m_pPendingStream->IsSameUrl(stream->url));
+  if (!earlierRequest && pendingRequest) {
     if (stype != nullptr) *stype = m_pPendingStream->m_nAsFile ? NP_ASFILEONLY : NP_NORMAL;
     stream->pdata = m_pPendingStream;
     PendingReleased();
