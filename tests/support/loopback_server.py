@@ -88,7 +88,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def scripted(self, parts, path, query):
         """/bytes?n=N, /status/CODE (with a challenge; n=N for a body of N bytes), /redirect?to=URL&n=HOPS, /never, /stall (4096 bytes
-        of 1000000, then silence), /reset (65536 of 10000000), /overlong (69632 of 65536),
+        of 1000000, then silence), /hold (the headers of 1000 bytes, then silence), /reset (65536 of 10000000), /overlong (69632 of 65536),
         /client/moved-after/CODE/... (CODE once, then 302 to /bytes?n=64), /client/fails-once/CODE/N/...,
         /client/fault/VERB/ARG/... (VERB as above with ARG; a redirect goes to itself)."""
         first = self.server.state.first_time
@@ -112,13 +112,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send(302, b"", [("Location", target)])
         elif verb == "never":
             self.server.state.stopping.wait()
-        elif verb in ("stall", "reset", "overlong"):
-            total, sent = {"stall": (1000000, 4096), "reset": (10000000, 65536), "overlong": (65536, 69632)}[verb]
+        elif verb in ("stall", "reset", "overlong", "hold"):
+            total, sent = {"stall": (1000000, 4096), "reset": (10000000, 65536), "overlong": (65536, 69632),
+                           "hold": (1000, 0)}[verb]
             self.send(200, pattern(sent), length=total)
             if verb == "reset":
                 self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
                 self.connection.close()
-            elif verb == "stall":
+            elif verb in ("stall", "hold"):
                 self.server.state.stopping.wait()
             self.close_connection = True
         else:

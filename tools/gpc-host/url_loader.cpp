@@ -32,6 +32,14 @@ void MarkHeadersDone(Transfer* transfer) {
     transfer->content_length = length;
 }
 
+// Whether a response's header lines (its status line first) hold a Location header.
+bool HasLocation(const std::string& headers) {
+  for (size_t at = headers.find('\n'); at != std::string::npos; at = headers.find('\n', at + 1)) {
+    if (strncasecmp(headers.c_str() + at + 1, "location:", 9) == 0) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 UrlLoader::UrlLoader(std::function<void()> changed) : m_changed(std::move(changed)) {
@@ -125,7 +133,16 @@ size_t UrlLoader::OnHeader(char* data, size_t size, size_t count, void* opaque) 
   if (length >= 5 && strncasecmp(data, "HTTP/", 5) == 0) transfer->headers.clear();
   std::string line(data, length);
   while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-  if (!line.empty()) transfer->headers += line + "\n";
+  if (!line.empty()) {
+    transfer->headers += line + "\n";
+    return length;
+  }
+  // The end of a response's headers: a browser opens the stream now, before any of the body.
+  // Not for an interim (1xx) answer, nor for a redirect about to be followed.
+  long status = 0;
+  curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
+  const bool redirect = status >= 300 && status < 400 && HasLocation(transfer->headers);
+  if (status >= 200 && !redirect) MarkHeadersDone(transfer);
   return length;
 }
 

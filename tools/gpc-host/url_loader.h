@@ -16,7 +16,7 @@ struct Transfer {
   std::string post_body;
 
   // Filled as the answer arrives.
-  bool headers_done = false;  // the final response's headers are in (first body byte or end)
+  bool headers_done = false;  // the final response's headers are in
   long status = 0;            // HTTP status; 0 for none
   std::string final_url;      // where redirects ended; empty when there were none
   std::string content_type;
