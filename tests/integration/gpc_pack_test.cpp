@@ -366,6 +366,12 @@ TEST(GpcPack, AHardenedBuildTrustsTheAnchorsOfThePluginBundleItIsGiven) {
                                           "--plugin", bundle});
     EXPECT_EQ(run.out + std::to_string(run.exitCode), bundle.empty() ? "1" : "ok\n0") << run.err;
   }
+  // A name the hardened plug-in refuses, fetching the default extension instead, is refused here too.
+  for (const char* name : {"a\\b", "..", "tab\tname"}) {
+    const ToolRun named = gpctest::RunTool({hardened, "verify", "--package", package, "--params", out + "/params.json",
+                                            "--plugin", plugin, "--param", std::string("GpcExtName=") + name});
+    EXPECT_NE(named.out.find("is refused by the hardened plug-in"), std::string::npos) << name << named.out;
+  }
   // An old system's sha256 package is checked all the same: the signature of another does not do.
   ScopedEnv oldSystem("GPC_SYSTEM_VERSION", "1050");
   const ToolRun run = gpctest::RunTool({hardened, "verify", "--package", package, "--params", out + "/params.json",

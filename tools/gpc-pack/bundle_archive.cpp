@@ -19,6 +19,8 @@
 #include <set>
 #include <vector>
 
+#include "common/gpcutil.h"
+#include "common/hardening.h"
 #include "common/versionfordylib.h"
 #include "lib7zip/link_target.h"
 #include "platform/bundle.h"
@@ -251,6 +253,10 @@ std::string ExtensionNameRefusal(const std::string& name) {
   if (urlCharacter != std::string::npos) {
     return "the extension name \"" + name + "\" holds \"" + name[urlCharacter] +
            "\": the plug-in would fetch another URL than the package's";
+  }
+  if (gpc::GpcHardened() && !IsPlainExtensionName(name.c_str())) {
+    return "the extension name \"" + name + "\" is refused by the hardened plug-in (a \"\\\", a control " +
+           "character, \".\" or \"..\"), which would fetch the default extension instead";
   }
   if (name.find(".framework") != std::string::npos) {
     return "the extension name \"" + name + "\" holds \".framework\": the plug-in would look for a " +

@@ -381,6 +381,8 @@ bool IsOneFolderName(const char* name) {
   return true;
 }
 
+bool IsPlainExtensionName(const char* name) { return IsOneFolderName(name) && strpbrk(name, "\\%?#") == nullptr; }
+
 FileReplaced ReplaceFileWhole(const std::string& path, std::string_view bytes, mode_t mode) {
   std::string temporary = path + ".XXXXXX";
   const int fd = mkostemp(&temporary[0], O_CLOEXEC);

@@ -149,6 +149,9 @@ inline bool isDir(const std::string& path) { return isDir(path.c_str()); }
 
 // A name that stays one level below its folder: no "/", not "." or "..", no control bytes.
 bool IsOneFolderName(const char* name);
+// An extension name the hardened build takes: one folder, and one segment of the package's URL
+// (no "\", "%", "?" or "#").
+bool IsPlainExtensionName(const char* name);
 
 // Whether the entry itself exists (a dangling link counts), with no other effect.
 bool EntryExists(const char* path);

@@ -156,7 +156,7 @@ std::string CGpcExtMgr::GetExtensionDir(bool local) {
 // root's folder ("/", "\", "%", "?", "#", control bytes, "." or ".."): the default name stands.
 const char* CGpcExtMgr::GivenExtensionName() {
   const char* name = m_pWindow->GetParameter("GpcExtName");
-  if (name == nullptr || !gpc::GpcHardened() || (IsOneFolderName(name) && strpbrk(name, "\\%?#") == nullptr)) {
+  if (name == nullptr || !gpc::GpcHardened() || IsPlainExtensionName(name)) {
     return name;
   }
   MacErrorTrace("CGpcExtMgr::GetExtensionName,GpcExtName %s is refused!", name);
