@@ -177,7 +177,7 @@ class NativeMessaging : public ::testing::Test {
         {"gpcsitelock", "0"}, {"GpcUrlRoot", root.empty() ? server.HttpsUrl("client/") : root},
         {"GpcCompressMethod", "7zip"}, {"GpcUnpackVersion", "1,0"}, {"GpcExtVersion", "2,0,0,7"},
         {"GpcProductVersion", "3,1,0,7"}, {"MeetingID", "m42"},
-        {"GpcErrorPageUrl", errorPage ? server.HttpsUrl("page/error") : ""},
+        {"GpcErrorPageUrl", errorPage ? server.HttpsUrl("page") : ""},  // the done page's URL starts with it
         {"GpcSampleFiles", server.HttpsUrl("files/readme.txt")}, {"GpcSampleUnpackDir", data_.path() + "/u-" + id},
         {"GpcSampleDoneUrl", server.HttpsUrl("page/done")}};
     params.insert(params.end(), site_.package.begin(), site_.package.end());

@@ -168,8 +168,17 @@ class Embed : public HostEvents {
     return true;
   }
 
+  // Whether `url` is the plug-in's error page: the page, or the page with the error's query joined
+  // on. Another page whose URL merely starts with the error page's is not.
+  bool IsErrorPage(const std::string& url) const {
+    if (!StartsWith(url, error_page_)) return false;
+    std::string rest = url.substr(error_page_.size());
+    if (!rest.empty() && (rest[0] == '?' || rest[0] == '&')) rest.erase(0, 1);
+    return rest.empty() || StartsWith(rest, "ErrorType=1&ErrorMsg=");
+  }
+
   bool OnNavigate(int request, const std::string& url, const std::string& target) override {
-    if (StartsWith(url, error_page_) && !m_halted) Halt();
+    if (IsErrorPage(url) && !m_halted) Halt();
     JsonObjectText message;
     message.Add("type", "navigate").Add("id", m_id).Add("request", request).Add("url", url).Add("target", target);
     std::string json = message.Finish();
