@@ -7,6 +7,7 @@
 #include <set>
 
 #include "common/gpctimereporter.h"
+#include "extension_package.h"
 #include "http_test_server.h"
 #include "platform/clock.h"
 #include "platform/folders.h"
@@ -63,6 +64,12 @@ TEST_F(TimeReporterTest, StampsBelongToOneMeetingAndWritesReplaceTheFileWhole) {
   gpctest::WriteFile(path, "not a property list");
   for (int i = 0; i < 5; ++i) gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_finish_update_extension);
   EXPECT_EQ(Stamps(), "JMTRoot= gpc_finish_update_extension=1002.5 meetingid=A ");
+  // A meeting id no XML carries (a control byte, bytes that are not UTF-8) is stored so that any
+  // reader reads the file, and the same id keeps its meeting's stamps.
+  for (const char* key : {tmr_gpc_check_extension, tmr_gpc_load_extension})
+    gpctimereporter::appendTimeStamp(kVersion, "m\x01<&>\xff", key);
+  const std::string read = "import plistlib,sys; d = plistlib.load(open(sys.argv[1], 'rb'))['JMTRoot']; print(len(d), d['meetingid'])";
+  EXPECT_EQ(gpctest::ShellOutput("python3 -c \"" + read + "\" '" + path + "'"), "3 m\uFFFD<&>\uFFFD\n");
   gpctimereporter::appendTimeStamp("/0.0.0/", "A", tmr_gpc_check_extension);  // a missing version folder loses it
   fs::remove(path);
   fs::create_directory(path);  // a stamp file that cannot be put in place

@@ -2,6 +2,7 @@
 // then rename), and the text form in the parameter file.
 #include "common/gpctimereporter.h"
 
+#include <glib.h>
 #include <plist/plist.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -54,6 +55,19 @@ std::string VersionFolderFile(const char* version, const char* fileName) {
   path += version;
   path += fileName;
   return path;
+}
+
+// The meeting id as the file's XML can carry it: invalid UTF-8 and control characters other than
+// tab and line feed become U+FFFD, so that any property-list reader still reads the stamps.
+std::string StorableMeetingId(const char* meetingId) {
+  gchar* valid = g_utf8_make_valid(meetingId, -1);
+  std::string text;
+  for (const char* c = valid; *c != '\0'; ++c) {
+    const unsigned char byte = static_cast<unsigned char>(*c);
+    text += byte < 0x20 && byte != '\t' && byte != '\n' ? std::string("\xEF\xBF\xBD") : std::string(1, *c);
+  }
+  g_free(valid);
+  return text;
 }
 
 bool IsWritableFile(const std::string& path) {
@@ -127,10 +141,11 @@ void gpctimereporter::clearTimeStampsIfMeetingIdNotMatch(const char* meetingId, 
   if (stamps == nullptr || plist_get_node_type(stamps) != PLIST_DICT) return;
   plist_t recorded = plist_dict_get_item(stamps, kMeetingIdKey);
   if (recorded == nullptr || plist_get_node_type(recorded) != PLIST_STRING) return;
-  if (platform::PlistNodeText(recorded) == meetingId) return;
+  const std::string storable = StorableMeetingId(meetingId);
+  if (platform::PlistNodeText(recorded) == storable) return;
 
   plist_t fresh = plist_new_dict();
-  plist_dict_set_item(fresh, kMeetingIdKey, plist_new_string(meetingId));
+  plist_dict_set_item(fresh, kMeetingIdKey, plist_new_string(storable.c_str()));
   plist_dict_set_item(root.get(), kRootKey, fresh);  // frees the old stamps
   WriteAtomically(root.get(), path);
 }
@@ -151,7 +166,7 @@ void gpctimereporter::appendTimeStamp(const char* version, const char* meetingId
     plist_dict_set_item(root.get(), kRootKey, stamps);
   }
   plist_dict_set_item(stamps, key, plist_new_real(platform::AbsoluteTimeGetCurrent()));
-  plist_dict_set_item(stamps, kMeetingIdKey, plist_new_string(meetingId));
+  plist_dict_set_item(stamps, kMeetingIdKey, plist_new_string(StorableMeetingId(meetingId).c_str()));
   WriteAtomically(root.get(), path);
 }
 
