@@ -109,9 +109,15 @@
     } else if (message.kind === "error") {
       showStatus(message.key, message.message, true);
     } else if (message.kind === "navigate") {
-      // Told first, navigated second: once this frame unloads, nothing more gets out of it.
-      const ok = /^(https?|ftp|data|blob):/i.test(message.url);
-      if (!ok) {
+      // Told first, navigated second: once this frame unloads, nothing more gets out of it. A
+      // relative URL is the page's, as the browser would read it in a plug-in's request.
+      let url = null;
+      try {
+        url = new URL(message.url, location.href).href;
+      } catch (error) {
+        url = null;
+      }
+      if (url === null || !/^(https?|ftp|data|blob):/i.test(url)) {
         port.postMessage({ kind: "navigated", key: message.key, request: message.request, ok: false });
         return;
       }
@@ -119,9 +125,9 @@
       if (message.target === "_self" || message.target === "" || message.target === undefined ||
           (message.target === "_top" && window === window.top)) {
         port.postMessage(posted);
-        navigate(message.url, message.target);
+        navigate(url, message.target);
       } else {
-        posted.ok = navigate(message.url, message.target);
+        posted.ok = navigate(url, message.target);
         port.postMessage(posted);
       }
     }

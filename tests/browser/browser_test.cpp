@@ -98,7 +98,8 @@ TEST(Browsers, MeetingPagesEndWhereThePlugInSendsThem) {
     if (!qt) params.insert(params.begin(), {"gpcsitelock", "0"});
     for (const auto& [name, value] : packed)
       params.push_back({name, c.until == kErrorPage && name == "GpcExtSignature" ? tampered : value});
-    params.insert(params.end(), {{"GpcErrorPageUrl", url + "page/error.html"},
+    // The error page relative to the page, as the browser reads it.
+    params.insert(params.end(), {{"GpcErrorPageUrl", c.until == kErrorPage ? "error.html" : url + "page/error.html"},
                                  {"GpcSampleFiles", url + "files/readme.txt"},
                                  {"GpcSampleDoneUrl", url + "page/done.html"}});
     const std::string page = std::string("page/") + c.name;

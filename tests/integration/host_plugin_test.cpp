@@ -142,14 +142,15 @@ TEST_F(HostPlugin, RefusedHostPageShowsError111) {
 
 // Without a version on the page the extension on disk runs: the one shipped with the plug-in. Its fetch
 // that meets a challenge goes through the browser, which drops the blanks at the end of a URL; a file
-// missing there fails. Its stream, whose URL holds a tab the browser drops and whose body (3 MB) is
-// more than the host holds at once, counts only when it arrived as the browser's copy, which is gone
-// once the stream ends.
+// missing there fails. Its stream, whose URL is relative to the page and holds a tab the browser drops
+// and whose body (3 MB) is more than the host holds at once, counts only when it arrived as the
+// browser's copy, which is gone once the stream ends.
 TEST_F(HostPlugin, ShippedExtensionRunsAndItsChallengedFetchGoesThroughTheBrowser) {
   Serve({"readme=401x1", "none=401x1", "none=404"});
   const std::string files = server_->Url("/files/readme.txt") + "  |" + server_->Url("/files/none.txt");
   const HostRun run = RunPage({"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=http://127.0.0.1:9/client/", "--param",
-                               "GpcSampleFiles=" + files, "--param", "GpcSampleStream=" + server_->Url("/by\ttes?n=3000000"),
+                               "GpcSampleFiles=" + files, "--param", "GpcSampleStream=../by\ttes?n=3000000",
+                               "--page-url", server_->Url("/meeting/page.html"),
                                "--param", "GpcSampleDoneUrl=" + server_->Url("/done"), "--exit-on-navigate", "/done",
                                "--run-ms", "8000"});
   EXPECT_NE(Str(run, run.Find("navigate", "url", "/done?"), "url").find("/done?fetched=2&failed=1"), std::string::npos)

@@ -11,6 +11,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include <curl/curl.h>
+
 #include "json_line.h"
 
 namespace {
@@ -67,6 +69,23 @@ std::string CleanUrl(const std::string& url) {
   while (first < last && static_cast<unsigned char>(out[first]) <= 0x20) ++first;
   while (last > first && static_cast<unsigned char>(out[last - 1]) <= 0x20) --last;
   return out.substr(first, last - first);
+}
+
+// The URL a browser fetches for `url` on the page at `page`: a URL without a scheme of its own is
+// relative to the page. Left as it is without a page, or when it cannot be resolved.
+std::string ResolvedUrl(const std::string& page, const std::string& url) {
+  std::string resolved = url;
+  CURLU* parts = curl_url();
+  char* whole = nullptr;
+  if (parts != nullptr && !page.empty() && curl_url_set(parts, CURLUPART_URL, url.c_str(), 0) != CURLUE_OK &&
+      curl_url_set(parts, CURLUPART_URL, page.c_str(), 0) == CURLUE_OK &&
+      curl_url_set(parts, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK &&
+      curl_url_get(parts, CURLUPART_URL, &whole, 0) == CURLUE_OK) {
+    resolved = whole;
+  }
+  curl_free(whole);
+  curl_url_cleanup(parts);
+  return resolved;
 }
 
 const char* NullIfEmpty(const char* text) { return text != nullptr && *text != '\0' ? text : nullptr; }
@@ -415,7 +434,7 @@ NPError PluginHost::OnGetURL(const char* call, const char* url, const char* targ
     Navigate(request.release());
     return NPERR_NO_ERROR;
   }
-  Transfer* transfer = m_loader->Start(CleanUrl(request->url), post, body, kUserAgent);
+  Transfer* transfer = m_loader->Start(ResolvedUrl(m_options.page_url, CleanUrl(request->url)), post, body, kUserAgent);
   if (transfer == nullptr) {
     JsonLine("fetch_end").Add("id", request->id).Add("url", request->url).Add("error", "refused by curl").Emit();
     return NPERR_GENERIC_ERROR;
