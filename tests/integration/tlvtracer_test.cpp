@@ -79,6 +79,11 @@ TEST(Tlvtracer, ListsRecordsByLevelAndStopsAtDamageNamingItsOffset) {
   const std::string tooLong = "/" + std::string(254, 'x');  // one byte more than the writer takes
   EXPECT_EQ(gpctest::ShellOutput("GPC_TRACE_FILE=" + tooLong + read).find(tooLong), std::string::npos);
 
+  // A page's text reaches the terminal without its control characters (C1 ones too) or bytes that are not UTF-8.
+  TLVWARN("x\xC2\x9B" "2J\x1B\xFF");
+  const std::string shownLast = tvttest::Tlvtracer({"--level", "warn", kPath}).out;
+  EXPECT_NE(shownLast.find(" x\\u009B2J\\x1B\uFFFD\n"), std::string::npos) << shownLast;
+
   // A long trace is read a batch at a time: showing 128 MiB takes a small part of that in memory.
   std::string debugs;
   while (debugs.size() < (1 << 20)) debugs += good.substr(48, 60);

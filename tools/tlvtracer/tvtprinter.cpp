@@ -28,10 +28,18 @@ void AppendHex(std::string* out, const char* prefix, unsigned value, int digits)
 }
 
 std::string EscapeForLine(const std::string& text) {
+  // Bytes that are not UTF-8 become U+FFFD, and control characters are shown escaped: a page's
+  // text reaches the terminal, which would act on them.
+  const std::string valid = gpctools::ValidUtf8(text);
   std::string out;
-  out.reserve(text.size());
-  for (unsigned char c : text) {
-    if (c == '\n') {
+  out.reserve(valid.size());
+  for (size_t at = 0; at < valid.size(); ++at) {
+    const unsigned char c = static_cast<unsigned char>(valid[at]);
+    const unsigned char next = at + 1 < valid.size() ? static_cast<unsigned char>(valid[at + 1]) : 0;
+    if (c == 0xC2 && next >= 0x80 && next < 0xA0) {  // U+0080 to U+009F
+      AppendHex(&out, "\\u", next, 4);
+      ++at;
+    } else if (c == '\n') {
       out += "\\n";
     } else if (c == '\r') {
       out += "\\r";
