@@ -103,11 +103,12 @@ if(GPC_INSTALL_STEP STREQUAL "begin")
     message(FATAL_ERROR "No built bundle at ${_gpc_bundle_source}: build the project first")
   endif()
   # A CMake list splits names at ";" and does not split inside "[...]": a ";", or a bracket
-  # without its pair, would cut or join the names, and the install could not be undone. A line
-  # break or a tab would break the manifests' JSON.
+  # without its pair, would cut or join the names, and the install could not be undone. A control
+  # character (a line break, a tab) would break the manifests' JSON.
+  string(ASCII 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28 29 30 31 127 _gpc_controls)
   foreach(_gpc_name "$ENV{DESTDIR}" "${_gpc_bundle}" "${_gpc_native_host}" "${_gpc_link_dir}" ${_gpc_host_manifests})
     string(REGEX REPLACE "\\[[^][]*\\]" "" _gpc_unmatched "${_gpc_name}")
-    if(_gpc_unmatched MATCHES "[][;\n\r\t]")
+    if(_gpc_unmatched MATCHES "[][;${_gpc_controls}]")
       message(FATAL_ERROR "Cannot install to ${_gpc_name}: a \";\", a bracket without its pair, or a control character")
     endif()
   endforeach()

@@ -110,10 +110,10 @@
       showStatus(message.key, message.message, true);
     } else if (message.kind === "navigate") {
       // Told first, navigated second: once this frame unloads, nothing more gets out of it. A
-      // relative URL is the page's, as the browser would read it in a plug-in's request.
+      // relative URL is the document's, as the browser would read it in a plug-in's request.
       let url = null;
       try {
-        url = new URL(message.url, location.href).href;
+        url = new URL(message.url, document.baseURI).href;
       } catch (error) {
         url = null;
       }

@@ -150,11 +150,13 @@ TEST_F(HostPlugin, ShippedExtensionRunsAndItsChallengedFetchGoesThroughTheBrowse
   const std::string files = server_->Url("/files/readme.txt") + "  |" + server_->Url("/files/none.txt");
   const HostRun run = RunPage({"--param", "gpcsitelock=0", "--param", "GpcUrlRoot=http://127.0.0.1:9/client/", "--param",
                                "GpcSampleFiles=" + files, "--param", "GpcSampleStream=../by\ttes?n=3000000",
-                               "--page-url", server_->Url("/meeting/page.html"),
+                               "--page-url", server_->Url("/meeting/page.html#/join/now"),
                                "--param", "GpcSampleDoneUrl=" + server_->Url("/done"), "--exit-on-navigate", "/done",
                                "--run-ms", "8000"});
   EXPECT_NE(Str(run, run.Find("navigate", "url", "/done?"), "url").find("/done?fetched=2&failed=1"), std::string::npos)
       << run.stderr_text;
+  const int stream = run.Find("stream_end", "url", "tes?n=3000000");
+  EXPECT_EQ(stream < 0 ? -1 : run.events[static_cast<size_t>(stream)].Int("bytes"), 3000000) << run.stderr_text;
   for (const auto& entry : std::filesystem::directory_iterator(data_.path()))
     EXPECT_NE(entry.path().filename().string().rfind("gpc-host-", 0), 0u) << entry.path();
   // Loaded privately, as browsers load plug-ins, the sample still finds the plug-in's trace function.

@@ -123,7 +123,7 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
     EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + " && rm share/mine && rmdir share && (rmdir ../prefix 2>/dev/null; echo ok)"), "ok\n");
     EXPECT_EQ(Listing(root), before) << uninstall.out;
     // A ";", a bracket without its pair or a line break would cut or join names: refused at once.
-    for (const char* refused : {"/un[paired", "/semi;colon", "/line\nbreak"})
+    for (const char* refused : {"/un[paired", "/semi;colon", "/line\nbreak", "/esc\x1b"})
       EXPECT_NE(gpctest::RunTool({args[0], "--install", kBuild, "--prefix", root + refused}).exitCode, 0) << refused;
     EXPECT_EQ(Listing(root), before);
   }

@@ -83,6 +83,8 @@ TEST(Tlvtracer, ListsRecordsByLevelAndStopsAtDamageNamingItsOffset) {
   TLVWARN("x\xC2\x9B" "2J\x1B\xFF");
   const std::string shownLast = tvttest::Tlvtracer({"--level", "warn", kPath}).out;
   EXPECT_NE(shownLast.find(" x\\u009B2J\\x1B\uFFFD\n"), std::string::npos) << shownLast;
+  const std::string jsonLast = tvttest::Tlvtracer({"--json", "--level", "warn", kPath}).out;
+  EXPECT_NE(jsonLast.find("\"x\\u009b2J\\u001b\uFFFD\""), std::string::npos) << jsonLast;
 
   // A long trace is read a batch at a time: showing 128 MiB takes a small part of that in memory.
   std::string debugs;

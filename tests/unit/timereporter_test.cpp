@@ -67,9 +67,9 @@ TEST_F(TimeReporterTest, StampsBelongToOneMeetingAndWritesReplaceTheFileWhole) {
   // A meeting id no XML carries (a control byte, bytes that are not UTF-8) is stored so that any
   // reader reads the file, and the same id keeps its meeting's stamps.
   for (const char* key : {tmr_gpc_check_extension, tmr_gpc_load_extension})
-    gpctimereporter::appendTimeStamp(kVersion, "m\x01<&>\xff", key);
+    gpctimereporter::appendTimeStamp(kVersion, "m\x01<&>\xff\xef\xbf\xbf", key);
   const std::string read = "import plistlib,sys; d = plistlib.load(open(sys.argv[1], 'rb'))['JMTRoot']; print(len(d), d['meetingid'])";
-  EXPECT_EQ(gpctest::ShellOutput("python3 -c \"" + read + "\" '" + path + "'"), "3 m\uFFFD<&>\uFFFD\n");
+  EXPECT_EQ(gpctest::ShellOutput("python3 -c \"" + read + "\" '" + path + "'"), "3 m\uFFFD<&>\uFFFD\uFFFD\n");
   gpctimereporter::appendTimeStamp("/0.0.0/", "A", tmr_gpc_check_extension);  // a missing version folder loses it
   fs::remove(path);
   fs::create_directory(path);  // a stamp file that cannot be put in place

@@ -30,7 +30,16 @@ std::string JsonEscape(std::string_view text) {
   const std::string valid = ValidUtf8(text);
   std::string out;
   out.reserve(valid.size() + 8);
-  for (unsigned char c : valid) {
+  for (size_t at = 0; at < valid.size(); ++at) {
+    const unsigned char c = static_cast<unsigned char>(valid[at]);
+    const unsigned char next = at + 1 < valid.size() ? static_cast<unsigned char>(valid[at + 1]) : 0;
+    if (c == 0xC2 && next >= 0x80 && next < 0xA0) {  // U+0080 to U+009F: a terminal acts on them
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", next);
+      out += escaped;
+      ++at;
+      continue;
+    }
     switch (c) {
       case '"': out += "\\\""; break;
       case '\\': out += "\\\\"; break;
@@ -38,7 +47,7 @@ std::string JsonEscape(std::string_view text) {
       case '\r': out += "\\r"; break;
       case '\t': out += "\\t"; break;
       default:
-        if (c < 0x20) {
+        if (c < 0x20 || c == 0x7F) {
           char escaped[8];
           std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
           out += escaped;

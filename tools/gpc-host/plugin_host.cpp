@@ -72,8 +72,9 @@ std::string CleanUrl(const std::string& url) {
 }
 
 // The URL a browser fetches for `url` on the page at `page`: a URL without a scheme of its own is
-// relative to the page. Left as it is without a page, or when it cannot be resolved.
-std::string ResolvedUrl(const std::string& page, const std::string& url) {
+// relative to the page (its fragment aside). Left as it is without a page, or when it cannot be resolved.
+std::string ResolvedUrl(std::string page, const std::string& url) {
+  page = page.substr(0, page.find('#'));
   std::string resolved = url;
   CURLU* parts = curl_url();
   char* whole = nullptr;

@@ -81,6 +81,8 @@ Transfer* UrlLoader::Start(const std::string& url, bool post, const std::string&
   curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errbuf);
   curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &UrlLoader::OnHeader);
+  // A proxy's answer to CONNECT is no response of the server's: its blank line opens no stream.
+  curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer.get());
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &UrlLoader::OnBody);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());

@@ -57,14 +57,15 @@ std::string VersionFolderFile(const char* version, const char* fileName) {
   return path;
 }
 
-// The meeting id as the file's XML can carry it: invalid UTF-8 and control characters other than
-// tab and line feed become U+FFFD, so that any property-list reader still reads the stamps.
+// The meeting id as the file's XML can carry it: invalid UTF-8, control characters other than tab
+// and line feed, U+FFFE and U+FFFF become U+FFFD, so that any property-list reader reads the stamps.
 std::string StorableMeetingId(const char* meetingId) {
   gchar* valid = g_utf8_make_valid(meetingId, -1);
   std::string text;
-  for (const char* c = valid; *c != '\0'; ++c) {
-    const unsigned char byte = static_cast<unsigned char>(*c);
-    text += byte < 0x20 && byte != '\t' && byte != '\n' ? std::string("\xEF\xBF\xBD") : std::string(1, *c);
+  for (const gchar* c = valid; *c != '\0'; c = g_utf8_next_char(c)) {
+    const gunichar ch = g_utf8_get_char(c);
+    const bool allowed = (ch >= 0x20 || ch == '\t' || ch == '\n') && ch != 0xFFFE && ch != 0xFFFF;
+    text += allowed ? std::string(c, static_cast<const gchar*>(g_utf8_next_char(c))) : std::string("\xEF\xBF\xBD");
   }
   g_free(valid);
   return text;
