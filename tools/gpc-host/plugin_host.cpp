@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
@@ -114,7 +115,7 @@ struct PluginHost::Request {
   NPStream stream = {};
   bool stream_open = false;
   uint16_t stype = NP_NORMAL;
-  int32_t offset = 0;
+  int64_t offset = 0;  // NPAPI's offsets are 32-bit: past 2 GiB the plug-in is told INT32_MAX
   std::string headers;
   std::string file_path;
   FILE* file = nullptr;
@@ -569,7 +570,9 @@ bool PluginHost::OpenStream(Request* request, const std::string& mime) {
   // As browsers do, a redirected request's stream carries the URL it ended at.
   request->stream_url = transfer->final_url.empty() ? request->url : transfer->final_url;
   request->stream.url = request->stream_url.c_str();
-  request->stream.end = transfer->content_length > 0 ? static_cast<uint32_t>(transfer->content_length) : 0;
+  // 0, "unknown", for a length NPAPI's 32 bits cannot hold.
+  const bool fits = transfer->content_length > 0 && transfer->content_length <= UINT32_MAX;
+  request->stream.end = fits ? static_cast<uint32_t>(transfer->content_length) : 0;
   request->stream.notifyData = request->notify ? request->notify_data : nullptr;
   request->stream.headers = request->headers.empty() ? nullptr : request->headers.c_str();
   request->stype = NP_NORMAL;
@@ -637,7 +640,8 @@ bool PluginHost::WriteToPlugin(Request* request, Transfer* transfer, size_t* tak
     const int64_t left = static_cast<int64_t>(data.size() - *taken);
     int32_t chunk = std::min<int64_t>({ready, left, kMaxWriteChunk});
     char* at = &data[*taken];
-    int32_t written = plugin_funcs_->write(&m_npp, &request->stream, request->offset, chunk, at);
+    int32_t written = plugin_funcs_->write(&m_npp, &request->stream,
+                                           static_cast<int32_t>(std::min<int64_t>(request->offset, INT32_MAX)), chunk, at);
     if (written < 0) return false;
     written = std::min(written, chunk);
     CopyToFile(request, at, static_cast<size_t>(written));
