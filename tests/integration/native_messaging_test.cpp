@@ -13,6 +13,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
+#include <ctime>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -20,6 +23,8 @@
 #include <string>
 #include <vector>
 
+#include "common/tlvtrace/tlvtrace_testing.h"
+#include "common/tlvtrace/tlvtraceu.h"
 #include "extension_package.h"
 #include "gpc_host_run.h"
 
@@ -250,9 +255,24 @@ TEST_F(NativeMessaging, EmbedsDestroyedAtAnyStageLeaveNothingHalfDoneAndTheOther
 }
 
 // A tlvtracer that ends is started again, and keeps none of the host's connections: neither the
-// browser's port nor a download under way.
+// browser's port nor a download under way. What it shows again is not handed on twice, whatever
+// the clock said: a record of the host's dated an hour ahead (the clock was set back since) halts
+// "ahead", which has no error page, once, and not "slow" after the restart.
 TEST_F(NativeMessaging, ARestartedTracerKeepsNoneOfTheHostsConnections) {
-  host_->Send(Embed("slow", site_.slow));
+  host_->Send(Embed("ahead", site_.fast, site_.fast.HttpsUrl("client/fault/never/0/"), false));
+  ASSERT_TRUE(host_->WaitFor("status", "ahead", "started")) << Seen();
+  const std::string written = data_.path() + "/ahead.tvt";
+  ASSERT_TRUE(tlvtra_reopen_for_testing(written.c_str()));
+  TLVTRACERAW(TLVTRACE_LEVEL_ERROR, "GPCPlugin", "-", "CGpcWindow::ShowMessage: ErrorPageURL is nil.");
+  tlvtra_reopen_for_testing(nullptr);
+  std::string record = gpctest::ReadFile(written).substr(48);
+  const uint32_t pid = static_cast<uint32_t>(host_->pid()), seconds = static_cast<uint32_t>(time(nullptr) + 3600);
+  memcpy(&record[12], &pid, 4);  // little-endian, as the file is
+  memcpy(&record[24], &seconds, 4);
+  const char* const traceFile = getenv("GPC_TRACE_FILE");
+  std::ofstream(traceFile, std::ios::binary | std::ios::app) << record;
+  ASSERT_TRUE(host_->WaitFor("status", "ahead", "halted")) << Seen();
+  host_->Send(Embed("slow", site_.slow, "", false));
   ASSERT_TRUE(host_->WaitFor("status", "slow", "downloading")) << Seen();
   EXPECT_EQ(gpctest::ShellOutput("readlink /proc/" + std::to_string(host_->pid()) + "/fd/0"), "/dev/null\n");
   ASSERT_EQ(host_->Children().size(), 1u);
@@ -268,6 +288,10 @@ TEST_F(NativeMessaging, ARestartedTracerKeepsNoneOfTheHostsConnections) {
   ASSERT_EQ(command, follows) << Seen();
   EXPECT_EQ(gpctest::ShellOutput("ls -l /proc/" + again + "/fd | grep -c socket:"), "0\n");
   ASSERT_TRUE(host_->WaitFor("status", "slow", "running")) << Seen();
+  // In a file started anew (by a plug-in loaded again), a record at an offset shown before is new.
+  ASSERT_EQ(truncate(traceFile, 48), 0);
+  std::ofstream(traceFile, std::ios::binary | std::ios::app) << record;
+  ASSERT_TRUE(host_->WaitFor("status", "slow", "halted")) << Seen();
 }
 
 // A direct download that meets a challenge moves the fetch to the browser, that is to this host, which

@@ -4,6 +4,7 @@
 #include <glib-unix.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <cstring>
 
 #include "json_value.h"
+#include "trace_path.h"
 
 namespace {
 
@@ -58,8 +60,19 @@ bool TraceFollower::Start() {
   return Launch(m_tracer);
 }
 
+// A file shorter than the last record handed on, or another file, was started anew while no
+// tlvtracer read it: all its records are new.
+void TraceFollower::NoteRestartedFile() {
+  struct stat info;
+  const bool found = stat(gpctools::TraceFilePath().c_str(), &info) == 0;
+  if (!found || info.st_dev != m_device || info.st_ino != m_inode || info.st_size <= m_last_offset) m_last_offset = -1;
+  m_device = found ? info.st_dev : 0;
+  m_inode = found ? info.st_ino : 0;
+}
+
 bool TraceFollower::Launch(const std::string& tracer) {
   m_started_at = g_get_monotonic_time();
+  NoteRestartedFile();
   int pipe_fds[2];
   if (pipe2(pipe_fds, O_CLOEXEC) != 0) return false;
   const pid_t parent = getpid();
@@ -70,7 +83,10 @@ bool TraceFollower::Launch(const std::string& tracer) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) _exit(0);
     int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (null_fd < 0 || dup2(null_fd, STDIN_FILENO) < 0 || dup2(pipe_fds[1], STDOUT_FILENO) < 0) _exit(127);
+    // Its notices come through the same pipe, in order with the records.
+    if (null_fd < 0 || dup2(null_fd, STDIN_FILENO) < 0 || dup2(pipe_fds[1], STDOUT_FILENO) < 0 ||
+        dup2(pipe_fds[1], STDERR_FILENO) < 0)
+      _exit(127);
     // Nothing else of the host's: a download's connection, libcurl's own pairs.
     if (close_range(3, ~0U, 0) != 0)
       for (int fd = 3; fd < open_max; ++fd) close(fd);  // a kernel before 5.9
@@ -128,21 +144,20 @@ gboolean TraceFollower::OnOutput(gint fd, GIOCondition, gpointer self) {
 void TraceFollower::TakeLine(const std::string& line) {
   JsonValue record;
   std::string error;
-  if (!ParseJson(line, &record, &error)) return;
+  if (!ParseJson(line, &record, &error)) {
+    // One of tlvtracer's notices: passed on. After "started anew" every record is new.
+    if (line.find(" started anew; ") != std::string::npos) m_last_offset = -1;
+    std::fprintf(stderr, "%s\n", line.c_str());
+    return;
+  }
   const JsonValue* pid = record.Find("pid");
   const JsonValue* text = record.Find("text");
   // The file is shared by every process that loads the plug-in; only this one's records count.
   if (pid == nullptr || pid->kind != JsonValue::Kind::kNumber || pid->number != getpid()) return;
   const JsonValue* offset = record.Find("offset");
-  const JsonValue* seconds = record.Find("seconds");
-  const JsonValue* millis = record.Find("milliseconds");
-  if (offset != nullptr && seconds != nullptr && millis != nullptr && offset->kind == JsonValue::Kind::kNumber &&
-      seconds->kind == JsonValue::Kind::kNumber && millis->kind == JsonValue::Kind::kNumber) {
-    // A plug-in loaded again in this process writes from the file's start, but later.
-    const double time = seconds->number * 1000 + millis->number;
-    if (offset->number <= m_last_offset && time <= m_last_time) return;
+  if (offset != nullptr && offset->kind == JsonValue::Kind::kNumber) {
+    if (offset->number <= m_last_offset) return;  // shown again by a restarted tlvtracer
     m_last_offset = offset->number;
-    m_last_time = time;
   }
   if (text != nullptr && text->IsString()) on_record_(text->text);
 }

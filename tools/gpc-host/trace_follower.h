@@ -30,6 +30,7 @@ class TraceFollower {
   void Stop();
   void ScheduleRestart();
   void TakeLine(const std::string& line);
+  void NoteRestartedFile();
 
   std::function<void(const std::string&)> on_record_;
   std::string m_tracer;
@@ -39,8 +40,11 @@ class TraceFollower {
   guint m_restart = 0;
   gint64 m_started_at = 0;  // monotonic microseconds of the last launch
   std::string m_pending;    // an incomplete last line
-  // The last record handed on. This process's writer only moves forward in the file, so a record
-  // of it at or before this offset and time was handed on already.
+  // The offset of the last record handed on. This process's writer only appends, so a record of
+  // it at or before this offset was handed on already, unless the file has been started anew
+  // since: tlvtracer says so when it sees it, and a restarted tlvtracer finds the file shorter
+  // or another. Times play no part: the clock may be set back.
   double m_last_offset = -1;
-  double m_last_time = -1;
+  dev_t m_device = 0;
+  ino_t m_inode = 0;
 };

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/folders.h"
+#include "trace_path.h"
 #include "tvtdecoder.h"
 #include "tvtprinter.h"
 
@@ -46,11 +47,6 @@ void PrintUsage(FILE* to) {
 
 // The file the plug-in writes: GPC_TRACE_FILE when it is an absolute path of at most 254 bytes
 // (the writer's limit), else the default.
-std::string DefaultPath() {
-  const char* wanted = getenv("GPC_TRACE_FILE");
-  return wanted != nullptr && wanted[0] == '/' && strlen(wanted) <= 254 ? wanted : kDefaultPath;
-}
-
 // Returns 0 when the options are good, else the exit code to leave with.
 int ParseOptions(int argc, char** argv, Options* options) {
   for (int i = 1; i < argc; ++i) {
@@ -79,7 +75,7 @@ int ParseOptions(int argc, char** argv, Options* options) {
       return 2;
     }
   }
-  if (options->path.empty()) options->path = DefaultPath();
+  if (options->path.empty()) options->path = gpctools::TraceFilePath();
   return 0;
 }
 
