@@ -163,6 +163,12 @@ TEST_F(StreamProviderTest, RequestEndedBeforeAnyStreamEndsWithTheNotificationsRe
     const std::string tail = " https://h/a " + std::to_string(reason);
     EXPECT_EQ(a.heard, (Lines{"destroy" + tail, "delete" + tail, "release"}));
   }
+  // A browser may notify the end before it answers the request: no freed handle is handed out.
+  Browser().onRequest = [&] { provider->OnNppUrlNotify("https://h/a", NPRES_NETWORK_ERR, Browser().requests.back().notifyData); };
+  void* handle = &npp;
+  EXPECT_EQ(provider->StreamGet(sapA, "https://h/a", 0, &handle), GPC_RESULT_OK);
+  EXPECT_EQ(handle, nullptr);
+  Browser().onRequest = nullptr;
 }
 
 // An abort tells the owner once (GPC_STREAM_DELETE) and frees the provider; any registered SAP

@@ -257,7 +257,8 @@ uint32_t CGpcProvider::RequestStream(RequestKind kind, void* sap, const char* ur
     MacInfoTrace("CGpcProvider::StreamPostWithHook : request a POST stream successfully at %s, len = %lu",
                  url, static_cast<unsigned long>(len));
   }
-  *out = stream;
+  // A browser that notified the request's end before answering has had the stream freed already.
+  *out = IsLiveStream(stream) ? stream : nullptr;
   return GPC_RESULT_OK;
 }
 
