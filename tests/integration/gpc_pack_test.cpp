@@ -222,7 +222,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
   auto copy = [&work](const char* folder) { return work + "/" + folder + "/zrgpcext64.bundle"; };
   ASSERT_EQ(Sh("b=" + ShellQuote(kSampleBundle) + " k=" + ShellQuote(signer.Path("vendor.key")) +
                " c=" + ShellQuote(signer.Path("vendor.pem")) + " && mkdir -p " + ShellQuote(work) +
-               " && cd " + ShellQuote(work) + " && for d in n l a v x k d u; do mkdir $d && cp -a \"$b\" $d/; done"
+               " && cd " + ShellQuote(work) + " && for d in n l a v x k d u g; do mkdir $d && cp -a \"$b\" $d/; done"
                " && cp -a \"$b\" . && touch zrgpcext64.bundle/Contents/caf\xC3\xA9"
                " && mkdir h && cp -a \"$b\" 'h/a#b.bundle' && cp -a \"$b\" h/my.framework.bundle && cp -a \"$b\" h/my.dylib.bundle"
                " && mkdir e s && cp -a \"$b\" e/.bundle && ln -s ../zrgpcext64.bundle s/"
@@ -233,6 +233,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
                " && sed -i \"/>CFBundleVersion</{n;s/>.*</>$(printf %0256d 0)</}\" v/*/Contents/Info.plist"
                " && sed -i \"/>CFBundleExecutable</{n;s/>.*</>libdemo.so</}\" d/*/Contents/Info.plist"
                " && sed -i \"/>CFBundleExecutable</{n;s/>.*</>..</}\" u/*/Contents/Info.plist"
+               " && cd g/zrgpcext64.bundle/Contents/MacOS && mv zrgpcext64 real && ln -s real zrgpcext64 && cd - >/dev/null"
                " && cp \"$k\" big.key && echo >> big.key && cat \"$c\" \"$c\" > two.pem"
                " && openssl x509 -in \"$c\" -outform DER -out vendor.der"
                " && openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ec.key"
@@ -262,6 +263,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
       {{work + "/e/.bundle"}, false, 1, "must be <name>.bundle, not \".bundle\""},
       {{copy("x")}, false, 1, "has no executable"},
       {{copy("u")}, false, 1, "MacOS/..: the plug-in would not recognise it"},
+      {{copy("g")}, false, 0, "wrote"},  // the executable a link to a file beside it, which the plug-in follows
       {{copy("d")}, false, 1, "MacOS/libdemo.so: the plug-in would not recognise it"},  // the one it names
       {{work + "/h/a#b.bundle"}, false, 1, "holds \"#\""},
       {{work + "/h/my.framework.bundle"}, false, 1, "holds \".framework\""},

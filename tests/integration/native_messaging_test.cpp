@@ -288,10 +288,20 @@ TEST_F(NativeMessaging, ARestartedTracerKeepsNoneOfTheHostsConnections) {
   ASSERT_EQ(command, follows) << Seen();
   EXPECT_EQ(gpctest::ShellOutput("ls -l /proc/" + again + "/fd | grep -c socket:"), "0\n");
   ASSERT_TRUE(host_->WaitFor("status", "slow", "running")) << Seen();
-  // In a file started anew (by a plug-in loaded again), a record at an offset shown before is new.
-  ASSERT_EQ(truncate(traceFile, 48), 0);
-  std::ofstream(traceFile, std::ios::binary | std::ios::app) << record;
+  // In a file started anew (by a plug-in loaded again), a record at an offset shown before is new,
+  // also when the file was started anew while no tlvtracer read it (one stopped, then ended).
+  const auto startAnew = [&] {
+    return truncate(traceFile, 48) == 0 && static_cast<bool>(std::ofstream(traceFile, std::ios::binary | std::ios::app) << record);
+  };
+  ASSERT_TRUE(startAnew());
   ASSERT_TRUE(host_->WaitFor("status", "slow", "halted")) << Seen();
+  host_->Send(Embed("third", site_.fast, site_.fast.HttpsUrl("client/fault/never/0/"), false));
+  ASSERT_TRUE(host_->WaitFor("status", "third", "started")) << Seen();
+  kill(host_->Children()[0], SIGSTOP);
+  record[28] ^= 1;  // another millisecond: another first record
+  ASSERT_TRUE(startAnew());
+  kill(host_->Children()[0], SIGKILL);
+  ASSERT_TRUE(host_->WaitFor("status", "third", "halted")) << Seen();
 }
 
 // A direct download that meets a challenge moves the fetch to the browser, that is to this host, which

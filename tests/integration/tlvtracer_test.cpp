@@ -86,9 +86,16 @@ TEST(Tlvtracer, ListsRecordsByLevelAndStopsAtDamageNamingItsOffset) {
   const std::string jsonLast = tvttest::Tlvtracer({"--json", "--level", "warn", kPath}).out;
   EXPECT_NE(jsonLast.find("\"x\\u009b2J\\u001b\uFFFD\""), std::string::npos) << jsonLast;
 
-  // A long trace is read a batch at a time: showing 128 MiB takes a small part of that in memory.
   std::string debugs;
   while (debugs.size() < (1 << 20)) debugs += good.substr(48, 60);
+  // Both outputs in one pipe (as gpc-host reads them): a notice never lands inside a record's line.
+  gpctest::WriteFile(bad, good.substr(0, 48) + debugs.substr(0, 6000) + std::string(64, '\0') + good.substr(48, 60));
+  std::istringstream both(gpctest::ShellOutput(GPC_BIN_DIR "/tlvtracer --json " + gpctest::ShellQuote(bad) + " 2>&1"));
+  int lines = 0;
+  for (std::string line; std::getline(both, line); ++lines)
+    EXPECT_TRUE(line.rfind("tlvtracer: ", 0) == 0 || (line.front() == '{' && line.back() == '}')) << line;
+  EXPECT_EQ(lines, 102);
+  // A long trace is read a batch at a time: showing 128 MiB takes a small part of that in memory.
   gpctest::WriteFile(bad, good.substr(0, 48));
   for (std::ofstream out(bad, std::ios::binary | std::ios::app); out.tellp() < (128 << 20);) out << debugs;
   EXPECT_EQ(tvttest::Tlvtracer({"--level", "warn", bad}).exitCode, 0);

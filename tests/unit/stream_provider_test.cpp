@@ -163,11 +163,17 @@ TEST_F(StreamProviderTest, RequestEndedBeforeAnyStreamEndsWithTheNotificationsRe
     const std::string tail = " https://h/a " + std::to_string(reason);
     EXPECT_EQ(a.heard, (Lines{"destroy" + tail, "delete" + tail, "release"}));
   }
-  // A browser may notify the end before it answers the request: no freed handle is handed out.
-  Browser().onRequest = [&] { provider->OnNppUrlNotify("https://h/a", NPRES_NETWORK_ERR, Browser().requests.back().notifyData); };
-  void* handle = &npp;
+  // A browser may notify the end before it answers the request, and another client ask again
+  // meanwhile, its stream perhaps at the freed one's address: no handle is handed out.
+  void *handle = &npp, *other = nullptr;
+  b.onMessage = [&](GPCMessage* m) {
+    if (m->type == GPC_PENDING_RELEASE && other == nullptr) provider->StreamGet(sapB, "https://h/b", 0, &other);
+  };
+  Browser().onRequest = [&] {
+    if (Browser().requests.size() == 4) provider->OnNppUrlNotify("https://h/a", 1, Browser().requests.back().notifyData);
+  };
   EXPECT_EQ(provider->StreamGet(sapA, "https://h/a", 0, &handle), GPC_RESULT_OK);
-  EXPECT_EQ(handle, nullptr);
+  EXPECT_TRUE(handle == nullptr && other != nullptr) << handle;
   Browser().onRequest = nullptr;
 }
 

@@ -4,7 +4,6 @@
 #include <glib-unix.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,7 +14,6 @@
 #include <cstring>
 
 #include "json_value.h"
-#include "trace_path.h"
 
 namespace {
 
@@ -60,19 +58,9 @@ bool TraceFollower::Start() {
   return Launch(m_tracer);
 }
 
-// A file shorter than the last record handed on, or another file, was started anew while no
-// tlvtracer read it: all its records are new.
-void TraceFollower::NoteRestartedFile() {
-  struct stat info;
-  const bool found = stat(gpctools::TraceFilePath().c_str(), &info) == 0;
-  if (!found || info.st_dev != m_device || info.st_ino != m_inode || info.st_size <= m_last_offset) m_last_offset = -1;
-  m_device = found ? info.st_dev : 0;
-  m_inode = found ? info.st_ino : 0;
-}
-
 bool TraceFollower::Launch(const std::string& tracer) {
+  m_relaunched = m_started_at != 0;
   m_started_at = g_get_monotonic_time();
-  NoteRestartedFile();
   int pipe_fds[2];
   if (pipe2(pipe_fds, O_CLOEXEC) != 0) return false;
   const pid_t parent = getpid();
@@ -152,9 +140,17 @@ void TraceFollower::TakeLine(const std::string& line) {
   }
   const JsonValue* pid = record.Find("pid");
   const JsonValue* text = record.Find("text");
+  const JsonValue* offset = record.Find("offset");
+  constexpr double kFirstRecordOffset = 48;  // just past the file's header
+  if (offset != nullptr && offset->kind == JsonValue::Kind::kNumber && offset->number == kFirstRecordOffset) {
+    // A tlvtracer started again shows the file from its start: another first record than the
+    // one last shown means the file was started anew meanwhile, and all of it is new.
+    if (m_relaunched && line != m_first_record) m_last_offset = -1;
+    m_first_record = line;
+  }
+  m_relaunched = false;
   // The file is shared by every process that loads the plug-in; only this one's records count.
   if (pid == nullptr || pid->kind != JsonValue::Kind::kNumber || pid->number != getpid()) return;
-  const JsonValue* offset = record.Find("offset");
   if (offset != nullptr && offset->kind == JsonValue::Kind::kNumber) {
     if (offset->number <= m_last_offset) return;  // shown again by a restarted tlvtracer
     m_last_offset = offset->number;

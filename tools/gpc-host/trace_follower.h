@@ -30,7 +30,6 @@ class TraceFollower {
   void Stop();
   void ScheduleRestart();
   void TakeLine(const std::string& line);
-  void NoteRestartedFile();
 
   std::function<void(const std::string&)> on_record_;
   std::string m_tracer;
@@ -42,9 +41,9 @@ class TraceFollower {
   std::string m_pending;    // an incomplete last line
   // The offset of the last record handed on. This process's writer only appends, so a record of
   // it at or before this offset was handed on already, unless the file has been started anew
-  // since: tlvtracer says so when it sees it, and a restarted tlvtracer finds the file shorter
-  // or another. Times play no part: the clock may be set back.
+  // since: tlvtracer says so when it sees it, and a restarted tlvtracer shows another first
+  // record. Times play no part: the clock may be set back.
   double m_last_offset = -1;
-  dev_t m_device = 0;
-  ino_t m_inode = 0;
+  std::string m_first_record;  // the record at the file's start, as last shown
+  bool m_relaunched = false;   // no record shown yet by a tlvtracer started again
 };

@@ -306,7 +306,7 @@ bool ReadBundleFacts(const std::string& path, BundleFacts* facts, std::string* e
   std::string declared;
   platform::PlistDictString(plist, "CFBundleExecutable", &declared);
   const std::string executable = folder + "/Contents/MacOS/" + platform::BundleExecutableName(declared, base);
-  if (lstat(executable.c_str(), &info) != 0 || S_ISDIR(info.st_mode)) {  // ".." names a folder
+  if (stat(executable.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {  // as the plug-in checks it
     *error = "the bundle has no executable " + executable +
              ": the plug-in would not recognise it as installed and download it on every visit";
     return false;

@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "platform/folders.h"
-#include "trace_path.h"
 #include "tvtdecoder.h"
 #include "tvtprinter.h"
 
@@ -47,6 +46,11 @@ void PrintUsage(FILE* to) {
 
 // The file the plug-in writes: GPC_TRACE_FILE when it is an absolute path of at most 254 bytes
 // (the writer's limit), else the default.
+std::string DefaultPath() {
+  const char* wanted = getenv("GPC_TRACE_FILE");
+  return wanted != nullptr && wanted[0] == '/' && strlen(wanted) <= 254 ? wanted : kDefaultPath;
+}
+
 // Returns 0 when the options are good, else the exit code to leave with.
 int ParseOptions(int argc, char** argv, Options* options) {
   for (int i = 1; i < argc; ++i) {
@@ -75,7 +79,7 @@ int ParseOptions(int argc, char** argv, Options* options) {
       return 2;
     }
   }
-  if (options->path.empty()) options->path = gpctools::TraceFilePath();
+  if (options->path.empty()) options->path = DefaultPath();
   return 0;
 }
 
@@ -241,6 +245,7 @@ class TraceReader {
   }
 
   void SkipHole(uint64_t offset, size_t length) {
+    fflush(stdout);  // the lines shown so far go first: a reader may take both outputs in one pipe
     fprintf(stderr, "tlvtracer: %s: %zu zero bytes at byte offset %llu, left by a writer in another process; skipped\n",
             m_options.path.c_str(), length, static_cast<unsigned long long>(offset));
     Gap gap;

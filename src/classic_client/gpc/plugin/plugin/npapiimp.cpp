@@ -229,6 +229,7 @@ uint32_t CGpcProvider::RequestStream(RequestKind kind, void* sap, const char* ur
   CGpcAutoLock lock(m_lock);
   m_vectorLiveStream.push_back(std::make_unique<CGpcStream>(AsSap(sap), url, asFile));
   CGpcStream* stream = m_vectorLiveStream.back().get();
+  const uint64_t serial = stream->m_nSerial = ++m_nLastStreamSerial;
   m_pPendingStream = stream;
 
   NPError result;
@@ -257,8 +258,9 @@ uint32_t CGpcProvider::RequestStream(RequestKind kind, void* sap, const char* ur
     MacInfoTrace("CGpcProvider::StreamPostWithHook : request a POST stream successfully at %s, len = %lu",
                  url, static_cast<unsigned long>(len));
   }
-  // A browser that notified the request's end before answering has had the stream freed already.
-  *out = IsLiveStream(stream) ? stream : nullptr;
+  // A browser that notified the request's end before answering has had the stream freed already,
+  // and another request may have its address by now.
+  *out = IsLiveStream(stream) && stream->m_nSerial == serial ? stream : nullptr;
   return GPC_RESULT_OK;
 }
 

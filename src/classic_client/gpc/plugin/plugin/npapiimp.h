@@ -88,6 +88,7 @@ class CGpcStream {
   std::string m_strUrl;
   int32_t m_nAsFile;
   bool m_bAborted = false;
+  uint64_t m_nSerial = 0;  // which request made it: a freed stream's address may be given again
 };
 
 // The post buffer is at least this large.
@@ -170,6 +171,7 @@ class CGpcProvider {
   // Every stream object not yet finished by the browser. A stream the browser never opens
   // (refused or aborted before it opened) is freed with the provider.
   std::vector<std::unique_ptr<CGpcStream>> m_vectorLiveStream;
+  uint64_t m_nLastStreamSerial = 0;
   std::vector<std::unique_ptr<CGpcStream>>::iterator FindLiveStream(const CGpcStream* stream);
 };
 
