@@ -1,4 +1,5 @@
 // gpc-host: drives an NPAPI plug-in module without a browser. See --help.
+#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -8,6 +9,8 @@
 #include "plugin_host.h"
 
 int main(int argc, char** argv) {
+  // A file-size limit is a full disk, as in a browser that ignores the signal: a write fails.
+  signal(SIGXFSZ, SIG_IGN);
   HostOptions options;
   std::string error;
   if (!ParseHostOptions(argc, argv, &options, &error)) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -67,6 +68,8 @@ int main(int argc, char** argv) {
   // File names are taken as UTF-8, as the plug-in's unpacker writes them, whatever the user's
   // locale; in the "C" locale libarchive could store no name outside ASCII.
   if (setlocale(LC_CTYPE, "C.UTF-8") == nullptr) setlocale(LC_CTYPE, "C.utf8");
+  // A file-size limit is a full disk: a write fails and is reported, and nothing half-written stays.
+  signal(SIGXFSZ, SIG_IGN);
   try {
     return Run(argc, argv);
   } catch (const std::exception& failure) {
