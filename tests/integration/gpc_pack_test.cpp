@@ -297,7 +297,7 @@ TEST(GpcPack, PackRefusesBadInputLeavingNothingBehindAndTakesOtherSpellingsOfGoo
   // A file-size limit is a full disk: the failed write is reported, and nothing is left.
   ASSERT_EQ(Sh("rm -rf " + ShellQuote(out) + " && mkdir " + ShellQuote(out) + " && echo ok"), "ok\n");
   const ToolRun full = (ScopedFileSizeLimit(8192), Pack(signer, {"--out", out, kSampleBundle}));
-  EXPECT_TRUE(full.exitCode == 1 && full.err.find("cannot finish the archive") != std::string::npos) << full.err;
+  EXPECT_TRUE(full.exitCode != 0 && full.err.find("cannot finish the archive") != std::string::npos) << full.err;
   EXPECT_EQ(Sh("ls -A " + ShellQuote(out)), "");
 }
 

@@ -93,6 +93,7 @@ class NativeHost {
     fd_ = ends[0];
   }
   ~NativeHost() {
+    if (pid_ > 0) CloseAndWait();  // as the browser ends it, so its downloads leave nothing in /tmp
     if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
     close(fd_);
   }
