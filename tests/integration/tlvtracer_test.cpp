@@ -95,6 +95,17 @@ TEST(Tlvtracer, ListsRecordsByLevelAndStopsAtDamageNamingItsOffset) {
   for (std::string line; std::getline(both, line); ++lines)
     EXPECT_TRUE(line.rfind("tlvtracer: ", 0) == 0 || (line.front() == '{' && line.back() == '}')) << line;
   EXPECT_EQ(lines, 102);
+  // A run of zero bytes is stepped over without being held, nearly 128 MiB of them (a sparse file)
+  // too, which end where a batch of reading ends.
+  gpctest::WriteFile(bad, good.substr(0, 108));
+  ASSERT_EQ(truncate(bad.c_str(), 128 << 20), 0);
+  std::ofstream(bad, std::ios::binary | std::ios::app) << good.substr(48, 60);
+  const gpctest::ToolRun sparse = tvttest::Tlvtracer({"--json", bad});
+  EXPECT_EQ(gpchost::ParseJsonLines(sparse.out).size(), 2u) << sparse.err;
+  EXPECT_NE(sparse.err.find("134217620 zero bytes at byte offset 108"), std::string::npos) << sparse.err;
+  ASSERT_EQ(truncate(bad.c_str(), 108 + 64), 0);  // zeros to the end: a record cut short
+  const std::string cut = tvttest::Tlvtracer({bad}).err;
+  EXPECT_NE(cut.find("truncated record at byte offset 108: only 64 bytes follow"), std::string::npos) << cut;
   // A long trace is read a batch at a time: showing 128 MiB takes a small part of that in memory.
   gpctest::WriteFile(bad, good.substr(0, 48));
   for (std::ofstream out(bad, std::ios::binary | std::ios::app); out.tellp() < (128 << 20);) out << debugs;

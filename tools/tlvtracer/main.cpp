@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -161,9 +162,17 @@ class TraceReader {
         continue;
       }
       const size_t hole = tlvtracer::HoleLength(data, size);
-      if (hole == tlvtracer::kHoleUnended) break;
-      if (hole > 0) {
-        SkipHole(m_base + at, hole);
+      if (hole == tlvtracer::kHoleUnended) {
+        // A run of zeros with no end yet: where it starts is kept in mind, not its bytes.
+        const size_t whole = size & ~static_cast<size_t>(3);
+        if (whole > 0 && !m_hole_start) m_hole_start = m_base + at;
+        at += whole;
+        break;
+      }
+      if (hole > 0 || m_hole_start) {
+        const uint64_t start = m_hole_start.value_or(m_base + at);
+        m_hole_start.reset();
+        SkipHole(start, static_cast<size_t>(m_base + at + hole - start));
         at += hole;
         continue;
       }
@@ -193,8 +202,8 @@ class TraceReader {
   }
 
   // Offset of the first byte not yet decoded, and how many bytes follow it.
-  uint64_t Offset() const { return m_base; }
-  size_t Leftover() const { return m_pending.size(); }
+  uint64_t Offset() const { return m_hole_start.value_or(m_base); }
+  size_t Leftover() const { return m_pending.size() + static_cast<size_t>(m_base - Offset()); }
   bool HeaderSeen() const { return header_seen_; }
   const std::string& Problem() const { return m_problem; }
 
@@ -217,6 +226,7 @@ class TraceReader {
     m_first.clear();
     m_gaps.clear();
     m_base = read_end_ = 0;
+    m_hole_start.reset();
     header_seen_ = false;
     Open();
   }
@@ -294,6 +304,7 @@ class TraceReader {
   std::vector<unsigned char> m_first;  // bytes read from offset 48 on, one longest record at most
   std::vector<Gap> m_gaps;
   uint64_t m_base = 0;      // file offset of m_pending[0]
+  std::optional<uint64_t> m_hole_start;  // where a run of zeros not ended yet begins
   uint64_t read_end_ = 0;  // file offset just past the last byte read
   bool header_seen_ = false;
   std::string m_problem;
