@@ -27,32 +27,19 @@ void AppendHex(std::string* out, const char* prefix, unsigned value, int digits)
   *out += text;
 }
 
-std::string EscapeForLine(const std::string& text) {
-  // Bytes that are not UTF-8 become U+FFFD, and control characters are shown escaped: a page's
-  // text reaches the terminal, which would act on them.
-  const std::string valid = gpctools::ValidUtf8(text);
-  std::string out;
-  out.reserve(valid.size());
-  for (size_t at = 0; at < valid.size(); ++at) {
-    const unsigned char c = static_cast<unsigned char>(valid[at]);
-    const unsigned char next = at + 1 < valid.size() ? static_cast<unsigned char>(valid[at + 1]) : 0;
-    if (c == 0xC2 && next >= 0x80 && next < 0xA0) {  // U+0080 to U+009F
-      AppendHex(&out, "\\u", next, 4);
-      ++at;
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (c == '\r') {
-      out += "\\r";
-    } else if (c == '\t') {
-      out += "\\t";
-    } else if (c < 0x20 || c == 0x7F) {
-      AppendHex(&out, "\\x", c, 2);
-    } else {
-      out += static_cast<char>(c);
-    }
+// Control characters escaped, as "\x1B" or "\u009B": a page's text reaches the terminal.
+bool LineSpelling(unsigned code, std::string* out) {
+  if (code >= 0x80) {
+    AppendHex(out, "\\u", code, 4);
+  } else if (code < 0x20 || code == 0x7F) {
+    AppendHex(out, "\\x", code, 2);
+  } else {
+    return false;
   }
-  return out;
+  return true;
 }
+
+std::string EscapeForLine(const std::string& text) { return gpctools::EscapeText(text, LineSpelling); }
 
 std::string JsonString(const std::string& text) { return "\"" + gpctools::JsonEscape(text) + "\""; }
 
