@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -324,12 +325,10 @@ TEST(GpcPack, AStoppedPackLeavesNothingAndAnIgnoredSignalStaysIgnored) {
   std::vector<char*> argv;
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
   argv.push_back(nullptr);
-  const pid_t pack = fork();
-  if (pack == 0) {
-    signal(SIGHUP, SIG_IGN);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
+  void (*const hangUp)(int) = signal(SIGHUP, SIG_IGN);  // inherited, as under nohup
+  pid_t pack = -1;
+  ASSERT_EQ(posix_spawn(&pack, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+  signal(SIGHUP, hangUp);
   const unsigned long term = 1ul << (SIGTERM - 1), hup = 1ul << (SIGHUP - 1);
   auto signals = CaughtAndIgnored(pack);
   for (int polls = 0; polls < 1000 && (signals.first & term) == 0; ++polls, usleep(5000)) signals = CaughtAndIgnored(pack);

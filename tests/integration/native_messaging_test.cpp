@@ -271,7 +271,10 @@ TEST_F(NativeMessaging, ARestartedTracerKeepsNoneOfTheHostsConnections) {
   memcpy(&record[12], &pid, 4);  // little-endian, as the file is
   memcpy(&record[24], &seconds, 4);
   const char* const traceFile = getenv("GPC_TRACE_FILE");
-  std::ofstream(traceFile, std::ios::binary | std::ios::app) << record;
+  const auto write = [&](bool anew) {  // the record appended, to the file started anew or not
+    return (!anew || truncate(traceFile, 48) == 0) && static_cast<bool>(std::ofstream(traceFile, std::ios::app) << record);
+  };
+  ASSERT_TRUE(write(false));
   ASSERT_TRUE(host_->WaitFor("status", "ahead", "halted")) << Seen();
   host_->Send(Embed("slow", site_.slow, "", false));
   ASSERT_TRUE(host_->WaitFor("status", "slow", "downloading")) << Seen();
@@ -291,16 +294,13 @@ TEST_F(NativeMessaging, ARestartedTracerKeepsNoneOfTheHostsConnections) {
   ASSERT_TRUE(host_->WaitFor("status", "slow", "running")) << Seen();
   // In a file started anew (by a plug-in loaded again), a record at an offset shown before is new,
   // also when the file was started anew while no tlvtracer read it (one stopped, then ended).
-  const auto startAnew = [&] {
-    return truncate(traceFile, 48) == 0 && static_cast<bool>(std::ofstream(traceFile, std::ios::binary | std::ios::app) << record);
-  };
-  ASSERT_TRUE(startAnew());
+  ASSERT_TRUE(write(true));
   ASSERT_TRUE(host_->WaitFor("status", "slow", "halted")) << Seen();
   host_->Send(Embed("third", site_.fast, site_.fast.HttpsUrl("client/fault/never/0/"), false));
   ASSERT_TRUE(host_->WaitFor("status", "third", "started")) << Seen();
   kill(host_->Children()[0], SIGSTOP);
   record[28] ^= 1;  // another millisecond: another first record
-  ASSERT_TRUE(startAnew());
+  ASSERT_TRUE(write(true));
   kill(host_->Children()[0], SIGKILL);
   ASSERT_TRUE(host_->WaitFor("status", "third", "halted")) << Seen();
 }
