@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "http_test_server.h"
 #include "json_value.h"
 
 namespace {
@@ -15,6 +16,7 @@ std::string ValuesArray(size_t count) {
 }
 
 TEST(JsonValue, ReadsOneValueAndRefusesAnythingElseWithItsReason) {
+  const gpctest::ScopedLocale german(LC_NUMERIC, "de_DE");
   JsonValue value;
   std::string error;
   ASSERT_TRUE(ParseJson(" {\"a\":[true,false,null,-1.5e2,\"\\u00e9\\ud83d\\ude00\"],\"a\":{}}\r\n", &value, &error))

@@ -1,7 +1,6 @@
 #include "json_value.h"
 
 #include <cctype>
-#include <cstdlib>
 #include <cstring>
 #include <glib.h>
 
@@ -128,7 +127,8 @@ class Parser {
       while (std::isdigit(static_cast<unsigned char>(Peek()))) ++m_pos;
     }
     out->kind = JsonValue::Kind::kNumber;
-    out->number = std::strtod(m_text.substr(start, m_pos - start).c_str(), nullptr);
+    // Browsers may start their hosts under a locale whose decimal point is a comma.
+    out->number = g_ascii_strtod(m_text.substr(start, m_pos - start).c_str(), nullptr);
     return true;
   }
 
