@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -237,6 +238,32 @@ TEST_F(WindowExtensionTest, TheHardenedBuildKeepsTheInstalledExtensionWhenUnpack
     EXPECT_EQ(GpcUnpackFile(window.get(), (env.dir() + "/d.7z").c_str(), dylib.c_str()), 0u);
     EXPECT_TRUE(isDir(dylib + "/Contents/MacOS"));
   }
+}
+
+// An unpack in place killed half-way (here by the file-size limit's signal) leaves a whole
+// Info.plist and executable and later files missing: that bundle is neither trusted nor loaded
+// until a whole unpack replaces it.
+TEST_F(WindowExtensionTest, ABundleLeftByAKilledUnpackIsReplacedAndNotLoaded) {
+  const std::string big = env.dir() + "/big", resources = big + "/zrgpcext64.bundle/Contents/Resources";
+  ASSERT_TRUE(Copy(kSampleBundle, big + "/zrgpcext64.bundle") && platform::MakeDirectories(resources, 0755) &&
+              Shell("head -c 300000 /dev/urandom >" + gpctest::ShellQuote(resources + "/big.bin")) &&
+              !gpctest::PackWithTheTool(Made().signer, big + "/zrgpcext64.bundle", big).empty());
+  package = big + "/zrgpcext64.bundle.7z";  // packed in order of names: the resources last
+  EXPECT_FALSE(gpctest::InChild([&] {
+    const rlimit limit{200000, 200000};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    window->UnpackFile(package.c_str(), UserBundle().c_str(), 0);
+    return true;
+  }));
+  ASSERT_EQ(InstalledVersion(), "1.0.0.1");
+  EXPECT_TRUE(window->m_extMgr.NeedUpdate(UserBundle().c_str(), "1,0,0,1"));
+  ClearCapturedTraces();
+  window->InitExtension();
+  EXPECT_GE(gpctest::LogCount("load GPC extension:" + kSampleBundle), 1);
+  ASSERT_TRUE(Copy(Made().package, package));
+  EXPECT_EQ(window->UnpackFile(package.c_str(), UserBundle().c_str(), 0), 0u);
+  EXPECT_FALSE(window->m_extMgr.NeedUpdate(UserBundle().c_str(), "2,0,0,7"));
+  EXPECT_EQ(gpctest::ShellOutput("ls -A " + gpctest::ShellQuote(UserBundle() + "/..")), "zrgpcext64.bundle\n");
 }
 
 // A bundle packed read-only replaces another one for a user who is not root, in both builds: moving

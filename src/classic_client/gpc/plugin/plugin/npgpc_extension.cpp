@@ -3,6 +3,7 @@
 #include <string>
 
 #include "common/gpctimereporter.h"
+#include "common/gpcutil.h"
 #include "platform/dynamic_library.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "common/trace.h"
@@ -16,7 +17,7 @@ const int kMessageExtensionNotLoaded = 107;
 std::string ChooseExtensionBundle(CGpcExtMgr& manager) {
   std::string path = manager.GetExtensionPath(false);
   const std::string executable = platform::BundleExecutablePath(path);
-  if (executable.empty()) {
+  if (executable.empty() || EntryExists(UnfinishedMarkerOf(path))) {
     MacInfoTrace("CGpcWindow::InitExtension, cannot load bundle %s,  We will switch to local plugin's extention",
                  path.c_str());
     return manager.GetExtensionPath(true);

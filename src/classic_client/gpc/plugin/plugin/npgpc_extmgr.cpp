@@ -90,7 +90,12 @@ bool CGpcExtMgr::NeedUpdate(const char* file, const char* requiredVersion) {
     return true;
   }
   // An extraction that stopped half-way leaves the new version's Info.plist beside an executable
-  // cut short: that bundle would never load, and its version must not keep it from being replaced.
+  // cut short, or beside a whole one with later files missing: its version must not keep it from
+  // being replaced.
+  if (EntryExists(UnfinishedMarkerOf(file))) {
+    MacInfoTrace("CGpcExtMgr::NeedUpdate,%s was left unfinished,need update!", file);
+    return true;
+  }
   if (!platform::IsCompleteElfFile(platform::BundleExecutablePath(file))) {
     MacInfoTrace("CGpcExtMgr::NeedUpdate,%s has no whole executable,need update!", file);
     return true;

@@ -97,6 +97,23 @@ bool WouldDowngrade(const std::string& produced, const std::string& target) {
   return true;
 }
 
+// What was written below `folder` reaches the disk before anything counts on it: the kernel may
+// otherwise commit the new names of a rename or an unlink before the data of the files.
+void SyncFileSystemOf(const std::string& folder) {
+  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0 || syncfs(fd) != 0) MacWarnTrace("CGpcWindow::UnpackFile,cannot sync %s: %s", folder.c_str(), strerror(errno));
+  if (fd >= 0) close(fd);
+}
+
+bool MarkUnfinished(const std::string& marker, const std::string& folder) {
+  platform::MakeFolders(folder, 0777);  // as the unpacker makes it
+  const int fd = open(marker.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  close(fd);
+  SyncFileSystemOf(folder);  // the marker is on disk before the old bundle goes
+  return true;
+}
+
 bool Rename(const std::string& from, const std::string& to, unsigned flags = 0) {
   return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0;
 }
@@ -166,6 +183,7 @@ uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* ar
     return kUnpackNoSource;
   }
   RemoveGroupAndOtherWrite(produced);
+  SyncFileSystemOf(staging);
   const mode_t arriving = OpenForMove(produced), leaving = OpenForMove(target);
   const bool replaced = MoveIntoPlace(produced, target, parent);
   if (replaced) {
@@ -183,6 +201,13 @@ uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* ar
 }
 
 }  // namespace
+
+std::string UnfinishedMarkerOf(const std::string& bundlePath) {
+  std::string path = bundlePath;
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  const size_t slash = path.rfind('/');
+  return path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".unfinished";
+}
 
 uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, int flags) {
   (void)flags;
@@ -227,12 +252,21 @@ uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, in
   if (gpc::GpcHardened() && destination != nullptr && *destination != '\0') {
     return UnpackThroughStaging(m_pfnDecompressFile7z, archive, destination, folder, targetIsFolder);
   }
-  // The old target goes first; there is no backup.
+  // The old target goes first; there is no backup. A bundle is marked unfinished until the new one
+  // is whole and on disk.
+  const std::string marker = targetIsFolder ? UnfinishedMarkerOf(destination) : "";
+  if (!marker.empty() && !MarkUnfinished(marker, folder)) {
+    MacWarnTrace("CGpcWindow::UnpackFile,cannot mark %s unfinished: %s", destination, strerror(errno));
+  }
   if (destination != nullptr) RemoveFile(destination);
   const int32_t result = m_pfnDecompressFile7z(archive, folder.c_str());
   if (result == 0) {
     RemoveFile(archive);
     RemoveGroupAndOtherWrite(folder);
+    if (!marker.empty()) {
+      SyncFileSystemOf(folder);
+      unlink(marker.c_str());
+    }
     MacInfoTrace("CGpcWindow::UnpackFile,unpack file success!");
     return 0;
   }

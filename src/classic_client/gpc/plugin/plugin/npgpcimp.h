@@ -279,6 +279,10 @@ void* LoadLibrary(const char* bundlePath);
 void* GetFunctionPointer(void* bundle, const char* name);
 bool FreeLibrary(void* bundle);
 
+// Stands beside a bundle while it is unpacked in its place: a bundle found with it was cut short
+// by a crash or a power loss, whatever its Info.plist says, and is neither trusted nor loaded.
+std::string UnfinishedMarkerOf(const std::string& bundlePath);
+
 // Appends `item` to a vector that owns its pointers; when the vector cannot grow, the item is
 // freed before the failure goes on, so nothing leaks.
 template <typename T>
