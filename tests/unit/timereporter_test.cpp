@@ -8,9 +8,11 @@
 
 #include "common/gpctimereporter.h"
 #include "extension_package.h"
+#include "gpc/gpc_trace.h"
 #include "http_test_server.h"
 #include "platform/clock.h"
 #include "platform/folders.h"
+#include "trace_capture.h"
 
 namespace {
 
@@ -73,7 +75,11 @@ TEST_F(TimeReporterTest, StampsBelongToOneMeetingAndWritesReplaceTheFileWhole) {
   gpctimereporter::appendTimeStamp("/0.0.0/", "A", tmr_gpc_check_extension);  // a missing version folder loses it
   fs::remove(path);
   fs::create_directory(path);  // a stamp file that cannot be put in place
+  ClearCapturedTraces();
   gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_check_extension);
+  for (const CapturedTrace& line : CapturedTracesSnapshot())  // an error report carries no failure
+    EXPECT_TRUE(line.level <= GPC_TRACE_INFO || line.text.find("Info.plist") == std::string::npos) << line.text;
+  EXPECT_TRUE(TraceContains(GPC_TRACE_INFO, "Info.plist failed"));
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator(kTalvo), {}), 2) << "7.1.2/Info.plist/, no temporaries";
 }
 

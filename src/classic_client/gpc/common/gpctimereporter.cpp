@@ -114,7 +114,8 @@ bool WriteAtomically(plist_t root, const std::string& path) {
   plist_to_xml(root, &xml, &length);
   if (xml == nullptr) return false;
   const bool ok = ReplaceFileWhole(path, std::string_view(xml, length), 0644) == FileReplaced::kWhole;
-  if (!ok) MacWarnTrace("gpctimereporter,write %s failed: %s", path.c_str(), strerror(errno));
+  // Quietly: a warning would carry the user's home path in the next error report.
+  if (!ok) MacInfoTrace("gpctimereporter,write %s failed: %s", path.c_str(), strerror(errno));
   plist_to_xml_free(xml);
   return ok;
 }
