@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <dlfcn.h>
 #include <elf.h>
@@ -62,6 +63,9 @@ TEST(Platform, Folders) {
     EXPECT_EQ(platform::UserApplicationSupportDir(), want);
     EXPECT_TRUE(want.empty() || Exists(want));
   }
+  struct stat made {};  // private to the user, as the XDG base directories ask
+  EXPECT_TRUE(stat((dir / "nested").c_str(), &made) == 0 && (made.st_mode & 0777) == 0700);
+  EXPECT_TRUE(stat((dir / ".local/share").c_str(), &made) == 0 && (made.st_mode & 0777) == 0700);
   ScopedEnv tmp("TMPDIR", "/no/such/folder");
   EXPECT_EQ(platform::TempDir(), "/tmp/");
   ScopedEnv mine("TMPDIR", dir.path());

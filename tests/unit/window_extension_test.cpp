@@ -249,13 +249,17 @@ TEST_F(WindowExtensionTest, ABundleLeftByAKilledUnpackIsReplacedAndNotLoaded) {
               Shell("head -c 300000 /dev/urandom >" + gpctest::ShellQuote(resources + "/big.bin")) &&
               !gpctest::PackWithTheTool(Made().signer, big + "/zrgpcext64.bundle", big).empty());
   package = big + "/zrgpcext64.bundle.7z";  // packed in order of names: the resources last
+  const std::string talvo = platform::UserApplicationSupportDir() + "/Talvo Folder";
+  gpctest::RemoveTree(talvo);
   EXPECT_FALSE(gpctest::InChild([&] {
     const rlimit limit{200000, 200000};
     setrlimit(RLIMIT_FSIZE, &limit);
-    window->UnpackFile(package.c_str(), UserBundle().c_str(), 0);
+    window->m_extMgr.InstallPackage(package.c_str());
     return true;
   }));
   ASSERT_EQ(InstalledVersion(), "1.0.0.1");
+  struct stat made {};  // made for the user alone
+  EXPECT_TRUE(stat(talvo.c_str(), &made) == 0 && (made.st_mode & 0777) == 0700);
   EXPECT_TRUE(window->m_extMgr.NeedUpdate(UserBundle().c_str(), "1,0,0,1"));
   ClearCapturedTraces();
   window->InitExtension();

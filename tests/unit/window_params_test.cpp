@@ -1,5 +1,6 @@
 // The parameter store and the parameter file written at the start of every instance.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <string>
@@ -108,6 +109,10 @@ TEST_F(WindowParamsTest, ParameterFileHoldsEveryRecordAndTheTimeLast) {
             "[NAME]-=-gpcPRODUCTversion-=-[VALUE]-=-7,1-=-\r[NAME]-=-GpcProductVersion-=-[VALUE]-=-other-=-\r"
             "[NAME]-=-NullValue-=-[VALUE]-=--=-\r[NAME]-=-gpcstartworktime-=-[VALUE]-=-1000.250000-=-\r");
   EXPECT_FALSE(FileExists(folder + "other"));
+  for (const std::string& made : {folder, folder + "7,1"}) {  // the session id is the user's alone
+    struct stat info {};
+    EXPECT_TRUE(stat(made.c_str(), &info) == 0 && (info.st_mode & 0777) == 0700) << made;
+  }
   // The file is replaced whole, never written through: a link there is replaced, not followed.
   const std::string file = folder + "7,1/talvoparameters.txt", linked = folder + "linked";
   ASSERT_TRUE(gpctest::WriteFile(linked, "linked") && unlink(file.c_str()) == 0 && symlink(linked.c_str(), file.c_str()) == 0);

@@ -62,7 +62,7 @@ std::string UserApplicationSupportDir() {
     dir = home + "/.local/share";
   }
   while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
-  return MakeDirectories(dir, 0755) ? dir : "";
+  return MakeDirectories(dir, 0700) ? dir : "";  // as the XDG base directories ask
 }
 
 std::string TempDir() {

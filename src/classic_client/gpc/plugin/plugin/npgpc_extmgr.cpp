@@ -124,7 +124,7 @@ void CGpcExtMgr::RecordTimeStamp(const char* key) {
 
 platform::FolderLock CGpcExtMgr::LockExtensionFolder(platform::FolderLock::Kind kind) {
   const std::string folder = GetExtensionDir(false);
-  if (kind == platform::FolderLock::kExclusive) platform::MakeFolders(folder, 0755);
+  if (kind == platform::FolderLock::kExclusive) platform::MakeFolders(folder, 0700);
   platform::FolderLock lock(folder, kind);
   if (lock.timedOut()) MacWarnTrace("CGpcExtMgr::LockExtensionFolder,%s stays locked, going on without", folder.c_str());
   return lock;

@@ -45,7 +45,7 @@ std::string StartTimeText() {
 bool SaveParameters(int argc, char** argn, char** argv) {
   std::string path = TalvoFolderFor("SaveParameters");
   if (path.empty()) return false;
-  if (int result = platform::MakeFolder(path, 0755); result != 0) {
+  if (int result = platform::MakeFolder(path, 0700); result != 0) {
     MacErrorTrace("SaveParameters,talvo folder,call FSPathMakeRef result code =%d", result);
     return false;
   }
@@ -62,7 +62,7 @@ bool SaveParameters(int argc, char** argn, char** argv) {
   }
   path.push_back('/');
   path.append(version);
-  if (int result = platform::MakeFolder(path, 0755); result != 0) {
+  if (int result = platform::MakeFolder(path, 0700); result != 0) {
     MacErrorTrace("SaveParameters,%s,call FSPathMakeRef result code =%d", version, result);
     return false;
   }
