@@ -26,7 +26,7 @@ int RecordMessage(GPCMessage* message) {
 
 gpctest::EmbedArgs GoodPage() {
   return {{"GpcProductVersion", "1,0"}, {"GpcUrlRoot", "https://www.talvo.us/client/a/"},
-          {"LoggingURL", "https://log.example/l"}, {"MeetingID", "m"}, {"SessionID", "s"},
+          {"LoggingURL", "https://log.talvo.us/l"}, {"MeetingID", "m"}, {"SessionID", "s"},
           {"GpcErrorPageUrl", "https://e.example/err"}};
 }
 
@@ -56,7 +56,7 @@ TEST_F(NpwrapTest, NewBuildsTheInstanceAndReportsTheStart) {
   EXPECT_EQ(Window()->GetParameterCount(), 6);
   const std::vector<std::string> asked = gpctest::RunNavigations(*Window());
   ASSERT_EQ(asked.size(), 1u);
-  EXPECT_EQ(asked[0].find("(null) https://log.example/l?ConfID=m&SessionID=s&Module=1&ErrorCode=1000&OptInfo3="), 0u);
+  EXPECT_EQ(asked[0].find("(null) https://log.talvo.us/l?ConfID=m&SessionID=s&Module=1&ErrorCode=1000&OptInfo3="), 0u);
   EXPECT_EQ(NPP_Destroy(&npp, nullptr), NPERR_NO_ERROR);
   EXPECT_EQ(npp.pdata, nullptr);
   EXPECT_EQ(NPP_New(nullptr, nullptr, NP_EMBED, page.argc(), page.argn(), page.argv(), nullptr),

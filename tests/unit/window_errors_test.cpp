@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/hardening.h"
 #include "fake_browser.h"
 #include "http_test_server.h"
 #include "platform/bundle.h"
@@ -18,7 +19,10 @@ const std::string kKey = "Setup was unsuccessful. Please restart browser and try
 
 class WindowErrorsTest : public ::testing::Test {
  protected:
-  void TearDown() override { platform::SetPluginBundlePathOverride(""); }
+  void TearDown() override {
+    platform::SetPluginBundlePathOverride("");
+    gpc::SetHardenedForTesting(-1);
+  }
   void Set(CGpcWindow& to, const std::vector<std::pair<const char*, const char*>>& params) {
     for (const auto& [name, value] : params)
       if (value) to.SetParameterVector(name, value);
@@ -76,22 +80,28 @@ TEST_F(WindowErrorsTest, ReportsCarryTheTraceSinceTheLast) {
   EXPECT_TRUE(trace > 2900 && trace < 3000) << trace << ": the newest entries that fit in 3000";
 }
 
-// The report's URL follows the logging URL's shape; no report without all three parameters.
+// The report's URL follows the logging URL's shape; no report without all three parameters. The
+// hardened build sends a report only to an approved site over https.
 TEST_F(WindowErrorsTest, ReportUrlShape) {
   const char* const l = "https://log.example/l?x=1";
   const std::string query = "ConfID=m1&SessionID=s1&Module=1&ErrorCode=1000&";
   const struct {
     const char *logging, *meeting, *session, *optional;
     std::string expected;
+    bool hardened = false;
   } cases[] = {
+      {"https://log.TALVO.com/l", "m1", "s1", nullptr, "https://log.TALVO.com/l?" + query + "OptInfo3=no%20error", true},
       {l, "m1", "s1", nullptr, "https://log.example/l?x=1&" + query + "OptInfo3=no%20error"},
       {l, "m1", "s1", "opt", "https://log.example/l?x=1&" + query + "OptInfo1=opt&OptInfo3=no%20error"},
       {"https://log.example/l&", "m1", "s1", nullptr, "https://log.example/l&"},
       {nullptr, "m1", "s1", nullptr, ""},
       {l, nullptr, "s1", nullptr, ""},
       {l, "m1", nullptr, nullptr, ""},
+      {"http://log.talvo.com/l", "m1", "s1", nullptr, "", true},
+      {l, "m1", "s1", nullptr, "", true},
   };
   for (const auto& c : cases) {
+    gpc::SetHardenedForTesting(c.hardened);
     CGpcWindow other(&npp);
     Set(other, {{"LoggingURL", c.logging}, {"MeetingID", c.meeting}, {"SessionID", c.session}});
     EXPECT_EQ(other.WriteErrorLog(1000, c.optional), !c.expected.empty()) << c.expected;

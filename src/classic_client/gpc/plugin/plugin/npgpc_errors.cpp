@@ -10,6 +10,7 @@
 #include <string>
 
 #include "common/gpctracecatcher.h"
+#include "common/hardening.h"
 #include "common/localizedname.h"
 #include "plugin/plugin/npgpc_text.h"
 #include "platform/bundle.h"
@@ -162,6 +163,12 @@ bool CGpcWindow::WriteErrorLog(int code, const char* extra) {
     return false;
   }
   MacInfoTrace("CGpcWindow::WriteErrorLog,JMF parameters: %s,%s,%s", loggingUrl, meetingId, sessionId);
+  // A report carries the meeting, the session and the recent trace: the hardened build sends it
+  // only to an approved site over https.
+  if (gpc::GpcHardened() && !FApprovedDomain(loggingUrl, 0, rgslTrustedSites, kGpcTrustedSiteCount)) {
+    MacErrorTrace("CGpcWindow::WriteErrorLog,LoggingURL is not approved!");
+    return false;
+  }
 
   std::string url;
   try {
