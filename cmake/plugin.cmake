@@ -36,6 +36,19 @@ foreach(language ${GPC_LANGUAGE_NAMES})
     DEPENDS ${CMAKE_SOURCE_DIR}/resources/${table})
   list(APPEND GPC_BUNDLE_RESOURCES ${GPC_BUNDLE}/Contents/Resources/${table})
 endforeach()
+# The trust anchors of a hardened build: DER certificates (a root, an intermediate or the signer
+# itself) given by absolute path, shipped as Contents/Resources/Anchors/<name>.der.
+set(GPC_ANCHORS "" CACHE STRING "DER certificates a hardened build trusts (absolute paths, ;-separated)")
+foreach(anchor ${GPC_ANCHORS})
+  get_filename_component(name ${anchor} NAME)
+  if(NOT IS_ABSOLUTE "${anchor}" OR NOT EXISTS "${anchor}" OR NOT name MATCHES "\\.der$")
+    message(FATAL_ERROR "GPC_ANCHORS: ${anchor} is not the absolute path of a DER certificate file (*.der)")
+  endif()
+  add_custom_command(OUTPUT ${GPC_BUNDLE}/Contents/Resources/Anchors/${name}
+    COMMAND ${CMAKE_COMMAND} -E copy_if_different ${anchor} ${GPC_BUNDLE}/Contents/Resources/Anchors/${name}
+    DEPENDS ${anchor})
+  list(APPEND GPC_BUNDLE_RESOURCES ${GPC_BUNDLE}/Contents/Resources/Anchors/${name})
+endforeach()
 add_custom_target(gpcbundleresources ALL DEPENDS ${GPC_BUNDLE_RESOURCES})
 add_dependencies(npgpc gpcbundleresources)
 

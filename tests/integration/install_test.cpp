@@ -66,8 +66,8 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
 
     const std::string bundle = prefix + "/lib/talvo-gpc/talvo-gpc64.plugin";
     EXPECT_EQ(Listing(bundle), Listing(GPC_BUNDLE_DIR));
-    EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + "/bin && ls gpc-host tlvtracer && test -x gpc-host -a -x tlvtracer"),
-              "gpc-host\ntlvtracer\n");
+    EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + "/bin && ls gpc-host gpc-pack tlvtracer && test -x gpc-host -a -x gpc-pack -a -x tlvtracer"),
+              "gpc-host\ngpc-pack\ntlvtracer\n");
     std::string module = bundle + "/Contents/MacOS/libnpgpc.so";
     if (*c.link == '\0') {
       EXPECT_EQ(gpctest::ReadFile(home + "/.mozilla/plugins/libnpgpc.so"), "mine\n");
@@ -127,6 +127,27 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
       EXPECT_NE(gpctest::RunTool({args[0], "--install", kBuild, "--prefix", root + refused}).exitCode, 0) << refused;
     EXPECT_EQ(Listing(root), before);
   }
+}
+
+// A build given GPC_ANCHORS ships them in its bundle, for its hardened build to trust; anything but
+// the absolute path of a DER file is refused when the build is configured.
+TEST(Install, TheAnchorsGivenToTheBuildAreShippedInItsBundle) {
+  gpctest::TempFolder temp("anchors");
+  const std::string der = temp.path() + "/root.der", build = temp.path() + "/build", cache = ShellQuote(kBuild + "/CMakeCache.txt");
+  std::string cmake = ShellOutput("sed -n 's/^CMAKE_COMMAND:INTERNAL=//p' " + cache), generator = ShellOutput("sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' " + cache);
+  cmake.pop_back();
+  generator.pop_back();
+  ASSERT_EQ(ShellOutput("cd " + ShellQuote(temp.path()) + " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+                        "-keyout key.pem -subj /CN=root -days 1 -outform DER -out root.der 2>/dev/null && echo ok"), "ok\n");
+  auto configure = [&](const std::string& anchors) {
+    return gpctest::RunTool({cmake, "-S", GPC_SOURCE_DIR, "-B", build, "-G", generator, "-DGPC_BUILD_TESTS=OFF",
+                             "-DGPC_BUILD_BENCH=OFF", "-DGPC_ANCHORS=" + anchors}).exitCode;
+  };
+  EXPECT_NE(configure("root.der"), 0);
+  EXPECT_NE(configure(temp.path() + "/key.pem"), 0);
+  ASSERT_EQ(configure(der), 0);
+  ASSERT_EQ(gpctest::RunTool({cmake, "--build", build, "--target", "gpcbundleresources"}).exitCode, 0);
+  EXPECT_EQ(gpctest::ReadFile(build + "/talvo-gpc64.plugin/Contents/Resources/Anchors/root.der"), gpctest::ReadFile(der));
 }
 
 }  // namespace

@@ -11,7 +11,7 @@ const char kPackHelp[] =
     "        the embed parameters a page needs (an HTML <embed> element and/or one JSON object).\n"
     "  --key KEY.pem      the signer's unencrypted PEM RSA private key\n"
     "  --cert SIGNER.pem  the signer's certificate (PEM or DER)\n"
-    "  --chain CA.pem     CA certificates of the signer's chain, root first (repeatable)\n"
+    "  --chain CA.pem     CA certificates of the signer's chain, in the order given (repeatable)\n"
     "  --hash METHOD      digest of the package: sha256 (default) or sha1\n"
     "  --out DIR          where the package goes (default: the current folder)\n"
     "  --format FORMAT    what to print: json, html or both (default)\n"
