@@ -39,6 +39,8 @@ endforeach()
 # The trust anchors of a hardened build: DER certificates (a root, an intermediate or the signer
 # itself) given by absolute path, shipped as Contents/Resources/Anchors/<name>.der.
 set(GPC_ANCHORS "" CACHE STRING "DER certificates a hardened build trusts (absolute paths, ;-separated)")
+# An anchor dropped from the list goes: the build copies the others in again.
+file(REMOVE_RECURSE ${GPC_BUNDLE}/Contents/Resources/Anchors)
 foreach(anchor ${GPC_ANCHORS})
   get_filename_component(name ${anchor} NAME)
   if(NOT IS_ABSOLUTE "${anchor}" OR NOT EXISTS "${anchor}" OR NOT name MATCHES "\\.der$")

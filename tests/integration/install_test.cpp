@@ -65,6 +65,10 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
     ASSERT_EQ(install.exitCode, 0) << install.out << install.err;
 
     const std::string bundle = prefix + "/lib/talvo-gpc/talvo-gpc64.plugin";
+    // Installed again, the bundle trusts the build's anchors alone: one an earlier install left goes.
+    const std::string anchors = ShellQuote(bundle + "/Contents/Resources/Anchors");
+    ASSERT_EQ(ShellOutput("mkdir " + anchors + " && echo x >" + anchors + "/dropped.der && echo ok"), "ok\n");
+    ASSERT_EQ(gpctest::RunTool(args).exitCode, 0);
     EXPECT_EQ(Listing(bundle), Listing(GPC_BUNDLE_DIR));
     EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + "/bin && ls gpc-host gpc-pack tlvtracer && test -x gpc-host -a -x gpc-pack -a -x tlvtracer"),
               "gpc-host\ngpc-pack\ntlvtracer\n");
@@ -148,6 +152,9 @@ TEST(Install, TheAnchorsGivenToTheBuildAreShippedInItsBundle) {
   ASSERT_EQ(configure(der), 0);
   ASSERT_EQ(gpctest::RunTool({cmake, "--build", build, "--target", "gpcbundleresources"}).exitCode, 0);
   EXPECT_EQ(gpctest::ReadFile(build + "/talvo-gpc64.plugin/Contents/Resources/Anchors/root.der"), gpctest::ReadFile(der));
+  ASSERT_EQ(configure(""), 0);  // dropped from the list, gone from the bundle
+  ASSERT_EQ(gpctest::RunTool({cmake, "--build", build, "--target", "gpcbundleresources"}).exitCode, 0);
+  EXPECT_EQ(ShellOutput("ls -A " + ShellQuote(build + "/talvo-gpc64.plugin/Contents/Resources")).find("Anchors"), std::string::npos);
 }
 
 }  // namespace

@@ -16,7 +16,8 @@ std::string ValuesArray(size_t count) {
 }
 
 TEST(JsonValue, ReadsOneValueAndRefusesAnythingElseWithItsReason) {
-  const gpctest::ScopedLocale german(LC_NUMERIC, "de_DE");
+  const gpctest::ScopedLocale german(LC_NUMERIC, "de_DE");  // a decimal comma
+  ASSERT_TRUE(german.ok()) << "the locales package makes the de_DE locale";
   JsonValue value;
   std::string error;
   ASSERT_TRUE(ParseJson(" {\"a\":[true,false,null,-1.5e2,\"\\u00e9\\ud83d\\ude00\"],\"a\":{}}\r\n", &value, &error))

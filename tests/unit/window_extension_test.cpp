@@ -240,34 +240,46 @@ TEST_F(WindowExtensionTest, TheHardenedBuildKeepsTheInstalledExtensionWhenUnpack
   }
 }
 
-// An unpack in place killed half-way (here by the file-size limit's signal) leaves a whole
-// Info.plist and executable and later files missing: that bundle is neither trusted nor loaded
-// until a whole unpack replaces it.
-TEST_F(WindowExtensionTest, ABundleLeftByAKilledUnpackIsReplacedAndNotLoaded) {
+// An install unpacking in place killed half-way (here by the file-size limit's signal) leaves a
+// whole Info.plist and executable and later files missing: that bundle is neither trusted nor
+// loaded until a whole install in either build replaces it. A folder at the marker's name counts
+// for nothing, and the extension's own unpacks leave no marker.
+TEST_F(WindowExtensionTest, ABundleLeftByAKilledInstallIsReplacedAndNotLoaded) {
   const std::string big = env.dir() + "/big", resources = big + "/zrgpcext64.bundle/Contents/Resources";
   ASSERT_TRUE(Copy(kSampleBundle, big + "/zrgpcext64.bundle") && platform::MakeDirectories(resources, 0755) &&
               Shell("head -c 300000 /dev/urandom >" + gpctest::ShellQuote(resources + "/big.bin")) &&
               !gpctest::PackWithTheTool(Made().signer, big + "/zrgpcext64.bundle", big).empty());
-  package = big + "/zrgpcext64.bundle.7z";  // packed in order of names: the resources last
+  const std::string packed = big + "/zrgpcext64.bundle.7z";  // in order of names: the resources last
   const std::string talvo = platform::UserApplicationSupportDir() + "/Talvo Folder";
-  gpctest::RemoveTree(talvo);
-  EXPECT_FALSE(gpctest::InChild([&] {
-    const rlimit limit{200000, 200000};
-    setrlimit(RLIMIT_FSIZE, &limit);
+  for (const bool hardened : {false, true}) {
+    SCOPED_TRACE(hardened ? "then hardened" : "then default");
+    NewWindow({});
+    gpctest::RemoveTree(talvo);
+    ASSERT_TRUE(Copy(packed, package));
+    EXPECT_FALSE(gpctest::InChild([&] {
+      const rlimit limit{200000, 200000};
+      setrlimit(RLIMIT_FSIZE, &limit);
+      window->m_extMgr.InstallPackage(package.c_str());
+      return true;
+    }));
+    ASSERT_EQ(InstalledVersion(), "1.0.0.1");
+    struct stat made {};  // made for the user alone
+    EXPECT_TRUE(stat(talvo.c_str(), &made) == 0 && (made.st_mode & 0777) == 0700);
+    EXPECT_TRUE(window->m_extMgr.NeedUpdate(UserBundle().c_str(), "1,0,0,1"));
+    ClearCapturedTraces();
+    window->InitExtension();
+    EXPECT_GE(gpctest::LogCount("load GPC extension:" + kSampleBundle), 1);
+    gpc::SetHardenedForTesting(hardened);
     window->m_extMgr.InstallPackage(package.c_str());
-    return true;
-  }));
-  ASSERT_EQ(InstalledVersion(), "1.0.0.1");
-  struct stat made {};  // made for the user alone
-  EXPECT_TRUE(stat(talvo.c_str(), &made) == 0 && (made.st_mode & 0777) == 0700);
-  EXPECT_TRUE(window->m_extMgr.NeedUpdate(UserBundle().c_str(), "1,0,0,1"));
-  ClearCapturedTraces();
-  window->InitExtension();
-  EXPECT_GE(gpctest::LogCount("load GPC extension:" + kSampleBundle), 1);
-  ASSERT_TRUE(Copy(Made().package, package));
-  EXPECT_EQ(window->UnpackFile(package.c_str(), UserBundle().c_str(), 0), 0u);
-  EXPECT_FALSE(window->m_extMgr.NeedUpdate(UserBundle().c_str(), "2,0,0,7"));
-  EXPECT_EQ(gpctest::ShellOutput("ls -A " + gpctest::ShellQuote(UserBundle() + "/..")), "zrgpcext64.bundle\n");
+    gpc::SetHardenedForTesting(false);
+    EXPECT_FALSE(window->m_extMgr.NeedUpdate(UserBundle().c_str(), "1,0,0,1"));
+    EXPECT_EQ(gpctest::ShellOutput("ls -A " + gpctest::ShellQuote(talvo)), "zrgpcext64.bundle\n");
+  }
+  ASSERT_EQ(mkdir(UnfinishedMarkerOf(UserBundle()).c_str(), 0700), 0);
+  EXPECT_FALSE(window->m_extMgr.NeedUpdate(UserBundle().c_str(), "1,0,0,1"));
+  ASSERT_TRUE(Copy(Made().package, package) && truncate(package.c_str(), 2000) == 0);
+  EXPECT_NE(GpcUnpackFile(window.get(), package.c_str(), (env.dir() + "/own/x.app").c_str()), 0u);
+  EXPECT_EQ(gpctest::ShellOutput("ls -A " + gpctest::ShellQuote(env.dir() + "/own") + " 2>/dev/null"), "");
 }
 
 // A bundle packed read-only replaces another one for a user who is not root, in both builds: moving

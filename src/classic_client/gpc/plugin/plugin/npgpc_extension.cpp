@@ -3,7 +3,6 @@
 #include <string>
 
 #include "common/gpctimereporter.h"
-#include "common/gpcutil.h"
 #include "platform/dynamic_library.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "common/trace.h"
@@ -17,7 +16,7 @@ const int kMessageExtensionNotLoaded = 107;
 std::string ChooseExtensionBundle(CGpcExtMgr& manager) {
   std::string path = manager.GetExtensionPath(false);
   const std::string executable = platform::BundleExecutablePath(path);
-  if (executable.empty() || EntryExists(UnfinishedMarkerOf(path))) {
+  if (executable.empty() || IsBundleUnfinished(path)) {
     MacInfoTrace("CGpcWindow::InitExtension, cannot load bundle %s,  We will switch to local plugin's extention",
                  path.c_str());
     return manager.GetExtensionPath(true);

@@ -92,7 +92,7 @@ bool CGpcExtMgr::NeedUpdate(const char* file, const char* requiredVersion) {
   // An extraction that stopped half-way leaves the new version's Info.plist beside an executable
   // cut short, or beside a whole one with later files missing: its version must not keep it from
   // being replaced.
-  if (EntryExists(UnfinishedMarkerOf(file))) {
+  if (IsBundleUnfinished(file)) {
     MacInfoTrace("CGpcExtMgr::NeedUpdate,%s was left unfinished,need update!", file);
     return true;
   }

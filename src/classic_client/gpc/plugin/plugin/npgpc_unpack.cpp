@@ -97,20 +97,28 @@ bool WouldDowngrade(const std::string& produced, const std::string& target) {
   return true;
 }
 
-// What was written below `folder` reaches the disk before anything counts on it: the kernel may
-// otherwise commit the new names of a rename or an unlink before the data of the files.
-void SyncFileSystemOf(const std::string& folder) {
-  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0 || syncfs(fd) != 0) MacWarnTrace("CGpcWindow::UnpackFile,cannot sync %s: %s", folder.c_str(), strerror(errno));
+void SyncEntry(const char* path) {
+  const int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0 || fsync(fd) != 0) MacWarnTrace("CGpcWindow::UnpackFile,cannot sync %s: %s", path, strerror(errno));
   if (fd >= 0) close(fd);
 }
 
+int SyncWalkedEntry(const char* path, const struct stat*, int type, struct FTW*) {
+  if (type == FTW_F || type == FTW_D || type == FTW_DP) SyncEntry(path);
+  return 0;
+}
+
+// Every file and folder below `path` reaches the disk before anything counts on it: the kernel
+// may otherwise commit a rename or an unlink before the data of the files it concerns.
+void SyncTree(const std::string& path) { nftw(path.c_str(), SyncWalkedEntry, 16, FTW_PHYS); }
+
+// The marker is on disk before the old bundle goes.
 bool MarkUnfinished(const std::string& marker, const std::string& folder) {
   platform::MakeFolders(folder, 0777);  // as the unpacker makes it
   const int fd = open(marker.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   close(fd);
-  SyncFileSystemOf(folder);  // the marker is on disk before the old bundle goes
+  SyncEntry(folder.c_str());
   return true;
 }
 
@@ -159,7 +167,7 @@ bool MoveIntoPlace(const std::string& produced, const std::string& target, const
 // only a complete extraction takes the target's place, in one exchange of names. A failure, a
 // full disk or a crash at any step leaves the installed extension as it was.
 uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* archive, const char* destination,
-                              const std::string& folder, bool targetIsFolder) {
+                              const std::string& folder, bool targetIsFolder, bool ownExtension) {
   std::string target = destination;
   if (target.size() > 1 && target.back() == '/') target.pop_back();
   const std::string parent = targetIsFolder ? folder : ParentOf(target);
@@ -183,7 +191,7 @@ uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* ar
     return kUnpackNoSource;
   }
   RemoveGroupAndOtherWrite(produced);
-  SyncFileSystemOf(staging);
+  if (ownExtension) SyncTree(produced);
   const mode_t arriving = OpenForMove(produced), leaving = OpenForMove(target);
   const bool replaced = MoveIntoPlace(produced, target, parent);
   if (replaced) {
@@ -195,6 +203,7 @@ uint32_t UnpackThroughStaging(GpcDecompressFile7zProc decompress, const char* ar
   }
   RemoveFile(staging);  // what is left there: the old extension, or the new one that did not fit
   if (!replaced) return kUnpackNoSource;
+  if (ownExtension) unlink(UnfinishedMarkerOf(target).c_str());  // one a default build left
   RemoveFile(archive);
   MacInfoTrace("CGpcWindow::UnpackFile,unpack file success!");
   return 0;
@@ -209,8 +218,12 @@ std::string UnfinishedMarkerOf(const std::string& bundlePath) {
   return path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".unfinished";
 }
 
+bool IsBundleUnfinished(const std::string& bundlePath) {
+  struct stat info;  // only the plug-in's own file counts, not a folder a page named so
+  return lstat(UnfinishedMarkerOf(bundlePath).c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
 uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, int flags) {
-  (void)flags;
   if (archive == nullptr) {
     MacErrorTrace("CGpcWindow::UnpackFile,src file is nil!");
     return kUnpackNoSource;
@@ -249,12 +262,13 @@ uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, in
     return kUnpackNoUnpacker;
   }
 
+  const bool ownExtension = targetIsFolder && (flags & kUnpackOwnExtension) != 0;
   if (gpc::GpcHardened() && destination != nullptr && *destination != '\0') {
-    return UnpackThroughStaging(m_pfnDecompressFile7z, archive, destination, folder, targetIsFolder);
+    return UnpackThroughStaging(m_pfnDecompressFile7z, archive, destination, folder, targetIsFolder, ownExtension);
   }
-  // The old target goes first; there is no backup. A bundle is marked unfinished until the new one
-  // is whole and on disk.
-  const std::string marker = targetIsFolder ? UnfinishedMarkerOf(destination) : "";
+  // The old target goes first; there is no backup. The plug-in's own extension is marked
+  // unfinished until the new one is whole and on disk.
+  const std::string marker = ownExtension ? UnfinishedMarkerOf(destination) : "";
   if (!marker.empty() && !MarkUnfinished(marker, folder)) {
     MacWarnTrace("CGpcWindow::UnpackFile,cannot mark %s unfinished: %s", destination, strerror(errno));
   }
@@ -264,7 +278,8 @@ uint32_t CGpcWindow::UnpackFile(const char* archive, const char* destination, in
     RemoveFile(archive);
     RemoveGroupAndOtherWrite(folder);
     if (!marker.empty()) {
-      SyncFileSystemOf(folder);
+      SyncTree(destination);
+      SyncEntry(folder.c_str());
       unlink(marker.c_str());
     }
     MacInfoTrace("CGpcWindow::UnpackFile,unpack file success!");

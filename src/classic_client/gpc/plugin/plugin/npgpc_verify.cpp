@@ -96,7 +96,7 @@ void CGpcExtMgr::InstallPackage(const char* path) {
   uint32_t result = 0;
   {
     const platform::FolderLock lock = LockExtensionFolder(platform::FolderLock::kExclusive);
-    result = m_pWindow->UnpackFile(path, target.c_str(), 0);
+    result = m_pWindow->UnpackFile(path, target.c_str(), CGpcWindow::kUnpackOwnExtension);
     const std::string executable = platform::BundleExecutablePath(target);
     m_installedExecutable.Reset(result == 0 ? open(executable.c_str(), O_RDONLY | O_CLOEXEC) : -1);
   }

@@ -198,7 +198,10 @@ class CGpcWindow : public CSiteCheck<CGpcWindow>, public IGPCDownloadNotify {
   // The extension.
   void InitExtension();
   void ExitExtension();
+  // `flags`: kUnpackOwnExtension for the install of the user extension (marked unfinished while it
+  // is unpacked in place, and synced to disk); the extension's own unpacks pass 0.
   uint32_t UnpackFile(const char* archive, const char* destination, int flags);
+  static constexpr int kUnpackOwnExtension = 1;
 
   // One use of the instance (a browser call, the heartbeat, a download's callback), counted so
   // that the instance outlives every use in progress.
@@ -279,9 +282,11 @@ void* LoadLibrary(const char* bundlePath);
 void* GetFunctionPointer(void* bundle, const char* name);
 bool FreeLibrary(void* bundle);
 
-// Stands beside a bundle while it is unpacked in its place: a bundle found with it was cut short
-// by a crash or a power loss, whatever its Info.plist says, and is neither trusted nor loaded.
+// A file that stands beside the user extension's bundle while an install unpacks it in its place:
+// a bundle found with it was cut short by a crash or a power loss, whatever its Info.plist says,
+// and is neither trusted nor loaded.
 std::string UnfinishedMarkerOf(const std::string& bundlePath);
+bool IsBundleUnfinished(const std::string& bundlePath);
 
 // Appends `item` to a vector that owns its pointers; when the vector cannot grow, the item is
 // freed before the failure goes on, so nothing leaks.
