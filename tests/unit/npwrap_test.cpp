@@ -140,6 +140,17 @@ TEST_F(NpwrapTest, HostPageIsJudgedByTheSiteLock) {
     }
     NPP_Destroy(&npp, nullptr);
   }
+  // A URL in pieces: the hardened build judges the first alone, so a later one that reads as an
+  // approved URL lifts no halt.
+  gpc::SetHardenedForTesting(true);
+  ASSERT_EQ(Create(GoodPage()), NPERR_NO_ERROR);
+  NPStream stream{};
+  stream.notifyData = kHostSite;
+  char first[] = "https://evil.example/#", later[] = "https://www.talvo.us/";
+  NPP_Write(&npp, &stream, 0, static_cast<int32_t>(strlen(first)), first);
+  NPP_Write(&npp, &stream, 22, static_cast<int32_t>(strlen(later)), later);
+  EXPECT_EQ(Window()->m_bHalted, 1);
+  NPP_Destroy(&npp, nullptr);
 }
 
 // A navigation of the instance's own queue ends when the browser finishes its stream (a stream
