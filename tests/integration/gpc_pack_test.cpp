@@ -374,6 +374,14 @@ TEST(GpcPack, AHardenedBuildTrustsTheAnchorsOfThePluginBundleItIsGiven) {
                                           "--plugin", bundle});
     EXPECT_EQ(run.out + std::to_string(run.exitCode), bundle.empty() ? "1" : "ok\n0") << run.err;
   }
+  // No SHA-1 digest: pack makes none, verify takes none.
+  EXPECT_EQ(Pack(p.signer, {"--force", "--out", out, "--plugin", plugin, "--hash", "sha1", kSampleBundle}, "json", hardened).exitCode, 2);
+  std::string digest = Sh("sha1sum " + ShellQuote(package) + " | cut -c1-40");
+  digest.pop_back();
+  const ToolRun sha1 = gpctest::RunTool({hardened, "verify", "--package", package, "--params", out + "/params.json", "--plugin", plugin,
+                                         "--param", "GpcHashMethod=sha1", "--param", "GpcExtHash=" + digest, "--param",
+                                         "GpcExtSignature=" + p.signer.Sign(digest)});
+  EXPECT_NE(sha1.out.find("(message 111)"), std::string::npos) << sha1.out;
   // A name the hardened plug-in refuses, fetching the default extension instead, is refused here too.
   for (const char* name : {"a\\b", "..", "tab\tname"}) {
     const ToolRun named = gpctest::RunTool({hardened, "verify", "--package", package, "--params", out + "/params.json",

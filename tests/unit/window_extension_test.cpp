@@ -160,6 +160,7 @@ TEST_F(WindowExtensionTest, InstallsOnlyAGenuinePackage) {
       {"NullCertification", with({{"GpcCertification", "null"}}), 111},
       {"UntrustedChain", with({{"GpcCertification", s.Chain("vendor", false)}}), 103},
       {"HardenedWithTheRootShipped", good, 0, true, true},
+      {"HardenedRefusesSha1", s.PackageParameters(package, "sha1"), 111, true, true},
       {"HardenedWithTheRootOnlyOnThePage", good, 103, true},
   };
   for (const auto& c : cases) {

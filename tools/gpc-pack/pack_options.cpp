@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "common/hardening.h"
+
 const char kPackHelp[] =
     "usage: gpc-pack pack --key KEY.pem --cert SIGNER.pem [--chain CA.pem]... [--hash sha1|sha256]\n"
     "                     [--out DIR] [--format json|html|both] [--force] [--plugin DIR] BUNDLE_DIR\n"
@@ -12,7 +14,7 @@ const char kPackHelp[] =
     "  --key KEY.pem      the signer's unencrypted PEM RSA private key\n"
     "  --cert SIGNER.pem  the signer's certificate (PEM or DER)\n"
     "  --chain CA.pem     CA certificates of the signer's chain, in the order given (repeatable)\n"
-    "  --hash METHOD      digest of the package: sha256 (default) or sha1\n"
+    "  --hash METHOD      digest of the package: sha256 (default) or sha1 (not in a hardened build)\n"
     "  --out DIR          where the package goes (default: the current folder)\n"
     "  --format FORMAT    what to print: json, html or both (default)\n"
     "  --force            replace an existing package\n"
@@ -46,6 +48,7 @@ bool TakeValue(const std::string& name, const std::string& value, PackOptions* o
     options->chain.push_back(value);
   } else if (pack && name == "--hash") {
     if (value != "sha1" && value != "sha256") return Fail(error, "--hash must be sha1 or sha256");
+    if (value == "sha1" && gpc::GpcHardened()) return Fail(error, "--hash sha1: a hardened plug-in takes sha256 alone");
     options->hash = value;
   } else if (pack && name == "--out") {
     options->out = value;

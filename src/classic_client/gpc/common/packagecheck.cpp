@@ -128,7 +128,8 @@ GpcPackageVerdict CheckPackage(const char* path, const GpcPackageParameters& pag
     verdict.check = GpcPackageCheck::kMissing;
     return verdict;
   }
-  if (page.method == "sha1") {
+  // The hardened build takes no SHA-1 digest: a collision could pass a file off as one the vendor signed.
+  if (page.method == "sha1" && !gpc::GpcHardened()) {
     verdict.digest = Sha1OfFile(path);
   } else if (page.method == "sha256") {
     // The hardened build checks every package: the system version comes from the environment.
