@@ -102,8 +102,6 @@ if(GPC_INSTALL_STEP STREQUAL "begin")
   if(NOT IS_DIRECTORY "${_gpc_bundle_source}/Contents/MacOS")
     message(FATAL_ERROR "No built bundle at ${_gpc_bundle_source}: build the project first")
   endif()
-  # The installed bundle trusts the anchors of this build alone, not one an earlier install left.
-  file(REMOVE_RECURSE "$ENV{DESTDIR}${_gpc_bundle}/Contents/Resources/Anchors")
   # A CMake list splits names at ";" and does not split inside "[...]": a ";", or a bracket
   # without its pair, would cut or join the names, and the install could not be undone. A control
   # character (a line break, a tab) would break the manifests' JSON.
@@ -120,6 +118,8 @@ if(GPC_INSTALL_STEP STREQUAL "begin")
   if(EXISTS "@GPC_INSTALL_RECORD@")
     include("@GPC_INSTALL_RECORD@")
   endif()
+  # The installed bundle trusts the anchors of this build alone, not one an earlier install left.
+  file(REMOVE_RECURSE "$ENV{DESTDIR}${_gpc_bundle}/Contents/Resources/Anchors")
   set(_gpc_kept "")
   foreach(_gpc_dir IN LISTS GPC_CREATED_FOLDERS)
     if(IS_DIRECTORY "${_gpc_dir}")

@@ -37,20 +37,28 @@ foreach(language ${GPC_LANGUAGE_NAMES})
   list(APPEND GPC_BUNDLE_RESOURCES ${GPC_BUNDLE}/Contents/Resources/${table})
 endforeach()
 # The trust anchors of a hardened build: DER certificates (a root, an intermediate or the signer
-# itself) given by absolute path, shipped as Contents/Resources/Anchors/<name>.der.
+# itself) given by absolute path, shipped as Contents/Resources/Anchors/<name>.der. The folder is
+# made anew whenever the list or a file changes, so an anchor dropped from the list goes.
 set(GPC_ANCHORS "" CACHE STRING "DER certificates a hardened build trusts (absolute paths, ;-separated)")
-# An anchor dropped from the list goes: the build copies the others in again.
-file(REMOVE_RECURSE ${GPC_BUNDLE}/Contents/Resources/Anchors)
 foreach(anchor ${GPC_ANCHORS})
   get_filename_component(name ${anchor} NAME)
   if(NOT IS_ABSOLUTE "${anchor}" OR NOT EXISTS "${anchor}" OR NOT name MATCHES "\\.der$")
     message(FATAL_ERROR "GPC_ANCHORS: ${anchor} is not the absolute path of a DER certificate file (*.der)")
   endif()
-  add_custom_command(OUTPUT ${GPC_BUNDLE}/Contents/Resources/Anchors/${name}
-    COMMAND ${CMAKE_COMMAND} -E copy_if_different ${anchor} ${GPC_BUNDLE}/Contents/Resources/Anchors/${name}
-    DEPENDS ${anchor})
-  list(APPEND GPC_BUNDLE_RESOURCES ${GPC_BUNDLE}/Contents/Resources/Anchors/${name})
 endforeach()
+set(GPC_ANCHORS_FOLDER ${GPC_BUNDLE}/Contents/Resources/Anchors)
+file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/gpc-anchors.list CONTENT "${GPC_ANCHORS}")  # rewritten only when changed
+set(GPC_COPY_ANCHORS)
+if(GPC_ANCHORS)
+  set(GPC_COPY_ANCHORS COMMAND ${CMAKE_COMMAND} -E make_directory ${GPC_ANCHORS_FOLDER}
+                       COMMAND ${CMAKE_COMMAND} -E copy ${GPC_ANCHORS} ${GPC_ANCHORS_FOLDER}/)
+endif()
+add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/gpc-anchors.stamp
+  COMMAND ${CMAKE_COMMAND} -E rm -rf ${GPC_ANCHORS_FOLDER}
+  ${GPC_COPY_ANCHORS}
+  COMMAND ${CMAKE_COMMAND} -E touch ${CMAKE_BINARY_DIR}/gpc-anchors.stamp
+  DEPENDS ${GPC_ANCHORS} ${CMAKE_BINARY_DIR}/gpc-anchors.list)
+list(APPEND GPC_BUNDLE_RESOURCES ${CMAKE_BINARY_DIR}/gpc-anchors.stamp)
 add_custom_target(gpcbundleresources ALL DEPENDS ${GPC_BUNDLE_RESOURCES})
 add_dependencies(npgpc gpcbundleresources)
 

@@ -162,6 +162,8 @@ TEST_F(WindowErrorsTest, ExtensionNamesFoldersAndPackageUrl) {
       {"../../x", root, "zip", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip", true},
       {"a%2fb", root, "zip", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip", true},
       {"..", root, "zip", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip", true},
+      // It fetches an http root over https, as it was approved.
+      {"", "HTTP" + longRoot.substr(5) + "r", "zip", "zrgpcext64.bundle", "https" + longRoot.substr(5) + "r/zrgpcext64.bundle.zip", true},
   };
   for (const auto& c : cases) {
     gpc::SetHardenedForTesting(c.hardened);

@@ -46,12 +46,6 @@ TEST_F(WindowParamsTest, PageParametersAreStoredInOrderAndLiftTheHalt) {
   EXPECT_EQ(window.m_bHalted, 0);
   EXPECT_EQ(At(1) + At(2) + At(4) + At(-1), "gpcurlroot=http://www.talvo.us/client/a/Dup=(null)(none)(none)");
   EXPECT_EQ(Get("GPCURLROOT") + Get("dup"), "http://www.talvo.us/client/a/(null)");
-  gpc::SetHardenedForTesting(true);  // the hardened build keeps the root it approved: https
-  CGpcWindow hardened(&npp);
-  gpctest::EmbedArgs page{{"GpcProductVersion", "1,0,0"}, {"GpcUrlRoot", "http://www.talvo.us/client/a/"}};
-  EXPECT_TRUE(hardened.SetParameters(page.argc(), page.argn(), page.argv()));
-  EXPECT_STREQ(hardened.GetParameter("GpcUrlRoot"), "https://www.talvo.us/client/a/");
-  gpc::SetHardenedForTesting(-1);
 }
 
 // No version, or a root outside "/client/": the page stays halted and nothing after the root is kept.

@@ -156,7 +156,12 @@ class Embed : public HostEvents {
     bool from = false;
     for (Stage stage : mark.from) from = from || stage == m_stage;
     // Only the package is a download of the plug-in's own; later fetches are the extension's.
-    return from && (!mark.about_package || StartsWith(url, package_root_));
+    return from && (!mark.about_package || IsPackageUrl(url));
+  }
+  // A hardened plug-in fetches an "http" root over https.
+  bool IsPackageUrl(const std::string& url) const {
+    const bool http = package_root_.size() > 5 && g_ascii_strncasecmp(package_root_.c_str(), "http:", 5) == 0;
+    return StartsWith(url, package_root_) || (http && StartsWith(url, "https" + package_root_.substr(4)));
   }
   // `result`: what the extension's start answered, for "running".
   void Pass(Stage stage, const std::string& result) { Send(stage, result); }
@@ -194,7 +199,7 @@ class Embed : public HostEvents {
   // Byte progress of the package when the browser (this host) downloads it; about fifty
   // messages for a whole package at most.
   void OnStreamProgress(const std::string& url, int64_t done, int64_t total) override {
-    if (m_stage != Stage::kDownloading || m_halted || !StartsWith(url, package_root_)) return;
+    if (m_stage != Stage::kDownloading || m_halted || !IsPackageUrl(url)) return;
     const int64_t step = std::max<int64_t>(total / 50, 256 * 1024);
     if (done != total && done - progress_sent_ < step) return;
     progress_sent_ = done;

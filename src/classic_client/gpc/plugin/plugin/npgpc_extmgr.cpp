@@ -196,6 +196,8 @@ std::string CGpcExtMgr::GetExtensionUrl() {
     MacInfoTrace("CGpcExtMgr::GetExtensionUrl,GpcUrlRoot is nil or lenth is over!");
     return url;
   }
+  // The hardened build fetches an "http" root as the "https" one it was approved as.
+  if (gpc::GpcHardened() && GpcNamesEqual(url.substr(0, 5).c_str(), "http:")) url = "https" + url.substr(4);
   AppendSlash(&url);
   std::string name;
   if (const char* given = GivenExtensionName()) {

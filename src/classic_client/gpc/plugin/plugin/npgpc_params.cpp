@@ -1,7 +1,6 @@
 // The instance's parameter store: the page's name and value pairs, in page order.
 #include <cstring>
 
-#include "common/hardening.h"
 #include "plugin/plugin/npgpc_text.h"
 #include "plugin/plugin/npgpcimp.h"
 #include "common/trace.h"
@@ -32,15 +31,12 @@ bool CGpcWindow::SetParameters(int argc, char** argn, char** argv) {
   for (int i = 0; i < argc; ++i) {
     const char* name = argn[i];
     const char* value = argv[i];
-    // The root is only tested here; the page's own text is what gets stored. The hardened build
-    // stores the root it approved, so that an "http" root is fetched over https.
-    std::string approved;
-    if (GpcNamesEqual(name, kUrlRootName) && (approved = CorrectSchemaofUrlRoot(value)).empty()) {
+    // The root is only tested here; the page's own text is what gets stored.
+    if (GpcNamesEqual(name, kUrlRootName) && CorrectSchemaofUrlRoot(value).empty()) {
       MacErrorTrace("CGpcWindow::SetParameters, Mac parameter[%s,%s] is not corrent!", name,
                     value ? value : "");
       return false;
     }
-    if (!approved.empty() && gpc::GpcHardened()) value = approved.c_str();
     MacInfoTrace("CGpcWindow::SetParameters,%d : %s = %s ", i, name ? name : "", value ? value : "");
     AppendOwned(&m_vectorParam, new CItem(name, value));
   }

@@ -97,20 +97,34 @@ bool WouldDowngrade(const std::string& produced, const std::string& target) {
   return true;
 }
 
-void SyncEntry(const char* path) {
+bool SyncEntry(const char* path) {
   const int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0 || fsync(fd) != 0) MacWarnTrace("CGpcWindow::UnpackFile,cannot sync %s: %s", path, strerror(errno));
+  const bool synced = fd >= 0 && fsync(fd) == 0;
   if (fd >= 0) close(fd);
+  return synced;
 }
 
+thread_local bool t_unsynced = false;
+
 int SyncWalkedEntry(const char* path, const struct stat*, int type, struct FTW*) {
-  if (type == FTW_F || type == FTW_D || type == FTW_DP) SyncEntry(path);
+  if (type == FTW_F || type == FTW_D || type == FTW_DP) {
+    if (!SyncEntry(path)) t_unsynced = true;
+  } else if (type != FTW_SL && type != FTW_SLN) {
+    t_unsynced = true;  // a folder it cannot read, an entry it cannot see
+  }
   return 0;
 }
 
 // Every file and folder below `path` reaches the disk before anything counts on it: the kernel
-// may otherwise commit a rename or an unlink before the data of the files it concerns.
-void SyncTree(const std::string& path) { nftw(path.c_str(), SyncWalkedEntry, 16, FTW_PHYS); }
+// may otherwise commit a rename or an unlink before the data of the files it concerns. What
+// cannot be opened (a file packed without read permission) is synced with its whole file system.
+void SyncTree(const std::string& path) {
+  t_unsynced = false;
+  if (nftw(path.c_str(), SyncWalkedEntry, 16, FTW_PHYS) == 0 && !t_unsynced) return;
+  const int fd = open(ParentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0 || syncfs(fd) != 0) MacWarnTrace("CGpcWindow::UnpackFile,cannot sync %s: %s", path.c_str(), strerror(errno));
+  if (fd >= 0) close(fd);
+}
 
 // The marker is on disk before the old bundle goes.
 bool MarkUnfinished(const std::string& marker, const std::string& folder) {
