@@ -202,7 +202,9 @@ elseif(GPC_INSTALL_STEP STREQUAL "end")
     "# What the last `cmake --install` of this build made besides its manifest's files.\n"
     "set(GPC_CREATED_FOLDERS [==[${GPC_PENDING_FOLDERS}]==])\n"
     "set(GPC_INSTALLED_LINK [==[${_gpc_link}]==])\n"
-    "set(GPC_INSTALLED_LINK_TARGET [==[${_gpc_link_target}]==])\n")
+    "set(GPC_INSTALLED_LINK_TARGET [==[${_gpc_link_target}]==])\n"
+    "set(GPC_INSTALLED_HOST_MANIFESTS [==[${_gpc_host_manifests}]==])\n"
+    "set(GPC_INSTALLED_HOST_PATH [==[${_gpc_common}]==])\n")
 endif()
 ]=])
 
@@ -223,8 +225,9 @@ install(FILES ${GPC_BRIDGE_SOURCES} DESTINATION share/talvo-gpc/extension)
 install(FILES ${GPC_BRIDGE_ZIP} DESTINATION share/talvo-gpc)
 install(CODE "set(GPC_INSTALL_STEP end)\ninclude(\"${GPC_INSTALL_STEPS}\")")
 
-# Uninstalling: the manifest's files, the link only while it is still ours, then the folders the
-# install created, deepest first and only when empty, so that nothing of a user's goes.
+# Uninstalling: the manifest's files, the link and the host manifests only while they are still
+# ours, then the folders the install created, deepest first and only when empty, so that nothing
+# of a user's or of another install's goes.
 file(CONFIGURE OUTPUT ${GPC_UNINSTALL_SCRIPT} @ONLY CONTENT [=[
 # Generated from cmake/install.cmake: removes what `cmake --install` of this build put in place.
 set(_gpc_manifest "@CMAKE_BINARY_DIR@/install_manifest.txt")
@@ -234,6 +237,8 @@ endif()
 set(GPC_CREATED_FOLDERS "")
 set(GPC_INSTALLED_LINK "")
 set(GPC_INSTALLED_LINK_TARGET "")
+set(GPC_INSTALLED_HOST_MANIFESTS "")
+set(GPC_INSTALLED_HOST_PATH "")
 if(EXISTS "@GPC_INSTALL_RECORD@")
   include("@GPC_INSTALL_RECORD@")
 endif()
@@ -251,6 +256,16 @@ foreach(_gpc_file IN LISTS _gpc_files)
     endif()
     if(NOT _gpc_target STREQUAL GPC_INSTALLED_LINK_TARGET)
       message(STATUS "Kept (no longer our link): ${_gpc_file}")
+      continue()
+    endif()
+  endif()
+  # A host manifest that another install has written since names that install's host.
+  list(FIND GPC_INSTALLED_HOST_MANIFESTS "${_gpc_file}" _gpc_index)
+  if(_gpc_index GREATER -1)
+    file(READ "${_gpc_file}" _gpc_text)
+    string(FIND "${_gpc_text}" "${GPC_INSTALLED_HOST_PATH}" _gpc_at)
+    if(_gpc_at EQUAL -1)
+      message(STATUS "Kept (another install's host): ${_gpc_file}")
       continue()
     endif()
   endif()

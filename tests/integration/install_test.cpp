@@ -120,10 +120,17 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
     const std::string page = host.Of("navigate").empty() ? "" : host.Of("navigate").back().Str("url");
     EXPECT_NE(page.find("/error?ErrorType=1&ErrorMsg=Die%20Einrichtung"), std::string::npos) << page;
 
-    // A file of the user's in a folder the install made keeps that folder.
+    // A file of the user's in a folder the install made keeps that folder, and a host manifest
+    // another install has written since stays that install's.
     ASSERT_TRUE(gpctest::WriteFile(prefix + "/share/mine", "x"));
+    const std::string theirs = root + "/" + folders.back() + "/com.vantrel.talvo.gpc.json";
+    ASSERT_TRUE(gpctest::WriteFile(theirs, "{\"path\": \"/another/prefix/gpc-native-host\"}"));
     const gpctest::ToolRun uninstall = gpctest::RunTool({args[0], "-P", kBuild + "/cmake_uninstall.cmake"});
     ASSERT_EQ(uninstall.exitCode, 0) << uninstall.out << uninstall.err;
+    EXPECT_NE(gpctest::ReadFile(theirs).find("/another/prefix/"), std::string::npos);
+    const std::string theirFolders = folders.back().substr(c.systemScope ? 0 : 5);  // "home/" was there before
+    ShellOutput("cd " + ShellQuote(root + (c.systemScope ? "" : "/home")) + " && rm " + ShellQuote(theirFolders) +
+                "/*.json && rmdir -p " + ShellQuote(theirFolders));
     EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + " && rm share/mine && rmdir share && (rmdir ../prefix 2>/dev/null; echo ok)"), "ok\n");
     EXPECT_EQ(Listing(root), before) << uninstall.out;
     // A ";", a bracket without its pair or a line break would cut or join names: refused at once.
