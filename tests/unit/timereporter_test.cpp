@@ -7,6 +7,7 @@
 #include <set>
 
 #include "common/gpctimereporter.h"
+#include "common/hardening.h"
 #include "extension_package.h"
 #include "gpc/gpc_trace.h"
 #include "http_test_server.h"
@@ -81,6 +82,17 @@ TEST_F(TimeReporterTest, StampsBelongToOneMeetingAndWritesReplaceTheFileWhole) {
     EXPECT_TRUE(line.level <= GPC_TRACE_INFO || line.text.find("Info.plist") == std::string::npos) << line.text;
   EXPECT_TRUE(TraceContains(GPC_TRACE_INFO, "Info.plist failed"));
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator(kTalvo), {}), 2) << "7.1.2/Info.plist/, no temporaries";
+  // A version leading out with ".." is followed by the default build only.
+  const std::string out = kTalvo + "/../out";
+  for (const bool hardened : {false, true}) {
+    gpc::SetHardenedForTesting(hardened);
+    fs::remove_all(out);
+    fs::create_directory(out);
+    gpctimereporter::appendTimeStamp("/../out/", "A", tmr_gpc_check_extension);
+    EXPECT_EQ(fs::exists(out + "/Info.plist"), !hardened);
+  }
+  gpc::SetHardenedForTesting(-1);
+  fs::remove_all(out);
 }
 
 // Under a locale that writes decimal commas, earlier stamps keep their fractions when the file is read again.

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/gpcutil.h"
+#include "common/hardening.h"
 #include "platform/bundle.h"
 #include "platform/clock.h"
 #include "platform/thread_locale.h"
@@ -47,8 +48,13 @@ class PlistHolder {
   plist_t m_node;
 };
 
+// Whether the version steps out of the "Talvo Folder" names with a "..".
+bool StepsOut(const char* version) { return (std::string("/") + version + "/").find("/../") != std::string::npos; }
+
 std::string VersionFolderFile(const char* version, const char* fileName) {
   if (version == nullptr) return std::string();
+  // The hardened build writes no file that a page's version leads elsewhere in the user's files.
+  if (gpc::GpcHardened() && StepsOut(version)) return std::string();
   // The version carries its own separator: "Talvo Folder3,1,0,7Info.plist" is one name.
   std::string path = platform::TalvoFolderPath();
   if (path.empty()) return std::string();
