@@ -113,14 +113,15 @@ typedef struct SampleState {
 _Static_assert(sizeof(void*) == sizeof(SampleTracePostProc), "function and data pointers differ");
 
 /*
- * Finds GpcTracePost in the plug-in module without linking against it. When the browser loaded the
- * plug-in globally, the default search finds it. Browsers usually load plug-ins privately, so the
- * second try asks the module that holds the service functions, which is the plug-in itself.
- * Returns NULL when neither way finds it.
+ * Finds GpcTracePost in the plug-in module without linking against it. The first try asks the
+ * module that holds the service functions, which is the plug-in that serves this instance: a
+ * browser may have loaded another plug-in module of the same kind (a second install) whose
+ * function the default search would find first. The default search finds it when the plug-in is
+ * the program itself. Returns NULL when neither way finds it.
  */
 static SampleTracePostProc FindTracePost(const GpcServiceTable* services) {
-  void* symbol = dlsym(RTLD_DEFAULT, "GpcTracePost");
-  if (symbol == NULL && services->GpcGetVersion != NULL) {
+  void* symbol = NULL;
+  if (services->GpcGetVersion != NULL) {
     void* serviceAddress;
     memcpy(&serviceAddress, &services->GpcGetVersion, sizeof serviceAddress);
     Dl_info info;
@@ -134,6 +135,7 @@ static SampleTracePostProc FindTracePost(const GpcServiceTable* services) {
       }
     }
   }
+  if (symbol == NULL) symbol = dlsym(RTLD_DEFAULT, "GpcTracePost");
   SampleTracePostProc tracePost = NULL;
   if (symbol != NULL) memcpy(&tracePost, &symbol, sizeof tracePost);
   return tracePost;
