@@ -104,12 +104,14 @@ if(GPC_INSTALL_STEP STREQUAL "begin")
   endif()
   # A CMake list splits names at ";" and does not split inside "[...]": a ";", or a bracket
   # without its pair, would cut or join the names, and the install could not be undone. A control
-  # character (a line break, a tab) would break the manifests' JSON.
+  # character (a line break, a tab) would break the manifests' JSON; CMake's own install takes a
+  # backslash for an escape.
   string(ASCII 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28 29 30 31 127 _gpc_controls)
-  foreach(_gpc_name "$ENV{DESTDIR}" "${_gpc_bundle}" "${_gpc_native_host}" "${_gpc_link_dir}" ${_gpc_host_manifests})
+  foreach(_gpc_name "$ENV{DESTDIR}" "${CMAKE_INSTALL_PREFIX}" "${_gpc_bundle}" "${_gpc_native_host}" "${_gpc_link_dir}" ${_gpc_host_manifests})
     string(REGEX REPLACE "\\[[^][]*\\]" "" _gpc_unmatched "${_gpc_name}")
-    if(_gpc_unmatched MATCHES "[][;${_gpc_controls}]")
-      message(FATAL_ERROR "Cannot install to ${_gpc_name}: a \";\", a bracket without its pair, or a control character")
+    string(FIND "${_gpc_name}" "\\" _gpc_backslash)
+    if(_gpc_unmatched MATCHES "[][;${_gpc_controls}]" OR _gpc_backslash GREATER -1)
+      message(FATAL_ERROR "Cannot install to ${_gpc_name}: a \";\", a bracket without its pair, a backslash or a control character")
     endif()
   endforeach()
   # Every folder that the install is about to create, so that uninstalling removes it again.
@@ -118,7 +120,16 @@ if(GPC_INSTALL_STEP STREQUAL "begin")
   if(EXISTS "@GPC_INSTALL_RECORD@")
     include("@GPC_INSTALL_RECORD@")
   endif()
-  # The installed bundle trusts the anchors of this build alone, not one an earlier install left.
+  # The installed bundle trusts the anchors of this build alone, not one an earlier install left,
+  # and those of its last build: a list or a file changed since would not be shipped.
+  file(TIMESTAMP "@CMAKE_BINARY_DIR@/gpc-anchors.stamp" _gpc_built "%s")
+  file(READ "@CMAKE_BINARY_DIR@/gpc-anchors.list" _gpc_anchors)
+  foreach(_gpc_anchor "@CMAKE_BINARY_DIR@/gpc-anchors.list" ${_gpc_anchors})
+    file(TIMESTAMP "${_gpc_anchor}" _gpc_changed "%s")
+    if(_gpc_built STREQUAL "" OR _gpc_changed GREATER _gpc_built)
+      message(FATAL_ERROR "The anchors changed since the last build (${_gpc_anchor}): build the project first")
+    endif()
+  endforeach()
   file(REMOVE_RECURSE "$ENV{DESTDIR}${_gpc_bundle}/Contents/Resources/Anchors")
   set(_gpc_kept "")
   foreach(_gpc_dir IN LISTS GPC_CREATED_FOLDERS)

@@ -40,11 +40,16 @@ endforeach()
 # itself) given by absolute path, shipped as Contents/Resources/Anchors/<name>.der. The folder is
 # made anew whenever the list or a file changes, so an anchor dropped from the list goes.
 set(GPC_ANCHORS "" CACHE STRING "DER certificates a hardened build trusts (absolute paths, ;-separated)")
+set(GPC_ANCHOR_NAMES)
 foreach(anchor ${GPC_ANCHORS})
   get_filename_component(name ${anchor} NAME)
   if(NOT IS_ABSOLUTE "${anchor}" OR NOT EXISTS "${anchor}" OR NOT name MATCHES "\\.der$")
     message(FATAL_ERROR "GPC_ANCHORS: ${anchor} is not the absolute path of a DER certificate file (*.der)")
   endif()
+  if(name IN_LIST GPC_ANCHOR_NAMES)
+    message(FATAL_ERROR "GPC_ANCHORS: two anchors named ${name}; one would replace the other")
+  endif()
+  list(APPEND GPC_ANCHOR_NAMES ${name})
 endforeach()
 set(GPC_ANCHORS_FOLDER ${GPC_BUNDLE}/Contents/Resources/Anchors)
 file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/gpc-anchors.list CONTENT "${GPC_ANCHORS}")  # rewritten only when changed

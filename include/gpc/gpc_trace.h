@@ -7,8 +7,9 @@
  * initialised (before NP_Initialize or after NP_Shutdown) reach nobody and are lost.
  *
  * The functions live in the plug-in module. An extension that is not linked against it finds them
- * with dlsym(RTLD_DEFAULT, "GpcTracePost") when the module was loaded globally, or through the
- * module's handle.
+ * through the handle of the module that holds its service functions (dladdr on one, then dlopen
+ * with RTLD_NOLOAD), and only then with dlsym(RTLD_DEFAULT, "GpcTracePost"), which may find
+ * another install's module when a browser loaded two globally.
  */
 #ifndef GPC_GPC_TRACE_H
 #define GPC_GPC_TRACE_H

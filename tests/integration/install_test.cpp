@@ -134,7 +134,7 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
     EXPECT_EQ(ShellOutput("cd " + ShellQuote(prefix) + " && rm share/mine && rmdir share && (rmdir ../prefix 2>/dev/null; echo ok)"), "ok\n");
     EXPECT_EQ(Listing(root), before) << uninstall.out;
     // A ";", a bracket without its pair or a line break would cut or join names: refused at once.
-    for (const char* refused : {"/un[paired", "/semi;colon", "/line\nbreak", "/esc\x1b"})
+    for (const char* refused : {"/un[paired", "/semi;colon", "/line\nbreak", "/esc\x1b", "/back\\slash"})
       EXPECT_NE(gpctest::RunTool({args[0], "--install", kBuild, "--prefix", root + refused}).exitCode, 0) << refused;
     EXPECT_EQ(Listing(root), before);
   }
@@ -149,17 +149,22 @@ TEST(Install, TheAnchorsGivenToTheBuildAreShippedInItsBundle) {
   cmake.pop_back();
   generator.pop_back();
   ASSERT_EQ(ShellOutput("cd " + ShellQuote(temp.path()) + " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
-                        "-keyout key.pem -subj /CN=root -days 1 -outform DER -out root.der 2>/dev/null && echo ok"), "ok\n");
+                        "-keyout key.pem -subj /CN=root -days 1 -outform DER -out root.der 2>/dev/null && mkdir again && "
+                        "cp root.der again/ && echo ok"), "ok\n");
   auto configure = [&](const std::string& anchors) {
     return gpctest::RunTool({cmake, "-S", GPC_SOURCE_DIR, "-B", build, "-G", generator, "-DGPC_BUILD_TESTS=OFF",
                              "-DGPC_BUILD_BENCH=OFF", "-DGPC_ANCHORS=" + anchors}).exitCode;
   };
   EXPECT_NE(configure("root.der"), 0);
   EXPECT_NE(configure(temp.path() + "/key.pem"), 0);
+  EXPECT_NE(configure(der + ";" + temp.path() + "/again/root.der"), 0);  // two of one name
   ASSERT_EQ(configure(der), 0);
   ASSERT_EQ(gpctest::RunTool({cmake, "--build", build, "--target", "gpcbundleresources"}).exitCode, 0);
   EXPECT_EQ(gpctest::ReadFile(build + "/talvo-gpc64.plugin/Contents/Resources/Anchors/root.der"), gpctest::ReadFile(der));
-  ASSERT_EQ(configure(""), 0);  // dropped from the list, gone from the bundle
+  ASSERT_EQ(configure(""), 0);  // dropped from the list: no install before a build, then gone
+  ASSERT_EQ(ShellOutput("mkdir -p " + ShellQuote(build + "/talvo-gpc64.plugin/Contents/MacOS") + " && echo ok"), "ok\n");
+  const gpctest::ToolRun early = gpctest::RunTool({cmake, "--install", build, "--prefix", temp.path() + "/prefix"});
+  EXPECT_NE(early.err.find("The anchors changed since the last build"), std::string::npos) << early.err;
   ASSERT_EQ(gpctest::RunTool({cmake, "--build", build, "--target", "gpcbundleresources"}).exitCode, 0);
   EXPECT_EQ(ShellOutput("ls -A " + ShellQuote(build + "/talvo-gpc64.plugin/Contents/Resources")).find("Anchors"), std::string::npos);
 }

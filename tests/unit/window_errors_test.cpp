@@ -164,6 +164,7 @@ TEST_F(WindowErrorsTest, ExtensionNamesFoldersAndPackageUrl) {
       {"..", root, "zip", "zrgpcext64.bundle", root + "/zrgpcext64.bundle.zip", true},
       // It fetches an http root over https, as it was approved.
       {"", "HTTP" + longRoot.substr(5) + "r", "zip", "zrgpcext64.bundle", "https" + longRoot.substr(5) + "r/zrgpcext64.bundle.zip", true},
+      {"", "http" + longRoot.substr(5) + "rr", "zip", "zrgpcext64.bundle", "https" + longRoot.substr(5) + "rr", true},
   };
   for (const auto& c : cases) {
     gpc::SetHardenedForTesting(c.hardened);

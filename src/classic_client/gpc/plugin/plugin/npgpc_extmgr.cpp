@@ -191,13 +191,14 @@ std::string CGpcExtMgr::GetExtensionUrl() {
   } else {
     url = root;
   }
+  const bool overLong = url.size() > kLongestUrlRoot;
+  // The hardened build fetches an "http" root as the "https" one it was approved as.
+  if (gpc::GpcHardened() && GpcNamesEqual(url.substr(0, 5).c_str(), "http:")) url = "https" + url.substr(4);
   // An over-long root goes back whole; the fetch then fails on it.
-  if (url.empty() || url.size() > kLongestUrlRoot) {
+  if (url.empty() || overLong) {
     MacInfoTrace("CGpcExtMgr::GetExtensionUrl,GpcUrlRoot is nil or lenth is over!");
     return url;
   }
-  // The hardened build fetches an "http" root as the "https" one it was approved as.
-  if (gpc::GpcHardened() && GpcNamesEqual(url.substr(0, 5).c_str(), "http:")) url = "https" + url.substr(4);
   AppendSlash(&url);
   std::string name;
   if (const char* given = GivenExtensionName()) {
