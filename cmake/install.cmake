@@ -122,11 +122,10 @@ if(GPC_INSTALL_STEP STREQUAL "begin")
   endif()
   # The installed bundle trusts the anchors of this build alone, not one an earlier install left,
   # and those of its last build: a list or a file changed since would not be shipped.
-  file(TIMESTAMP "@CMAKE_BINARY_DIR@/gpc-anchors.stamp" _gpc_built "%s")
+  # (IS_NEWER_THAN compares to the file system's resolution; it is true for a file that is missing.)
   file(READ "@CMAKE_BINARY_DIR@/gpc-anchors.list" _gpc_anchors)
   foreach(_gpc_anchor "@CMAKE_BINARY_DIR@/gpc-anchors.list" ${_gpc_anchors})
-    file(TIMESTAMP "${_gpc_anchor}" _gpc_changed "%s")
-    if(_gpc_built STREQUAL "" OR _gpc_changed GREATER _gpc_built)
+    if("${_gpc_anchor}" IS_NEWER_THAN "@CMAKE_BINARY_DIR@/gpc-anchors.stamp")
       message(FATAL_ERROR "The anchors changed since the last build (${_gpc_anchor}): build the project first")
     endif()
   endforeach()
