@@ -2,11 +2,16 @@
 // files, blocking requests, failures, challenges and the environment's proxy.
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+#include <netdb.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <tuple>
 
@@ -16,6 +21,17 @@
 #include "http_test_server.h"
 #include "main_loop.h"
 #include "scoped_env.h"
+
+// A slow resolver: "slow.example" is answered (as unknown) after 20 s, or once released.
+static std::atomic<bool> g_lookupReleased{false};
+extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* node, const char* service,
+                                                                   const addrinfo* hints, addrinfo** found) {
+  using Lookup = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
+  static const auto real = reinterpret_cast<Lookup>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  if (node == nullptr || strcmp(node, "slow.example") != 0) return real(node, service, hints, found);
+  for (int i = 0; i < 2000 && !g_lookupReleased; ++i) usleep(10000);
+  return EAI_NONAME;
+}
 
 namespace {
 
@@ -242,8 +258,18 @@ TEST_F(NetworkHttpTest, BlockingRequestsReturnAfterTheEndOrACancelWhileTimersRun
 }
 
 // Deleted from its data callback, from its end callback while a blocking GetURL waits, or
-// destroyed between callbacks: nothing more is called.
+// destroyed between callbacks: nothing more is called. Destroyed while its host name is looked up,
+// it does not wait for the resolver.
 TEST_F(NetworkHttpTest, DeletingOrDestroyingTheClientMidTransferStopsEverything) {
+  auto slow = std::make_unique<GPCNetworkHttp>();
+  Sink unanswered;
+  ASSERT_EQ(slow->GetURL("http://slow.example/x", &unanswered, 0, false, false), 0u);
+  RunMainLoopFor(50);
+  const auto start = std::chrono::steady_clock::now();
+  slow.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << "held until the resolver answered";
+  g_lookupReleased = true;
+
   ASSERT_TRUE(server_.AddFile("midway.bin", PatternBytes(8 * 1024 * 1024)));
   auto* client = new GPCNetworkHttp;
   Sink sink, other, abandoned;

@@ -32,7 +32,7 @@ class HostPlugin : public ::testing::Test {
   // Runs a meeting page on the server started last, or on a new one.
   HostRun RunPage(const std::vector<std::string>& extra) {
     if (server_ == nullptr) Serve();
-    std::vector<std::string> args = {"--param", "GpcProductVersion=3,1,0,7", "--param", "MeetingID=m42",
+    std::vector<std::string> args = {"--param", "GpcProductVersion=3,1,0,7", "--param", "MeetingID=m 42",
                                      "--param", "SessionID=s7", "--param", "LoggingURL=" + server_->Url("/log?"),
                                      "--param", "GpcErrorPageUrl=" + server_->Url("/error"), "--param", "gpclocalsetting=1"};
     args.insert(args.end(), extra.begin(), extra.end());
@@ -48,10 +48,11 @@ class HostPlugin : public ::testing::Test {
   std::unique_ptr<gpctest::LoopbackServer> server_;
 };
 
-// One navigation at a time: each starts only after the one before it has been delivered.
+// One navigation at a time: each starts only after the one before it has been delivered. A space in
+// a report's URL goes out percent-encoded, as from a browser.
 TEST_F(HostPlugin, PageWithoutUrlRootReportsStartThenErrorThenShowsTheErrorPage) {
   const HostRun run = RunPage({"--exit-on-navigate", "/error", "--run-ms", "8000"});
-  const int start = run.Find("request", "url", "/log?ConfID=m42&SessionID=s7&Module=1&ErrorCode=1000&OptInfo3=");
+  const int start = run.Find("request", "url", "/log?ConfID=m 42&SessionID=s7&Module=1&ErrorCode=1000&OptInfo3=");
   const int startDone = run.Find("stream_end", "url", "ErrorCode=1000"), error = run.Find("request", "url", "&ErrorCode=100&");
   const int page = run.Find("navigate", "url", "/error?"), errorDone = run.Find("stream_end", "url", "ErrorCode=100&");
   EXPECT_TRUE(0 <= start && start < startDone && startDone < error && error < errorDone && errorDone < page);

@@ -60,16 +60,28 @@ bool PostBody(const char* buf, uint32_t len, NPBool file, std::string* body) {
   return true;
 }
 
-// What a browser's URL parser does first: tabs and line breaks anywhere, and spaces and control
-// characters at either end, are not part of the URL.
+// What a browser's URL parser does: tabs and line breaks anywhere, and spaces and control
+// characters at either end, are not part of the URL; a space or control character within it is
+// sent percent-encoded (libcurl would refuse the URL).
 std::string CleanUrl(const std::string& url) {
-  std::string out;
+  std::string kept;
   for (char c : url)
-    if (c != '\t' && c != '\n' && c != '\r') out += c;
-  size_t first = 0, last = out.size();
-  while (first < last && static_cast<unsigned char>(out[first]) <= 0x20) ++first;
-  while (last > first && static_cast<unsigned char>(out[last - 1]) <= 0x20) --last;
-  return out.substr(first, last - first);
+    if (c != '\t' && c != '\n' && c != '\r') kept += c;
+  size_t first = 0, last = kept.size();
+  while (first < last && static_cast<unsigned char>(kept[first]) <= 0x20) ++first;
+  while (last > first && static_cast<unsigned char>(kept[last - 1]) <= 0x20) --last;
+  std::string out;
+  for (size_t i = first; i < last; ++i) {
+    const unsigned char c = static_cast<unsigned char>(kept[i]);
+    if (c > 0x20 && c != 0x7f) {
+      out += static_cast<char>(c);
+    } else {
+      char escaped[4];
+      std::snprintf(escaped, sizeof escaped, "%%%02X", c);
+      out += escaped;
+    }
+  }
+  return out;
 }
 
 // The URL a browser fetches for `url` on the page at `page`: a URL without a scheme of its own is

@@ -93,6 +93,7 @@ Transfer* UrlLoader::Start(const std::string& url, bool post, const std::string&
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, 30L);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // a stop mid-lookup does not wait for the resolver
   curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &OpenSocketClosedOnExec);
   if (user_agent != nullptr) curl_easy_setopt(easy, CURLOPT_USERAGENT, user_agent);
   if (post) {

@@ -338,6 +338,9 @@ bool Configure(CurlTransfer* transfer, const TransferRequest& request) {
   ok = ok && curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorBuffer) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
+  // A transfer stopped while its host name is looked up leaves the lookup to finish on its own;
+  // libcurl would otherwise hold the browser's thread until the resolver answers.
+  ok = ok && curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &OpenSocketClosedOnExec) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1)) == CURLE_OK;
   ok = ok && curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK;
