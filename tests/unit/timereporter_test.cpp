@@ -1,5 +1,7 @@
 // Milestone stamps: the version's property list tied to one meeting, and the text form in the parameter file.
 #include <gtest/gtest.h>
+#include <unistd.h>
+#include <sys/stat.h>
 
 #include <clocale>
 #include <cstdlib>
@@ -82,6 +84,14 @@ TEST_F(TimeReporterTest, StampsBelongToOneMeetingAndWritesReplaceTheFileWhole) {
     EXPECT_TRUE(line.level <= GPC_TRACE_INFO || line.text.find("Info.plist") == std::string::npos) << line.text;
   EXPECT_TRUE(TraceContains(GPC_TRACE_INFO, "Info.plist failed"));
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator(kTalvo), {}), 2) << "7.1.2/Info.plist/, no temporaries";
+  // A FIFO planted at the name is not read: it would block for ever.
+  fs::remove_all(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_TRUE(gpctest::InChild([&] {
+    alarm(10);
+    gpctimereporter::appendTimeStamp(kVersion, "A", tmr_gpc_check_extension);
+    return true;
+  }));
   // A version leading out with ".." is followed by the default build only.
   const std::string out = kTalvo + "/../out";
   for (const bool hardened : {false, true}) {

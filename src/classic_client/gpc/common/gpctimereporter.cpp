@@ -2,6 +2,7 @@
 // then rename), and the text form in the parameter file.
 #include "common/gpctimereporter.h"
 
+#include <fcntl.h>
 #include <glib.h>
 #include <plist/plist.h>
 #include <sys/stat.h>
@@ -84,8 +85,15 @@ bool IsWritableFile(const std::string& path) {
 }
 
 bool ReadWholeFile(const std::string& path, std::vector<char>* data) {
-  FILE* file = fopen(path.c_str(), "rbe");
-  if (file == nullptr) return false;
+  // A regular file only: a FIFO or a device at the name would block the browser or never end.
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat info;
+  FILE* file = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) ? fdopen(fd, "rb") : nullptr;
+  if (file == nullptr) {
+    close(fd);
+    return false;
+  }
   char chunk[8192];
   size_t got;
   while ((got = fread(chunk, 1, sizeof chunk, file)) > 0) data->insert(data->end(), chunk, chunk + got);
