@@ -141,6 +141,18 @@ TEST_F(HostPlugin, RefusedHostPageShowsError111) {
   EXPECT_GE(run.Find("request", "url", "ErrorCode=111&"), 0);
 }
 
+// A report whose redirects never end fails as in a browser: its request ends as a network error (and,
+// as a failed report does, holds the error page back).
+TEST_F(HostPlugin, ARequestWhoseRedirectsNeverEndEnds) {
+  Serve();
+  const HostRun run = gpchost::RunHost({"--param", "GpcProductVersion=3,1,0,7", "--param", "MeetingID=m", "--param",
+                                        "SessionID=s", "--param", "LoggingURL=" + server_->Url("/client/fault/redirect/1/log?"),
+                                        "--run-ms", "3000"});
+  const int end = run.Find("fetch_end", "url", "/client/fault/redirect/");
+  ASSERT_GE(end, 0) << run.stderr_text;
+  EXPECT_EQ(run.events[static_cast<size_t>(end)].Int("reason"), 1);
+}
+
 // Without a version on the page the extension on disk runs: the one shipped with the plug-in. Its fetch
 // that meets a challenge goes through the browser, which drops the blanks at the end of a URL; a file
 // missing there fails. Its stream, whose URL is relative to the page and holds a tab the browser drops
@@ -156,6 +168,7 @@ TEST_F(HostPlugin, ShippedExtensionRunsAndItsChallengedFetchGoesThroughTheBrowse
                                "--run-ms", "8000"});
   EXPECT_NE(Str(run, run.Find("navigate", "url", "/done?"), "url").find("/done?fetched=2&failed=1"), std::string::npos)
       << run.stderr_text;
+  EXPECT_EQ(server_->RequestCount("/files/readme.txt"), 1) << "the browser drops the blanks";
   const int stream = run.Find("stream_end", "url", "tes?n=3000000");
   EXPECT_EQ(stream < 0 ? -1 : run.events[static_cast<size_t>(stream)].Int("bytes"), 3000000) << run.stderr_text;
   for (const auto& entry : std::filesystem::directory_iterator(data_.path()))
