@@ -141,18 +141,6 @@ TEST_F(HostPlugin, RefusedHostPageShowsError111) {
   EXPECT_GE(run.Find("request", "url", "ErrorCode=111&"), 0);
 }
 
-// A report whose redirects never end fails as in a browser: its request ends as a network error (and,
-// as a failed report does, holds the error page back).
-TEST_F(HostPlugin, ARequestWhoseRedirectsNeverEndEnds) {
-  Serve();
-  const HostRun run = gpchost::RunHost({"--param", "GpcProductVersion=3,1,0,7", "--param", "MeetingID=m", "--param",
-                                        "SessionID=s", "--param", "LoggingURL=" + server_->Url("/client/fault/redirect/1/log?"),
-                                        "--run-ms", "3000"});
-  const int end = run.Find("fetch_end", "url", "/client/fault/redirect/");
-  ASSERT_GE(end, 0) << run.stderr_text;
-  EXPECT_EQ(run.events[static_cast<size_t>(end)].Int("reason"), 1);
-}
-
 // Without a version on the page the extension on disk runs: the one shipped with the plug-in. Its fetch
 // that meets a challenge goes through the browser, which drops the blanks at the end of a URL; a file
 // missing there fails. Its stream, whose URL is relative to the page and holds a tab the browser drops

@@ -22,6 +22,12 @@ std::string Listing(const std::string& root) {
                      "\\) -o -printf '%p %y %m %l\\n' | LC_ALL=C sort");
 }
 
+// A value of this build's CMake cache.
+std::string CacheValue(const std::string& name) {
+  const std::string value = ShellOutput("sed -n 's/^" + name + ":INTERNAL=//p' " + ShellQuote(kBuild + "/CMakeCache.txt"));
+  return value.substr(0, value.find('\n'));
+}
+
 // The install's records in the build folder are put back as they were, so that the developer's own
 // install of this build can still be uninstalled.
 struct BuildRecordsKept {
@@ -45,7 +51,7 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
       {"own file at the link's name kept", false, "mkdir -p home/.mozilla/plugins && echo mine > home/.mozilla/plugins/libnpgpc.so", ""},
       {"system scope in its configured folder", true, "true", "system/plugins/libnpgpc.so"},
   };
-  const std::string cmake = ShellOutput("sed -n 's/^CMAKE_COMMAND:INTERNAL=//p' " + ShellQuote(kBuild + "/CMakeCache.txt"));
+  const std::string cmake = CacheValue("CMAKE_COMMAND");
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     gpctest::TempFolder temp("install"), dataHome("installdata");
@@ -57,7 +63,7 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
     const std::string before = Listing(root);
     ScopedEnv homeEnv("HOME", home);
     ScopedEnv data("XDG_DATA_HOME", dataHome.path());
-    std::vector<std::string> args = {cmake.substr(0, cmake.size() - 1), "--install", kBuild, "--prefix", prefix};
+    std::vector<std::string> args = {cmake, "--install", kBuild, "--prefix", prefix};
     if (c.systemScope)
       args = {args[0], "-DGPC_INSTALL_SCOPE=system", "-DGPC_BROWSER_PLUGIN_DIR=" + root + "/system/plugins",
               "-DGPC_NATIVE_HOST_ROOT=" + root + "/system", "-DCMAKE_INSTALL_PREFIX=" + prefix, "-P", kBuild + "/cmake_install.cmake"};
@@ -144,28 +150,24 @@ TEST(Install, PutsTheBundleTheLinkAndTheBridgeInPlaceAndUninstallLeavesNothingBe
 // the absolute path of a DER file is refused when the build is configured.
 TEST(Install, TheAnchorsGivenToTheBuildAreShippedInItsBundle) {
   gpctest::TempFolder temp("anchors");
-  const std::string der = temp.path() + "/root.der", build = temp.path() + "/build", cache = ShellQuote(kBuild + "/CMakeCache.txt");
-  std::string cmake = ShellOutput("sed -n 's/^CMAKE_COMMAND:INTERNAL=//p' " + cache), generator = ShellOutput("sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' " + cache);
-  cmake.pop_back();
-  generator.pop_back();
+  const std::string der = temp.path() + "/root.der", build = temp.path() + "/build", cmake = CacheValue("CMAKE_COMMAND");
   ASSERT_EQ(ShellOutput("cd " + ShellQuote(temp.path()) + " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
                         "-keyout key.pem -subj /CN=root -days 1 -outform DER -out root.der 2>/dev/null && mkdir again && "
                         "cp root.der again/ && echo ok"), "ok\n");
   auto configure = [&](const std::string& anchors) {
-    return gpctest::RunTool({cmake, "-S", GPC_SOURCE_DIR, "-B", build, "-G", generator, "-DGPC_BUILD_TESTS=OFF",
-                             "-DGPC_BUILD_BENCH=OFF", "-DGPC_ANCHORS=" + anchors}).exitCode;
+    return gpctest::RunTool({cmake, "-S", GPC_SOURCE_DIR, "-B", build, "-G", CacheValue("CMAKE_GENERATOR"),
+                             "-DGPC_BUILD_TESTS=OFF", "-DGPC_BUILD_BENCH=OFF", "-DGPC_ANCHORS=" + anchors}).exitCode;
   };
-  EXPECT_NE(configure("root.der"), 0);
-  EXPECT_NE(configure(temp.path() + "/key.pem"), 0);
-  EXPECT_NE(configure(der + ";" + temp.path() + "/again/root.der"), 0);  // two of one name
-  ASSERT_EQ(configure(der), 0);
-  ASSERT_EQ(gpctest::RunTool({cmake, "--build", build, "--target", "gpcbundleresources"}).exitCode, 0);
+  auto bundleResources = [&] { return gpctest::RunTool({cmake, "--build", build, "--target", "gpcbundleresources"}).exitCode; };
+  for (const std::string& refused : {std::string("root.der"), temp.path() + "/key.pem", der + ";" + temp.path() + "/again/root.der"})
+    EXPECT_NE(configure(refused), 0) << refused;  // relative, not DER, two of one name
+  ASSERT_TRUE(configure(der) == 0 && bundleResources() == 0);
   EXPECT_EQ(gpctest::ReadFile(build + "/talvo-gpc64.plugin/Contents/Resources/Anchors/root.der"), gpctest::ReadFile(der));
   ASSERT_EQ(configure(""), 0);  // dropped from the list: no install before a build, then gone
   ASSERT_EQ(ShellOutput("mkdir -p " + ShellQuote(build + "/talvo-gpc64.plugin/Contents/MacOS") + " && echo ok"), "ok\n");
   const gpctest::ToolRun early = gpctest::RunTool({cmake, "--install", build, "--prefix", temp.path() + "/prefix"});
   EXPECT_NE(early.err.find("The anchors changed since the last build"), std::string::npos) << early.err;
-  ASSERT_EQ(gpctest::RunTool({cmake, "--build", build, "--target", "gpcbundleresources"}).exitCode, 0);
+  ASSERT_EQ(bundleResources(), 0);
   EXPECT_EQ(ShellOutput("ls -A " + ShellQuote(build + "/talvo-gpc64.plugin/Contents/Resources")).find("Anchors"), std::string::npos);
 }
 

@@ -126,9 +126,8 @@ void SyncTree(const std::string& path) {
   if (fd >= 0) close(fd);
 }
 
-// The marker is on disk before the old bundle goes.
+// The marker is on disk before the old bundle goes. The install has made the folder.
 bool MarkUnfinished(const std::string& marker, const std::string& folder) {
-  platform::MakeFolders(folder, 0777);  // as the unpacker makes it
   const int fd = open(marker.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   close(fd);
